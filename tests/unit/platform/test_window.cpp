@@ -1,0 +1,188 @@
+#include "platform/QXFaults.h"
+#include "platform/QXPlatform.h"
+#include "platform/QXWindow.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// A window on a thread of its own that records what reaches its procedure.
+struct Recorder {
+    std::mutex mutex;
+    std::vector<std::pair<UINT, WPARAM>> seen;
+    std::atomic<DWORD> handlerThread{0};
+};
+
+LRESULT CALLBACK RecordingProc(HWND hWnd, UINT msg, WPARAM wParam, LPARAM lParam)
+{
+    auto* rec = reinterpret_cast<Recorder*>(GetWindowLongA(hWnd, 0));
+    if (rec == nullptr) return DefWindowProcA(hWnd, msg, wParam, lParam);
+    rec->handlerThread = GetCurrentThreadId();
+    std::lock_guard<std::mutex> lock(rec->mutex);
+    rec->seen.emplace_back(msg, wParam);
+    return 0;
+}
+
+class WindowTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        WNDCLASSA wc{};
+        wc.lpfnWndProc = RecordingProc;
+        wc.cbWndExtra = 4; // rounded up to a whole pointer slot
+        wc.lpszClassName = "QXTestWindow";
+        RegisterClassA(&wc); // may exist from an earlier test
+    }
+
+    // Runs a message loop on a new thread until WM_QUIT; returns its window.
+    HWND StartLoop(Recorder* rec)
+    {
+        std::atomic<HWND> made{nullptr};
+        std::atomic<bool> ready{false};
+        loop_ = std::thread([this, rec, &made, &ready] {
+            HWND h = CreateWindowExA(0, "QXTestWindow", "t", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+            SetWindowLongA(h, 0, reinterpret_cast<LONG_PTR>(rec));
+            made = h;
+            ready = true;
+            MSG msg;
+            while (GetMessageA(&msg, nullptr, 0, 0) > 0) DispatchMessageA(&msg);
+            if (destroyAtEnd_) DestroyWindow(h);
+        });
+        while (!ready) std::this_thread::yield();
+        return made;
+    }
+
+    std::thread loop_;
+    bool destroyAtEnd_ = true;
+};
+
+} // namespace
+
+TEST_F(WindowTest, MessagesArriveInPostingOrderOnTheOwnerThread)
+{
+    Recorder rec;
+    HWND h = StartLoop(&rec);
+    ASSERT_NE(h, nullptr);
+    std::vector<std::thread> posters;
+    // Two posting threads: each one's messages keep their own order.
+    for (int t = 0; t < 2; ++t)
+        posters.emplace_back([h, t] {
+            for (WPARAM i = 0; i < 500; ++i) PostMessageA(h, WM_USER + t, i, 0);
+        });
+    for (auto& p : posters) p.join();
+    PostMessageA(h, WM_QUIT, 0, 0);
+    loop_.join();
+
+    WPARAM next[2] = {0, 0};
+    for (auto [msg, wp] : rec.seen) {
+        if (msg == WM_DESTROY) continue;
+        int t = static_cast<int>(msg - WM_USER);
+        ASSERT_TRUE(t == 0 || t == 1) << msg;
+        EXPECT_EQ(wp, next[t]);
+        next[t] = wp + 1;
+    }
+    EXPECT_EQ(next[0], 500u);
+    EXPECT_EQ(next[1], 500u);
+    EXPECT_NE(rec.handlerThread.load(), GetCurrentThreadId());
+}
+
+TEST_F(WindowTest, PostingToADestroyedWindowOrAnEndedThreadFails)
+{
+    Recorder rec;
+    HWND h = StartLoop(&rec);
+    EXPECT_TRUE(IsWindow(h));
+    PostMessageA(h, WM_QUIT, 0, 0);
+    loop_.join();
+    EXPECT_FALSE(IsWindow(h));
+    EXPECT_FALSE(PostMessageA(h, WM_USER, 0, 0));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_WINDOW_HANDLE);
+
+    // A thread that ends without destroying its window takes the window with it.
+    destroyAtEnd_ = false;
+    Recorder rec2;
+    HWND h2 = StartLoop(&rec2);
+    PostMessageA(h2, WM_QUIT, 0, 0);
+    loop_.join();
+    EXPECT_FALSE(IsWindow(h2));
+    EXPECT_FALSE(PostMessageA(h2, WM_USER, 0, 0));
+    EXPECT_FALSE(PostMessageA(reinterpret_cast<HWND>(uintptr_t{0x1234}), WM_USER, 0, 0));
+}
+
+TEST_F(WindowTest, WindowSlotsArePointerSizedAndBoundsChecked)
+{
+    HWND h = CreateWindowExA(0, "QXTestWindow", "t", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    ASSERT_NE(h, nullptr);
+    auto big = static_cast<LONG_PTR>(0x123456789ABCLL);
+    EXPECT_EQ(SetWindowLongA(h, 0, big), 0);
+    EXPECT_EQ(GetWindowLongA(h, 0), big);
+    EXPECT_EQ(SetWindowLongA(h, 8, 1), 0);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(GetWindowLongA(h, -8), 0);
+    EXPECT_EQ(GetWindowThreadProcessId(h, nullptr), GetCurrentThreadId());
+    EXPECT_EQ(SetWindowLongA(h, 0, 0), big); // the procedure reads the slot on WM_DESTROY
+    EXPECT_TRUE(DestroyWindow(h));
+    EXPECT_FALSE(DestroyWindow(h));
+    EXPECT_EQ(GetWindowLongA(h, 0), 0);
+}
+
+TEST_F(WindowTest, MessagesForAWindowDestroyedAfterPostingAreDropped)
+{
+    Recorder rec;
+    HWND h = CreateWindowExA(0, "QXTestWindow", "t", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    SetWindowLongA(h, 0, reinterpret_cast<LONG_PTR>(&rec));
+    PostMessageA(h, WM_USER, 1, 0);
+    PostMessageA(nullptr, WM_USER + 5, 2, 0); // a thread message
+    DestroyWindow(h);
+    PostQuitMessage(3);
+    MSG msg;
+    int got = 0;
+    while (GetMessageA(&msg, nullptr, 0, 0) > 0) {
+        EXPECT_EQ(DispatchMessageA(&msg), 0);
+        ++got;
+    }
+    EXPECT_EQ(got, 2);
+    EXPECT_EQ(msg.message, WM_QUIT);
+    EXPECT_EQ(msg.wParam, 3u);
+    std::lock_guard<std::mutex> lock(rec.mutex);
+    ASSERT_EQ(rec.seen.size(), 1u) << "only WM_DESTROY reached the procedure";
+    EXPECT_EQ(rec.seen[0].first, WM_DESTROY);
+}
+
+TEST_F(WindowTest, ClassesRegisterOnceAndUnregisterOnlyWithoutWindows)
+{
+    WNDCLASSA wc{};
+    wc.lpfnWndProc = RecordingProc;
+    wc.lpszClassName = "QXTestOther";
+    EXPECT_NE(RegisterClassA(&wc), 0);
+    EXPECT_EQ(RegisterClassA(&wc), 0);
+    EXPECT_EQ(GetLastError(), ERROR_CLASS_ALREADY_EXISTS);
+    HWND h = CreateWindowExA(0, "QXTestOther", "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+    EXPECT_FALSE(UnregisterClassA("QXTestOther", nullptr));
+    DestroyWindow(h);
+    EXPECT_TRUE(UnregisterClassA("QXTestOther", nullptr));
+    EXPECT_FALSE(UnregisterClassA("QXTestOther", nullptr));
+    EXPECT_EQ(CreateWindowExA(0, "QXTestOther", "", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr), nullptr);
+    wc.lpfnWndProc = nullptr;
+    wc.lpszClassName = "QXTestBad";
+    EXPECT_EQ(RegisterClassA(&wc), 0);
+}
+
+TEST_F(WindowTest, GetMessageFailuresAreReportedNotFatal)
+{
+    MSG msg;
+    EXPECT_EQ(GetMessageA(nullptr, nullptr, 0, 0), -1);
+    EXPECT_EQ(GetMessageA(&msg, reinterpret_cast<HWND>(uintptr_t{0x99}), 0, 0), -1);
+    QXFaultInject("GetMessageA", 1);
+    PostMessageA(nullptr, WM_USER, 0, 0);
+    EXPECT_EQ(GetMessageA(&msg, nullptr, 0, 0), -1);
+    EXPECT_EQ(GetMessageA(&msg, nullptr, 0, 0), 1) << "the message is still there";
+    EXPECT_EQ(msg.message, WM_USER);
+    QXFaultInject("PostMessageA", 1);
+    EXPECT_FALSE(PostMessageA(nullptr, WM_USER, 0, 0));
+    EXPECT_FALSE(PeekMessageA(&msg, nullptr, 0, 0, PM_REMOVE));
+}
