@@ -1,0 +1,225 @@
+#include "platform/QXFaults.h"
+#include "platform/QXPlatform.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Records each call of its callback, then runs the hook (still inside the callback).
+// Kills its timers when it goes, so that no callback outlives it, even on a failed ASSERT.
+struct Probe {
+    std::mutex m;
+    std::condition_variable cv;
+    std::vector<Clock::time_point> times;
+    std::vector<UINT> ids;
+    std::thread::id thread;
+    std::function<void(UINT id, size_t n)> hook;
+
+    ~Probe()
+    {
+        for (UINT id : ids) timeKillEvent(id);
+    }
+
+    bool WaitFor(size_t n)
+    {
+        std::unique_lock<std::mutex> lock(m);
+        return cv.wait_for(lock, 10s, [&] { return times.size() >= n; });
+    }
+    size_t Count()
+    {
+        std::lock_guard<std::mutex> lock(m);
+        return times.size();
+    }
+    UINT Arm(UINT ms, UINT flags)
+    {
+        UINT id = timeSetEvent(ms, 0, Proc, reinterpret_cast<DWORD_PTR>(this), flags);
+        std::lock_guard<std::mutex> lock(m);
+        ids.push_back(id);
+        return id;
+    }
+
+    static void CALLBACK Proc(UINT id, UINT, DWORD_PTR user, DWORD_PTR, DWORD_PTR)
+    {
+        auto* p = reinterpret_cast<Probe*>(user);
+        size_t n;
+        {
+            std::lock_guard<std::mutex> lock(p->m);
+            p->times.push_back(Clock::now());
+            p->thread = std::this_thread::get_id();
+            n = p->times.size();
+            p->cv.notify_all();
+        }
+        if (p->hook) p->hook(id, n);
+    }
+};
+
+} // namespace
+
+TEST(Timer, OneShotFiresOnceOffTheCallersThreadNeverEarly)
+{
+    Probe p;
+    Clock::time_point armed = Clock::now();
+    UINT id = p.Arm(20, TIME_ONESHOT);
+    ASSERT_TRUE(p.WaitFor(1));
+    std::this_thread::sleep_for(60ms);
+    EXPECT_EQ(p.Count(), 1u);
+    EXPECT_GE(p.times[0], armed + 20ms);
+    EXPECT_NE(p.thread, std::this_thread::get_id());
+    EXPECT_EQ(timeKillEvent(id), MMSYSERR_INVALPARAM); // finished
+}
+
+TEST(Timer, PeriodicKeepsAbsoluteDeadlinesAndStopsWhenKilled)
+{
+    Probe p;
+    Clock::time_point armed = Clock::now();
+    UINT id = p.Arm(10, TIME_PERIODIC);
+    ASSERT_TRUE(p.WaitFor(10));
+    ASSERT_EQ(timeKillEvent(id), TIMERR_NOERROR);
+    size_t n = p.Count();
+    for (size_t k = 0; k < n; ++k) EXPECT_GE(p.times[k], armed + (k + 1) * 10ms) << "tick " << k;
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(p.Count(), n);
+}
+
+TEST(Timer, SkipsMissedTicksInsteadOfBursting)
+{
+    Probe p;
+    p.hook = [](UINT, size_t n) { if (n == 1) std::this_thread::sleep_for(200ms); };
+    UINT id = p.Arm(20, TIME_PERIODIC);
+    ASSERT_TRUE(p.WaitFor(1));
+    std::this_thread::sleep_for(400ms);
+    ASSERT_EQ(timeKillEvent(id), TIMERR_NOERROR);
+    // 15 deadlines up to first + 300 ms, of which the 9 behind by a full period are dropped.
+    EXPECT_LE(std::count_if(p.times.begin(), p.times.end(), [&](auto t) { return t <= p.times[0] + 300ms; }), 10);
+}
+
+TEST(Timer, KillWaitsForTheRunningCallback)
+{
+    for (UINT flags : {TIME_ONESHOT, TIME_PERIODIC}) {
+        Probe p;
+        std::atomic<bool> finished{false};
+        p.hook = [&](UINT, size_t) {
+            std::this_thread::sleep_for(100ms);
+            finished = true;
+        };
+        UINT id = p.Arm(1, flags);
+        ASSERT_TRUE(p.WaitFor(1));
+        EXPECT_EQ(timeKillEvent(id), TIMERR_NOERROR) << "flags " << flags;
+        EXPECT_TRUE(finished.load()) << "flags " << flags;
+        EXPECT_EQ(p.Count(), 1u);
+    }
+}
+
+// Callbacks run with no lock of the service held.
+TEST(Timer, CallbackMayArmKillOthersAndKillItself)
+{
+    Probe p, inner, victim;
+    UINT victimId = victim.Arm(100, TIME_ONESHOT);
+    std::atomic<MMRESULT> killedVictim{~0u}, killedSelf{~0u};
+    p.hook = [&](UINT id, size_t n) {
+        if (n < 3) return;
+        inner.Arm(5, TIME_ONESHOT);
+        killedVictim = timeKillEvent(victimId);
+        killedSelf = timeKillEvent(id);
+    };
+    UINT id = p.Arm(5, TIME_PERIODIC);
+    ASSERT_TRUE(inner.WaitFor(1));
+    std::this_thread::sleep_for(150ms);
+    EXPECT_EQ(p.Count(), 3u);
+    EXPECT_EQ(victim.Count(), 0u);
+    EXPECT_EQ(killedVictim.load(), TIMERR_NOERROR);
+    EXPECT_EQ(killedSelf.load(), TIMERR_NOERROR);
+    EXPECT_EQ(timeKillEvent(id), MMSYSERR_INVALPARAM);
+}
+
+TEST(Timer, RefusesBadArgumentsInjectedFaultsAndUnknownIds)
+{
+    Probe p;
+    EXPECT_EQ(p.Arm(0, TIME_ONESHOT), 0u);
+    EXPECT_EQ(p.Arm(1000001, TIME_ONESHOT), 0u);
+    EXPECT_EQ(timeSetEvent(10, 0, nullptr, 0, TIME_ONESHOT), 0u);
+    QXFaultInject("timeSetEvent", MMSYSERR_NOMEM);
+    EXPECT_EQ(p.Arm(5, TIME_ONESHOT), 0u);
+    QXFaultClear();
+    EXPECT_EQ(timeKillEvent(0), MMSYSERR_INVALPARAM);
+    EXPECT_EQ(timeKillEvent(0xFFFFFF00u), MMSYSERR_INVALPARAM);
+    UINT id = p.Arm(1000000, TIME_ONESHOT);
+    ASSERT_NE(id, 0u);
+    EXPECT_EQ(timeKillEvent(id), TIMERR_NOERROR);
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(p.Count(), 0u); // the refused ones never fire
+}
+
+TEST(Timer, ManyTimersFireOnceInDeadlineOrderUnlessKilled)
+{
+    constexpr size_t kTimers = 200;
+    std::vector<Probe> shots(kTimers);
+    std::vector<UINT> ids(kTimers);
+    std::vector<Clock::time_point> lo(kTimers), hi(kTimers); // bounds of the deadline taken
+    std::mt19937 rng(12345);
+    for (size_t i = 0; i < kTimers; ++i) {
+        bool kill = i % 3 == 0;
+        auto delay = std::chrono::milliseconds((kill ? 150 : 1) + rng() % 150);
+        lo[i] = Clock::now() + delay;
+        ids[i] = shots[i].Arm(static_cast<UINT>(delay.count()), TIME_ONESHOT);
+        hi[i] = Clock::now() + delay;
+        ASSERT_NE(ids[i], 0u);
+        EXPECT_TRUE(!kill || timeKillEvent(ids[i]) == TIMERR_NOERROR);
+    }
+    for (size_t i = 0; i < kTimers; ++i) {
+        ASSERT_TRUE(i % 3 == 0 || shots[i].WaitFor(1)) << "timer " << i;
+    }
+    std::this_thread::sleep_until(*std::max_element(hi.begin(), hi.end()) + 50ms); // the killed ones' deadlines pass
+    std::vector<size_t> order;
+    for (size_t i = 0; i < kTimers; ++i) {
+        EXPECT_EQ(shots[i].Count(), i % 3 == 0 ? 0u : 1u) << "timer " << i;
+        if (shots[i].Count() > 0) order.push_back(i);
+    }
+    // One thread runs the callbacks, so their clock readings give the firing order.
+    std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return shots[a].times[0] < shots[b].times[0]; });
+    Clock::time_point latestLo = Clock::time_point::min();
+    for (size_t i : order) {
+        EXPECT_LE(latestLo, hi[i]) << "timer " << i << " fired after one due later";
+        latestLo = std::max(latestLo, lo[i]);
+    }
+}
+
+TEST(Timer, EventSetSignalsTheEventEachPeriod)
+{
+    HANDLE ev = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    UINT id = timeSetEvent(5, 0, reinterpret_cast<LPTIMECALLBACK>(ev), 0, TIME_PERIODIC | TIME_CALLBACK_EVENT_SET);
+    ASSERT_NE(id, 0u);
+    EXPECT_EQ(WaitForSingleObject(ev, 5000), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(ev, 5000), WAIT_OBJECT_0);
+    EXPECT_EQ(timeKillEvent(id), TIMERR_NOERROR);
+    CloseHandle(ev);
+}
+
+TEST(Timer, TimeGetTimeWrapsAt32Bits)
+{
+    struct Reset {
+        ~Reset() { QXSetTimeOffset(0); }
+    } reset;
+    QXSetTimeOffset(0);
+    QXSetTimeOffset(0u - 50u - timeGetTime());
+    DWORD first = timeGetTime();
+    EXPECT_GT(first, 0xFFFFFF00u);
+    for (Clock::time_point giveUp = Clock::now() + 10s; timeGetTime() >= first && Clock::now() < giveUp;)
+        std::this_thread::sleep_for(1ms);
+    DWORD after = timeGetTime();
+    EXPECT_LT(after, first);
+    EXPECT_LT(static_cast<DWORD>(after - first), 5000u); // elapsed time survives the wrap
+}
