@@ -1,0 +1,13 @@
+// Umbrella header of the Quavix library.
+#ifndef QUAVIX_QUAVIX_H
+#define QUAVIX_QUAVIX_H
+
+#include <quavix/QXVersion.h>
+#include <quavix/QXWinTypes.h>
+#include <quavix/QXRecords.h>
+#include <quavix/QXEventData.h>
+#include <quavix/QXNotify.h>
+#include <quavix/QXDevice.h>
+#include <quavix/QXQuavix.h>
+
+#endif // QUAVIX_QUAVIX_H
