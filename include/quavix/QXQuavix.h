@@ -1,0 +1,239 @@
+// CQuavix: the one manager. It owns the devices, drives them as one group, runs the
+// performance engine and the recordings, and follows an external MIDI clock on demand.
+#ifndef QUAVIX_QXQUAVIX_H
+#define QUAVIX_QXQUAVIX_H
+
+#include <quavix/QXDevice.h>
+#include <quavix/QXEventData.h>
+#include <quavix/QXNotify.h>
+#include <quavix/QXRecords.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#define QX_INIT_MIDI 0x1u
+#define QX_INIT_WAVE 0x2u
+
+// Private messages of the manager's window.
+#define QXM_TIMER 0x3080u
+#define QXM_DELAYSTART 0x3081u
+#define QXM_SYNCSTART 0x3082u
+#define QXM_SYNCCONTINUE 0x3083u
+#define QXM_SYNCSTOP 0x3084u
+#define QXM_SYNCPOSITION 0x3085u
+#define QXM_SYNCCLOCK 0x3086u
+#define QXM_WAVEPLAY 0x3087u
+// Sent to the MIDI output that paces the engine.
+#define QXM_PRIORITYHIGH 0x3088u
+#define QXM_PRIORITYNORMAL 0x3089u
+
+#define QX_SYNCMODE_INTERNAL 0u
+#define QX_SYNCMODE_SLAVE 2u
+#define QX_SYNC_START (-2)
+#define QX_SYNC_STOP (-3)
+#define QX_SYNC_CONTINUE (-4)
+#define QX_SYNC_CLOCK (-5)
+#define QX_SYNC_POSITION (-6)
+
+#define QX_PERFORMANCE_GRANULARITY 100u
+
+// Performance callback: fill [dwStart, dwEnd) through PlayBuffer and return non-zero to
+// go on, 0 when the performance has ended. A negative nTag is a sync notification.
+typedef int (*QX_PerformanceProc)(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD dwEnd);
+// Recording callback: the event belongs to the input and lives only during the call.
+typedef int (*QX_RecordingProc)(DWORD_PTR dwUser, int nTag, CQXEventData* pEvent);
+
+struct QX_PerformanceRec {
+    int nTag;
+    int bActive;
+    QX_PerformanceProc pCallback;
+    DWORD_PTR dwUser;
+    int bEnded; // ended while the list was being walked; removed after the walk
+};
+
+struct QX_RecordingRec {
+    int nTag;
+    int bActive;
+    QX_RecordingProc pCallback;
+    DWORD_PTR dwUser;
+};
+
+struct QX_DELAYSTART {
+    int nType;
+    int nDir;
+    int nDevice;
+    HWND hWnd;
+};
+
+typedef std::vector<CQXDevice*> CQXDeviceArray;
+
+class CQuavix {
+public:
+    static CQuavix* InitQuavix();
+    static void ExitQuavix();
+    static CQuavix* GetQuavix() { return s_pSharedQuavix.load(); }
+    ~CQuavix();
+    CQuavix(const CQuavix&) = delete;
+    CQuavix& operator=(const CQuavix&) = delete;
+
+    void Initialize(DWORD dwFlags);
+
+    // Registry
+    int GetDeviceCount(int nType, int nDir) const;
+    CQXDevice* GetDevice(int nType, int nDir, int nDevice) const;
+    int GetDeviceCaps(int nType, int nDir, int nDevice, QX_DevCaps* pCaps) const;
+    int IsDeviceEnabled(int nType, int nDir, int nDevice) const;
+    void EnableDevice(int nType, int nDir, int nDevice, int bEnable);
+    QX_DevFormat* GetDeviceFormat(int nType, int nDir, int nDevice) const;
+    int SetDeviceFormat(int nType, int nDir, int nDevice, QX_DevFormat* pFormat);
+    UINT GetDeviceState(int nType, int nDir, int nDevice) const;
+    CQXDevice* GetTimingDevice() const { return m_pTimingDevice.load(); }
+    int GetTimingDeviceNum() const { return m_nTimingDevice; }
+    void SetDefaultMidiDevice(int nDevice) { m_nDefaultMidiDevice = nDevice; }
+    int GetDefaultMidiDevice() const { return m_nDefaultMidiDevice; }
+    void EnableDefaultMidiDevice(int bEnable) { m_bDefaultMidiDeviceEnabled = bEnable; }
+    int DefaultMidiDeviceEnabled() const { return m_bDefaultMidiDeviceEnabled; }
+    int IsActive();
+    int GetUniqueTag() { return ++m_nLastTag; }
+    void SetNotificationCallback(QX_NotifyProc pCallback, DWORD_PTR dwUser)
+    {
+        m_Notify.SetNotificationCallback(pCallback, dwUser);
+    }
+    void Notify(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice) { m_Notify.Notify(dwCode, dwValue, dwDevice); }
+
+    // Group and single-device transport
+    int OpenDevices();
+    int StartDevices();
+    int PauseDevices();
+    int StopDevices();
+    int CloseDevices();
+    int OpenDevice(int nType, int nDir, int nDevice);
+    int StartDevice(int nType, int nDir, int nDevice);
+    int PauseDevice(int nType, int nDir, int nDevice);
+    int StopDevice(int nType, int nDir, int nDevice);
+    int CloseDevice(int nType, int nDir, int nDevice);
+    UINT DelayStart(int nType, int nDir, int nDevice, DWORD dwDelay);
+    void StopDelay(UINT uTimerID);
+    DWORD GetPlayStartTime() const { return m_dwPlayStartTime; }
+    DWORD GetElapsedPlayTime() const;
+    DWORD GetRecordStartTime() const { return m_dwRecordStartTime; }
+    DWORD GetElapsedRecordTime() const;
+    HWND GetHWnd() const { return m_hWnd.load(); }
+
+    // Performance engine
+    int StartPerformance(QX_PerformanceProc pCallback, DWORD_PTR dwUser, int bActive, int nTag);
+    void StopPerformance(int nTag);
+    void PlayBuffer(CQXEventList& events);
+    DWORD GetBufferTime() const { return m_dwBufferTime; }
+    DWORD GetPerformanceGranularity() const { return QX_PERFORMANCE_GRANULARITY; }
+    int GetPrefetchBufferCount() const { return m_nPrefetchBuffers; }
+    void SetPrefetchBufferCount(int nBuffers);
+    DWORD GetPerformanceLatency() const { return m_dwLatency; }
+
+    // Recording and MIDI thru
+    int StartRecording(QX_RecordingProc pCallback, DWORD_PTR dwUser, int bActive);
+    void StopRecording(int nTag);
+    void ForwardRecordedData(CQXEventData* pEvent);
+    void EnableMidiThru(int bEnable) { m_bMidiThru = bEnable; }
+    int MidiThruEnabled() const { return m_bMidiThru; }
+    void ConnectMidiThru(int nDevice, int nChannel);
+    int GetMidiThruDevice() const { return m_nMidiThruDevice; }
+    int GetMidiThruChannel() const { return m_nMidiThruChannel; }
+
+    // External sync
+    DWORD GetSyncMode() const { return m_dwSyncMode; }
+    void SetSyncMode(DWORD dwMode);
+    DWORD GetSyncPosition() const { return m_dwSyncPosition; }
+    void QueueSlavedPerformance();
+    void EnableSlaveTempoRecording(int bEnable) { m_bSlaveTempoRecording = bEnable; }
+    int SlaveTempoRecordingEnabled() const { return m_bSlaveTempoRecording; }
+
+    static std::atomic<CQuavix*> s_pSharedQuavix;
+    static int s_bRegistered;
+
+protected:
+    CQXDeviceArray* _GetDeviceArray(int nType, int nDir);
+    const CQXDeviceArray* _GetDeviceArray(int nType, int nDir) const;
+    CQXDevice* _CreateDevice(int nType, int nDir);
+
+    void ThreadStart();
+    DWORD ThreadProc();
+    void ThreadStop();
+    LRESULT WndProc(UINT uMsg, WPARAM wParam, LPARAM lParam);
+    static int _RegisterQuavix();
+    static DWORD _ThreadProc(void* pManager);
+    static LRESULT _WndProc(HWND hWnd, UINT uMsg, WPARAM wParam, LPARAM lParam);
+    static void _TimeProc(UINT uTimerID, UINT uMsg, DWORD_PTR dwUser, DWORD_PTR dw1, DWORD_PTR dw2);
+    static void _DelayProc(UINT uTimerID, UINT uMsg, DWORD_PTR dwUser, DWORD_PTR dw1, DWORD_PTR dw2);
+
+    DWORD _GetNextBufferTime() const { return m_dwBufferTime + QX_PERFORMANCE_GRANULARITY; }
+    void _PollPerformances();
+    void _WriteBuffers();
+    void _MergeData(CQXEventData* pEvent, CQXEventList* pList);
+    CQXEventList* _GetEventList(int nType, int nDevice);
+    void _EmptyEventList(CQXEventList* pList);
+    void _SyncPerformances(int nCode, DWORD dwA, DWORD dwB);
+    void _CatchUp();
+    void _SyncStop();
+    void _ReopenMidiOutputs();
+
+private:
+    CQuavix();
+    template <class Fn> void _ForEachDevice(Fn fn);
+    template <class Fn> void _WalkPerformances(Fn fn);
+    void _RemoveEndedPerformances();
+    void _ApplyStoppedRecordings();
+    int _ChosenMidiOutput(int nDevice) const;
+
+    int m_bInitialized = 0;
+    std::atomic<int> m_bMidiThru{0};
+    int m_bSlaveTempoRecording = 0;
+    std::atomic<int> m_nLastTag{1};
+    std::atomic<int> m_nMidiThruDevice{0};
+    std::atomic<int> m_nMidiThruChannel{-1};
+    int m_nPrefetchBuffers = 2;
+    std::atomic<DWORD> m_dwPlayStartTime{0};
+    std::atomic<DWORD> m_dwRecordStartTime{0};
+    std::atomic<DWORD> m_dwBufferTime{0};
+    DWORD m_dwLatency = 200;
+    std::atomic<DWORD> m_dwSyncMode{0};
+    DWORD m_dwSyncPosition = 0;
+    int m_nDeviceCount[2][2] = {{0, 0}, {0, 0}};
+    CQXDeviceArray m_Devices[2][2];
+    int m_nTimingDevice = 0;
+    std::atomic<CQXDevice*> m_pTimingDevice{nullptr};
+    std::atomic<int> m_nDefaultMidiDevice{0};
+    std::atomic<int> m_bDefaultMidiDeviceEnabled{0};
+    CQXPtrList<QX_PerformanceRec> m_Performances{10};
+    CQXPtrList<QX_RecordingRec> m_Recordings{10};
+    UINT m_uTimerID = 0;
+    std::atomic<UINT> m_uDelayTimerID{0};
+    CQXEventList* m_pMidiOutLists = nullptr;
+    CQXEventList* m_pWaveOutLists = nullptr;
+    std::atomic<HWND> m_hWnd{nullptr};
+    DWORD m_dwThreadId = 0;
+    HANDLE m_hThread = nullptr;
+    HANDLE m_hThreadEvent = nullptr;
+    HANDLE m_hPollEvent = nullptr;
+    int m_nWalkDepth = 0;          // walks of the performance list under way (device lock held)
+    int m_nRecordingWalkDepth = 0; // walks of the recording list under way (recording lock held)
+    CQXNotify m_Notify;
+    CRITICAL_SECTION m_csDevices{};
+    CRITICAL_SECTION m_csRecording{};
+
+    // Delayed starts whose timers may still fire, so that cancelling or destroying
+    // frees their blocks and no callback outlives the manager.
+    std::mutex m_mxDelays;
+    std::map<UINT, QX_DELAYSTART*> m_PendingDelays;
+    // Recordings stopped while a recording callback may be running; removed by the
+    // next ForwardRecordedData or StartRecording that holds the recording lock.
+    std::mutex m_mxStoppedRecordings;
+    std::vector<int> m_StoppedRecordings;
+};
+
+// Exported under its plain name; does nothing.
+int InitQuavix();
+
+#endif // QUAVIX_QXQUAVIX_H

@@ -1,0 +1,273 @@
+// The manager's life and its device registry.
+#include <quavix/QXQuavix.h>
+
+#include "manager/QXDeviceFactory.h"
+#include "platform/QXPlatform.h"
+
+#include <cstdlib>
+#include <new>
+
+std::atomic<CQuavix*> CQuavix::s_pSharedQuavix{nullptr};
+int CQuavix::s_bRegistered = 0;
+
+namespace {
+
+std::atomic<QX_DeviceFactory> g_pDeviceFactory{nullptr};
+
+// InitQuavix and ExitQuavix may be called from several threads of the application.
+std::mutex& LifeMutex()
+{
+    static std::mutex m;
+    return m;
+}
+
+} // namespace
+
+void QXSetDeviceFactory(QX_DeviceFactory pFactory)
+{
+    g_pDeviceFactory.store(pFactory);
+}
+
+int InitQuavix()
+{
+    return 0;
+}
+
+CQuavix* CQuavix::InitQuavix()
+{
+    std::lock_guard<std::mutex> lock(LifeMutex());
+    if (s_bRegistered == 0) s_bRegistered = _RegisterQuavix();
+    if (s_bRegistered == 0) std::exit(0);
+    if (s_pSharedQuavix.load() == nullptr) s_pSharedQuavix.store(new (std::nothrow) CQuavix);
+    return s_pSharedQuavix.load();
+}
+
+void CQuavix::ExitQuavix()
+{
+    std::lock_guard<std::mutex> lock(LifeMutex());
+    CQuavix* pManager = s_pSharedQuavix.load();
+    if (pManager == nullptr) return;
+    if (pManager->m_bInitialized) pManager->CloseDevices();
+    delete pManager;
+    s_pSharedQuavix.store(nullptr);
+    UnregisterClassA("CQuavix", QXGetModuleInstance());
+    s_bRegistered = 0;
+}
+
+CQuavix::CQuavix()
+{
+    QXSetSharedNotify(&m_Notify);
+}
+
+CQuavix::~CQuavix()
+{
+    if (m_bInitialized) {
+        // Timers first: once killed, no timer callback can reach this manager.
+        if (m_uTimerID != 0) timeKillEvent(m_uTimerID);
+        m_uTimerID = 0;
+        {
+            std::lock_guard<std::mutex> lock(m_mxDelays);
+            for (auto& [id, pBlock] : m_PendingDelays) {
+                timeKillEvent(id);
+                delete pBlock;
+            }
+            m_PendingDelays.clear();
+            m_uDelayTimerID = 0;
+        }
+        // Taking the poll gate and closing it lets a running poll finish and keeps any
+        // other from starting (a device thread that polls finds the gate gone).
+        WaitForSingleObject(m_hPollEvent, 5000);
+        CloseHandle(m_hPollEvent);
+        m_hPollEvent = nullptr;
+        // The manager's thread ends before the device lock is taken, so that none of
+        // its handlers can be waiting for the lock while it is held here and deleted.
+        ThreadStop();
+
+        EnterCriticalSection(&m_csDevices);
+        CloseDevices();
+        for (int nType = 0; nType < 2; ++nType) {
+            for (int n = 0; n < m_nDeviceCount[nType][QX_DEVDIR_OUT]; ++n) _EmptyEventList(_GetEventList(nType, n));
+            for (int nDir = 0; nDir < 2; ++nDir) {
+                for (CQXDevice* pDevice : m_Devices[nType][nDir]) delete pDevice;
+                m_Devices[nType][nDir].clear();
+            }
+        }
+        delete[] m_pMidiOutLists;
+        m_pMidiOutLists = nullptr;
+        delete[] m_pWaveOutLists;
+        m_pWaveOutLists = nullptr;
+        while (!m_Performances.IsEmpty()) delete m_Performances.RemoveHead();
+        // The recording records are the manager's too, though no callback runs now.
+        while (!m_Recordings.IsEmpty()) delete m_Recordings.RemoveHead();
+        LeaveCriticalSection(&m_csDevices);
+        DeleteCriticalSection(&m_csDevices);
+        DeleteCriticalSection(&m_csRecording);
+    }
+    if (QXGetSharedNotify() == &m_Notify) QXSetSharedNotify(nullptr);
+}
+
+void CQuavix::Initialize(DWORD dwFlags)
+{
+    if (m_bInitialized) return;
+    InitializeCriticalSection(&m_csDevices);
+    InitializeCriticalSection(&m_csRecording);
+    ThreadStart();
+
+    if (dwFlags & QX_INIT_MIDI) {
+        m_nDeviceCount[QX_DEVTYPE_MIDI][QX_DEVDIR_IN] = static_cast<int>(midiInGetNumDevs());
+        m_nDeviceCount[QX_DEVTYPE_MIDI][QX_DEVDIR_OUT] = static_cast<int>(midiOutGetNumDevs());
+    }
+    if (dwFlags & QX_INIT_WAVE) {
+        m_nDeviceCount[QX_DEVTYPE_WAVE][QX_DEVDIR_IN] = static_cast<int>(waveInGetNumDevs());
+        // The wave outputs are the drivers of the DirectSound registry, which comes with
+        // the wave output device; until then there are none.
+        m_nDeviceCount[QX_DEVTYPE_WAVE][QX_DEVDIR_OUT] = 0;
+    }
+
+    int nMidiOut = m_nDeviceCount[QX_DEVTYPE_MIDI][QX_DEVDIR_OUT];
+    int nWaveOut = m_nDeviceCount[QX_DEVTYPE_WAVE][QX_DEVDIR_OUT];
+    if (nMidiOut > 0) m_pMidiOutLists = new CQXEventList[nMidiOut];
+    if (nWaveOut > 0) m_pWaveOutLists = new CQXEventList[nWaveOut];
+
+    for (int nType = 0; nType < 2; ++nType)
+        for (int nDir = 0; nDir < 2; ++nDir) {
+            CQXDeviceArray& devices = m_Devices[nType][nDir];
+            devices.assign(static_cast<size_t>(m_nDeviceCount[nType][nDir]), nullptr);
+            for (CQXDevice*& pDevice : devices) pDevice = _CreateDevice(nType, nDir);
+        }
+
+    m_hPollEvent = CreateEventA(nullptr, FALSE, TRUE, nullptr);
+    m_bInitialized = 1;
+}
+
+CQXDevice* CQuavix::_CreateDevice(int nType, int nDir)
+{
+    if (nType < 0 || nType > 1 || nDir < 0 || nDir > 1) return nullptr;
+    if (QX_DeviceFactory pFactory = g_pDeviceFactory.load()) return pFactory(nType, nDir);
+    // The device classes of each kind are made here as they join the library.
+    return nullptr;
+}
+
+CQXDeviceArray* CQuavix::_GetDeviceArray(int nType, int nDir)
+{
+    if (nType < 0 || nType > 1 || nDir < 0 || nDir > 1) return nullptr;
+    return &m_Devices[nType][nDir];
+}
+
+const CQXDeviceArray* CQuavix::_GetDeviceArray(int nType, int nDir) const
+{
+    if (nType < 0 || nType > 1 || nDir < 0 || nDir > 1) return nullptr;
+    return &m_Devices[nType][nDir];
+}
+
+int CQuavix::GetDeviceCount(int nType, int nDir) const
+{
+    if (nType < 0 || nType > 1 || nDir < 0 || nDir > 1) return 0;
+    return m_nDeviceCount[nType][nDir];
+}
+
+CQXDevice* CQuavix::GetDevice(int nType, int nDir, int nDevice) const
+{
+    const CQXDeviceArray* pArray = _GetDeviceArray(nType, nDir);
+    if (pArray == nullptr || nDevice < 0 || nDevice >= GetDeviceCount(nType, nDir) ||
+        static_cast<size_t>(nDevice) >= pArray->size())
+        return nullptr;
+    return (*pArray)[static_cast<size_t>(nDevice)];
+}
+
+int CQuavix::GetDeviceCaps(int nType, int nDir, int nDevice, QX_DevCaps* pCaps) const
+{
+    if (pCaps == nullptr || nDevice < 0 || nDevice >= GetDeviceCount(nType, nDir)) return 0;
+    MMRESULT r;
+    DWORD dwCode;
+    if (nType == QX_DEVTYPE_MIDI && nDir == QX_DEVDIR_IN) {
+        r = midiInGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->midiIn, sizeof(MIDIINCAPSA));
+        dwCode = QXN_MIDIIN_GETCAPS;
+    } else if (nType == QX_DEVTYPE_MIDI) {
+        r = midiOutGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->midiOut, sizeof(MIDIOUTCAPSA));
+        dwCode = QXN_MIDIOUT_GETCAPS;
+    } else if (nDir == QX_DEVDIR_IN) {
+        r = waveInGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->waveIn, sizeof(WAVEINCAPSA));
+        dwCode = QXN_WAVEIN_GETCAPS;
+    } else {
+        return 0; // no wave outputs yet
+    }
+    if (r != MMSYSERR_NOERROR) {
+        QXNotifyShared(dwCode, r, static_cast<DWORD_PTR>(nDevice));
+        return 0;
+    }
+    return 1;
+}
+
+int CQuavix::IsDeviceEnabled(int nType, int nDir, int nDevice) const
+{
+    if (nDevice != QX_ALL_DEVICES) {
+        CQXDevice* pDevice = GetDevice(nType, nDir, nDevice);
+        return pDevice != nullptr ? pDevice->IsEnabled() : 0;
+    }
+    for (int n = 0; n < GetDeviceCount(nType, nDir); ++n) {
+        CQXDevice* pDevice = GetDevice(nType, nDir, n);
+        if (pDevice != nullptr && pDevice->IsEnabled()) return 1;
+    }
+    return 0;
+}
+
+void CQuavix::EnableDevice(int nType, int nDir, int nDevice, int bEnable)
+{
+    if (nDevice != QX_ALL_DEVICES) {
+        if (CQXDevice* pDevice = GetDevice(nType, nDir, nDevice)) pDevice->SetEnabled(bEnable);
+        return;
+    }
+    for (int n = 0; n < GetDeviceCount(nType, nDir); ++n)
+        if (CQXDevice* pDevice = GetDevice(nType, nDir, n)) pDevice->SetEnabled(bEnable);
+}
+
+QX_DevFormat* CQuavix::GetDeviceFormat(int nType, int nDir, int nDevice) const
+{
+    CQXDevice* pDevice = GetDevice(nType, nDir, nDevice);
+    return pDevice != nullptr ? pDevice->GetFormat() : nullptr;
+}
+
+int CQuavix::SetDeviceFormat(int nType, int nDir, int nDevice, QX_DevFormat* pFormat)
+{
+    if (nDevice != QX_ALL_DEVICES) {
+        CQXDevice* pDevice = GetDevice(nType, nDir, nDevice);
+        return pDevice != nullptr ? pDevice->SetFormat(pFormat) : 0;
+    }
+    int bResult = 1;
+    for (int n = 0; n < GetDeviceCount(nType, nDir); ++n)
+        if (CQXDevice* pDevice = GetDevice(nType, nDir, n))
+            if (!pDevice->SetFormat(pFormat)) bResult = 0;
+    return bResult;
+}
+
+UINT CQuavix::GetDeviceState(int nType, int nDir, int nDevice) const
+{
+    CQXDevice* pDevice = GetDevice(nType, nDir, nDevice);
+    return pDevice != nullptr ? pDevice->GetState() : 0;
+}
+
+int CQuavix::IsActive()
+{
+    if (!m_bInitialized) return 0;
+    EnterCriticalSection(&m_csDevices);
+    for (POSITION pos = m_Performances.GetHeadPosition(); pos != nullptr;) {
+        QX_PerformanceRec* pRec = m_Performances.GetNext(pos);
+        if (pRec->bActive && !pRec->bEnded) {
+            LeaveCriticalSection(&m_csDevices);
+            return 1;
+        }
+    }
+    LeaveCriticalSection(&m_csDevices);
+
+    EnterCriticalSection(&m_csRecording);
+    _ApplyStoppedRecordings();
+    for (POSITION pos = m_Recordings.GetHeadPosition(); pos != nullptr;) {
+        if (m_Recordings.GetNext(pos)->bActive) {
+            LeaveCriticalSection(&m_csRecording);
+            return 1;
+        }
+    }
+    LeaveCriticalSection(&m_csRecording);
+    return 0;
+}

@@ -1,0 +1,171 @@
+#include "ManagerFixture.h"
+
+#include "platform/QXKernel.h"
+#include "platform/QXWindow.h"
+
+#include <cstring>
+
+std::mutex FakeDevice::s_logMutex;
+std::vector<std::string> FakeDevice::s_log;
+
+TEST_F(ManagerTest, LifeBeforeAndAfterInitialize)
+{
+    EXPECT_EQ(CQuavix::GetQuavix(), nullptr);
+    CQuavix* q = CQuavix::InitQuavix();
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(CQuavix::InitQuavix(), q);
+    EXPECT_EQ(InitQuavix(), 0);
+    // Nothing that needs the locks or the thread may crash before Initialize.
+    EXPECT_EQ(q->IsActive(), 0);
+    EXPECT_EQ(q->OpenDevices(), 0);
+    EXPECT_EQ(q->StartDevices(), 0);
+    EXPECT_EQ(q->StartPerformance([](DWORD_PTR, int, DWORD, DWORD) { return 1; }, 0, 1, 0), 0);
+    EXPECT_EQ(q->GetDevice(0, 0, 0), nullptr);
+    CQXEventList events;
+    events.AddTail(new CQXEventData);
+    q->PlayBuffer(events);
+    EXPECT_TRUE(events.IsEmpty());
+    CQuavix::ExitQuavix();
+    EXPECT_EQ(CQuavix::GetQuavix(), nullptr);
+    CQuavix::ExitQuavix(); // twice is harmless
+}
+
+TEST_F(ManagerTest, CountsFollowTheFlagsAndASecondInitializeChangesNothing)
+{
+    CQuavix* q = Make(QX_INIT_MIDI);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_IN), 2);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT), 3);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_IN), 0);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 0);
+    q->Initialize(QX_INIT_WAVE);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_IN), 0);
+    EXPECT_EQ(q->GetDeviceCount(2, 0), 0);
+    EXPECT_EQ(q->GetDeviceCount(0, -1), 0);
+    for (int n = 0; n < 3; ++n) EXPECT_NE(q->GetDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n), nullptr);
+    EXPECT_EQ(q->GetDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 3), nullptr);
+    EXPECT_EQ(q->GetDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, -1), nullptr);
+    EXPECT_EQ(q->GetDevice(QX_DEVTYPE_MIDI, 2, 0), nullptr);
+    EXPECT_EQ(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 7), 0u);
+    EXPECT_EQ(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1), QX_STATE_CLOSED);
+
+    CQuavix::ExitQuavix();
+    q = Make(0);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT), 0);
+    EXPECT_EQ(q->IsActive(), 0);
+    EXPECT_NE(q->GetHWnd(), nullptr);
+}
+
+TEST_F(ManagerTest, CapabilitiesNameTheBackendsDevices)
+{
+    CQuavix* q = Make();
+    QX_DevCaps caps;
+    std::memset(&caps, 0xCC, sizeof caps);
+    ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 2, &caps), 1);
+    EXPECT_STREQ(caps.midiOut.szPname, "Quavix Virtual MIDI Out 3");
+    EXPECT_EQ(caps.raw[52], 0xCC) << "only the 52 bytes of the record are written";
+    ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0, &caps), 1);
+    EXPECT_STREQ(caps.midiIn.szPname, "Quavix Virtual MIDI In 1");
+    ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &caps), 1);
+    EXPECT_STREQ(caps.waveIn.szPname, "Quavix Virtual Wave In 1");
+    EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 0, nullptr), 0);
+    EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 3, &caps), 0);
+    EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, -1, &caps), 0);
+
+    static std::vector<DWORD> reports;
+    reports.clear();
+    q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { reports.insert(reports.end(), {c, v, DWORD(d)}); },
+                               0);
+    QXFaultInject("midiOutGetDevCapsA", MMSYSERR_NODRIVER);
+    EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1, &caps), 0);
+    EXPECT_EQ(reports, (std::vector<DWORD>{QXN_MIDIOUT_GETCAPS, MMSYSERR_NODRIVER, 1}));
+}
+
+TEST_F(ManagerTest, EnablingAndFormatsByNumberAndForAll)
+{
+    CQuavix* q = Make();
+    EXPECT_EQ(q->IsDeviceEnabled(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, QX_ALL_DEVICES), 0) << "no wave outputs";
+    q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES, 0);
+    EXPECT_EQ(q->IsDeviceEnabled(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES), 0);
+    q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 2, 1);
+    EXPECT_EQ(q->IsDeviceEnabled(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES), 1);
+    EXPECT_EQ(q->IsDeviceEnabled(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1), 0);
+    EXPECT_EQ(q->IsDeviceEnabled(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 9), 0);
+    q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 9, 1); // nothing to enable
+
+    WAVEFORMATEX fmt;
+    CQXDevice::FillFormat(&fmt, 5);
+    auto* pFormat = reinterpret_cast<QX_DevFormat*>(&fmt);
+    EXPECT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, QX_ALL_DEVICES, pFormat), 1) << "none failed";
+    EXPECT_EQ(q->SetDeviceFormat(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, QX_ALL_DEVICES, pFormat), 1);
+    QX_DevFormat* held = q->GetDeviceFormat(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 1);
+    ASSERT_NE(held, nullptr);
+    EXPECT_NE(held, pFormat);
+    EXPECT_EQ(held->nSamplesPerSec, 11025u);
+    EXPECT_NE(q->GetDeviceFormat(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0), held) << "each device has its own copy";
+    // A null format is refused by every device, and the walk still visits them all.
+    EXPECT_EQ(q->SetDeviceFormat(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, QX_ALL_DEVICES, nullptr), 0);
+    EXPECT_EQ(q->GetDeviceFormat(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 1), nullptr);
+    EXPECT_EQ(q->SetDeviceFormat(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 5, pFormat), 0);
+    EXPECT_EQ(q->GetDeviceFormat(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 5), nullptr);
+}
+
+TEST_F(ManagerTest, TagsComeFromOneCounter)
+{
+    CQuavix* q = Make();
+    auto perf = [](DWORD_PTR, int, DWORD, DWORD) { return 1; };
+    EXPECT_EQ(q->StartRecording([](DWORD_PTR, int, CQXEventData*) { return 0; }, 0, 0), 2);
+    EXPECT_EQ(q->StartPerformance(perf, 0, 0, 0), 3);
+    EXPECT_EQ(q->StartPerformance(perf, 0, 0, 77), 77);
+    EXPECT_EQ(q->GetUniqueTag(), 4);
+    EXPECT_EQ(q->IsActive(), 0);
+    q->StartPerformance(perf, 0, 1, 0);
+    EXPECT_EQ(q->IsActive(), 1);
+    q->StopPerformance(-1);
+    EXPECT_EQ(q->IsActive(), 0);
+    q->StartRecording([](DWORD_PTR, int, CQXEventData*) { return 0; }, 0, 1);
+    EXPECT_EQ(q->IsActive(), 1);
+}
+
+TEST_F(ManagerTest, ExitAndInitAgainGivesAFreshManager)
+{
+    for (int round = 0; round < 3; ++round) {
+        CQuavix* q = Make();
+        EXPECT_EQ(q->GetUniqueTag(), 2);
+        EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT), 3);
+        EXPECT_EQ(CQuavix::s_bRegistered, 1);
+        CQuavix::ExitQuavix();
+        EXPECT_EQ(CQuavix::s_bRegistered, 0);
+    }
+}
+
+TEST_F(ManagerTest, CreateAndDestroyWhileRunningLeavesNothingBehind)
+{
+    // Warm up once so that lazily made services (timer thread, queues) exist.
+    Make();
+    CQuavix::ExitQuavix();
+    size_t handles = qxplat::LiveHandleCount(), windows = qxplat::LiveWindowCount();
+    for (int round = 0; round < 200; ++round) {
+        CQuavix* q = Make();
+        q->StartPerformance([](DWORD_PTR, int, DWORD, DWORD) { return 1; }, 0, 1, 0);
+        if (round % 2 == 0) {
+            q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES, 0); // run on the timer
+            q->OpenDevices();
+            q->StartDevices();
+            q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0, 50); // still pending at exit
+        } else {
+            q->OpenDevices();
+            q->StartDevices();
+        }
+        CQXEventList events;
+        for (int i = 0; i < 5; ++i) {
+            auto* e = new CQXEventData;
+            e->SetMidiData(0x403C90);
+            e->SetTimeStamp(1000u + i);
+            events.AddTail(e);
+        }
+        q->PlayBuffer(events);
+        CQuavix::ExitQuavix();
+    }
+    EXPECT_EQ(qxplat::LiveHandleCount(), handles);
+    EXPECT_EQ(qxplat::LiveWindowCount(), windows);
+}
