@@ -50,8 +50,8 @@ protected:
     virtual LRESULT WndProc(UINT uMsg, WPARAM wParam, LPARAM lParam);
 
     void SetState(UINT n) { m_nState = n; }
-    void AddState(UINT n) { m_nState |= n; }
-    void RemoveState(UINT n) { m_nState &= ~n; }
+    void AddState(UINT n) { m_nState.fetch_or(n); }
+    void RemoveState(UINT n) { m_nState.fetch_and(~n); }
     UINT TestState(UINT n) const { return m_nState & n; }
 
     void ThreadStart();
@@ -65,9 +65,11 @@ protected:
     static DWORD _ThreadProc(void* pDevice);
     static LRESULT _WndProc(HWND hWnd, UINT uMsg, WPARAM wParam, LPARAM lParam);
 
-    int m_nDevice = 0;
-    void* m_hDevice = nullptr;
-    UINT m_nState = QX_STATE_CLOSED;
+    // Read and written by the application's threads, the manager's thread and the
+    // device's own thread without a lock: atomic so that every read sees a whole value.
+    std::atomic<int> m_nDevice{0};
+    std::atomic<void*> m_hDevice{nullptr};
+    std::atomic<UINT> m_nState{QX_STATE_CLOSED};
     QX_DevFormat* m_pFormat = nullptr;
     std::atomic<HWND> m_hWnd{nullptr}; // cleared by the worker thread as it ends
     DWORD m_dwThreadId = 0;
