@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <chrono>
 #include <condition_variable>
 #include <map>
@@ -161,6 +162,17 @@ size_t PageRound(size_t n)
 {
     static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     return (n + page - 1) / page * page;
+}
+
+// Released small regions, by page count, kept for reuse: a stream buffer is allocated
+// and released every period, and a fresh mapping costs a system call, page faults and a
+// TLB flush where zeroing a reused page costs a memset. Under VirtualMutex().
+constexpr size_t kCachedMaxBytes = 64 * 1024;
+constexpr size_t kCachedPerSize = 32;
+std::map<size_t, std::vector<void*>>& VirtualCache()
+{
+    static auto& cache = *new std::map<size_t, std::vector<void*>>;
+    return cache;
 }
 
 // The region [p, p+n) must lie inside one allocation.
@@ -462,6 +474,17 @@ LPVOID VirtualAlloc(LPVOID lpAddress, size_t dwSize, DWORD flAllocationType, DWO
         return nullptr;
     }
     size_t size = PageRound(dwSize);
+    {
+        std::lock_guard<std::mutex> lock(VirtualMutex());
+        auto it = VirtualCache().find(size);
+        if (it != VirtualCache().end() && !it->second.empty()) {
+            void* p = it->second.back();
+            it->second.pop_back();
+            std::memset(p, 0, size);
+            VirtualRegions()[reinterpret_cast<uintptr_t>(p)] = {size};
+            return p;
+        }
+    }
     void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (p == MAP_FAILED) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -482,8 +505,15 @@ BOOL VirtualFree(LPVOID lpAddress, size_t dwSize, DWORD dwFreeType)
             SetLastError(ERROR_INVALID_PARAMETER);
             return FALSE;
         }
-        munmap(lpAddress, it->second.size);
+        const size_t size = it->second.size;
         regions.erase(it);
+        std::vector<void*>& cached = VirtualCache()[size];
+        if (size <= kCachedMaxBytes && cached.size() < kCachedPerSize) {
+            munlock(lpAddress, size); // a locked region goes back unlocked
+            cached.push_back(lpAddress);
+        } else {
+            munmap(lpAddress, size);
+        }
         return TRUE;
     }
     if (dwFreeType == MEM_DECOMMIT && InRegion(lpAddress, dwSize)) {

@@ -2,10 +2,8 @@
 // one high-priority thread from a deadline heap.
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
+#include "platform/QXRealtime.h"
 
-#include <pthread.h>
-#include <sched.h>
-#include <sys/prctl.h>
 #include <time.h>
 
 #include <algorithm>
@@ -154,19 +152,9 @@ private:
         m_stale = 0;
     }
 
-    static void RaiseThread()
-    {
-        // Precision is a wish: without the right to SCHED_FIFO the thread stays normal.
-        prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
-        sched_param sp{};
-        sp.sched_priority = sched_get_priority_max(SCHED_FIFO) - 1;
-        pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp);
-        pthread_setname_np(pthread_self(), "qx-timer");
-    }
-
     void Run()
     {
-        RaiseThread();
+        qxplat::MakeRealtimeThread("qx-timer");
         std::unique_lock<std::mutex> lock(m_mutex);
         while (!m_stop) {
             if (m_heap.empty()) {

@@ -235,6 +235,16 @@ TEST(KernelMemory, PagesAreZeroFilledAndReleasedOnlyWhole)
     EXPECT_FALSE(VirtualFree(p, 0, MEM_RELEASE));
     EXPECT_FALSE(VirtualLock(p, 16));
 
+    // Small regions are reused after release; they must come back zeroed all the same.
+    for (int round = 0; round < 3; ++round) {
+        auto* r = static_cast<unsigned char*>(VirtualAlloc(nullptr, 5000, MEM_COMMIT, PAGE_READWRITE));
+        ASSERT_NE(r, nullptr);
+        for (size_t i = 0; i < 8192; ++i) ASSERT_EQ(r[i], 0) << round << " " << i;
+        std::memset(r, 0x5A, 8192);
+        EXPECT_TRUE(VirtualLock(r, 8192));
+        EXPECT_TRUE(VirtualFree(r, 0, MEM_RELEASE));
+    }
+
     EXPECT_EQ(VirtualAlloc(nullptr, 0, MEM_COMMIT, PAGE_READWRITE), nullptr);
     QXFaultInject("VirtualAlloc", ERROR_NOT_ENOUGH_MEMORY);
     EXPECT_EQ(VirtualAlloc(nullptr, 4096, MEM_COMMIT, PAGE_READWRITE), nullptr);
