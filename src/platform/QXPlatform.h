@@ -98,6 +98,36 @@ MMRESULT midiInGetDevCapsA(UINT_PTR uDeviceID, MIDIINCAPSA* pmic, UINT cbmic);
 MMRESULT midiOutGetDevCapsA(UINT_PTR uDeviceID, MIDIOUTCAPSA* pmoc, UINT cbmoc);
 MMRESULT waveInGetDevCapsA(UINT_PTR uDeviceID, WAVEINCAPSA* pwic, UINT cbwic);
 
+// ---- MIDI output streams ----
+// MIDI output callbacks: MOM_OPEN, MOM_CLOSE, MOM_DONE (param1 the header) and
+// MOM_POSITIONCB (param1 the header, whose dwOffset names the event).
+typedef void(CALLBACK* MIDIOUTPROC)(HMIDIOUT hmo, UINT wMsg, DWORD_PTR dwInstance, DWORD_PTR dwParam1,
+                                    DWORD_PTR dwParam2);
+// Opens paused. Callbacks: CALLBACK_FUNCTION (a MIDIOUTPROC), CALLBACK_WINDOW (posted
+// as MM_MOM_* to the window) or CALLBACK_NULL.
+MMRESULT midiStreamOpen(HMIDISTRM* phms, UINT* puDeviceID, DWORD cMidi, DWORD_PTR dwCallback, DWORD_PTR dwInstance,
+                        DWORD fdwOpen);
+MMRESULT midiStreamClose(HMIDISTRM hms);
+MMRESULT midiStreamProperty(HMIDISTRM hms, LPBYTE lppropdata, DWORD dwProperty);
+MMRESULT midiStreamOut(HMIDISTRM hms, LPMIDIHDR pmh, UINT cbmh);
+MMRESULT midiStreamPause(HMIDISTRM hms);
+MMRESULT midiStreamRestart(HMIDISTRM hms);
+MMRESULT midiStreamStop(HMIDISTRM hms);
+// TIME_TICKS or TIME_MS of the last event played.
+MMRESULT midiStreamPosition(HMIDISTRM hms, LPMMTIME lpmmt, UINT cbmmt);
+MMRESULT midiOutPrepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh);
+MMRESULT midiOutUnprepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh);
+// At once, past any queued stream buffers.
+MMRESULT midiOutShortMsg(HMIDIOUT hmo, DWORD dwMsg);
+MMRESULT midiOutLongMsg(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh);
+#define MM_MOM_OPEN MOM_OPEN
+#define MM_MOM_CLOSE MOM_CLOSE
+#define MM_MOM_DONE MOM_DONE
+#define MM_MOM_POSITIONCB MOM_POSITIONCB
+// No driver limits the size here; the limit only guards against absurd headers. A period
+// dense enough to pass 64 KiB still goes out whole.
+#define MIDI_STREAM_MAX_BUFFER (16u << 20)
+
 // ---- Error texts of the multimedia services ----
 MMRESULT midiInGetErrorTextA(MMRESULT mmrError, LPSTR pszText, UINT cchText);
 MMRESULT midiOutGetErrorTextA(MMRESULT mmrError, LPSTR pszText, UINT cchText);

@@ -3,11 +3,19 @@
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 namespace qxplat {
+
+int64_t NowNs()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 
 namespace {
 

@@ -5,11 +5,44 @@
 
 #include <quavix/QXWinTypes.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <string>
 
 namespace qxplat {
 
 enum class DeviceKind { MidiIn = 0, MidiOut = 1, WaveIn = 2, WaveOut = 3 };
+
+// The platform's clock for due times and time stamps: steady, in nanoseconds.
+int64_t NowNs();
+
+// An open MIDI output. Messages are whole (a short message or a complete SysEx) and are
+// handed over in the order of their due times; delivering each at its due time is the
+// backend's job. Send may be called from several threads.
+class MidiOutPort {
+public:
+    virtual ~MidiOutPort() = default;
+    // A due time already past means at once.
+    virtual MMRESULT Send(const BYTE* pData, size_t cb, int64_t dueNs) = 0;
+    // How long before its due time a message is to be handed over (0: at the due time).
+    virtual int64_t LeadNs() const { return 0; }
+    // Drops what was handed over and not yet emitted.
+    virtual void Cancel() {}
+};
+
+// Receives what an open MIDI input delivers, in the backend's callback context.
+class MidiInSink {
+public:
+    virtual ~MidiInSink() = default;
+    virtual void OnMidiData(const BYTE* pData, size_t cb, int64_t timeNs) = 0;
+};
+
+// An open MIDI input; it delivers to its sink until destroyed, and not after.
+class MidiInPort {
+public:
+    virtual ~MidiInPort() = default;
+};
 
 class Backend {
 public:
@@ -18,6 +51,8 @@ public:
     virtual int Count(DeviceKind kind) = 0;
     // Name of device n of a kind; empty when there is no such device.
     virtual std::string DeviceName(DeviceKind kind, int n) = 0;
+    virtual MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) = 0;
+    virtual MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) = 0;
 };
 
 // The process's backend, chosen on first use.

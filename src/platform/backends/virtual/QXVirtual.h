@@ -4,6 +4,8 @@
 
 #include "platform/backends/QXBackend.h"
 
+#include <vector>
+
 namespace qxplat {
 
 Backend& VirtualBackend();
@@ -15,6 +17,23 @@ void QXVirtualSetDevices(int nMidiIn, int nMidiOut, int nWaveIn, int nWaveOut);
 // Parses a QUAVIX_VIRTUAL_DEVICES value into counts[4] (midi-in, midi-out, wave-in,
 // wave-out); entries left out keep their value. False for a malformed value.
 bool QXVirtualParseDevices(const char* pszText, int counts[4]);
+
+// What a virtual MIDI output emitted: the message, when it was emitted and when it was
+// due (steady clock, ns).
+struct VirtualMidiMessage {
+    int64_t timeNs;
+    int64_t dueNs;
+    std::vector<BYTE> bytes;
+};
+
+// Takes (and clears) what virtual MIDI output n has emitted so far. Each output keeps
+// its most recent messages, up to kVirtualLogLimit.
+std::vector<VirtualMidiMessage> QXVirtualTakeMidiOut(int n);
+constexpr size_t kVirtualLogLimit = size_t{1} << 20;
+
+// Delivers a message to virtual MIDI input n, as if it had arrived at timeNs (0: now).
+// False when the input does not exist or is not open.
+bool QXVirtualInjectMidiIn(int n, const BYTE* pData, size_t cb, int64_t timeNs = 0);
 
 } // namespace qxplat
 

@@ -1,4 +1,5 @@
 #include "platform/backends/virtual/QXVirtual.h"
+#include "platform/backends/virtual/QXVirtualPorts.h"
 
 #include <atomic>
 #include <cstdio>
@@ -33,6 +34,18 @@ public:
     {
         if (n < 0 || n >= Count(kind)) return {};
         return std::string("Quavix Virtual ") + kKindNames[static_cast<int>(kind)] + " " + std::to_string(n + 1);
+    }
+
+    MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override
+    {
+        if (n < 0 || n >= Count(DeviceKind::MidiOut)) return MMSYSERR_BADDEVICEID;
+        return OpenVirtualMidiOut(n, port);
+    }
+
+    MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) override
+    {
+        if (n < 0 || n >= Count(DeviceKind::MidiIn)) return MMSYSERR_BADDEVICEID;
+        return OpenVirtualMidiIn(n, pSink, port);
     }
 
     void SetCounts(const int counts[4])

@@ -1,0 +1,294 @@
+#include "platform/QXFaults.h"
+#include "platform/QXPlatform.h"
+#include "platform/backends/virtual/QXVirtual.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+using qxplat::QXVirtualTakeMidiOut;
+
+struct Calls {
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<std::pair<UINT, MIDIHDR*>> seen;
+    std::vector<DWORD> offsets; // dwOffset at each position callback
+
+    bool WaitFor(UINT msg, size_t count, int ms = 5000)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cv.wait_for(lock, std::chrono::milliseconds(ms), [&] { return Count(msg) >= count; });
+    }
+    size_t Count(UINT msg)
+    {
+        size_t n = 0;
+        for (auto& s : seen) n += s.first == msg;
+        return n;
+    }
+};
+
+void CALLBACK Proc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
+{
+    auto* c = reinterpret_cast<Calls*>(inst);
+    std::lock_guard<std::mutex> lock(c->mutex);
+    auto* hdr = reinterpret_cast<MIDIHDR*>(p1);
+    c->seen.emplace_back(msg, hdr);
+    if (msg == MOM_POSITIONCB) c->offsets.push_back(hdr->dwOffset);
+    c->cv.notify_all();
+}
+
+// A stream buffer built word by word.
+struct Buffer {
+    std::vector<DWORD> words;
+    MIDIHDR hdr{};
+    Buffer& Ev(DWORD delta, DWORD event, std::vector<DWORD> parms = {})
+    {
+        words.insert(words.end(), {delta, 0, event});
+        words.insert(words.end(), parms.begin(), parms.end());
+        return *this;
+    }
+    MIDIHDR* Hdr()
+    {
+        hdr.lpData = reinterpret_cast<LPSTR>(words.data());
+        hdr.dwBufferLength = hdr.dwBytesRecorded = static_cast<DWORD>(words.size() * 4);
+        return &hdr;
+    }
+};
+
+class MidiStreamTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        qxplat::QXVirtualSetDevices(1, 2, 0, 0);
+        QXVirtualTakeMidiOut(0);
+        UINT dev = 0;
+        ASSERT_EQ(midiStreamOpen(&h, &dev, 1, reinterpret_cast<DWORD_PTR>(Proc), reinterpret_cast<DWORD_PTR>(&calls),
+                                 CALLBACK_FUNCTION),
+                  MMSYSERR_NOERROR);
+        MIDIPROPTIMEDIV td{sizeof td, 0xFFFFE728u}; // 1 ms ticks
+        ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
+    }
+    void TearDown() override
+    {
+        midiStreamStop(h);
+        EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
+        QXFaultClear();
+        qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+    }
+    void Queue(Buffer& b)
+    {
+        ASSERT_EQ(midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(h), b.Hdr(), sizeof(MIDIHDR)), 0u);
+        ASSERT_EQ(midiStreamOut(h, &b.hdr, sizeof(MIDIHDR)), 0u);
+    }
+
+    HMIDISTRM h = nullptr;
+    Calls calls;
+};
+
+} // namespace
+
+TEST_F(MidiStreamTest, OpensPausedThenPlaysEveryBufferAgainstAbsoluteDeadlines)
+{
+    // Forty 100 ms buffers whose events fall at uneven offsets: over four seconds the
+    // due times must land exactly on their millisecond grid, with nothing lost.
+    std::deque<Buffer> buffers(40);
+    for (int k = 0; k < 40; ++k) {
+        DWORD key = 0x40 + static_cast<DWORD>(k % 20);
+        buffers[k].Ev(7, 0x00403090 | (key << 8)).Ev(33, 0x00003080 | (key << 8)).Ev(60, 0x02000000u);
+        Queue(buffers[k]);
+    }
+    Sleep(60);
+    EXPECT_TRUE(QXVirtualTakeMidiOut(0).empty()) << "a new stream is paused";
+    ASSERT_EQ(midiStreamRestart(h), 0u);
+    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 40, 10000));
+
+    auto out = QXVirtualTakeMidiOut(0);
+    ASSERT_EQ(out.size(), 80u);
+    for (size_t i = 0; i < out.size(); ++i) {
+        const int64_t k = static_cast<int64_t>(i / 2);
+        const int64_t ms = k * 100 + (i % 2 ? 40 : 7);
+        EXPECT_EQ(out[i].dueNs - (out[0].dueNs - 7'000'000), ms * 1'000'000) << i;
+        EXPECT_GE(out[i].timeNs, out[i].dueNs) << "never early";
+        EXPECT_EQ(out[i].bytes[0], i % 2 ? 0x80 : 0x90);
+    }
+    for (auto& b : buffers) {
+        EXPECT_TRUE(b.hdr.dwFlags & MHDR_DONE);
+        EXPECT_FALSE(b.hdr.dwFlags & MHDR_INQUEUE);
+    }
+}
+
+TEST_F(MidiStreamTest, PauseKeepsPositionAndQueuedBuffersAndShiftsTheOrigin)
+{
+    std::deque<Buffer> buffers(6);
+    for (auto& b : buffers) {
+        b.Ev(0, 0x00403C90).Ev(50, 0x00003C80).Ev(50, 0x02000000u);
+        Queue(b);
+    }
+    midiStreamRestart(h);
+    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
+    ASSERT_EQ(midiStreamPause(h), 0u);
+    auto before = QXVirtualTakeMidiOut(0);
+    Sleep(250);
+    EXPECT_TRUE(QXVirtualTakeMidiOut(0).empty()) << "nothing plays while paused";
+    ASSERT_EQ(midiStreamRestart(h), 0u);
+    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 6));
+    auto after = QXVirtualTakeMidiOut(0);
+    EXPECT_EQ(before.size() + after.size(), 12u) << "nothing lost across the pause";
+    ASSERT_FALSE(before.empty());
+    ASSERT_FALSE(after.empty());
+    EXPECT_GE(after.front().dueNs - before.back().dueNs, 250'000'000) << "the pause moved later events";
+    // After the pause the grid holds again.
+    for (size_t i = 1; i < after.size(); ++i) EXPECT_EQ((after[i].dueNs - after[0].dueNs) % 50'000'000, 0);
+}
+
+TEST_F(MidiStreamTest, StopReturnsEveryBufferAndRewinds)
+{
+    std::deque<Buffer> buffers(3);
+    for (auto& b : buffers) {
+        b.Ev(0, 0x00403C90).Ev(100, 0x02000000u);
+        Queue(b);
+    }
+    EXPECT_EQ(midiStreamClose(h), MIDIERR_STILLPLAYING);
+    EXPECT_EQ(midiOutUnprepareHeader(reinterpret_cast<HMIDIOUT>(h), &buffers[0].hdr, sizeof(MIDIHDR)),
+              MIDIERR_STILLPLAYING);
+    midiStreamRestart(h);
+    ASSERT_EQ(midiStreamStop(h), 0u);
+    EXPECT_EQ(calls.Count(MOM_DONE), 3u) << "each queued buffer comes back at once";
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(calls.seen[i + 1].second, &buffers[i].hdr) << "in queue order";
+        EXPECT_TRUE(buffers[i].hdr.dwFlags & MHDR_DONE);
+        EXPECT_EQ(midiOutUnprepareHeader(reinterpret_cast<HMIDIOUT>(h), &buffers[i].hdr, sizeof(MIDIHDR)), 0u);
+    }
+    MMTIME pos{};
+    pos.wType = TIME_TICKS;
+    midiStreamPosition(h, &pos, sizeof pos);
+    EXPECT_EQ(pos.u.ticks, 0u);
+}
+
+TEST_F(MidiStreamTest, PositionCallbackNamesItsEventAndLaterEventsStayOnTime)
+{
+    Buffer b;
+    b.Ev(0, 0x00403C90)
+        .Ev(20, MEVT_F_CALLBACK | MEVT_F_LONG | (DWORD{MEVT_COMMENT} << 24) | 8, {1, 77})
+        .Ev(30, 0x00003C80)
+        .Ev(50, 0x02000000u);
+    Queue(b);
+    midiStreamRestart(h);
+    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
+    ASSERT_EQ(calls.offsets.size(), 1u);
+    EXPECT_EQ(calls.offsets[0], 12u);
+    auto out = QXVirtualTakeMidiOut(0);
+    ASSERT_EQ(out.size(), 2u) << "the callback event sends nothing";
+    EXPECT_EQ(out[1].dueNs - out[0].dueNs, 50'000'000);
+    // The callback came between the two messages.
+    size_t cb = 0, done = 0;
+    for (size_t i = 0; i < calls.seen.size(); ++i) {
+        if (calls.seen[i].first == MOM_POSITIONCB) cb = i;
+        if (calls.seen[i].first == MOM_DONE) done = i;
+    }
+    EXPECT_LT(cb, done);
+}
+
+TEST_F(MidiStreamTest, ShortAndLongMessagesGoOutAtOncePastQueuedBuffers)
+{
+    Buffer b;
+    b.Ev(500, 0x00403C90);
+    Queue(b);
+    EXPECT_EQ(midiOutShortMsg(reinterpret_cast<HMIDIOUT>(h), 0x00643C90), 0u);
+    EXPECT_EQ(midiOutShortMsg(reinterpret_cast<HMIDIOUT>(h), 0x00000040), 0u) << "running status: key 0x40, vel 0";
+    EXPECT_EQ(midiOutShortMsg(reinterpret_cast<HMIDIOUT>(h), 0x000000F8), 0u);
+    char sysex[] = {char(0xF0), 0x7E, 0x7F, 0x09, 0x01, char(0xF7)};
+    MIDIHDR hdr{};
+    hdr.lpData = sysex;
+    hdr.dwBufferLength = sizeof sysex;
+    EXPECT_EQ(midiOutLongMsg(reinterpret_cast<HMIDIOUT>(h), &hdr, sizeof hdr), MIDIERR_UNPREPARED);
+    midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(h), &hdr, sizeof hdr);
+    EXPECT_EQ(midiOutLongMsg(reinterpret_cast<HMIDIOUT>(h), &hdr, sizeof hdr), 0u);
+    EXPECT_TRUE(hdr.dwFlags & MHDR_DONE);
+    auto out = QXVirtualTakeMidiOut(0);
+    ASSERT_EQ(out.size(), 4u);
+    EXPECT_EQ(out[0].bytes, (std::vector<BYTE>{0x90, 0x3C, 0x64}));
+    EXPECT_EQ(out[1].bytes, (std::vector<BYTE>{0x90, 0x40, 0x00}));
+    EXPECT_EQ(out[2].bytes, (std::vector<BYTE>{0xF8}));
+    EXPECT_EQ(out[3].bytes.size(), 6u);
+}
+
+TEST_F(MidiStreamTest, TimeDivisionAndTempoSetTheTickLength)
+{
+    MIDIPROPTIMEDIV td{sizeof td, 0};
+    EXPECT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV),
+              MMSYSERR_INVALPARAM);
+    td.dwTimeDiv = 0xFFFFE028u; // -32 fps does not exist
+    EXPECT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV),
+              MMSYSERR_INVALPARAM);
+    td.dwTimeDiv = 96; // 96 ticks a quarter note
+    ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
+    MIDIPROPTEMPO tempo{sizeof tempo, 0};
+    ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_GET | MIDIPROP_TEMPO), 0u);
+    EXPECT_EQ(tempo.dwTempo, 500000u);
+    tempo.dwTempo = 250000; // 240 BPM: 96 ticks are 250 ms
+    ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_SET | MIDIPROP_TEMPO), 0u);
+
+    Buffer b;
+    // A tempo event halfway doubles the tick length from there on.
+    b.Ev(0, 0x00403C90).Ev(96, 0x00403E90).Ev(0, (DWORD{MEVT_TEMPO} << 24) | 500000).Ev(96, 0x00404090);
+    Queue(b);
+    midiStreamRestart(h);
+    td.dwTimeDiv = 0xFFFFE728u;
+    EXPECT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV),
+              MIDIERR_NOTREADY)
+        << "not while playing";
+    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
+    auto out = QXVirtualTakeMidiOut(0);
+    ASSERT_EQ(out.size(), 3u);
+    EXPECT_EQ(out[1].dueNs - out[0].dueNs, 250'000'000);
+    EXPECT_EQ(out[2].dueNs - out[1].dueNs, 500'000'000);
+}
+
+TEST_F(MidiStreamTest, BadHeadersAndHandlesAreRefused)
+{
+    Buffer b;
+    b.Ev(0, 0x00403C90);
+    MIDIHDR* hdr = b.Hdr();
+    EXPECT_EQ(midiStreamOut(h, hdr, sizeof(MIDIHDR)), MIDIERR_UNPREPARED);
+    EXPECT_EQ(midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(h), hdr, sizeof(MIDIHDR) - 1), MMSYSERR_INVALPARAM);
+    hdr->dwBytesRecorded = 13;
+    midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(h), hdr, sizeof(MIDIHDR));
+    EXPECT_EQ(midiStreamOut(h, hdr, sizeof(MIDIHDR)), MMSYSERR_INVALPARAM) << "not whole words";
+    auto bogus = reinterpret_cast<HMIDISTRM>(uintptr_t{0x1234});
+    EXPECT_EQ(midiStreamRestart(bogus), MMSYSERR_INVALHANDLE);
+    EXPECT_EQ(midiOutShortMsg(reinterpret_cast<HMIDIOUT>(bogus), 0x90), MMSYSERR_INVALHANDLE);
+
+    // A long event that claims more bytes than its buffer holds is not played; the
+    // buffer still comes back.
+    Buffer overrun;
+    overrun.Ev(0, MEVT_F_LONG | 4000, {0xF07E7FF0});
+    Queue(overrun);
+    midiStreamRestart(h);
+    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
+    EXPECT_TRUE(QXVirtualTakeMidiOut(0).empty());
+}
+
+TEST(MidiStreamOpen, RefusesBadDevicesSecondOpensAndInjectedFaults)
+{
+    qxplat::QXVirtualSetDevices(0, 1, 0, 0);
+    HMIDISTRM h = nullptr, h2 = nullptr;
+    UINT dev = 5;
+    EXPECT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_BADDEVICEID);
+    dev = 0;
+    EXPECT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, 0x00070000u), MMSYSERR_INVALFLAG);
+    QXFaultInject("midiStreamOpen", MMSYSERR_NOMEM);
+    EXPECT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOMEM);
+    ASSERT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
+    EXPECT_EQ(midiStreamOpen(&h2, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_ALLOCATED);
+    EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
+    EXPECT_EQ(midiStreamClose(h), MMSYSERR_INVALHANDLE);
+    ASSERT_EQ(midiStreamOpen(&h2, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR) << "free again after close";
+    midiStreamClose(h2);
+    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+}
