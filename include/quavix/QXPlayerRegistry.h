@@ -1,0 +1,22 @@
+// Wave players named by 32-bit handles, so that a MIDI stream (whose parameter words
+// are 32-bit) can carry a reference to one; the handle of a destroyed player resolves
+// to nothing.
+#ifndef QUAVIX_QXPLAYERREGISTRY_H
+#define QUAVIX_QXPLAYERREGISTRY_H
+
+#include <quavix/QXWinTypes.h>
+
+typedef void (*QX_PlayerSignalProc)(void* pPlayer);
+
+// A live player and the function that signals its start; returns its handle (never 0).
+DWORD QXRegisterPlayer(void* pPlayer, QX_PlayerSignalProc pSignal);
+// After this returns, the player's signal function is not running and is not called again.
+void QXUnregisterPlayer(void* pPlayer);
+// The handle of a registered player, or 0.
+DWORD QXPlayerHandle(const void* pPlayer);
+// Calls the signal function of the player with that handle; false when there is none.
+// It runs under the registry's lock (that is what lets unregistering wait for it), in a
+// MIDI stream's callback context: it must only signal, never wait.
+bool QXSignalPlayer(DWORD dwHandle);
+
+#endif // QUAVIX_QXPLAYERREGISTRY_H
