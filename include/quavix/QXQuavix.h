@@ -139,6 +139,16 @@ public:
     void EnableMidiThru(int bEnable) { m_bMidiThru = bEnable; }
     int MidiThruEnabled() const { return m_bMidiThru; }
     void ConnectMidiThru(int nDevice, int nChannel);
+
+    // Immediate output (bQueued 0) goes out at once; queued output goes first into the
+    // next period the engine writes for that output.
+    void SendMidiMsg(UINT nDevice, DWORD dwMsg, int bQueued);
+    void SendMidiNote(UINT nDevice, DWORD dwNoteOn, DWORD dwNoteOff, DWORD dwDuration, int bQueued);
+    void SendSysExMsg(UINT nDevice, const BYTE* pData, int nLength, int bQueued);
+    // Plays a wave file at once on a wave output; 0 where none can play it.
+    int PlayWaveFile(const char* pszFileName, int nDevice, void (*pCallback)(DWORD_PTR, DWORD), DWORD_PTR dwUser);
+    // Silences every MIDI output.
+    void OnPanicButton();
     int GetMidiThruDevice() const { return m_nMidiThruDevice; }
     int GetMidiThruChannel() const { return m_nMidiThruChannel; }
 
@@ -170,6 +180,11 @@ protected:
 
     DWORD _GetNextBufferTime() const { return m_dwBufferTime + QX_PERFORMANCE_GRANULARITY; }
     void _PollPerformances();
+    // A poll run by the timing device's thread. It waits for the device lock only while
+    // that device still paces the engine, because a transport call that holds the lock
+    // may be waiting for this very thread to finish its returned buffers.
+    void _PollForTimingDevice(CQXDevice* pDevice);
+    void _PollLocked();
     void _WriteBuffers();
     void _MergeData(CQXEventData* pEvent, CQXEventList* pList);
     CQXEventList* _GetEventList(int nType, int nDevice);
@@ -180,6 +195,7 @@ protected:
     void _ReopenMidiOutputs();
 
 private:
+    friend class CMidiOut;
     CQuavix();
     template <class Fn> void _ForEachDevice(Fn fn);
     template <class Fn> void _WalkPerformances(Fn fn);
@@ -216,7 +232,7 @@ private:
     DWORD m_dwThreadId = 0;
     HANDLE m_hThread = nullptr;
     HANDLE m_hThreadEvent = nullptr;
-    HANDLE m_hPollEvent = nullptr;
+    std::atomic<HANDLE> m_hPollEvent{nullptr}; // read by device threads while the manager goes
     int m_nWalkDepth = 0;          // walks of the performance list under way (device lock held)
     int m_nRecordingWalkDepth = 0; // walks of the recording list under way (recording lock held)
     CQXNotify m_Notify;

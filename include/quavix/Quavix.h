@@ -9,5 +9,8 @@
 #include <quavix/QXNotify.h>
 #include <quavix/QXDevice.h>
 #include <quavix/QXQuavix.h>
+#include <quavix/QXMidiStreamBuffer.h>
+#include <quavix/QXMidiOut.h>
+#include <quavix/QXPlayerRegistry.h>
 
 #endif // QUAVIX_QUAVIX_H

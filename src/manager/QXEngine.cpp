@@ -6,6 +6,7 @@
 #include "platform/QXPlatform.h"
 
 #include <new>
+#include <thread>
 
 int CQuavix::StartPerformance(QX_PerformanceProc pCallback, DWORD_PTR dwUser, int bActive, int nTag)
 {
@@ -56,13 +57,37 @@ void CQuavix::_PollPerformances()
 {
     if (!m_bInitialized || WaitForSingleObject(m_hPollEvent, 5000) != WAIT_OBJECT_0) return;
     EnterCriticalSection(&m_csDevices);
+    _PollLocked();
+    LeaveCriticalSection(&m_csDevices);
+    SetEvent(m_hPollEvent);
+}
+
+void CQuavix::_PollForTimingDevice(CQXDevice* pDevice)
+{
+    if (!m_bInitialized || WaitForSingleObject(m_hPollEvent, 5000) != WAIT_OBJECT_0) return;
+    for (int nTry = 0; !TryEnterCriticalSection(&m_csDevices); ++nTry) {
+        if (m_pTimingDevice.load() != pDevice) {
+            SetEvent(m_hPollEvent);
+            return;
+        }
+        if (nTry < 100)
+            std::this_thread::yield();
+        else
+            Sleep(1);
+    }
+    _PollLocked();
+    LeaveCriticalSection(&m_csDevices);
+    SetEvent(m_hPollEvent);
+}
+
+// With the poll gate and the device lock held.
+void CQuavix::_PollLocked()
+{
     const DWORD dwStart = m_dwBufferTime, dwEnd = _GetNextBufferTime();
     _WalkPerformances([&](QX_PerformanceRec* pRec) {
         if (pRec->pCallback(pRec->dwUser, pRec->nTag, dwStart, dwEnd) == 0) pRec->bEnded = 1;
     });
     _WriteBuffers();
-    LeaveCriticalSection(&m_csDevices);
-    SetEvent(m_hPollEvent);
 }
 
 void CQuavix::_WriteBuffers()

@@ -1,4 +1,5 @@
 // The manager's life and its device registry.
+#include <quavix/QXMidiOut.h>
 #include <quavix/QXQuavix.h>
 
 #include "manager/QXDeviceFactory.h"
@@ -144,7 +145,8 @@ CQXDevice* CQuavix::_CreateDevice(int nType, int nDir)
 {
     if (nType < 0 || nType > 1 || nDir < 0 || nDir > 1) return nullptr;
     if (QX_DeviceFactory pFactory = g_pDeviceFactory.load()) return pFactory(nType, nDir);
-    // The device classes of each kind are made here as they join the library.
+    if (nType == QX_DEVTYPE_MIDI && nDir == QX_DEVDIR_OUT) return new (std::nothrow) CMidiOut;
+    // The wave devices join here as they come.
     return nullptr;
 }
 
@@ -184,8 +186,7 @@ int CQuavix::GetDeviceCaps(int nType, int nDir, int nDevice, QX_DevCaps* pCaps) 
         r = midiInGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->midiIn, sizeof(MIDIINCAPSA));
         dwCode = QXN_MIDIIN_GETCAPS;
     } else if (nType == QX_DEVTYPE_MIDI) {
-        r = midiOutGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->midiOut, sizeof(MIDIOUTCAPSA));
-        dwCode = QXN_MIDIOUT_GETCAPS;
+        return CMidiOut::GetDeviceCaps(nDevice, pCaps);
     } else if (nDir == QX_DEVDIR_IN) {
         r = waveInGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->waveIn, sizeof(WAVEINCAPSA));
         dwCode = QXN_WAVEIN_GETCAPS;

@@ -1,4 +1,5 @@
 // Recordings and the MIDI thru settings.
+#include <quavix/QXMidiOut.h>
 #include <quavix/QXQuavix.h>
 
 #include "platform/QXPlatform.h"
@@ -96,5 +97,101 @@ void CQuavix::ConnectMidiThru(int nDevice, int nChannel)
     if (nDevice < GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT) && nChannel < 16) {
         m_nMidiThruDevice = nDevice;
         m_nMidiThruChannel = nChannel;
+    }
+}
+
+void CQuavix::SendMidiMsg(UINT nDevice, DWORD dwMsg, int bQueued)
+{
+    if (!m_bInitialized) return;
+    const int n = _ChosenMidiOutput(static_cast<int>(nDevice));
+    if (!bQueued) {
+        if (auto* pOut = static_cast<CMidiOut*>(GetDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n))) pOut->PlayMidi(dwMsg);
+        return;
+    }
+    EnterCriticalSection(&m_csDevices);
+    if (CQXEventList* pList = _GetEventList(QX_DEVTYPE_MIDI, n)) {
+        if (auto* pEvent = new (std::nothrow) CQXEventData) {
+            pEvent->SetMidiData(dwMsg);
+            pEvent->SetDevice(n);
+            if (pList->AddHead(pEvent) == nullptr) delete pEvent;
+        }
+    }
+    LeaveCriticalSection(&m_csDevices);
+}
+
+void CQuavix::SendMidiNote(UINT nDevice, DWORD dwNoteOn, DWORD dwNoteOff, DWORD dwDuration, int bQueued)
+{
+    if (!m_bInitialized) return;
+    const int n = _ChosenMidiOutput(static_cast<int>(nDevice));
+    if (!bQueued) {
+        // The output makes the note-off itself, from the note-on with velocity 0.
+        if (auto* pOut = static_cast<CMidiOut*>(GetDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n)))
+            pOut->PlayNote(dwNoteOn, dwDuration);
+        return;
+    }
+    EnterCriticalSection(&m_csDevices);
+    CQXEventList* pList = _GetEventList(QX_DEVTYPE_MIDI, n);
+    auto* pOn = pList ? new (std::nothrow) CQXEventData : nullptr;
+    auto* pOff = pOn ? new (std::nothrow) CQXEventData : nullptr;
+    if (pOff != nullptr && pList->AddHead(pOn) != nullptr) {
+        pOn->SetMidiData(dwNoteOn);
+        pOn->SetDevice(n);
+        pOff->SetMidiData(dwNoteOff);
+        pOff->SetDevice(n);
+        pOff->SetTimeStamp(m_dwBufferTime + dwDuration);
+        // From the tail, after the first event not later than it; the note-on at the head
+        // always qualifies.
+        for (POSITION pos = pList->GetTailPosition(); pos != nullptr;) {
+            POSITION here = pos;
+            if (pList->GetPrev(pos)->m_dwTimeStamp <= pOff->m_dwTimeStamp) {
+                if (pList->InsertAfter(here, pOff) == nullptr) delete pOff;
+                pOff = nullptr;
+                break;
+            }
+        }
+        delete pOff; // only when nothing qualified, which the note-on prevents
+    } else {
+        delete pOn;
+        delete pOff;
+    }
+    LeaveCriticalSection(&m_csDevices);
+}
+
+void CQuavix::SendSysExMsg(UINT nDevice, const BYTE* pData, int nLength, int bQueued)
+{
+    if (!m_bInitialized) return;
+    const int n = _ChosenMidiOutput(static_cast<int>(nDevice));
+    if (!bQueued) {
+        if (auto* pOut = static_cast<CMidiOut*>(GetDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n)))
+            pOut->PlaySysEx(pData, nLength);
+        return;
+    }
+    EnterCriticalSection(&m_csDevices);
+    if (CQXEventList* pList = _GetEventList(QX_DEVTYPE_MIDI, n)) {
+        if (auto* pEvent = new (std::nothrow) CQXEventData) {
+            if (nLength > 0) pEvent->SetSysExData(pData, static_cast<DWORD>(nLength));
+            pEvent->SetDevice(n);
+            if (pList->AddHead(pEvent) == nullptr) delete pEvent;
+        }
+    }
+    LeaveCriticalSection(&m_csDevices);
+}
+
+int CQuavix::PlayWaveFile(const char*, int, void (*)(DWORD_PTR, DWORD), DWORD_PTR)
+{
+    // No wave output can play a file yet; the tag is not spent on a failure.
+    return 0;
+}
+
+void CQuavix::OnPanicButton()
+{
+    if (!m_bInitialized) return;
+    for (int d = 0; d < m_nDeviceCount[QX_DEVTYPE_MIDI][QX_DEVDIR_OUT]; ++d) {
+        for (DWORD ch = 0; ch < 16; ++ch) {
+            for (DWORD k = 0; k < 128; ++k) SendMidiMsg(static_cast<UINT>(d), 0x90 | ch | (k << 8), 0);
+            SendMidiMsg(static_cast<UINT>(d), 0x79B0 | ch, 0);
+            SendMidiMsg(static_cast<UINT>(d), 0x7BB0 | ch, 0);
+        }
+        SendMidiMsg(static_cast<UINT>(d), 0xFF, 0);
     }
 }
