@@ -10,6 +10,7 @@
 #include <quavix/QXDevice.h>
 #include <quavix/QXQuavix.h>
 #include <quavix/QXMidiStreamBuffer.h>
+#include <quavix/QXMidiIn.h>
 #include <quavix/QXMidiOut.h>
 #include <quavix/QXPlayerRegistry.h>
 

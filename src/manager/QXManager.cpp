@@ -1,4 +1,5 @@
 // The manager's life and its device registry.
+#include <quavix/QXMidiIn.h>
 #include <quavix/QXMidiOut.h>
 #include <quavix/QXQuavix.h>
 
@@ -145,6 +146,7 @@ CQXDevice* CQuavix::_CreateDevice(int nType, int nDir)
 {
     if (nType < 0 || nType > 1 || nDir < 0 || nDir > 1) return nullptr;
     if (QX_DeviceFactory pFactory = g_pDeviceFactory.load()) return pFactory(nType, nDir);
+    if (nType == QX_DEVTYPE_MIDI && nDir == QX_DEVDIR_IN) return new (std::nothrow) CMidiIn;
     if (nType == QX_DEVTYPE_MIDI && nDir == QX_DEVDIR_OUT) return new (std::nothrow) CMidiOut;
     // The wave devices join here as they come.
     return nullptr;
@@ -180,21 +182,13 @@ CQXDevice* CQuavix::GetDevice(int nType, int nDir, int nDevice) const
 int CQuavix::GetDeviceCaps(int nType, int nDir, int nDevice, QX_DevCaps* pCaps) const
 {
     if (pCaps == nullptr || nDevice < 0 || nDevice >= GetDeviceCount(nType, nDir)) return 0;
-    MMRESULT r;
-    DWORD dwCode;
-    if (nType == QX_DEVTYPE_MIDI && nDir == QX_DEVDIR_IN) {
-        r = midiInGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->midiIn, sizeof(MIDIINCAPSA));
-        dwCode = QXN_MIDIIN_GETCAPS;
-    } else if (nType == QX_DEVTYPE_MIDI) {
-        return CMidiOut::GetDeviceCaps(nDevice, pCaps);
-    } else if (nDir == QX_DEVDIR_IN) {
-        r = waveInGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->waveIn, sizeof(WAVEINCAPSA));
-        dwCode = QXN_WAVEIN_GETCAPS;
-    } else {
-        return 0; // no wave outputs yet
+    if (nType == QX_DEVTYPE_MIDI) {
+        return nDir == QX_DEVDIR_IN ? CMidiIn::GetDeviceCaps(nDevice, pCaps) : CMidiOut::GetDeviceCaps(nDevice, pCaps);
     }
+    if (nDir == QX_DEVDIR_OUT) return 0; // no wave outputs yet
+    MMRESULT r = waveInGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->waveIn, sizeof(WAVEINCAPSA));
     if (r != MMSYSERR_NOERROR) {
-        QXNotifyShared(dwCode, r, static_cast<DWORD_PTR>(nDevice));
+        QXNotifyShared(QXN_WAVEIN_GETCAPS, r, static_cast<DWORD_PTR>(nDevice));
         return 0;
     }
     return 1;

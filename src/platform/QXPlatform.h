@@ -128,6 +128,24 @@ MMRESULT midiOutLongMsg(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh);
 // dense enough to pass 64 KiB still goes out whole.
 #define MIDI_STREAM_MAX_BUFFER (16u << 20)
 
+// ---- MIDI input ----
+// MIM_OPEN, MIM_CLOSE, and MIM_DATA with param1 the short message (status in bits 0-7)
+// and param2 its time stamp: milliseconds since midiInStart. Input arrives only between
+// midiInStart and midiInStop; after midiInClose returns, the callback is not called.
+typedef void(CALLBACK* MIDIINPROC)(HMIDIIN hmi, UINT wMsg, DWORD_PTR dwInstance, DWORD_PTR dwParam1,
+                                   DWORD_PTR dwParam2);
+MMRESULT midiInOpen(HMIDIIN* phmi, UINT uDeviceID, DWORD_PTR dwCallback, DWORD_PTR dwInstance, DWORD fdwOpen);
+MMRESULT midiInStart(HMIDIIN hmi);
+MMRESULT midiInStop(HMIDIIN hmi);
+MMRESULT midiInReset(HMIDIIN hmi);
+MMRESULT midiInClose(HMIDIIN hmi);
+#define MM_MIM_OPEN MIM_OPEN
+#define MM_MIM_CLOSE MIM_CLOSE
+#define MM_MIM_DATA MIM_DATA
+#define MM_MIM_LONGDATA MIM_LONGDATA
+#define MM_MIM_ERROR MIM_ERROR
+#define MM_MIM_LONGERROR MIM_LONGERROR
+
 // ---- Error texts of the multimedia services ----
 MMRESULT midiInGetErrorTextA(MMRESULT mmrError, LPSTR pszText, UINT cchText);
 MMRESULT midiOutGetErrorTextA(MMRESULT mmrError, LPSTR pszText, UINT cchText);

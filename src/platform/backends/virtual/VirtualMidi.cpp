@@ -2,6 +2,8 @@
 // inputs deliver on a thread of their own, as a device driver's callback would.
 #include "platform/backends/virtual/QXVirtualPorts.h"
 
+#include "platform/QXRealtime.h"
+
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -61,6 +63,7 @@ public:
 private:
     void Run()
     {
+        MakeRealtimeThread("qx-virtual-in"); // as a driver's input callback thread runs
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
             m_cv.wait(lock, [this] { return m_bQuit || !m_queue.empty(); });
