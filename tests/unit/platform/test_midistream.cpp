@@ -216,6 +216,7 @@ TEST_F(MidiStreamTest, ShortAndLongMessagesGoOutAtOncePastQueuedBuffers)
     EXPECT_EQ(out[1].bytes, (std::vector<BYTE>{0x90, 0x40, 0x00}));
     EXPECT_EQ(out[2].bytes, (std::vector<BYTE>{0xF8}));
     EXPECT_EQ(out[3].bytes.size(), 6u);
+    midiStreamStop(h); // hands back the buffer before it goes out of scope
 }
 
 TEST_F(MidiStreamTest, TimeDivisionAndTempoSetTheTickLength)
