@@ -209,6 +209,7 @@ public:
     }
 
     MMRESULT SendLong(const BYTE* pData, size_t cb) { return m_port->Send(pData, cb, 0); }
+    bool Alive() const { return m_port->Alive(); }
 
     ~Stream() { Shutdown(); }
 
@@ -483,6 +484,7 @@ MMRESULT midiStreamOut(HMIDISTRM hms, LPMIDIHDR pmh, UINT cbmh)
     if (pmh->dwFlags & MHDR_INQUEUE) return MIDIERR_STILLPLAYING;
     if (pmh->dwBytesRecorded > pmh->dwBufferLength || pmh->dwBytesRecorded % 4 != 0) return MMSYSERR_INVALPARAM;
     if (Failing("midiStreamOut", &r)) return r;
+    if (!s->Alive()) return MMSYSERR_NODRIVER;
     return s->Queue(pmh);
 }
 

@@ -29,6 +29,8 @@ public:
     virtual int64_t LeadNs() const { return 0; }
     // Drops what was handed over and not yet emitted.
     virtual void Cancel() {}
+    // False once the device behind it has gone (a server that went away).
+    virtual bool Alive() const { return true; }
 };
 
 // Receives what an open MIDI input delivers, in the backend's callback context.

@@ -1,0 +1,418 @@
+// The JACK backend: a native client whose MIDI devices are the MIDI ports of the other
+// clients. Each open device gets a port of ours, connected to its peer. Timed messages
+// are written at the frame of their due time inside the cycle that contains it (not at
+// the start of the next period), so the stream engine hands them over ahead of time.
+// The process callback never allocates, locks or blocks: producers fill lock-free rings
+// that it drains, and input reaches the library through a ring and a semaphore.
+#include "platform/backends/jack/QXJack.h"
+
+#include "platform/QXRealtime.h"
+
+#include <jack/jack.h>
+#include <jack/midiport.h>
+#include <jack/ringbuffer.h>
+#include <semaphore.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qxplat {
+
+namespace {
+
+constexpr size_t kRingBytes = size_t{1} << 20;
+constexpr int kMaxPorts = 64;
+
+struct Header {
+    int64_t timeUs; // JACK time: due time out, arrival time in
+    uint32_t size;
+};
+
+class JackBackend;
+
+struct OutSlot {
+    jack_port_t* port = nullptr;
+    jack_ringbuffer_t* timed = nullptr; // in due order, from the stream engine
+    jack_ringbuffer_t* now = nullptr;   // at once, from any thread
+    std::mutex producers;               // producers only; the process callback never locks
+};
+
+struct InSlot {
+    jack_port_t* port = nullptr;
+    jack_ringbuffer_t* ring = nullptr;
+    sem_t ready;
+    std::atomic<bool> quit{false};
+    MidiInSink* sink = nullptr;
+    std::thread thread;
+};
+
+class JackBackend final : public Backend {
+public:
+    JackBackend()
+    {
+        // Looking for a server that is not there is no error worth printing.
+        jack_set_error_function([](const char*) {});
+        jack_set_info_function([](const char*) {});
+        jack_status_t status;
+        m_client = jack_client_open("quavix", JackNoStartServer, &status);
+        jack_set_error_function([](const char* msg) { std::fprintf(stderr, "quavix: jack: %s\n", msg); });
+        if (m_client == nullptr) return;
+        m_name = jack_get_client_name(m_client);
+        jack_set_process_callback(m_client, &JackBackend::Process, this);
+        jack_on_info_shutdown(m_client, &JackBackend::Shutdown, this);
+        if (jack_activate(m_client) != 0) {
+            jack_client_close(m_client);
+            m_client = nullptr;
+            return;
+        }
+        // JACK's clock and the steady clock run from the same source; their offset is
+        // taken once, the smallest of a few readings.
+        int64_t best = INT64_MAX;
+        for (int i = 0; i < 5; ++i) {
+            int64_t a = NowNs();
+            int64_t j = static_cast<int64_t>(jack_get_time()) * 1000;
+            int64_t b = NowNs();
+            if (b - a < best) {
+                best = b - a;
+                m_offsetNs = (a + b) / 2 - j;
+            }
+        }
+    }
+
+    bool Available() const { return m_client != nullptr && !m_dead.load(); }
+    const char* Name() const override { return "jack"; }
+
+    int Count(DeviceKind kind) override
+    {
+        if (kind != DeviceKind::MidiIn && kind != DeviceKind::MidiOut) return 0;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto& list = kind == DeviceKind::MidiOut ? m_outPeers : m_inPeers;
+        list = Peers(kind == DeviceKind::MidiOut ? JackPortIsInput : JackPortIsOutput);
+        return static_cast<int>(list.size());
+    }
+
+    std::string DeviceName(DeviceKind kind, int n) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (kind != DeviceKind::MidiIn && kind != DeviceKind::MidiOut) return {};
+        auto& list = kind == DeviceKind::MidiOut ? m_outPeers : m_inPeers;
+        if (n < 0 || static_cast<size_t>(n) >= list.size()) return {};
+        return list[static_cast<size_t>(n)];
+    }
+
+    MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override;
+    MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) override;
+
+    int64_t ToJackUs(int64_t ns) const { return (ns - m_offsetNs) / 1000; }
+    int64_t ToSteadyNs(int64_t us) const { return us * 1000 + m_offsetNs; }
+    jack_client_t* Client() const { return m_client; }
+    int64_t PeriodNs() const
+    {
+        if (!Available()) return 0;
+        return static_cast<int64_t>(jack_get_buffer_size(m_client)) * 1'000'000'000 /
+               static_cast<int64_t>(jack_get_sample_rate(m_client));
+    }
+    bool Dead() const { return m_dead.load(); }
+
+    // A slot no longer in use by the process callback once a full cycle has passed
+    // after it was taken out (or the server is gone).
+    void WaitCycles(int n)
+    {
+        const uint64_t start = m_cycles.load();
+        for (int i = 0; i < 2000 && !m_dead.load() && m_cycles.load() < start + static_cast<uint64_t>(n); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+
+    std::array<std::atomic<OutSlot*>, kMaxPorts> m_outs{};
+    std::array<std::atomic<InSlot*>, kMaxPorts> m_ins{};
+    std::mutex m_mutex; // enumeration, port registration and slot allocation
+
+private:
+    std::vector<std::string> Peers(unsigned long flags)
+    {
+        std::vector<std::string> out;
+        if (!Available()) return out;
+        const char** ports = jack_get_ports(m_client, nullptr, JACK_DEFAULT_MIDI_TYPE, flags);
+        if (ports == nullptr) return out;
+        const std::string own = m_name + ":";
+        for (const char** p = ports; *p != nullptr; ++p)
+            if (std::string(*p).rfind(own, 0) != 0) out.emplace_back(*p);
+        jack_free(ports);
+        return out;
+    }
+
+    static int Process(jack_nframes_t nframes, void* arg);
+    static void Shutdown(jack_status_t, const char* reason, void* arg)
+    {
+        auto* self = static_cast<JackBackend*>(arg);
+        self->m_dead = true;
+        // Not a real-time context; a user should learn why their devices went quiet.
+        std::fprintf(stderr, "quavix: the JACK server went away (%s)\n", reason != nullptr ? reason : "");
+        for (auto& s : self->m_ins)
+            if (InSlot* in = s.load()) sem_post(&in->ready);
+    }
+
+    jack_client_t* m_client = nullptr;
+    std::string m_name;
+    int64_t m_offsetNs = 0;
+    std::atomic<bool> m_dead{false};
+    std::atomic<uint64_t> m_cycles{0};
+    std::vector<std::string> m_outPeers, m_inPeers;
+};
+
+// Moves whole messages from a ring into the port buffer; stops at the first message
+// not due in this cycle or that no longer fits.
+void Drain(jack_ringbuffer_t* ring, void* buf, jack_nframes_t nframes, int64_t curUs, int64_t nextUs,
+           jack_nframes_t& last, bool bTimed)
+{
+    Header h;
+    while (jack_ringbuffer_read_space(ring) >= sizeof h) {
+        jack_ringbuffer_peek(ring, reinterpret_cast<char*>(&h), sizeof h);
+        if (jack_ringbuffer_read_space(ring) < sizeof h + h.size) return;
+        if (bTimed && h.timeUs >= nextUs) return;
+        jack_nframes_t off = 0;
+        if (bTimed && h.timeUs > curUs)
+            off = static_cast<jack_nframes_t>((h.timeUs - curUs) * static_cast<int64_t>(nframes) / (nextUs - curUs));
+        if (off >= nframes) off = nframes - 1;
+        if (off < last) off = last; // offsets may not go back within a cycle
+        jack_midi_data_t* dst = jack_midi_event_reserve(buf, off, h.size);
+        if (dst == nullptr) return; // full: the rest waits for the next cycle
+        jack_ringbuffer_read_advance(ring, sizeof h);
+        jack_ringbuffer_data_t vec[2];
+        jack_ringbuffer_get_read_vector(ring, vec);
+        size_t first = std::min<size_t>(vec[0].len, h.size);
+        std::memcpy(dst, vec[0].buf, first);
+        if (first < h.size) std::memcpy(dst + first, vec[1].buf, h.size - first);
+        jack_ringbuffer_read_advance(ring, h.size);
+        last = off;
+    }
+}
+
+int JackBackend::Process(jack_nframes_t nframes, void* arg)
+{
+    auto* self = static_cast<JackBackend*>(arg);
+    jack_nframes_t curFrames;
+    jack_time_t curUs, nextUs;
+    float periodUs;
+    if (jack_get_cycle_times(self->m_client, &curFrames, &curUs, &nextUs, &periodUs) != 0 || nextUs <= curUs) {
+        curFrames = jack_last_frame_time(self->m_client);
+        curUs = jack_frames_to_time(self->m_client, curFrames);
+        nextUs = jack_frames_to_time(self->m_client, curFrames + nframes);
+    }
+    for (auto& s : self->m_outs) {
+        OutSlot* out = s.load(std::memory_order_acquire);
+        if (out == nullptr) continue;
+        void* buf = jack_port_get_buffer(out->port, nframes);
+        jack_midi_clear_buffer(buf);
+        jack_nframes_t last = 0;
+        Drain(out->now, buf, nframes, static_cast<int64_t>(curUs), static_cast<int64_t>(nextUs), last, false);
+        Drain(out->timed, buf, nframes, static_cast<int64_t>(curUs), static_cast<int64_t>(nextUs), last, true);
+    }
+    for (auto& s : self->m_ins) {
+        InSlot* in = s.load(std::memory_order_acquire);
+        if (in == nullptr) continue;
+        void* buf = jack_port_get_buffer(in->port, nframes);
+        const jack_nframes_t count = jack_midi_get_event_count(buf);
+        bool any = false;
+        for (jack_nframes_t i = 0; i < count; ++i) {
+            jack_midi_event_t ev;
+            if (jack_midi_event_get(&ev, buf, i) != 0) continue;
+            Header h{static_cast<int64_t>(jack_frames_to_time(self->m_client, curFrames + ev.time)),
+                     static_cast<uint32_t>(ev.size)};
+            if (jack_ringbuffer_write_space(in->ring) < sizeof h + ev.size) continue; // reader too slow: dropped
+            jack_ringbuffer_write(in->ring, reinterpret_cast<const char*>(&h), sizeof h);
+            jack_ringbuffer_write(in->ring, reinterpret_cast<const char*>(ev.buffer), ev.size);
+            any = true;
+        }
+        if (any) sem_post(&in->ready);
+    }
+    self->m_cycles.fetch_add(1, std::memory_order_release);
+    return 0;
+}
+
+class JackMidiOut final : public MidiOutPort {
+public:
+    JackMidiOut(JackBackend* b, OutSlot* slot, int index) : m_b(b), m_slot(slot), m_index(index) {}
+
+    ~JackMidiOut() override
+    {
+        m_b->m_outs[static_cast<size_t>(m_index)].store(nullptr, std::memory_order_release);
+        m_b->WaitCycles(2);
+        std::lock_guard<std::mutex> lock(m_b->m_mutex);
+        if (!m_b->Dead()) jack_port_unregister(m_b->Client(), m_slot->port);
+        jack_ringbuffer_free(m_slot->timed);
+        jack_ringbuffer_free(m_slot->now);
+        delete m_slot;
+    }
+
+    MMRESULT Send(const BYTE* pData, size_t cb, int64_t dueNs) override
+    {
+        if (pData == nullptr || cb == 0) return MMSYSERR_INVALPARAM;
+        if (m_b->Dead()) return MMSYSERR_NODRIVER;
+        const bool bTimed = dueNs > NowNs();
+        Header h{bTimed ? m_b->ToJackUs(dueNs) : 0, static_cast<uint32_t>(cb)};
+        jack_ringbuffer_t* ring = bTimed ? m_slot->timed : m_slot->now;
+        std::lock_guard<std::mutex> lock(m_slot->producers);
+        if (jack_ringbuffer_write_space(ring) < sizeof h + cb) return MMSYSERR_NOMEM;
+        jack_ringbuffer_write(ring, reinterpret_cast<const char*>(&h), sizeof h);
+        jack_ringbuffer_write(ring, reinterpret_cast<const char*>(pData), cb);
+        return MMSYSERR_NOERROR;
+    }
+
+    // Two periods: one for the cycle that writes it, one of margin for the stream thread.
+    int64_t LeadNs() const override { return 2 * m_b->PeriodNs() + 1'000'000; }
+
+    // The ring is read by the process callback alone; dropping waiting messages would race
+    // it, so they are let out (they were due within the lead time anyway).
+    void Cancel() override {}
+
+    bool Alive() const override { return !m_b->Dead(); }
+
+private:
+    JackBackend* m_b;
+    OutSlot* m_slot;
+    int m_index;
+};
+
+class JackMidiIn final : public MidiInPort {
+public:
+    JackMidiIn(JackBackend* b, InSlot* slot, int index) : m_b(b), m_slot(slot), m_index(index)
+    {
+        m_slot->thread = std::thread([this] { Run(); });
+    }
+
+    ~JackMidiIn() override
+    {
+        m_b->m_ins[static_cast<size_t>(m_index)].store(nullptr, std::memory_order_release);
+        m_b->WaitCycles(2);
+        m_slot->quit = true;
+        sem_post(&m_slot->ready);
+        m_slot->thread.join(); // the sink is called no more once the port is gone
+        std::lock_guard<std::mutex> lock(m_b->m_mutex);
+        if (!m_b->Dead()) jack_port_unregister(m_b->Client(), m_slot->port);
+        jack_ringbuffer_free(m_slot->ring);
+        sem_destroy(&m_slot->ready);
+        delete m_slot;
+    }
+
+private:
+    void Run()
+    {
+        MakeRealtimeThread("qx-jack-in");
+        std::vector<BYTE> data;
+        for (;;) {
+            while (sem_wait(&m_slot->ready) != 0) {
+            }
+            Header h;
+            while (jack_ringbuffer_read_space(m_slot->ring) >= sizeof h) {
+                jack_ringbuffer_peek(m_slot->ring, reinterpret_cast<char*>(&h), sizeof h);
+                if (jack_ringbuffer_read_space(m_slot->ring) < sizeof h + h.size) break;
+                jack_ringbuffer_read_advance(m_slot->ring, sizeof h);
+                data.resize(h.size);
+                jack_ringbuffer_read(m_slot->ring, reinterpret_cast<char*>(data.data()), h.size);
+                if (!m_slot->quit.load()) m_slot->sink->OnMidiData(data.data(), data.size(), m_b->ToSteadyNs(h.timeUs));
+            }
+            if (m_slot->quit.load()) return;
+        }
+    }
+
+    JackBackend* m_b;
+    InSlot* m_slot;
+    int m_index;
+};
+
+template <class Slot>
+int FreeIndex(std::array<std::atomic<Slot*>, kMaxPorts>& slots)
+{
+    for (int i = 0; i < kMaxPorts; ++i)
+        if (slots[static_cast<size_t>(i)].load() == nullptr) return i;
+    return -1;
+}
+
+MMRESULT JackBackend::OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!Available()) return MMSYSERR_NODRIVER;
+    if (n < 0 || static_cast<size_t>(n) >= m_outPeers.size()) return MMSYSERR_BADDEVICEID;
+    int index = FreeIndex(m_outs);
+    if (index < 0) return MMSYSERR_ALLOCATED;
+    auto* slot = new OutSlot;
+    const std::string name = "out_" + std::to_string(n) + "_" + std::to_string(index);
+    slot->port = jack_port_register(m_client, name.c_str(), JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
+    slot->timed = jack_ringbuffer_create(kRingBytes);
+    slot->now = jack_ringbuffer_create(kRingBytes);
+    if (slot->port == nullptr || slot->timed == nullptr || slot->now == nullptr ||
+        jack_connect(m_client, jack_port_name(slot->port), m_outPeers[static_cast<size_t>(n)].c_str()) != 0) {
+        if (slot->port != nullptr) jack_port_unregister(m_client, slot->port);
+        if (slot->timed != nullptr) jack_ringbuffer_free(slot->timed);
+        if (slot->now != nullptr) jack_ringbuffer_free(slot->now);
+        delete slot;
+        return MMSYSERR_ERROR;
+    }
+    jack_ringbuffer_mlock(slot->timed);
+    jack_ringbuffer_mlock(slot->now);
+    m_outs[static_cast<size_t>(index)].store(slot, std::memory_order_release);
+    port = std::make_unique<JackMidiOut>(this, slot, index);
+    return MMSYSERR_NOERROR;
+}
+
+MMRESULT JackBackend::OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port)
+{
+    if (pSink == nullptr) return MMSYSERR_INVALPARAM;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!Available()) return MMSYSERR_NODRIVER;
+    if (n < 0 || static_cast<size_t>(n) >= m_inPeers.size()) return MMSYSERR_BADDEVICEID;
+    int index = FreeIndex(m_ins);
+    if (index < 0) return MMSYSERR_ALLOCATED;
+    auto* slot = new InSlot;
+    sem_init(&slot->ready, 0, 0);
+    slot->sink = pSink;
+    const std::string name = "in_" + std::to_string(n) + "_" + std::to_string(index);
+    slot->port = jack_port_register(m_client, name.c_str(), JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
+    slot->ring = jack_ringbuffer_create(kRingBytes);
+    if (slot->port == nullptr || slot->ring == nullptr ||
+        jack_connect(m_client, m_inPeers[static_cast<size_t>(n)].c_str(), jack_port_name(slot->port)) != 0) {
+        if (slot->port != nullptr) jack_port_unregister(m_client, slot->port);
+        if (slot->ring != nullptr) jack_ringbuffer_free(slot->ring);
+        sem_destroy(&slot->ready);
+        delete slot;
+        return MMSYSERR_ERROR;
+    }
+    jack_ringbuffer_mlock(slot->ring);
+    m_ins[static_cast<size_t>(index)].store(slot, std::memory_order_release);
+    port = std::make_unique<JackMidiIn>(this, slot, index);
+    return MMSYSERR_NOERROR;
+}
+
+JackBackend* Instance()
+{
+    static JackBackend* s = new JackBackend; // reachable from JACK's threads until exit
+    return s;
+}
+
+} // namespace
+
+Backend* JackBackendIfAvailable()
+{
+    JackBackend* b = Instance();
+    return b->Available() ? b : nullptr;
+}
+
+Backend& JackBackendAlways()
+{
+    return *Instance();
+}
+
+int64_t JackToSteadyNs(int64_t jackUs)
+{
+    return Instance()->ToSteadyNs(jackUs);
+}
+
+} // namespace qxplat
