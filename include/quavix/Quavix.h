@@ -13,5 +13,6 @@
 #include <quavix/QXMidiIn.h>
 #include <quavix/QXMidiOut.h>
 #include <quavix/QXPlayerRegistry.h>
+#include <quavix/QXWaveFile.h>
 
 #endif // QUAVIX_QUAVIX_H

@@ -1,0 +1,149 @@
+// The RIFF WAVE file device: file names, the acceptance check and the questions that
+// can be asked about a file by name.
+#include <quavix/QXNotify.h>
+#include <quavix/QXWaveFile.h>
+
+#include "platform/QXMmio.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+DWORD_PTR NameValue(const char* pszFilename)
+{
+    return reinterpret_cast<DWORD_PTR>(pszFilename);
+}
+
+} // namespace
+
+CWaveFile::~CWaveFile()
+{
+    Close();
+}
+
+void CWaveFile::SetFilename(const char* pszFilename)
+{
+    m_strFilename.clear();
+    if (pszFilename != nullptr) m_strFilename = pszFilename;
+}
+
+long CWaveFile::GetDuration() const
+{
+    if (m_pFormat == nullptr || m_pFormat->nAvgBytesPerSec == 0) return 0; // no rate, no time
+    return static_cast<long>(m_lDataSize / static_cast<double>(m_pFormat->nAvgBytesPerSec) * 1000.0);
+}
+
+HMMIO CWaveFile::_OpenFile(const char* pszFilename, DWORD dwFlags)
+{
+    // Without MMIO_EXIST or MMIO_PARSE the name is only read.
+    return mmioOpenA(const_cast<LPSTR>(pszFilename), nullptr, dwFlags);
+}
+
+int CWaveFile::_CloseFile(const char* pszFilename, HMMIO hFile)
+{
+    const MMRESULT r = mmioClose(hFile, 0);
+    if (r != MMSYSERR_NOERROR) {
+        QXNotifyShared(QXN_FILE_CLOSE, r, NameValue(pszFilename));
+        return 0;
+    }
+    return 1;
+}
+
+int CWaveFile::_CheckFile(const char* pszFilename, HMMIO hFile, MMCKINFO& ckRiff, MMCKINFO& ckFmt, MMCKINFO& ckData,
+                          WAVEFORMATEX& format)
+{
+    const DWORD_PTR name = NameValue(pszFilename);
+    if (mmioSeek(hFile, 0, SEEK_SET) < 0) {
+        QXNotifyShared(QXN_FILE_SEEK, 0, name);
+        return 0;
+    }
+    ckRiff.fccType = mmioFOURCC('W', 'A', 'V', 'E');
+    MMRESULT r = mmioDescend(hFile, &ckRiff, nullptr, MMIO_FINDRIFF);
+    if (r != MMSYSERR_NOERROR) {
+        QXNotifyShared(QXN_FILE_DESCEND, r, name);
+        return 0;
+    }
+    const LONG lForm = static_cast<LONG>(ckRiff.dwDataOffset + 4); // first byte after the form type
+    if (mmioSeek(hFile, lForm, SEEK_SET) < 0) {
+        QXNotifyShared(QXN_FILE_SEEK, 0, name);
+        return 0;
+    }
+    ckFmt.ckid = mmioFOURCC('f', 'm', 't', ' ');
+    ckFmt.cksize = 0;
+    r = mmioDescend(hFile, &ckFmt, &ckRiff, MMIO_FINDCHUNK);
+    if (r != MMSYSERR_NOERROR) {
+        QXNotifyShared(QXN_FILE_DESCEND, r, name);
+        return 0;
+    }
+    // A short format chunk (plain PCM has 16 bytes) leaves the rest of the record zero.
+    std::memset(&format, 0, sizeof(format));
+    const LONG cb = static_cast<LONG>(std::min<DWORD>(ckFmt.cksize, sizeof(format)));
+    if (mmioRead(hFile, reinterpret_cast<char*>(&format), cb) != cb) {
+        QXNotifyShared(QXN_FILE_READ, 0, name);
+        return 0;
+    }
+    r = mmioAscend(hFile, &ckFmt, 0);
+    if (r != MMSYSERR_NOERROR) {
+        QXNotifyShared(QXN_FILE_ASCEND, r, name);
+        return 0;
+    }
+    if (mmioSeek(hFile, lForm, SEEK_SET) < 0) {
+        QXNotifyShared(QXN_FILE_SEEK, 0, name);
+        return 0;
+    }
+    ckData.ckid = mmioFOURCC('d', 'a', 't', 'a');
+    r = mmioDescend(hFile, &ckData, &ckRiff, MMIO_FINDCHUNK);
+    if (r != MMSYSERR_NOERROR) {
+        QXNotifyShared(QXN_FILE_DESCEND, r, name);
+        return 0;
+    }
+    return 1;
+}
+
+int CWaveFile::DevClose()
+{
+    // A close that failed has already let go of the file; nothing is left to close.
+    if (File() == nullptr) return 1;
+    const int r = _CloseFile(m_strFilename.c_str(), File());
+    m_hDevice = nullptr;
+    m_lFilePosition = 0;
+    return r;
+}
+
+int CWaveFile::FileExists(const char* pszFilename)
+{
+    if (pszFilename == nullptr) return 0;
+    // The service writes the fully qualified name back, so it gets a copy of its own.
+    char szPath[MAX_PATH] = "";
+    std::strncpy(szPath, pszFilename, MAX_PATH - 1);
+    return mmioOpenA(szPath, nullptr, MMIO_EXIST) != nullptr ? 1 : 0;
+}
+
+long CWaveFile::FileDuration(const char* pszFilename)
+{
+    HMMIO hFile = _OpenFile(pszFilename, MMIO_READ);
+    if (hFile == nullptr) return 0;
+    MMCKINFO ckRiff{}, ckFmt{}, ckData{};
+    WAVEFORMATEX format{};
+    long lDuration = 0;
+    if (_CheckFile(pszFilename, hFile, ckRiff, ckFmt, ckData, format)) {
+        // A rate of zero, or one too large to be signed, gives no time.
+        const LONG lBytesPerSec = static_cast<LONG>(format.nAvgBytesPerSec);
+        if (lBytesPerSec > 0) lDuration = static_cast<long>(ckData.cksize / static_cast<double>(lBytesPerSec) * 1000.0);
+    }
+    _CloseFile(pszFilename, hFile);
+    return lDuration;
+}
+
+int CWaveFile::FileFormat(const char* pszFilename, QX_DevFormat& format)
+{
+    HMMIO hFile = _OpenFile(pszFilename, MMIO_READ);
+    if (hFile == nullptr) return 0;
+    MMCKINFO ckRiff{}, ckFmt{}, ckData{};
+    WAVEFORMATEX found{};
+    const int ok = _CheckFile(pszFilename, hFile, ckRiff, ckFmt, ckData, found);
+    if (ok) std::memcpy(&format, &found, sizeof(format));
+    _CloseFile(pszFilename, hFile);
+    return ok;
+}

@@ -1,0 +1,149 @@
+// The wave file reader: sample bytes straight out of the file's own I/O buffer,
+// silence once they run out, and seeks by time, samples or bytes.
+#include <quavix/QXNotify.h>
+#include <quavix/QXWaveFile.h>
+
+#include "platform/QXMmio.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+namespace {
+
+constexpr LONG kMaxLong = 0x7FFFFFFF;
+// Past this any seek target is beyond every data chunk; products stop growing here
+// instead of wrapping round into a target that looks valid.
+constexpr uint64_t kFar = uint64_t{1} << 40;
+
+} // namespace
+
+CWaveFileRead::~CWaveFileRead() = default;
+
+int CWaveFileRead::DevOpen()
+{
+    delete m_pFormat;
+    m_pFormat = new (std::nothrow) QX_DevFormat{};
+    if (m_pFormat == nullptr) return 0;
+
+    const char* pszName = m_strFilename.c_str();
+    HMMIO hFile = _OpenFile(pszName, MMIO_READ | MMIO_ALLOCBUF);
+    if (hFile == nullptr) {
+        QXNotifyShared(QXN_FILE_OPENREAD, 0, reinterpret_cast<DWORD_PTR>(pszName));
+        return 0;
+    }
+    WAVEFORMATEX format{};
+    if (_CheckFile(pszName, hFile, m_ckRiff, m_ckFmt, m_ckData, format)) {
+        std::memcpy(m_pFormat, &format, sizeof(QX_DevFormat));
+        // A length no LONG offset reaches (streamed files write 0xFFFFFFFF) reads as
+        // "up to the end of the file".
+        m_lDataSize = m_ckData.cksize > DWORD(kMaxLong) ? kMaxLong : LONG(m_ckData.cksize);
+        m_lFilePosition = 0;
+        m_hDevice = hFile;
+        return 1;
+    }
+    _CloseFile(pszName, hFile);
+    delete m_pFormat;
+    m_pFormat = nullptr;
+    return 0;
+}
+
+int CWaveFileRead::Read(unsigned char* pBuffer, int nSize)
+{
+    if (!TestState(QX_STATE_OPEN)) return 0;
+    if (pBuffer == nullptr || nSize <= 0) return 0; // nothing to fill (a negative size is the caller's error)
+
+    const BYTE silence = m_pFormat != nullptr && m_pFormat->wBitsPerSample == 16 ? 0x00 : 0x80;
+    if (m_lFilePosition >= m_lDataSize) {
+        std::memset(pBuffer, silence, size_t(nSize));
+        return 0;
+    }
+    const DWORD_PTR name = reinterpret_cast<DWORD_PTR>(m_strFilename.c_str());
+    const LONG lWanted = std::min<LONG>(nSize, m_lDataSize - m_lFilePosition);
+    LONG lDone = 0;
+    MMIOINFO info;
+    while (lDone < lWanted) {
+        MMRESULT r = mmioGetInfo(File(), &info, 0);
+        if (r != MMSYSERR_NOERROR) {
+            QXNotifyShared(QXN_FILE_GETINFO, r, name);
+            return -1;
+        }
+        if (info.pchNext == info.pchEndRead) {
+            r = mmioAdvance(File(), &info, MMIO_READ);
+            if (r != MMSYSERR_NOERROR) {
+                QXNotifyShared(QXN_FILE_ADVANCE, r, name);
+                return -1;
+            }
+            if (info.pchNext == info.pchEndRead) return 0; // the file ends inside the data chunk
+        }
+        const LONG lAvail = LONG(info.pchEndRead - info.pchNext);
+        if (lAvail <= 0) break;
+        const LONG n = std::min(lAvail, lWanted - lDone);
+        std::memcpy(pBuffer + lDone, info.pchNext, size_t(n));
+        info.pchNext += n;
+        lDone += n;
+        r = mmioSetInfo(File(), &info, 0);
+        if (r != MMSYSERR_NOERROR) {
+            QXNotifyShared(QXN_FILE_SETINFO, r, name);
+            return -1;
+        }
+    }
+    if (lDone < nSize) std::memset(pBuffer + lDone, silence, size_t(nSize - lDone));
+    m_lFilePosition += lDone;
+    return lDone;
+}
+
+int CWaveFileRead::Seek(MMTIME* pTime, int nOrigin)
+{
+    if (TestState(QX_STATE_CLOSED)) return 0;
+
+    const DWORD_PTR name = reinterpret_cast<DWORD_PTR>(m_strFilename.c_str());
+    const int64_t lStart = m_ckData.dwDataOffset;
+    const int64_t lEnd = lStart + m_ckData.cksize;
+    // A refused seek leaves the position at 0, and the read point goes with it, so
+    // that the two keep agreeing.
+    auto refuse = [&] {
+        QXNotifyShared(QXN_FILE_SEEK, 0, name);
+        m_lFilePosition = 0;
+        mmioSeek(File(), LONG(std::min<int64_t>(lStart, kMaxLong)), SEEK_SET);
+        return 0;
+    };
+
+    // 64-bit arithmetic: long millisecond times and sample counts must not wrap.
+    int64_t target = nOrigin == 0 ? lStart : nOrigin == 2 ? lEnd : 0;
+    const uint64_t nRate = m_pFormat != nullptr ? m_pFormat->nSamplesPerSec : 0;
+    const uint64_t nAlign = m_pFormat != nullptr ? m_pFormat->nBlockAlign : 0;
+    if (pTime != nullptr) {
+        switch (pTime->wType) {
+        case TIME_MS: {
+            const uint64_t frames = uint64_t(pTime->u.ms) * nRate / 1000; // whole frames
+            target += int64_t(frames > kFar ? kFar : frames * nAlign);
+            break;
+        }
+        case TIME_SAMPLES:
+            target += int64_t(uint64_t(pTime->u.sample) * nAlign);
+            break;
+        case TIME_BYTES:
+            target += pTime->u.cb;
+            break;
+        default:
+            break;
+        }
+    }
+    // With origin 1 the offset alone is compared, not where it leads.
+    if (target >= lEnd || target > kMaxLong) return refuse();
+    const LONG lNew = mmioSeek(File(), LONG(target), nOrigin);
+    if (lNew < 0) return refuse();
+
+    // The position counts the sample bytes before the read point, as opening sets it.
+    int64_t pos = int64_t(lNew) - lStart;
+    if (pos < 0) return refuse();
+    if (pos > m_lDataSize) {
+        // A relative seek past the end of the data stops at its end.
+        if (mmioSeek(File(), LONG(lStart + m_lDataSize), SEEK_SET) < 0) return refuse();
+        pos = m_lDataSize;
+    }
+    m_lFilePosition = LONG(pos);
+    return 1;
+}

@@ -1,0 +1,232 @@
+#include "platform/QXMmio.h"
+
+#include "unit/wavefile/WaveTestUtil.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+using namespace wavetest;
+
+namespace {
+
+class Mmio : public ScratchTest {
+protected:
+    HMMIO Open(const std::string& path, DWORD flags, UINT* pError = nullptr)
+    {
+        MMIOINFO info{};
+        HMMIO h = mmioOpenA(const_cast<char*>(path.c_str()), &info, flags);
+        if (pError != nullptr) *pError = info.wErrorRet;
+        return h;
+    }
+    UINT OpenError(const std::string& path, DWORD flags)
+    {
+        UINT err = 0;
+        EXPECT_EQ(Open(path, flags, &err), nullptr) << path;
+        return err;
+    }
+};
+
+std::string ReadN(HMMIO h, LONG n)
+{
+    std::string s(size_t(n), '\0');
+    s.resize(size_t(std::max(mmioRead(h, s.data(), n), 0)));
+    return s;
+}
+
+MMCKINFO Ck(const char (&id)[5], const char (&type)[5] = "\0\0\0\0")
+{
+    return {mmioFOURCC(id[0], id[1], id[2], id[3]), 0, mmioFOURCC(type[0], type[1], type[2], type[3]), 0, 0};
+}
+
+} // namespace
+
+TEST_F(Mmio, OpenSaysWhyItFailedAndOffsetsStopAt2GiB)
+{
+    const std::string file = Make("f.bin", "x");
+    ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
+    const int fd = open(Path("big").c_str(), O_CREAT | O_WRONLY, 0600);
+    ASSERT_EQ(ftruncate(fd, 0x80000000LL), 0);
+    const size_t fds = OpenFdCount();
+    EXPECT_EQ(OpenError(Path("missing"), MMIO_READ), UINT(MMIOERR_FILENOTFOUND));
+    EXPECT_EQ(OpenError(Path("no/dir"), MMIO_READ), UINT(MMIOERR_PATHNOTFOUND));
+    EXPECT_EQ(OpenError(Path("no/x"), MMIO_CREATE | MMIO_WRITE), UINT(MMIOERR_PATHNOTFOUND));
+    EXPECT_EQ(OpenError(file + "/x", MMIO_READ), UINT(MMIOERR_PATHNOTFOUND));
+    EXPECT_EQ(OpenError(m_dir, MMIO_READ), UINT(MMIOERR_ACCESSDENIED));
+    EXPECT_EQ(OpenError(m_dir, MMIO_CREATE | MMIO_WRITE), UINT(MMIOERR_ACCESSDENIED));
+    EXPECT_EQ(OpenError(Path("fifo"), MMIO_READ), UINT(MMIOERR_CANNOTOPEN)); // and no hang
+    EXPECT_EQ(OpenError(Path("big"), MMIO_READ), UINT(MMIOERR_INVALIDFILE));
+    EXPECT_EQ(OpenError(file, 3), UINT(MMSYSERR_INVALFLAG));
+    EXPECT_EQ(OpenFdCount(), fds);
+
+    ASSERT_EQ(ftruncate(fd, 0x7FFFFFFF), 0); // one byte less is fine
+    close(fd);
+    HMMIO h = Open(Path("big"), MMIO_READWRITE | MMIO_ALLOCBUF);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(mmioSeek(h, 0, SEEK_END), 0x7FFFFFFF);
+    EXPECT_EQ(mmioWrite(h, "x", 1), -1);
+    EXPECT_EQ(mmioSeek(h, 1, SEEK_CUR), -1);
+    EXPECT_EQ(mmioSeek(h, -2, SEEK_END), 0x7FFFFFFD);
+    EXPECT_EQ(mmioWrite(h, "abc", 3), -1);
+    EXPECT_EQ(mmioWrite(h, "ab", 2), 2);
+    EXPECT_EQ(mmioClose(h, 0), 0u);
+}
+
+TEST_F(Mmio, BufferedAndUnbufferedAccessAgree)
+{
+    const std::string data = Pattern(50000);
+    std::string expect = data;
+    expect.replace(100, 4, "OVER");
+    for (DWORD buffering : {0u, DWORD(MMIO_ALLOCBUF)}) {
+        const std::string path = Path("rw.bin");
+        HMMIO h = Open(path, MMIO_CREATE | MMIO_READWRITE | buffering);
+        for (size_t at = 0, n = 1; at < data.size(); at += n, n = n * 3 % 9001 + 1) {
+            const LONG len = LONG(std::min(n, data.size() - at));
+            ASSERT_EQ(mmioWrite(h, data.data() + at, len), len);
+        }
+        EXPECT_EQ(mmioSeek(h, 0, SEEK_END), 50000); // counts what is still buffered
+        EXPECT_EQ(mmioSeek(h, 100, SEEK_SET), 100);
+        EXPECT_EQ(mmioWrite(h, "OVER", 4), 4);
+        EXPECT_EQ(mmioSeek(h, -8, SEEK_CUR), 96);
+        EXPECT_EQ(ReadN(h, 12), expect.substr(96, 12));
+        EXPECT_EQ(mmioSeek(h, 49990, SEEK_SET), 49990);
+        EXPECT_EQ(ReadN(h, 100), data.substr(49990));
+        EXPECT_EQ(mmioSeek(h, -1, SEEK_SET), -1);
+        EXPECT_EQ(mmioClose(h, 0), 0u);
+        EXPECT_TRUE(Slurp(path) == expect) << buffering;
+
+        h = Open(path, MMIO_READ | buffering);
+        EXPECT_EQ(mmioWrite(h, "x", 1), -1);
+        std::string back;
+        for (LONG n = 1; back.size() < data.size(); n = n * 7 % 20000 + 1) back += ReadN(h, n);
+        EXPECT_TRUE(back == expect) << buffering;
+        mmioClose(h, 0);
+        h = Open(path, MMIO_WRITE | buffering);
+        EXPECT_EQ(mmioRead(h, back.data(), 1), -1);
+        mmioClose(h, 0);
+    }
+}
+
+TEST_F(Mmio, DescendSearchesInsideTheParentAndSkipsPadBytes)
+{
+    const std::string riff =
+        Riff(Chunk("LIST", "INFO" + Chunk("ICMT", "odd")) + Chunk("fmt ", "12345") + Chunk("data", "abc"));
+    const std::string path =
+        Make("d.wav", Chunk("JUNK", "j") + riff + Chunk("tail", "outside") + "huge" + Le32(0xFFFFFFF0u));
+    for (DWORD buffering : {0u, DWORD(MMIO_ALLOCBUF)}) {
+        HMMIO h = Open(path, MMIO_READ | buffering);
+        MMCKINFO wave = Ck("RIFF", "WAVE"), info = Ck("LIST", "INFO"), here{}, data = Ck("data");
+        ASSERT_EQ(mmioDescend(h, &wave, nullptr, MMIO_FINDRIFF), 0u);
+        EXPECT_EQ(wave.dwDataOffset, 18u); // past "JUNK", its odd byte and its pad
+        EXPECT_EQ(mmioSeek(h, 0, SEEK_CUR), 22);
+        ASSERT_EQ(mmioDescend(h, &info, &wave, MMIO_FINDLIST), 0u);
+        ASSERT_EQ(mmioDescend(h, &here, &info, 0), 0u); // the chunk right here
+        EXPECT_EQ(here.ckid, mmioFOURCC('I', 'C', 'M', 'T'));
+        EXPECT_EQ(ReadN(h, 3), "odd");
+        ASSERT_EQ(mmioAscend(h, &here, 0), 0u);
+        ASSERT_EQ(mmioAscend(h, &info, 0), 0u);
+        ASSERT_EQ(mmioDescend(h, &data, &wave, MMIO_FINDCHUNK), 0u);
+        EXPECT_EQ(ReadN(h, 3), "abc");
+        ASSERT_EQ(mmioAscend(h, &data, 0), 0u);
+        EXPECT_EQ(mmioSeek(h, 0, SEEK_CUR), LONG(10 + riff.size())); // past the pad: the form's end
+
+        // Not in the parent, though the file goes on with one; without a parent the
+        // search runs on, until a header whose size leads past 2 GiB.
+        MMCKINFO tail = Ck("tail"), none = Ck("none"), avi = Ck("RIFF", "AVI ");
+        mmioSeek(h, LONG(wave.dwDataOffset + 4), SEEK_SET);
+        EXPECT_EQ(mmioDescend(h, &tail, &wave, MMIO_FINDCHUNK), UINT(MMIOERR_CHUNKNOTFOUND));
+        mmioSeek(h, 0, SEEK_SET);
+        EXPECT_EQ(mmioDescend(h, &tail, nullptr, MMIO_FINDCHUNK), 0u);
+        ASSERT_EQ(mmioAscend(h, &tail, 0), 0u);
+        EXPECT_EQ(mmioDescend(h, &none, nullptr, MMIO_FINDCHUNK), UINT(MMIOERR_CHUNKNOTFOUND));
+        mmioSeek(h, 0, SEEK_SET);
+        EXPECT_EQ(mmioDescend(h, &avi, nullptr, MMIO_FINDRIFF), UINT(MMIOERR_CHUNKNOTFOUND));
+        mmioClose(h, 0);
+    }
+}
+
+TEST_F(Mmio, CreateChunkAndAscendWriteTheTrueSizes)
+{
+    const std::string path = Path("c.wav");
+    HMMIO h = Open(path, MMIO_CREATE | MMIO_WRITE | MMIO_ALLOCBUF);
+    MMCKINFO form = Ck("????", "TEST"), list = Ck("????", "INFO"), odd = Ck("abcd"), guess = Ck("efgh");
+    ASSERT_EQ(mmioCreateChunk(h, &form, MMIO_CREATERIFF), 0u);
+    ASSERT_EQ(mmioCreateChunk(h, &list, MMIO_CREATELIST), 0u);
+    ASSERT_EQ(mmioCreateChunk(h, &odd, 0), 0u);
+    mmioWrite(h, "xyz", 3);
+    ASSERT_EQ(mmioAscend(h, &odd, 0), 0u);
+    EXPECT_EQ(odd.cksize, 3u);
+    ASSERT_EQ(mmioAscend(h, &list, 0), 0u);
+    guess.cksize = 100; // a wrong guess is corrected
+    ASSERT_EQ(mmioCreateChunk(h, &guess, 0), 0u);
+    mmioWrite(h, "1234", 4);
+    ASSERT_EQ(mmioAscend(h, &guess, 0), 0u);
+    ASSERT_EQ(mmioAscend(h, &form, 0), 0u);
+    ASSERT_EQ(mmioClose(h, 0), 0u);
+    EXPECT_EQ(Slurp(path), Riff(Chunk("LIST", "INFO" + Chunk("abcd", "xyz")) + Chunk("efgh", "1234"), "TEST"));
+
+    h = Open(path, MMIO_READ);
+    EXPECT_EQ(mmioCreateChunk(h, &odd, 0), UINT(MMIOERR_CANNOTWRITE));
+    mmioClose(h, 0);
+}
+
+TEST_F(Mmio, DirectBufferAccessAndBufferChanges)
+{
+    const std::string data = Pattern(1000), path = Path("direct.bin");
+    HMMIO h = Open(path, MMIO_CREATE | MMIO_WRITE | MMIO_ALLOCBUF);
+    ASSERT_EQ(mmioSetBuffer(h, nullptr, 64, 0), 0u);
+    MMIOINFO info;
+    ASSERT_EQ(mmioGetInfo(h, &info, 0), 0u);
+    EXPECT_EQ(info.cchBuffer, 64);
+    for (char c : data) {
+        if (info.pchNext == info.pchEndWrite) {
+            info.dwFlags |= MMIO_DIRTY;
+            ASSERT_EQ(mmioAdvance(h, &info, MMIO_WRITE), 0u);
+        }
+        *info.pchNext++ = c;
+    }
+    info.dwFlags |= MMIO_DIRTY;
+    ASSERT_EQ(mmioSetInfo(h, &info, 0), 0u);
+    ASSERT_EQ(mmioSetBuffer(h, nullptr, 0, 0), 0u); // flushes, then unbuffered
+    EXPECT_EQ(Slurp(path), data);
+    mmioWrite(h, "ab", 2);
+    EXPECT_EQ(Slurp(path), data + "ab");
+    ASSERT_EQ(mmioClose(h, 0), 0u);
+
+    // The documented reading loop; a pointer outside the buffer is refused.
+    h = Open(path, MMIO_READ | MMIO_ALLOCBUF);
+    mmioSeek(h, 10, SEEK_SET);
+    ASSERT_EQ(mmioGetInfo(h, &info, 0), 0u);
+    std::string back;
+    for (;;) {
+        if (info.pchNext == info.pchEndRead) {
+            ASSERT_EQ(mmioAdvance(h, &info, MMIO_READ), 0u);
+            if (info.pchNext == info.pchEndRead) break;
+        }
+        back += *info.pchNext++;
+    }
+    EXPECT_EQ(back, (data + "ab").substr(10));
+    MMIOINFO wild = info;
+    wild.pchNext = info.pchBuffer + info.cchBuffer + 1;
+    EXPECT_EQ(mmioSetInfo(h, &wild, 0), UINT(MMSYSERR_INVALPARAM));
+    EXPECT_EQ(mmioAdvance(h, &info, MMIO_WRITE), UINT(MMIOERR_CANNOTWRITE));
+    char mine[4];
+    ASSERT_EQ(mmioSetBuffer(h, mine, sizeof(mine), 0), 0u);
+    EXPECT_EQ(mmioSeek(h, 995, SEEK_SET), 995);
+    EXPECT_EQ(ReadN(h, 10), data.substr(995) + "ab");
+    ASSERT_EQ(mmioSetBuffer(h, nullptr, 0, 0), 0u);
+    EXPECT_EQ(mmioAdvance(h, nullptr, MMIO_READ), UINT(MMIOERR_UNBUFFERED));
+
+    // A failed close still lets go; then the handle is unknown, like any made-up one.
+    QXFaultInject("mmioClose", MMIOERR_CANNOTCLOSE);
+    EXPECT_EQ(mmioClose(h, 0), UINT(MMIOERR_CANNOTCLOSE));
+    MMCKINFO ck{};
+    for (HMMIO bad : {h, HMMIO(nullptr), reinterpret_cast<HMMIO>(uintptr_t{1})}) {
+        EXPECT_EQ(mmioClose(bad, 0), UINT(MMSYSERR_INVALHANDLE));
+        EXPECT_EQ(mmioRead(bad, mine, 1), -1);
+        EXPECT_EQ(mmioDescend(bad, &ck, nullptr, 0), UINT(MMSYSERR_INVALHANDLE));
+        EXPECT_EQ(mmioGetInfo(bad, &info, 0), UINT(MMSYSERR_INVALHANDLE));
+    }
+}

@@ -1,0 +1,133 @@
+// Scratch folders, byte builders for RIFF files and a collector of notifications,
+// shared by the RIFF file tests.
+#ifndef QUAVIX_TESTS_WAVETESTUTIL_H
+#define QUAVIX_TESTS_WAVETESTUTIL_H
+
+#include <quavix/QXNotify.h>
+
+#include "platform/QXFaults.h"
+#include "platform/QXMmio.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace wavetest {
+
+inline std::string Le16(unsigned v) { return {char(v & 0xFF), char((v >> 8) & 0xFF)}; }
+inline std::string Le32(DWORD v) { return Le16(v & 0xFFFF) + Le16(v >> 16); }
+
+// A chunk with its pad byte; the size field can be made to lie.
+inline std::string Chunk(const std::string& id, const std::string& data, long long claimed = -1)
+{
+    return id + Le32(DWORD(claimed < 0 ? data.size() : claimed)) + data + std::string(data.size() & 1, '\0');
+}
+
+// A format chunk of the given length (16 is plain PCM); bytes past the 18th are 0x7F.
+inline std::string Fmt(WORD channels, DWORD rate, WORD bits, size_t length = 16)
+{
+    const WORD align = WORD(channels * bits / 8);
+    std::string s = Le16(WAVE_FORMAT_PCM) + Le16(channels) + Le32(rate) + Le32(rate * align) + Le16(align) +
+                    Le16(bits) + Le16(0);
+    s.resize(std::max<size_t>(length, 18), '\x7F');
+    return Chunk("fmt ", s.substr(0, length));
+}
+
+inline std::string Riff(const std::string& chunks, const std::string& form = "WAVE")
+{
+    return "RIFF" + Le32(DWORD(4 + chunks.size())) + form + chunks;
+}
+
+inline std::string Pattern(size_t n, unsigned seed = 7)
+{
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i) s[i] = char((i * 31 + seed + (i >> 8)) & 0xFF);
+    return s;
+}
+
+inline std::string Slurp(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+inline size_t OpenFdCount()
+{
+    size_t n = 0;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (readdir(d) != nullptr) ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+// A fresh folder per test; at the end no fault may stay armed and no file open.
+class ScratchTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/qx-wave-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        m_dir = tmpl;
+    }
+    void TearDown() override
+    {
+        QXFaultClear();
+        std::filesystem::remove_all(m_dir);
+        EXPECT_EQ(qxplat::LiveMmioCount(), 0u);
+    }
+    std::string Path(const std::string& name) const { return m_dir + "/" + name; }
+    std::string Make(const std::string& name, const std::string& bytes) const
+    {
+        std::ofstream(Path(name), std::ios::binary | std::ios::trunc) << bytes;
+        return Path(name);
+    }
+
+    std::string m_dir;
+};
+
+// What devices report while it lives: (code, value) pairs and the file names.
+class Reports {
+public:
+    Reports()
+    {
+        s_pActive = this;
+        QXGetSharedNotify()->SetNotificationCallback(&Reports::Proc, 0);
+    }
+    ~Reports()
+    {
+        QXGetSharedNotify()->SetNotificationCallback(nullptr, 0);
+        s_pActive = nullptr;
+    }
+    std::vector<std::string> Names() const { return m_names; } // since the last Take
+    std::vector<std::pair<DWORD, DWORD>> Take()
+    {
+        m_names.clear();
+        return std::exchange(m_reports, {});
+    }
+
+private:
+    // Files report from the thread that uses them: the test's own.
+    static void Proc(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
+    {
+        s_pActive->m_reports.emplace_back(dwCode, dwValue);
+        s_pActive->m_names.emplace_back(dwDevice != 0 ? reinterpret_cast<const char*>(dwDevice) : "");
+    }
+
+    static inline Reports* s_pActive = nullptr;
+    std::vector<std::pair<DWORD, DWORD>> m_reports;
+    std::vector<std::string> m_names;
+};
+
+using Got = std::vector<std::pair<DWORD, DWORD>>;
+
+} // namespace wavetest
+
+#endif // QUAVIX_TESTS_WAVETESTUTIL_H

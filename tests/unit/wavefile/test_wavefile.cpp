@@ -1,0 +1,431 @@
+#include <quavix/QXWaveFile.h>
+
+#include "WaveTestUtil.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+using namespace wavetest;
+
+namespace {
+
+MMTIME Time(UINT type, DWORD value)
+{
+    MMTIME t{};
+    t.wType = type;
+    t.u.ms = value;
+    return t;
+}
+
+// Takes an lvalue: the header points into the string.
+WAVEHDR Header(std::string& bytes)
+{
+    WAVEHDR h{};
+    h.lpData = bytes.data();
+    h.dwBytesRecorded = DWORD(bytes.size());
+    return h;
+}
+
+std::string Read(CWaveFileRead& r, int size, int* pResult = nullptr)
+{
+    std::string buf(size_t(size > 0 ? size : 0), '#');
+    const int n = r.Read(reinterpret_cast<unsigned char*>(buf.data()), size);
+    if (pResult != nullptr) *pResult = n;
+    return buf;
+}
+
+std::string ReadAll(CWaveFileRead& r, int piece)
+{
+    std::string out;
+    for (int n = 1; n > 0;) out += Read(r, piece, &n).substr(0, size_t(std::max(n, 0)));
+    return out;
+}
+
+class WaveFile : public ScratchTest {
+protected:
+    void OpenReader(CWaveFileRead& r, const std::string& bytes, const char* name = "in.wav")
+    {
+        r.SetFilename(Make(name, bytes).c_str());
+        ASSERT_EQ(r.Open(0), 1);
+    }
+};
+
+} // namespace
+
+TEST_F(WaveFile, AcceptsChunksInAnyOrderAmongOthers)
+{
+    const std::string data = Pattern(1001), fmt = Fmt(2, 8000, 8);
+    const std::string list = Chunk("LIST", "INFO" + Chunk("ICMT", "odd"));
+    for (const std::string& file : {Riff(Chunk("data", data) + list + fmt),
+                                    Riff(Chunk("JUNK", "x") + fmt + list + Chunk("fact", "1234") + Chunk("data", data)),
+                                    Riff(fmt + Riff(fmt + Chunk("data", "nested")) + Chunk("data", data)),
+                                    Chunk("JUNK", "abc") + Riff(fmt + Chunk("data", data)) + "trailing garbage"}) {
+        Reports reports;
+        const std::string path = Make("ok.wav", file);
+        QX_DevFormat f{};
+        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1);
+        EXPECT_EQ(f.nAvgBytesPerSec, 16000u);
+        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 62); // 1001 / 16000 s
+        CWaveFileRead r;
+        OpenReader(r, file);
+        EXPECT_EQ(r.GetDataSize(), 1001);
+        EXPECT_EQ(ReadAll(r, 256), data);
+        EXPECT_TRUE(reports.Take().empty());
+    }
+}
+
+TEST_F(WaveFile, FormatChunksOfAnyLengthFillTheWholeRecord)
+{
+    for (auto [length, bits] : {std::pair{16, 16}, {40, 16}, {14, 0}, {0, 0}}) {
+        const std::string path = Make("f.wav", Riff(Fmt(1, 22050, 16, size_t(length)) + Chunk("data", "dd")));
+        QX_DevFormat f;
+        std::memset(&f, 0xEE, sizeof(f));
+        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1) << length;
+        EXPECT_EQ(f.wBitsPerSample, bits) << length;
+        EXPECT_EQ(f.cbSize, 0) << length; // never the bytes after a short chunk, nor past the 18th
+    }
+}
+
+TEST_F(WaveFile, DurationsTruncateAndRatesWithoutTimeGiveZero)
+{
+    auto file = [&](DWORD bytes, DWORD rate, DWORD claimed) {
+        std::string fmt = Fmt(1, 8000, 8);
+        fmt.replace(16, 4, Le32(rate));
+        return Make("d.wav", Riff(fmt + Chunk("data", std::string(bytes, '\x80'), claimed)));
+    };
+    EXPECT_EQ(CWaveFile::FileDuration(file(176400, 176400, 176400).c_str()), 1000);
+    EXPECT_EQ(CWaveFile::FileDuration(file(1, 3, 1).c_str()), 333);
+    EXPECT_EQ(CWaveFile::FileDuration(file(10, 0, 10).c_str()), 0);
+    EXPECT_EQ(CWaveFile::FileDuration(file(10, 0x80000000u, 10).c_str()), 0);
+    EXPECT_EQ(CWaveFile::FileDuration(file(0, 8000, 0xFFFFFFFFu).c_str()), 536870911); // the claim counts
+
+    CWaveFileRead r;
+    EXPECT_EQ(r.GetDuration(), 0); // no format yet
+    OpenReader(r, Riff(Fmt(2, 44100, 16) + Chunk("data", std::string(1500, '\0'))));
+    EXPECT_EQ(r.GetDuration(), 8);
+}
+
+TEST_F(WaveFile, WhatIsNotWaveIsRefusedWithTheReason)
+{
+    const std::string fmt = Fmt(1, 8000, 8);
+    const struct {
+        std::string bytes;
+        DWORD code, value;
+    } cases[] = {
+        {Riff(fmt + Chunk("LIST", "INFO")), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND}, // no data
+        {Riff(Chunk("data", "xx")), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},         // no format
+        {"plain words, no chunks", QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},
+        {Riff(fmt + Chunk("data", "xx"), "AVI "), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},
+        {"", QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},
+        {"RIFF" + Le32(4) + "WAVE" + fmt + Chunk("data", "xx"), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND}, // outside
+        {Riff("fmt " + Le32(16) + "abc"), QXN_FILE_READ, 0},                                              // cut short
+    };
+    for (const auto& c : cases) {
+        const std::string path = Make("bad.wav", c.bytes);
+        Reports reports;
+        QX_DevFormat f;
+        std::memset(&f, 0xEE, sizeof(f));
+        EXPECT_EQ(CWaveFile::FileFormat(path.c_str(), f), 0);
+        EXPECT_EQ(f.nChannels, 0xEEEE);
+        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 0);
+        reports.Take();
+        CWaveFileRead r;
+        r.SetFilename(path.c_str());
+        EXPECT_EQ(r.Open(0), 0);
+        EXPECT_EQ(r.GetFormat(), nullptr);
+        EXPECT_EQ(reports.Names(), std::vector<std::string>{path});
+        EXPECT_EQ(reports.Take(), (Got{{c.code, c.value}})) << c.bytes;
+    }
+}
+
+TEST_F(WaveFile, BadPathsAreReportedAndLeaveNothingOpen)
+{
+    const std::string wave = Make("ok.wav", Riff(Fmt(1, 8000, 8) + Chunk("data", "abc")));
+    const std::string text = Make("text.wav", "hello");
+    const size_t fds = OpenFdCount();
+    Reports reports;
+    for (int round = 0; round < 3; ++round) {
+        // /proc/self/mem opens but cannot be read at its start, even by root.
+        for (const std::string& path :
+             {Path("missing.wav"), m_dir, Path("no/x.wav"), wave + "/x.wav", text, std::string("/proc/self/mem")}) {
+            EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 0);
+            QX_DevFormat f{};
+            EXPECT_EQ(CWaveFile::FileFormat(path.c_str(), f), 0);
+            reports.Take();
+            CWaveFileRead r;
+            r.SetFilename(path.c_str());
+            EXPECT_EQ(r.Open(0), 0);
+            const DWORD code = path == text || path == "/proc/self/mem" ? QXN_FILE_DESCEND : QXN_FILE_OPENREAD;
+            EXPECT_EQ(reports.Take().at(0).first, code) << path;
+        }
+        for (const std::string& path : {m_dir, Path("no/x.wav"), std::string("/sys/qx-unwritable.wav")}) {
+            CWaveFileWrite w;
+            w.SetFilename(path.c_str());
+            EXPECT_EQ(w.Open(0), 0);
+            EXPECT_EQ(w.GetState(), QX_STATE_CLOSED);
+            EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_OPENWRITE, 0}})) << path;
+        }
+    }
+    if (geteuid() != 0) { // permissions do not bind root
+        chmod(wave.c_str(), 0);
+        CWaveFileRead r;
+        r.SetFilename(wave.c_str());
+        EXPECT_EQ(r.Open(0), 0);
+        EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_OPENREAD, 0}}));
+    }
+    EXPECT_EQ(OpenFdCount(), fds);
+
+    EXPECT_EQ(CWaveFile::FileExists(nullptr), 0);
+    EXPECT_EQ(CWaveFile::FileExists(Path("missing.wav").c_str()), 0);
+    EXPECT_EQ(CWaveFile::FileExists(m_dir.c_str()), 0);
+    EXPECT_EQ(CWaveFile::FileExists((m_dir + "/./nowhere/../ok.wav").c_str()), 1); // qualified by its text
+    EXPECT_TRUE(reports.Take().empty());
+}
+
+TEST_F(WaveFile, ReadPadsWithTheSilenceOfTheFormat)
+{
+    for (auto [bits, silence] : {std::pair{8, '\x80'}, {16, '\0'}, {24, '\x80'}}) {
+        const std::string data = Pattern(600);
+        CWaveFileRead r;
+        OpenReader(r, Riff(Fmt(1, 8000, WORD(bits)) + Chunk("data", data)));
+        int n = 0;
+        EXPECT_EQ(Read(r, 1000, &n), data + std::string(400, silence));
+        EXPECT_EQ(n, 600);
+        EXPECT_EQ(Read(r, 1000, &n), std::string(1000, silence));
+        EXPECT_EQ(n, 0);
+        std::string untouched = "####";
+        EXPECT_EQ(r.Read(reinterpret_cast<unsigned char*>(untouched.data()), 0), 0);
+        EXPECT_EQ(r.Read(reinterpret_cast<unsigned char*>(untouched.data()), -5), 0);
+        r.Close();
+        EXPECT_EQ(r.GetFilePosition(), 0);
+        EXPECT_EQ(r.Read(reinterpret_cast<unsigned char*>(untouched.data()), 4), 0);
+        EXPECT_EQ(untouched, "####");
+    }
+}
+
+TEST_F(WaveFile, ReadsEveryByteWhateverThePieceOrTheClaim)
+{
+    const std::string data = Pattern(100003), fmt = Fmt(1, 8000, 8);
+    for (int piece : {1, 777, 8192, 200000}) {
+        CWaveFileRead r;
+        OpenReader(r, Riff(fmt + Chunk("LIST", "INFO") + Chunk("data", data)));
+        EXPECT_TRUE(ReadAll(r, piece) == data) << piece;
+        EXPECT_EQ(r.GetFilePosition(), 100003);
+    }
+    Reports reports;
+    CWaveFileRead r;
+    // The file ends inside the data: Read says 0 and keeps the position.
+    OpenReader(r, Riff(fmt + "data" + Le32(1000) + Pattern(600)));
+    int n = 1;
+    EXPECT_EQ(Read(r, 1000, &n).substr(0, 600), Pattern(600));
+    EXPECT_EQ(n, 0);
+    EXPECT_EQ(r.GetFilePosition(), 0);
+    r.Close();
+    // A streamed file's unknown length reads up to the end of the file.
+    OpenReader(r, Riff(fmt + "data" + Le32(0xFFFFFFFFu) + Pattern(5000)));
+    EXPECT_EQ(r.GetDataSize(), 0x7FFFFFFF);
+    EXPECT_EQ(ReadAll(r, 1000), Pattern(5000));
+    EXPECT_TRUE(reports.Take().empty());
+}
+
+TEST_F(WaveFile, SeekByTimeSamplesAndBytes)
+{
+    const std::string data = Pattern(2 * 176400 + 10); // 44.1 kHz stereo 16-bit: frames of 4
+    CWaveFileRead r;
+    OpenReader(r, Riff(Fmt(2, 44100, 16) + Chunk("data", data)));
+    Reports reports;
+    auto seek = [&](UINT type, DWORD value, int origin) {
+        MMTIME t = Time(type, value);
+        return r.Seek(&t, origin);
+    };
+    ASSERT_EQ(seek(TIME_MS, 1500, 0), 1);
+    EXPECT_EQ(r.GetFilePosition(), 264600);
+    EXPECT_EQ(Read(r, 4), data.substr(264600, 4));
+    ASSERT_EQ(seek(TIME_SAMPLES, 10, 0), 1);
+    EXPECT_EQ(Read(r, 4), data.substr(40, 4));
+    ASSERT_EQ(seek(TIME_BYTES, 7, 1), 1); // from the read point
+    EXPECT_EQ(r.GetFilePosition(), 51);
+    EXPECT_EQ(Read(r, 4), data.substr(51, 4));
+    ASSERT_EQ(seek(TIME_SMPTE, 12345, 0), 1);
+    EXPECT_EQ(r.GetFilePosition(), 0);
+    EXPECT_TRUE(reports.Take().empty());
+
+    // Refused: the end origin, the end itself, a far time, an unknown origin. The read
+    // point goes back to the start with the position.
+    for (auto [type, value, origin] : {std::tuple{TIME_BYTES, 0u, 2}, {TIME_BYTES, DWORD(data.size()), 0},
+                                       {TIME_MS, 0xFFFFFFFFu, 0}, {TIME_BYTES, 0u, 9}}) {
+        seek(TIME_BYTES, 100, 0);
+        EXPECT_EQ(seek(type, value, origin), 0);
+        EXPECT_EQ(r.GetFilePosition(), 0);
+        EXPECT_EQ(Read(r, 4), data.substr(0, 4));
+        EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_SEEK, 0}}));
+    }
+    // A relative offset inside the data that leads past its end stops at the end.
+    ASSERT_EQ(seek(TIME_BYTES, 352000, 0), 1);
+    ASSERT_EQ(seek(TIME_BYTES, 352000, 1), 1);
+    EXPECT_EQ(r.GetFilePosition(), long(data.size()));
+    r.Close();
+    EXPECT_EQ(seek(TIME_BYTES, 0, 0), 0);
+    EXPECT_TRUE(reports.Take().empty());
+
+    // Whole frames: 1 ms at 22,050 Hz is 22. And 50 s at 44.1 kHz, whose product of
+    // milliseconds and rate does not fit 32 bits.
+    OpenReader(r, Riff(Fmt(1, 22050, 8) + Chunk("data", data)), "a.wav");
+    ASSERT_EQ(seek(TIME_MS, 1, 0), 1);
+    EXPECT_EQ(r.GetFilePosition(), 22);
+    r.Close();
+    const std::string longer = Pattern(60 * 44100);
+    OpenReader(r, Riff(Fmt(1, 44100, 8) + Chunk("data", longer)), "b.wav");
+    ASSERT_EQ(seek(TIME_MS, 50000, 0), 1);
+    EXPECT_EQ(Read(r, 3), longer.substr(2205000, 3));
+}
+
+TEST_F(WaveFile, FileDevicesPauseAndStopButNeverStart)
+{
+    CWaveFileRead r;
+    OpenReader(r, Riff(Fmt(1, 8000, 8) + Chunk("data", "abcd")));
+    EXPECT_EQ(r.Pause(), 1);
+    EXPECT_EQ(r.Stop(), 1);
+    EXPECT_EQ(r.Start(), 0);
+    EXPECT_EQ(Read(r, 4), "abcd"); // still open
+    CWaveFile plain;
+    plain.SetFilename(Path("in.wav").c_str());
+    EXPECT_EQ(plain.Open(0), 0);
+}
+
+TEST_F(WaveFile, WriterLaysOutTheFileByteForByte)
+{
+    const std::string path = Path("out.wav");
+    WAVEFORMATEX def;
+    CQXDevice::FillFormat(&def, 8);
+    const std::string fmt(reinterpret_cast<const char*>(&def), 18);
+    ASSERT_EQ(fmt, Le16(1) + Le16(1) + Le32(22050) + Le32(44100) + Le16(2) + Le16(16) + Le16(0));
+    const std::string head = "WAVEfmt " + Le32(18) + fmt + "data";
+    std::string a(1000, 'a'), b(500, 'b'), xyz = "xyz", empty;
+    CWaveFileWrite w;
+    WAVEHDR h = Header(a);
+    EXPECT_EQ(w.Write(&h), 0); // not open
+    w.SetFilename(path.c_str());
+    ASSERT_EQ(w.Open(0), 1);
+    EXPECT_EQ(w.GetFilePosition(), 46);
+    ASSERT_EQ(w.Close(), 1);
+    EXPECT_EQ(Slurp(path), "RIFF" + Le32(38) + head + Le32(0));
+
+    // Reopening empties the file and keeps the format; odd data gets its pad byte.
+    ASSERT_EQ(w.Open(0), 1);
+    WAVEHDR none = Header(empty), odd = Header(xyz);
+    none.dwBufferLength = 50;
+    EXPECT_EQ(w.Write(nullptr), 0);
+    EXPECT_EQ(w.Write(&none), 0);
+    EXPECT_EQ(w.Write(&odd), 3);
+    ASSERT_EQ(w.Close(), 1);
+    EXPECT_EQ(Slurp(path), "RIFF" + Le32(42) + head + Le32(3) + "xyz" + '\0');
+
+    ASSERT_EQ(w.Open(0), 1);
+    WAVEHDR half = Header(b);
+    half.dwBufferLength = 4096; // only the recorded count matters
+    EXPECT_EQ(w.Write(&h), 1000);
+    EXPECT_EQ(w.Write(&half), 500);
+    EXPECT_EQ(w.GetDataSize(), 1500);
+    EXPECT_EQ(w.GetFilePosition(), 1546);
+    EXPECT_EQ(w.GetDuration(), 34);
+    ASSERT_EQ(w.Close(), 1);
+    EXPECT_EQ(w.GetFilePosition(), 0);
+    EXPECT_EQ(Slurp(path), "RIFF" + Le32(1538) + head + Le32(1500) + a + b);
+}
+
+TEST_F(WaveFile, WhatTheWriterWritesTheReaderReads)
+{
+    const std::string path = Path("rt.wav");
+    WAVEFORMATEX wfx;
+    CQXDevice::FillFormat(&wfx, 13); // 44.1 kHz stereo 16-bit
+    QX_DevFormat format;
+    std::memcpy(&format, &wfx, sizeof(format));
+    const std::string data = Pattern(3 * 176400 + 2);
+    {
+        CWaveFileWrite w; // destroyed while open: the file is finished all the same
+        w.SetFilename(path.c_str());
+        w.SetFormat(&format);
+        ASSERT_EQ(w.Open(0), 1);
+        for (size_t at = 0; at < data.size(); at += 88200) {
+            std::string piece = data.substr(at, 88200);
+            WAVEHDR h = Header(piece);
+            ASSERT_EQ(w.Write(&h), long(piece.size()));
+        }
+    }
+    QX_DevFormat back{};
+    ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
+    EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
+    EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 3000);
+    CWaveFileRead r;
+    r.SetFilename(path.c_str());
+    ASSERT_EQ(r.Open(0), 1);
+    EXPECT_TRUE(ReadAll(r, 8192) == data);
+}
+
+TEST_F(WaveFile, EachFailingFileCallIsReported)
+{
+    const std::string path = Make("in.wav", Riff(Fmt(1, 8000, 8) + Chunk("data", Pattern(20000))));
+    Reports reports;
+    for (auto [op, code, value] :
+         {std::tuple{"mmioOpenA", QXN_FILE_OPENREAD, 0}, {"mmioSeek", QXN_FILE_SEEK, 0},
+          {"mmioDescend", QXN_FILE_DESCEND, 77}, {"mmioRead", QXN_FILE_READ, 0}, {"mmioAscend", QXN_FILE_ASCEND, 77}}) {
+        QXFaultInject(op, 77);
+        CWaveFileRead r;
+        r.SetFilename(path.c_str());
+        EXPECT_EQ(r.Open(0), 0);
+        EXPECT_EQ(reports.Take(), (Got{{code, DWORD(value)}})) << op;
+    }
+    // While reading: -1, the position kept.
+    for (auto [op, code, call] : {std::tuple{"mmioGetInfo", QXN_FILE_GETINFO, 1},
+                                  {"mmioAdvance", QXN_FILE_ADVANCE, 1}, {"mmioSetInfo", QXN_FILE_SETINFO, 2}}) {
+        CWaveFileRead r;
+        r.SetFilename(path.c_str());
+        ASSERT_EQ(r.Open(0), 1);
+        Read(r, 8000); // the next read needs a refill
+        QXFaultInject(op, 88, call);
+        int n = 0;
+        Read(r, 9000, &n);
+        EXPECT_EQ(n, -1) << op;
+        EXPECT_EQ(r.GetFilePosition(), 8000);
+        EXPECT_EQ(reports.Take(), (Got{{code, 88}}));
+        // A close that fails is reported, and lets go of the file all the same.
+        QXFaultInject("mmioClose", MMIOERR_CANNOTCLOSE);
+        EXPECT_EQ(r.Close(), 0);
+        EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_CLOSE, MMIOERR_CANNOTCLOSE}}));
+        EXPECT_EQ(r.Close(), 1);
+    }
+
+    const std::string out = Path("w.wav");
+    for (auto [op, call, code, value] :
+         {std::tuple{"mmioOpenA", 1, QXN_FILE_OPENWRITE, 0}, {"mmioCreateChunk", 1, QXN_FILE_CREATECHUNK, 77},
+          {"mmioCreateChunk", 2, QXN_FILE_CREATECHUNK, 77}, {"mmioWrite", 1, QXN_FILE_WRITE, 0},
+          {"mmioAscend", 1, QXN_FILE_ASCEND, 77}, {"mmioCreateChunk", 3, QXN_FILE_CREATECHUNK, 77},
+          {"mmioSetBuffer", 1, QXN_FILE_SETBUFFER, 77}}) {
+        QXFaultInject(op, 77, call);
+        CWaveFileWrite w;
+        w.SetFilename(out.c_str());
+        EXPECT_EQ(w.Open(0), 0);
+        EXPECT_EQ(w.GetHandle(), nullptr);
+        EXPECT_EQ(qxplat::LiveMmioCount(), 0u);
+        EXPECT_EQ(reports.Take(), (Got{{code, DWORD(value)}})) << op << call;
+    }
+    CWaveFileWrite w;
+    w.SetFilename(out.c_str());
+    ASSERT_EQ(w.Open(0), 1);
+    std::string digits = "12345";
+    WAVEHDR h = Header(digits);
+    ASSERT_EQ(w.Write(&h), 5);
+    QXFaultInject("mmioWrite", 1);
+    EXPECT_EQ(w.Write(&h), -1);
+    EXPECT_EQ(w.GetDataSize(), 5);
+    EXPECT_EQ(w.GetFilePosition(), 51);
+    // Failed ascents are reported; only the close decides, and the data is kept.
+    QXFaultInject("mmioAscend", 77, 1);
+    QXFaultInject("mmioAscend", 78, 2);
+    EXPECT_EQ(w.Close(), 1);
+    EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_WRITE, 0}, {QXN_FILE_ASCEND, 77}, {QXN_FILE_ASCEND, 78}}));
+    EXPECT_EQ(Slurp(out).substr(46), "12345");
+}
