@@ -163,6 +163,7 @@ public:
             for (auto& f : m_finished) returned.push_back(f.pHdr);
             for (MIDIHDR* p : m_queue) returned.push_back(p);
             m_finished.clear();
+            m_callbacks.clear();
             m_queue.clear();
             m_dwOffset = 0;
             m_posTicks = 0;
@@ -217,6 +218,11 @@ private:
     struct Finished {
         int64_t endTick; // the buffer has played when this tick is reached
         MIDIHDR* pHdr;
+    };
+    struct Pending {
+        int64_t tick;
+        MIDIHDR* pHdr;
+        DWORD dwOffset;
     };
 
     // Nanoseconds from the origin to a tick, over the rate that holds from m_baseTick on.
@@ -276,8 +282,10 @@ private:
                 const int64_t dueNs = m_originNs + TicksToNs(dueTick);
                 const bool bCallback = (ev[2] & MEVT_F_CALLBACK) != 0;
                 const BYTE type = MEVT_EVENTTYPE(ev[2]) & static_cast<BYTE>(~(MEVT_F_CALLBACK >> 24));
-                const bool bMessage = type == MEVT_SHORTMSG || type == MEVT_LONGMSG;
-                const int64_t handNs = (bMessage && !bCallback) ? dueNs - m_port->LeadNs() : dueNs;
+                // Every event is taken one lead ahead, also those that only take time, so
+                // that the next buffer's first message is not held back; what must happen
+                // at the very moment (position callbacks, returned buffers) is queued.
+                const int64_t handNs = dueNs - m_port->LeadNs();
                 if (handNs > now) {
                     wakeNs = std::min(wakeNs, handNs);
                 } else {
@@ -294,18 +302,27 @@ private:
                         Rebase(dueTick);
                         m_dwTempo = MEVT_EVENTPARM(ev[2]);
                     }
-                    if (bCallback) {
-                        pHdr->dwOffset = dwEventOffset;
-                        lock.unlock();
-                        Callback(MOM_POSITIONCB, reinterpret_cast<DWORD_PTR>(pHdr), 0);
-                        lock.lock();
-                    }
+                    if (bCallback) m_callbacks.push_back({dueTick, pHdr, dwEventOffset});
                     continue;
                 }
             }
-            // Messages due now went out first; then the buffers whose last event has
-            // played go back to their owner.
-            if (!m_finished.empty()) {
+            // Position callbacks whose moment has come.
+            if (!m_callbacks.empty()) {
+                const int64_t atNs = m_originNs + TicksToNs(m_callbacks.front().tick);
+                if (atNs <= now) {
+                    Pending c = m_callbacks.front();
+                    m_callbacks.pop_front();
+                    c.pHdr->dwOffset = c.dwOffset;
+                    lock.unlock();
+                    Callback(MOM_POSITIONCB, reinterpret_cast<DWORD_PTR>(c.pHdr), 0);
+                    lock.lock();
+                    continue;
+                }
+                wakeNs = std::min(wakeNs, atNs);
+            }
+            // Then the buffers whose last event has played go back to their owner, once
+            // their position callbacks have been made.
+            if (!m_finished.empty() && (m_callbacks.empty() || m_callbacks.front().tick > m_finished.front().endTick)) {
                 const int64_t doneNs = m_originNs + TicksToNs(m_finished.front().endTick);
                 if (doneNs <= now) {
                     MIDIHDR* p = m_finished.front().pHdr;
@@ -342,6 +359,7 @@ private:
     std::condition_variable m_cv;
     std::deque<MIDIHDR*> m_queue; // front: the buffer being played
     std::deque<Finished> m_finished;
+    std::deque<Pending> m_callbacks; // position callbacks, in time order
     DWORD m_dwOffset = 0; // of the next event in the front buffer
     int64_t m_posTicks = 0;
     int64_t m_originNs = 0;

@@ -38,6 +38,12 @@ struct Header {
 class JackBackend;
 
 struct OutSlot {
+    // The frame a due time falls on: one linear mapping per port, so that distances
+    // between events are exact in frames whatever the jitter of the cycles' own times.
+    // Touched by the process callback only.
+    bool anchored = false;
+    int64_t anchorUs = 0;
+    int64_t anchorFrame = 0;
     jack_port_t* port = nullptr;
     jack_ringbuffer_t* timed = nullptr; // in due order, from the stream engine
     jack_ringbuffer_t* now = nullptr;   // at once, from any thread
@@ -72,18 +78,7 @@ public:
             m_client = nullptr;
             return;
         }
-        // JACK's clock and the steady clock run from the same source; their offset is
-        // taken once, the smallest of a few readings.
-        int64_t best = INT64_MAX;
-        for (int i = 0; i < 5; ++i) {
-            int64_t a = NowNs();
-            int64_t j = static_cast<int64_t>(jack_get_time()) * 1000;
-            int64_t b = NowNs();
-            if (b - a < best) {
-                best = b - a;
-                m_offsetNs = (a + b) / 2 - j;
-            }
-        }
+        m_rate = jack_get_sample_rate(m_client);
     }
 
     bool Available() const { return m_client != nullptr && !m_dead.load(); }
@@ -110,8 +105,10 @@ public:
     MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override;
     MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) override;
 
-    int64_t ToJackUs(int64_t ns) const { return (ns - m_offsetNs) / 1000; }
-    int64_t ToSteadyNs(int64_t us) const { return us * 1000 + m_offsetNs; }
+    // JACK's clock and the steady clock drift apart slowly (tens of ppm: one is not
+    // slewed by NTP), so times are carried over relative to now on both.
+    static int64_t ToJackUs(int64_t ns) { return static_cast<int64_t>(jack_get_time()) + (ns - NowNs()) / 1000; }
+    static int64_t ToSteadyNs(int64_t us) { return NowNs() - (static_cast<int64_t>(jack_get_time()) - us) * 1000; }
     jack_client_t* Client() const { return m_client; }
     int64_t PeriodNs() const
     {
@@ -161,26 +158,40 @@ private:
 
     jack_client_t* m_client = nullptr;
     std::string m_name;
-    int64_t m_offsetNs = 0;
+    jack_nframes_t m_rate = 48000;
     std::atomic<bool> m_dead{false};
     std::atomic<uint64_t> m_cycles{0};
     std::vector<std::string> m_outPeers, m_inPeers;
 };
 
 // Moves whole messages from a ring into the port buffer; stops at the first message
-// not due in this cycle or that no longer fits.
-void Drain(jack_ringbuffer_t* ring, void* buf, jack_nframes_t nframes, int64_t curUs, int64_t nextUs,
-           jack_nframes_t& last, bool bTimed)
+// not due in this cycle or that no longer fits. Timed messages land on the frame of their
+// due time through the port's anchored mapping.
+void Drain(OutSlot* out, jack_ringbuffer_t* ring, void* buf, jack_nframes_t nframes, jack_nframes_t curFrames,
+           int64_t curUs, int64_t nextUs, jack_nframes_t rate, jack_nframes_t& last, bool bTimed)
 {
     Header h;
     while (jack_ringbuffer_read_space(ring) >= sizeof h) {
         jack_ringbuffer_peek(ring, reinterpret_cast<char*>(&h), sizeof h);
         if (jack_ringbuffer_read_space(ring) < sizeof h + h.size) return;
-        if (bTimed && h.timeUs >= nextUs) return;
         jack_nframes_t off = 0;
-        if (bTimed && h.timeUs > curUs)
-            off = static_cast<jack_nframes_t>((h.timeUs - curUs) * static_cast<int64_t>(nframes) / (nextUs - curUs));
-        if (off >= nframes) off = nframes - 1;
+        if (bTimed) {
+            // The cycle's own estimate, for the anchor and to notice when it has drifted
+            // away from the mapping (an xrun, a stalled server, the clocks' slow drift).
+            const int64_t estimate =
+                static_cast<int64_t>(curFrames) + (h.timeUs - curUs) * static_cast<int64_t>(nframes) / (nextUs - curUs);
+            int64_t frame = out->anchorFrame + (h.timeUs - out->anchorUs) * rate / 1'000'000;
+            if (!out->anchored || frame - estimate > nframes || estimate - frame > nframes) {
+                out->anchored = true;
+                out->anchorUs = h.timeUs;
+                out->anchorFrame = estimate;
+                frame = estimate;
+            }
+            // Frames count on modulo 2^32 like JACK's own.
+            const auto rel = static_cast<int32_t>(static_cast<uint32_t>(frame) - curFrames);
+            if (rel >= static_cast<int32_t>(nframes)) return; // a later cycle's
+            off = rel > 0 ? static_cast<jack_nframes_t>(rel) : 0;
+        }
         if (off < last) off = last; // offsets may not go back within a cycle
         jack_midi_data_t* dst = jack_midi_event_reserve(buf, off, h.size);
         if (dst == nullptr) return; // full: the rest waits for the next cycle
@@ -212,8 +223,9 @@ int JackBackend::Process(jack_nframes_t nframes, void* arg)
         void* buf = jack_port_get_buffer(out->port, nframes);
         jack_midi_clear_buffer(buf);
         jack_nframes_t last = 0;
-        Drain(out->now, buf, nframes, static_cast<int64_t>(curUs), static_cast<int64_t>(nextUs), last, false);
-        Drain(out->timed, buf, nframes, static_cast<int64_t>(curUs), static_cast<int64_t>(nextUs), last, true);
+        const auto cu = static_cast<int64_t>(curUs), nu = static_cast<int64_t>(nextUs);
+        Drain(out, out->now, buf, nframes, curFrames, cu, nu, self->m_rate, last, false);
+        Drain(out, out->timed, buf, nframes, curFrames, cu, nu, self->m_rate, last, true);
     }
     for (auto& s : self->m_ins) {
         InSlot* in = s.load(std::memory_order_acquire);
@@ -266,8 +278,9 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    // Two periods: one for the cycle that writes it, one of margin for the stream thread.
-    int64_t LeadNs() const override { return 2 * m_b->PeriodNs() + 1'000'000; }
+    // Three periods: the cycle that writes it, one for the jitter of the cycles against
+    // the wall clock, and one of margin for the stream thread.
+    int64_t LeadNs() const override { return 3 * m_b->PeriodNs() + 1'000'000; }
 
     // The ring is read by the process callback alone; dropping waiting messages would race
     // it, so they are let out (they were due within the lead time anyway).
