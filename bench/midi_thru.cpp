@@ -5,6 +5,7 @@
 //   midi_thru [--messages N]
 #include <quavix/Quavix.h>
 
+#include "BenchStats.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
@@ -46,17 +47,6 @@ int RecordProc(DWORD_PTR user, int, CQXEventData* e)
     if (i >= 0 && static_cast<size_t>(i) < r->at.size()) r->at[static_cast<size_t>(i)] = NowNs();
     ++r->count;
     return 0;
-}
-
-void Stats(const char* what, std::vector<double> v)
-{
-    if (v.empty()) {
-        std::printf("%s: no samples\n", what);
-        return;
-    }
-    std::sort(v.begin(), v.end());
-    auto at = [&](double p) { return v[std::min(v.size() - 1, static_cast<size_t>(p * (v.size() - 1) + 0.5))]; };
-    std::printf("%s: n=%zu median=%.1f us p99=%.1f us max=%.1f us\n", what, v.size(), at(0.5), at(0.99), v.back());
 }
 
 } // namespace
@@ -112,8 +102,8 @@ int main(int argc, char** argv)
             record.push_back((rec.at[static_cast<size_t>(i)] - sent[static_cast<size_t>(i)]) / 1000.0);
     }
     std::printf("messages=%d thru-out=%zu recorded=%d lost-on-thru=%zu\n", n, thru.size(), rec.count.load(), lost);
-    Stats("injection to thru output", thru);
-    Stats("injection to recording callback", record);
+    PrintStats("injection to thru output", thru);
+    PrintStats("injection to recording callback", record);
     CQuavix::ExitQuavix();
     return lost == 0 && rec.count.load() == n ? 0 : 1;
 }

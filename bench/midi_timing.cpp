@@ -6,6 +6,7 @@
 //   midi_timing [--seconds N] [--timer-seconds N]
 #include <quavix/Quavix.h>
 
+#include "BenchStats.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
@@ -71,17 +72,6 @@ int SongProc(DWORD_PTR user, int tag, DWORD start, DWORD end)
     return 1;
 }
 
-void Stats(const char* what, std::vector<double> v)
-{
-    if (v.empty()) {
-        std::printf("%s: no samples\n", what);
-        return;
-    }
-    std::sort(v.begin(), v.end());
-    auto at = [&](double p) { return v[std::min(v.size() - 1, static_cast<size_t>(p * (v.size() - 1) + 0.5))]; };
-    std::printf("%s: n=%zu median=%.1f us p99=%.1f us max=%.1f us\n", what, v.size(), at(0.5), at(0.99), v.back());
-}
-
 int StreamPaced(int seconds)
 {
     std::printf("== engine paced by the timing MIDI output, %d s ==\n", seconds);
@@ -128,7 +118,7 @@ int StreamPaced(int seconds)
     std::printf("events planned=%zu emitted=%zu matched=%zu lost=%zu misplaced=%zu\n", song.planned.size(),
                 out.size(), matched, song.planned.size() - matched, wrongTime);
     std::printf("stream start offset (origin - StartDevices call): %.1f us\n", (originNs - callNs) / 1000.0);
-    Stats("lateness against intended time", late);
+    PrintStats("lateness against intended time", late);
     std::printf("drift first to last event on the stream clock: %.3f ms\n", driftMs);
     const double wallDrift = ((out.back().timeNs - out.front().timeNs) -
                               static_cast<int64_t>(song.planned.back().time - song.planned.front().time) * 1'000'000) /
@@ -180,8 +170,8 @@ int TimerPaced(int seconds)
         }
     }
     std::printf("polls=%zu skipped=%zu polled-twice=%zu\n", log.polls.size(), skipped, twice);
-    Stats("poll lateness against period start - latency", late);
-    Stats("poll lateness against the tick that polls it", lateTick);
+    PrintStats("poll lateness against period start - latency", late);
+    PrintStats("poll lateness against the tick that polls it", lateTick);
     CQuavix::ExitQuavix();
     return skipped == 0 && twice == 0 ? 0 : 1;
 }

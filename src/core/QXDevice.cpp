@@ -1,6 +1,7 @@
 #include <quavix/QXDevice.h>
 #include <quavix/QXNotify.h>
 
+#include "core/QXMessageLoop.h"
 #include "platform/QXPlatform.h"
 
 #include <cstdlib>
@@ -83,18 +84,7 @@ DWORD CQXDevice::ThreadProc()
     SetWindowLongA(hWnd, 0, reinterpret_cast<LONG_PTR>(this));
     SetEvent(m_hThreadEvent);
 
-    MSG msg;
-    for (;;) {
-        BOOL r = GetMessageA(&msg, nullptr, 0, 0);
-        if (r == 0) break;
-        if (r == -1) {
-#ifndef NDEBUG
-            QXTrace("Error in CQXDevice ThreadProc\n");
-#endif
-            continue;
-        }
-        DispatchMessageA(&msg);
-    }
+    QXRunMessageLoop("Error in CQXDevice ThreadProc\n");
 
     // From here on the device may be mid-destruction (or gone, if it stopped waiting):
     // the window no longer names it, and its fields are touched only while it waits.

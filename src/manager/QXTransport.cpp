@@ -2,6 +2,7 @@
 // one by one and as a group.
 #include <quavix/QXQuavix.h>
 
+#include "core/QXMessageLoop.h"
 #include "manager/QXManagerWalk.h"
 #include "platform/QXPlatform.h"
 
@@ -48,18 +49,7 @@ DWORD CQuavix::ThreadProc()
     if (hWnd == nullptr) return 0;
     SetWindowLongA(hWnd, 0, reinterpret_cast<LONG_PTR>(this));
     SetEvent(m_hThreadEvent);
-    MSG msg;
-    for (;;) {
-        BOOL r = GetMessageA(&msg, nullptr, 0, 0);
-        if (r == 0) break;
-        if (r == -1) {
-#ifndef NDEBUG
-            QXTrace("Error in CQuavix ThreadProc\n");
-#endif
-            continue;
-        }
-        DispatchMessageA(&msg);
-    }
+    QXRunMessageLoop("Error in CQuavix ThreadProc\n");
     SetWindowLongA(hWnd, 0, 0);
     DestroyWindow(hWnd);
     m_hWnd = nullptr;

@@ -126,13 +126,6 @@ std::shared_ptr<Input> Find(HMIDIIN h)
     return it == Table().inputs.end() ? nullptr : it->second;
 }
 
-bool Failing(const char* op, MMRESULT* pr)
-{
-    DWORD r;
-    if (!QXFaultCheck(op, &r)) return false;
-    *pr = r;
-    return true;
-}
 
 } // namespace
 
@@ -142,7 +135,7 @@ MMRESULT midiInOpen(HMIDIIN* phmi, UINT uDeviceID, DWORD_PTR dwCallback, DWORD_P
     if (phmi == nullptr) return MMSYSERR_INVALPARAM;
     const DWORD type = fdwOpen & CALLBACK_TYPEMASK;
     if (type != CALLBACK_NULL && type != CALLBACK_FUNCTION && type != CALLBACK_WINDOW) return MMSYSERR_INVALFLAG;
-    if (Failing("midiInOpen", &r)) return r;
+    if (QXFaultCheck("midiInOpen", &r)) return r;
     auto input = std::make_shared<Input>(fdwOpen, dwCallback, dwInstance);
     {
         std::lock_guard<std::mutex> lock(Table().mutex);
@@ -165,7 +158,7 @@ MMRESULT midiInStart(HMIDIIN hmi)
     MMRESULT r;
     auto in = Find(hmi);
     if (!in) return MMSYSERR_INVALHANDLE;
-    if (Failing("midiInStart", &r)) return r;
+    if (QXFaultCheck("midiInStart", &r)) return r;
     if (!in->m_bStarted.load()) {
         in->m_startNs = NowNs();
         in->m_bStarted = true;
@@ -178,7 +171,7 @@ MMRESULT midiInStop(HMIDIIN hmi)
     MMRESULT r;
     auto in = Find(hmi);
     if (!in) return MMSYSERR_INVALHANDLE;
-    if (Failing("midiInStop", &r)) return r;
+    if (QXFaultCheck("midiInStop", &r)) return r;
     in->m_bStarted = false;
     return MMSYSERR_NOERROR;
 }
@@ -193,7 +186,7 @@ MMRESULT midiInClose(HMIDIIN hmi)
     MMRESULT r;
     auto in = Find(hmi);
     if (!in) return MMSYSERR_INVALHANDLE;
-    if (Failing("midiInClose", &r)) return r;
+    if (QXFaultCheck("midiInClose", &r)) return r;
     {
         std::lock_guard<std::mutex> lock(Table().mutex);
         Table().inputs.erase(reinterpret_cast<uintptr_t>(hmi));

@@ -396,13 +396,6 @@ std::shared_ptr<Stream> Find(const void* h)
     return it == Table().streams.end() ? nullptr : it->second;
 }
 
-bool Failing(const char* op, MMRESULT* pr)
-{
-    DWORD r;
-    if (!QXFaultCheck(op, &r)) return false;
-    *pr = r;
-    return true;
-}
 
 } // namespace
 
@@ -413,7 +406,7 @@ MMRESULT midiStreamOpen(HMIDISTRM* phms, UINT* puDeviceID, DWORD cMidi, DWORD_PT
     if (phms == nullptr || puDeviceID == nullptr || cMidi != 1) return MMSYSERR_INVALPARAM;
     const DWORD type = fdwOpen & CALLBACK_TYPEMASK;
     if (type != CALLBACK_NULL && type != CALLBACK_FUNCTION && type != CALLBACK_WINDOW) return MMSYSERR_INVALFLAG;
-    if (Failing("midiStreamOpen", &r)) return r;
+    if (QXFaultCheck("midiStreamOpen", &r)) return r;
     std::unique_ptr<qxplat::MidiOutPort> port;
     r = qxplat::CurrentBackend().OpenMidiOut(static_cast<int>(*puDeviceID), port);
     if (r != MMSYSERR_NOERROR) return r;
@@ -436,7 +429,7 @@ MMRESULT midiStreamClose(HMIDISTRM hms)
     MMRESULT r;
     auto s = Find(hms);
     if (!s) return MMSYSERR_INVALHANDLE;
-    if (Failing("midiStreamClose", &r)) return r;
+    if (QXFaultCheck("midiStreamClose", &r)) return r;
     if (s->Busy()) return MIDIERR_STILLPLAYING;
     {
         std::lock_guard<std::mutex> lock(Table().mutex);
@@ -456,7 +449,7 @@ MMRESULT midiStreamProperty(HMIDISTRM hms, LPBYTE lppropdata, DWORD dwProperty)
     const bool bSet = (dwProperty & MIDIPROP_SET) != 0, bGet = (dwProperty & MIDIPROP_GET) != 0;
     const DWORD which = dwProperty & ~(MIDIPROP_SET | MIDIPROP_GET);
     if (bSet == bGet || (which != MIDIPROP_TIMEDIV && which != MIDIPROP_TEMPO)) return MMSYSERR_INVALPARAM;
-    if (Failing("midiStreamProperty", &r)) return r;
+    if (QXFaultCheck("midiStreamProperty", &r)) return r;
     // Both records are two DWORDs: the size, then the value.
     DWORD rec[2];
     std::memcpy(rec, lppropdata, sizeof rec);
@@ -476,7 +469,7 @@ MMRESULT midiOutPrepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh)
     if (pmh == nullptr || cbmh < sizeof(MIDIHDR) || pmh->lpData == nullptr ||
         pmh->dwBufferLength > MIDI_STREAM_MAX_BUFFER)
         return MMSYSERR_INVALPARAM;
-    if (Failing("midiOutPrepareHeader", &r)) return r;
+    if (QXFaultCheck("midiOutPrepareHeader", &r)) return r;
     pmh->dwFlags |= MHDR_PREPARED;
     return MMSYSERR_NOERROR;
 }
@@ -487,7 +480,7 @@ MMRESULT midiOutUnprepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh)
     if (!Find(hmo)) return MMSYSERR_INVALHANDLE;
     if (pmh == nullptr || cbmh < sizeof(MIDIHDR)) return MMSYSERR_INVALPARAM;
     if (pmh->dwFlags & MHDR_INQUEUE) return MIDIERR_STILLPLAYING;
-    if (Failing("midiOutUnprepareHeader", &r)) return r;
+    if (QXFaultCheck("midiOutUnprepareHeader", &r)) return r;
     pmh->dwFlags &= ~MHDR_PREPARED;
     return MMSYSERR_NOERROR;
 }
@@ -501,7 +494,7 @@ MMRESULT midiStreamOut(HMIDISTRM hms, LPMIDIHDR pmh, UINT cbmh)
     if (!(pmh->dwFlags & MHDR_PREPARED)) return MIDIERR_UNPREPARED;
     if (pmh->dwFlags & MHDR_INQUEUE) return MIDIERR_STILLPLAYING;
     if (pmh->dwBytesRecorded > pmh->dwBufferLength || pmh->dwBytesRecorded % 4 != 0) return MMSYSERR_INVALPARAM;
-    if (Failing("midiStreamOut", &r)) return r;
+    if (QXFaultCheck("midiStreamOut", &r)) return r;
     if (!s->Alive()) return MMSYSERR_NODRIVER;
     return s->Queue(pmh);
 }
@@ -511,7 +504,7 @@ MMRESULT midiStreamRestart(HMIDISTRM hms)
     MMRESULT r;
     auto s = Find(hms);
     if (!s) return MMSYSERR_INVALHANDLE;
-    if (Failing("midiStreamRestart", &r)) return r;
+    if (QXFaultCheck("midiStreamRestart", &r)) return r;
     s->Restart();
     return MMSYSERR_NOERROR;
 }
@@ -521,7 +514,7 @@ MMRESULT midiStreamPause(HMIDISTRM hms)
     MMRESULT r;
     auto s = Find(hms);
     if (!s) return MMSYSERR_INVALHANDLE;
-    if (Failing("midiStreamPause", &r)) return r;
+    if (QXFaultCheck("midiStreamPause", &r)) return r;
     s->Pause();
     return MMSYSERR_NOERROR;
 }
@@ -531,7 +524,7 @@ MMRESULT midiStreamStop(HMIDISTRM hms)
     MMRESULT r;
     auto s = Find(hms);
     if (!s) return MMSYSERR_INVALHANDLE;
-    if (Failing("midiStreamStop", &r)) return r;
+    if (QXFaultCheck("midiStreamStop", &r)) return r;
     s->Stop();
     return MMSYSERR_NOERROR;
 }
@@ -555,7 +548,7 @@ MMRESULT midiOutShortMsg(HMIDIOUT hmo, DWORD dwMsg)
     MMRESULT r;
     auto s = Find(hmo);
     if (!s) return MMSYSERR_INVALHANDLE;
-    if (Failing("midiOutShortMsg", &r)) return r;
+    if (QXFaultCheck("midiOutShortMsg", &r)) return r;
     return s->SendShort(dwMsg);
 }
 
@@ -568,7 +561,7 @@ MMRESULT midiOutLongMsg(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh)
         return MMSYSERR_INVALPARAM;
     if (!(pmh->dwFlags & MHDR_PREPARED)) return MIDIERR_UNPREPARED;
     if (pmh->dwFlags & MHDR_INQUEUE) return MIDIERR_STILLPLAYING;
-    if (Failing("midiOutLongMsg", &r)) return r;
+    if (QXFaultCheck("midiOutLongMsg", &r)) return r;
     r = s->SendLong(reinterpret_cast<const BYTE*>(pmh->lpData), pmh->dwBufferLength);
     pmh->dwFlags = (pmh->dwFlags & ~MHDR_ISSTRM) | MHDR_DONE;
     s->Callback(MOM_DONE, reinterpret_cast<DWORD_PTR>(pmh), 0);
