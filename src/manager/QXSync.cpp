@@ -62,6 +62,8 @@ void CQuavix::_SyncStop()
     _ReopenMidiOutputs();
     for (POSITION pos = m_Performances.GetHeadPosition(); pos != nullptr;) m_Performances.GetNext(pos)->bEnded = 1;
     if (m_nWalkDepth == 0) _RemoveEndedPerformances();
-    LeaveCriticalSection(&m_csDevices);
+    // Still under the lock: an application that queues anew as soon as it sees the stop
+    // must not have its first period's time reset under it.
     m_dwBufferTime = 0;
+    LeaveCriticalSection(&m_csDevices);
 }
