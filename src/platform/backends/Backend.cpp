@@ -38,6 +38,8 @@ Backend& Choose()
     if (want != nullptr && std::strcmp(want, "virtual") == 0) return VirtualBackend();
     if (want != nullptr && std::strcmp(want, "jack") == 0) {
 #ifdef QUAVIX_HAVE_JACK
+        if (JackBackendIfAvailable() == nullptr)
+            std::fprintf(stderr, "quavix: no JACK server answers; the jack backend has no devices\n");
         return JackBackendAlways();
 #else
         return Unavailable(want);
@@ -45,6 +47,8 @@ Backend& Choose()
     }
     if (want != nullptr && std::strcmp(want, "alsa") == 0) {
 #ifdef QUAVIX_HAVE_ALSA
+        if (AlsaBackendIfDevices() == nullptr)
+            std::fprintf(stderr, "quavix: the ALSA sequencer offers no MIDI device\n");
         return AlsaBackendAlways();
 #else
         return Unavailable(want);
