@@ -1,21 +1,146 @@
-// The library's first program: for now it reports the library version and the
-// standard formats a device can be given.
-#include <quavix/Quavix.h>
+// quavix: the library's command-line program. Lists devices, performs Standard MIDI
+// Files through the performance engine (also following an external MIDI clock), echoes
+// and records MIDI input, sends bytes and silences outputs.
+#include "Cli.h"
+#include "Commands.h"
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 
-int main()
+namespace qxcli {
+
+const std::vector<Command>& Commands()
 {
-    std::printf("Quavix %s\n", QUAVIX_VERSION_STRING);
-    std::printf("Standard formats:\n");
-    for (int i = 0; i < 14; ++i) {
-        WAVEFORMATEX fmt;
-        CQXDevice::FillFormat(&fmt, i);
-        std::string text;
-        CQXDevice::FillFormatString(&fmt, text);
-        std::printf("  %2d  %-24s  block %u, %u bytes/s\n", i, text.c_str(), unsigned(fmt.nBlockAlign),
-                    unsigned(fmt.nAvgBytesPerSec));
+    static const std::vector<Command> commands{
+        {"devices", "list every device of the backend", R"(Usage: quavix devices [--backend NAME]
+
+Lists every device of the backend by type, direction and number, with its name,
+whether it is enabled, and its default format ("none" for MIDI devices).
+)",
+         RunDevices},
+        {"perform", "play a Standard MIDI File through the performance engine",
+         R"(Usage: quavix perform FILE.mid [--output N] [--tempo-scale X] [--capture OUT.mid]
+
+Plays a Standard MIDI File (format 0 or 1) on MIDI output N (default 0), 100 ms at a
+time through the performance engine, and prints a summary at the end. Ctrl-C stops
+and silences the output.
+
+  --output N            MIDI output number (quavix devices lists them)
+  --tempo-scale X       play X times as fast (0.05 to 20; 2 is twice as fast)
+  --capture OUT.mid     virtual backend: write what the output emitted, as a file
+  --capture-times WHAT  emitted (default) or due: the times written by --capture
+)",
+         RunPerform},
+        {"sync-slave", "play a Standard MIDI File following an external MIDI clock",
+         R"(Usage: quavix sync-slave --in N FILE.mid [--output M] [--seconds S] [--capture OUT.mid]
+
+Waits for an external MIDI Start or Continue on MIDI input N and then plays the file
+on MIDI output M (default 0), from the top on Start and from where it stopped on
+Continue. An external Stop stops it. Runs until Ctrl-C, or for S seconds.
+
+  --in N                MIDI input that carries the clock and transport
+  --output M            MIDI output number
+  --seconds S           stop after S seconds
+  --tempo-scale X       play X times as fast
+  --inject FEED.mid     virtual backend: feed FEED.mid's messages (clock, Start, Stop,
+                        Continue as F7 escapes) into input N; ends when it is over
+  --capture OUT.mid     virtual backend: write what the output emitted
+  --capture-times WHAT  emitted (default) or due
+)",
+         RunSyncSlave},
+        {"thru", "echo a MIDI input to a MIDI output", R"(Usage: quavix thru --in N --out M [--channel C] [--seconds S]
+
+Echoes every channel message of MIDI input N to MIDI output M at once, until Ctrl-C
+or for S seconds.
+
+  --in N                MIDI input number
+  --out M               MIDI output number
+  --channel C           put every message on channel C (1 to 16)
+  --seconds S           stop after S seconds
+  --inject FEED.mid     virtual backend: feed FEED.mid's messages into input N;
+                        without --seconds, stops when the feed is over
+  --capture OUT.mid     virtual backend: write what the output emitted
+)",
+         RunThru},
+        {"record-midi", "record a MIDI input to a Standard MIDI File",
+         R"(Usage: quavix record-midi --in N OUT.mid [--seconds S]
+
+Records the messages of MIDI input N into OUT.mid (format 0, millisecond ticks) until
+Ctrl-C, or for S seconds.
+
+  --in N                MIDI input number
+  --seconds S           stop after S seconds
+  --inject FEED.mid     virtual backend: feed FEED.mid's messages into input N;
+                        without --seconds, stops when the feed is over
+)",
+         RunRecordMidi},
+        {"send", "send MIDI bytes to an output at once", R"(Usage: quavix send --out N BYTES...
+
+Sends MIDI messages to output N at once. BYTES are hexadecimal ("90 3C 40",
+"0x90 0x3c 0x40" or "903C40"); several messages may follow each other, and a SysEx
+runs from F0 to F7. Example: quavix send --out 0 90 3C 64 F0 7E 7F 09 01 F7
+
+  --out N               MIDI output number
+  --capture OUT.mid     virtual backend: write what the output emitted
+)",
+         RunSend},
+        {"panic", "silence MIDI outputs", R"(Usage: quavix panic [--out N]
+
+Silences every MIDI output, or output N: note-offs for every key on every channel,
+Reset All Controllers, All Notes Off, and a System Reset.
+
+  --out N               only this MIDI output
+  --capture OUT.mid     virtual backend: write what output N (default 0) emitted
+)",
+         RunPanic},
+    };
+    return commands;
+}
+
+} // namespace qxcli
+
+namespace {
+
+void PrintOverview()
+{
+    std::printf("Usage: quavix COMMAND [OPTIONS]\n\nCommands:\n");
+    for (const auto& c : qxcli::Commands()) std::printf("  %-12s %s\n", c.name, c.summary);
+    std::printf("\n'quavix COMMAND --help' or 'quavix help COMMAND' tells more.\n"
+                "QUAVIX_BACKEND (virtual, jack, alsa, auto) chooses the backend; --backend overrides it.\n"
+                "QUAVIX_VIRTUAL_DEVICES (e.g. midi-in=2,midi-out=2) sets the virtual backend's device counts.\n"
+                "Exit status: 0 done, 1 failed, 2 bad usage, 130 a performance stopped by Ctrl-C.\n");
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    using namespace qxcli;
+    if (argc < 2) {
+        PrintOverview();
+        return kExitUsage;
     }
-    return 0;
+    const std::string first = argv[1];
+    if (first == "-h" || first == "--help") {
+        PrintOverview();
+        return kExitOk;
+    }
+    if (first == "--version" || first == "-V") {
+        std::printf("quavix %s\n", QUAVIX_VERSION_STRING);
+        return kExitOk;
+    }
+    if (first == "help") {
+        if (argc < 3) {
+            PrintOverview();
+            return kExitOk;
+        }
+        return PrintHelp(argv[2]);
+    }
+    for (const auto& c : Commands())
+        if (first == c.name) {
+            InstallSignalHandlers();
+            return c.run(argc - 1, argv + 1);
+        }
+    return Fail("", "unknown command '" + first + "' (see quavix --help)", kExitUsage);
 }

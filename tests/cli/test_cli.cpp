@@ -1,0 +1,317 @@
+// The quavix program on the virtual backend, run as a user would run it. Timing is
+// checked on due times, which the virtual backend records exactly, or on input time
+// stamps of injected messages, which carry the injected times.
+#include "CliRunner.h"
+#include "Demo.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+using qxsmf::Kind;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Two tracks at 120 ppq with a tempo change after one second: notes, a program change,
+// controllers, pitch bend and a SysEx, about 2.6 s long.
+qxsmf::File TestSong()
+{
+    qxsmf::File f;
+    f.format = 1;
+    f.division = 120;
+    qxsmf::Track conductor, music;
+    conductor.events = {{0, Kind::Meta, 0x51, {0x07, 0xA1, 0x20}}, {240, Kind::Meta, 0x51, {0x09, 0x27, 0xC0}}};
+    music.events.push_back({0, Kind::Channel, 0, {0xC0, 11}});
+    music.events.push_back({0, Kind::SysEx, 0, {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7}});
+    for (int i = 0; i < 20; ++i) {
+        const uint64_t at = static_cast<uint64_t>(i) * 27; // off the 100 ms grid on purpose
+        const auto key = static_cast<uint8_t>(60 + i);
+        music.events.push_back({at, Kind::Channel, 0, {0x90, key, static_cast<uint8_t>(40 + i)}});
+        music.events.push_back({at + 20, Kind::Channel, 0, {0x80, key, 0}});
+        if (i % 5 == 0) music.events.push_back({at + 5, Kind::Channel, 0, {0xB1, 7, static_cast<uint8_t>(i)}});
+    }
+    music.events.push_back({300, Kind::Channel, 0, {0xE1, 0x00, 0x50}});
+    std::stable_sort(music.events.begin(), music.events.end(),
+                     [](const qxsmf::Event& a, const qxsmf::Event& b) { return a.tick < b.tick; });
+    f.tracks = {conductor, music};
+    return f;
+}
+
+std::string WriteSong(const qxsmf::File& f, const std::string& name)
+{
+    const std::string path = TempPath(name);
+    std::string error;
+    EXPECT_TRUE(qxsmf::Write(path, f, error)) << error;
+    return path;
+}
+
+// Same messages at the same times (within tolerance), whatever the order among equal
+// times: the engine sends note-offs first among events of one time.
+void ExpectSameMessages(std::vector<qxsmf::Message> want, std::vector<qxsmf::Message> got, double toleranceMs)
+{
+    auto order = [](const qxsmf::Message& a, const qxsmf::Message& b) {
+        const long ta = std::lround(a.ms), tb = std::lround(b.ms);
+        return ta != tb ? ta < tb : a.bytes < b.bytes;
+    };
+    std::sort(want.begin(), want.end(), order);
+    std::sort(got.begin(), got.end(), order);
+    ASSERT_EQ(got.size(), want.size());
+    for (size_t i = 0; i < want.size(); ++i) {
+        EXPECT_EQ(got[i].bytes, want[i].bytes) << "message " << i;
+        EXPECT_NEAR(got[i].ms, want[i].ms, toleranceMs) << "message " << i;
+    }
+}
+
+// A feed of short messages, one every stepMs from startMs.
+qxsmf::File Feed(const std::vector<std::pair<uint64_t, Bytes>>& messages)
+{
+    return qxsmf::FromMilliseconds(messages);
+}
+
+size_t Count(const std::string& text, const std::string& what)
+{
+    size_t n = 0;
+    for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
+    return n;
+}
+
+} // namespace
+
+TEST(Cli, PerformPlaysEveryEventAtItsTimeAndCapturesIt)
+{
+    const qxsmf::File song = TestSong();
+    const std::string in = WriteSong(song, "song.mid"), out = TempPath("capture.mid");
+    for (double scale : {1.0, 2.0}) {
+        const CliResult r = RunCli({"perform", in, "--capture", out, "--capture-times", "due", "--tempo-scale",
+                                    scale == 1.0 ? "1" : "2"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_NE(r.out.find("Summary:"), std::string::npos) << r.out;
+        const std::string n = std::to_string(MessagesOf(song).size());
+        EXPECT_NE(r.out.find("events    " + n + " of " + n + " sent"), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("lateness  worst"), std::string::npos) << r.out;
+        EXPECT_TRUE(r.err.empty()) << r.err;
+        ExpectSameMessages(MessagesOf(song, scale), MessagesOf(out), 2.0);
+    }
+}
+
+TEST(Cli, PerformPlaysTheShippedDemoOnAChosenOutput)
+{
+    const std::string demo = std::string(QUAVIX_SOURCE_DIR) + "/examples/quavix-demo.mid";
+    const std::string out = TempPath("demo.mid");
+    const CliResult r = RunCli({"perform", demo, "--output", "1", "--tempo-scale", "4", "--capture", out,
+                                "--capture-times", "due"},
+                               {"QUAVIX_VIRTUAL_DEVICES=midi-in=0,midi-out=2"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("\"Quavix demo\", format 1, 5 tracks"), std::string::npos) << r.out;
+    ExpectSameMessages(MessagesOf(qxsmf::BuildDemo(), 4.0), MessagesOf(out), 2.0);
+}
+
+TEST(Cli, CtrlCStopsAPerformanceAndSilencesTheOutput)
+{
+    const std::string demo = std::string(QUAVIX_SOURCE_DIR) + "/examples/quavix-demo.mid";
+    const std::string out = TempPath("stopped.mid");
+    const CliResult r = RunCli({"perform", demo, "--capture", out}, {}, 1500);
+    ASSERT_EQ(r.status, 130) << r.err;
+    EXPECT_NE(r.out.find("Stopped (interrupted)"), std::string::npos) << r.out;
+    const auto got = MessagesOf(out);
+    ASSERT_GT(got.size(), 2081u);
+    EXPECT_LT(got.size(), 2081u + 676u) << "the performance did not run to its end";
+    // The panic comes last: 16 channels of 128 note-offs and two controllers, then a reset.
+    EXPECT_EQ(got.back().bytes, Bytes{0xFF});
+    const auto& first = got[got.size() - 2081];
+    EXPECT_EQ(first.bytes, (Bytes{0x90, 0x00, 0x00}));
+}
+
+TEST(Cli, DevicesListsTheVirtualDevices)
+{
+    const CliResult r = RunCli({"devices"}, {"QUAVIX_VIRTUAL_DEVICES=midi-in=2,midi-out=3,wave-in=0,wave-out=0"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("Backend: virtual"), std::string::npos);
+    EXPECT_EQ(Count(r.out, "Quavix Virtual MIDI In "), 2u) << r.out;
+    EXPECT_EQ(Count(r.out, "Quavix Virtual MIDI Out "), 3u) << r.out;
+    EXPECT_NE(r.out.find("MIDI  out    2  Quavix Virtual MIDI Out 3"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("wave  in     -  (none)"), std::string::npos) << r.out;
+    EXPECT_EQ(Count(r.out, " yes "), 5u) << "every MIDI device starts enabled\n" << r.out;
+}
+
+TEST(Cli, SendPutsTheBytesOnTheOutputAndPanicSilencesIt)
+{
+    const std::string out = TempPath("sent.mid");
+    const std::vector<std::string> env{"QUAVIX_VIRTUAL_DEVICES=midi-out=2"};
+    CliResult r = RunCli({"send", "--out", "1", "90", "3C", "40", "0x3E", "0x41", "803C00", "F0", "7E", "7F", "09",
+                          "01", "F7", "--capture", out},
+                         env);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("Sent 4 messages (14 bytes) to MIDI output 1"), std::string::npos) << r.out;
+    std::vector<Bytes> got;
+    for (const auto& m : MessagesOf(out)) got.push_back(m.bytes);
+    EXPECT_EQ(got, (std::vector<Bytes>{{0x90, 0x3C, 0x40}, {0x90, 0x3E, 0x41}, {0x80, 0x3C, 0x00},
+                                       {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7}}));
+
+    r = RunCli({"panic", "--out", "1", "--capture", out}, env);
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto panic = MessagesOf(out);
+    ASSERT_EQ(panic.size(), 2081u);
+    EXPECT_EQ(panic[127].bytes, (Bytes{0x90, 0x7F, 0x00}));
+    EXPECT_EQ(panic[128].bytes, (Bytes{0xB0, 0x79, 0x00}));
+    EXPECT_EQ(panic[129].bytes, (Bytes{0xB0, 0x7B, 0x00}));
+    EXPECT_EQ(panic[130].bytes, (Bytes{0x91, 0x00, 0x00}));
+    EXPECT_EQ(panic.back().bytes, Bytes{0xFF});
+    r = RunCli({"panic"}, env);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("Silenced 2 MIDI outputs"), std::string::npos) << r.out;
+}
+
+TEST(Cli, ThruEchoesTheInputOnTheChosenChannel)
+{
+    const std::string feed = WriteSong(
+        Feed({{0, {0x90, 60, 100}}, {50, {0xB3, 7, 80}}, {100, {0x80, 60, 0}}, {120, {0xC5, 4}}, {150, {0xFE}}}),
+        "feed.mid");
+    const std::string out = TempPath("thru.mid");
+    const CliResult r = RunCli({"thru", "--in", "0", "--out", "1", "--channel", "10", "--inject", feed, "--capture", out},
+                               {"QUAVIX_VIRTUAL_DEVICES=midi-in=1,midi-out=2"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("4 messages passed through"), std::string::npos) << r.out;
+    std::vector<Bytes> got;
+    for (const auto& m : MessagesOf(out)) got.push_back(m.bytes);
+    EXPECT_EQ(got, (std::vector<Bytes>{{0x99, 60, 100}, {0xB9, 7, 80}, {0x89, 60, 0}, {0xC9, 4}}))
+        << "channel messages only, each on channel 10";
+}
+
+TEST(Cli, RecordMidiKeepsWhatArrivedAndWhen)
+{
+    std::vector<std::pair<uint64_t, Bytes>> messages;
+    for (int i = 0; i < 12; ++i) {
+        messages.push_back({static_cast<uint64_t>(i * 73), {0x91, static_cast<uint8_t>(50 + i), 90}});
+        messages.push_back({static_cast<uint64_t>(i * 73 + 40), {0x81, static_cast<uint8_t>(50 + i), 0}});
+    }
+    messages.push_back({900, {0xE2, 0x10, 0x40}});
+    const std::string feed = WriteSong(Feed(messages), "rec-feed.mid"), out = TempPath("rec.mid");
+    const CliResult r = RunCli({"record-midi", "--in", "0", out, "--inject", feed});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("25 messages recorded"), std::string::npos) << r.out;
+    auto got = MessagesOf(out);
+    ASSERT_FALSE(got.empty());
+    const double t0 = got.front().ms;
+    for (auto& m : got) m.ms -= t0;
+    ExpectSameMessages(MessagesOf(qxsmf::FromMilliseconds(messages)), got, 2.0);
+}
+
+TEST(Cli, SyncSlaveStartsStopsAndContinuesWithTheExternalClock)
+{
+    // The song: a note every 100 ms, its key counting up, so a key tells its place.
+    std::vector<std::pair<uint64_t, Bytes>> notes;
+    for (int i = 0; i < 40; ++i) {
+        notes.push_back({static_cast<uint64_t>(i * 100), {0x90, static_cast<uint8_t>(40 + i), 100}});
+        notes.push_back({static_cast<uint64_t>(i * 100 + 50), {0x80, static_cast<uint8_t>(40 + i), 0}});
+    }
+    // The master: Start, clocks at 120 BPM, Stop; later Continue, clocks, Stop.
+    std::vector<std::pair<uint64_t, Bytes>> master{{100, {0xFA}}};
+    for (int i = 0; i < 48; ++i) master.push_back({static_cast<uint64_t>(101 + i * 125 / 6), {0xF8}});
+    master.push_back({1150, {0xFC}});
+    master.push_back({1600, {0xFB}});
+    for (int i = 0; i < 36; ++i) master.push_back({static_cast<uint64_t>(1601 + i * 125 / 6), {0xF8}});
+    master.push_back({2400, {0xFC}});
+    const std::string song = WriteSong(qxsmf::FromMilliseconds(notes), "slave-song.mid");
+    const std::string feed = WriteSong(Feed(master), "master.mid"), out = TempPath("slave.mid");
+    const CliResult r = RunCli({"sync-slave", "--in", "0", "--output", "1", song, "--inject", feed, "--capture", out,
+                                "--capture-times", "due"},
+                               {"QUAVIX_VIRTUAL_DEVICES=midi-in=1,midi-out=2"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("transport 1 starts, 1 continues, 2 stops, 84 clocks"), std::string::npos) << r.out;
+
+    std::vector<qxsmf::Message> ons;
+    for (const auto& m : MessagesOf(out))
+        if (m.bytes.size() == 3 && m.bytes[0] == 0x90 && m.bytes[2] > 0) ons.push_back(m);
+    ASSERT_GE(ons.size(), 12u);
+    EXPECT_EQ(ons.front().bytes[1], 40) << "Start plays from the top";
+    // Split at the pause between the two runs.
+    size_t split = 0;
+    for (size_t i = 1; i < ons.size(); ++i)
+        if (ons[i].ms - ons[i - 1].ms > 150) split = i;
+    ASSERT_GT(split, 5u);
+    ASSERT_GT(ons.size() - split, 3u);
+    for (size_t i = 1; i < ons.size(); ++i) {
+        if (i == split) continue;
+        EXPECT_EQ(ons[i].bytes[1], ons[i - 1].bytes[1] + 1) << i;
+        EXPECT_NEAR(ons[i].ms - ons[i - 1].ms, 100.0, 1.0) << "performance time within a run, " << i;
+    }
+    const int last = ons[split - 1].bytes[1], next = ons[split].bytes[1];
+    EXPECT_GT(next, last) << "Continue goes on from where Stop left, nothing twice";
+    EXPECT_LE(next, last + 2) << "and skips nothing that was not heard";
+}
+
+TEST(Cli, BadInputGivesOneLineAndAFailingStatus)
+{
+    const std::string missing = TempPath("missing.mid");
+    const std::string truncated = TempPath("truncated.mid"), text = TempPath("text.mid");
+    Bytes demo = qxsmf::Serialize(qxsmf::BuildDemo());
+    demo.resize(demo.size() - 100);
+    ASSERT_TRUE(WriteBytes(truncated, demo));
+    ASSERT_TRUE(WriteBytes(text, {'h', 'e', 'l', 'l', 'o', '\n'}));
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        const char* says;
+    } cases[] = {
+        {{}, 2, nullptr},
+        {{"dance"}, 2, "unknown command 'dance'"},
+        {{"perform"}, 2, "needs a FILE.mid"},
+        {{"perform", missing}, 1, "cannot open"},
+        {{"perform", truncated}, 1, "truncated"},
+        {{"perform", text}, 1, "not a Standard MIDI File"},
+        {{"perform", truncated, "--output", "3"}, 1, "truncated"},
+        {{"perform", text, "--tempo-scale", "0"}, 2, "--tempo-scale takes a number"},
+        {{"perform", text, "--tempo-scale", "fast"}, 2, "--tempo-scale takes a number"},
+        {{"perform", text, "--loud"}, 2, "unknown option '--loud'"},
+        {{"perform", text, "--output"}, 2, "--output needs a value"},
+        {{"devices", "--backend", "wasapi"}, 2, "--backend takes virtual, jack, alsa or auto"},
+        {{"devices", "extra"}, 2, "takes no arguments"},
+        {{"send", "--out", "0"}, 2, "no bytes"},
+        {{"send", "--out", "0", "9G"}, 2, "not a hexadecimal byte"},
+        {{"send", "--out", "0", "3C", "40"}, 2, "has no status byte"},
+        {{"send", "--out", "0", "90", "3C"}, 2, "needs 2 data bytes"},
+        {{"send", "--out", "0", "F0", "01", "02"}, 2, "has no F7"},
+        {{"send", "--out", "0", "F7"}, 2, "not started"},
+        {{"send", "--out", "5", "90", "3C", "40"}, 1, "no MIDI output 5"},
+        {{"thru", "--in", "0", "--out", "0"}, 2, "feed back"},
+        {{"thru", "--in", "0"}, 2, "needs --in N and --out M"},
+        {{"thru", "--in", "0", "--out", "1", "--channel", "17"}, 2, "--channel takes a whole number from 1 to 16"},
+        {{"record-midi", "--in", "0"}, 2, "needs the OUT.mid"},
+        {{"record-midi", "--in", "0", "/nonexistent-dir/x.mid", "--seconds", "1"}, 1, "cannot create"},
+        {{"sync-slave", text}, 2, "needs --in N"},
+        {{"sync-slave", "--in", "0", missing}, 1, "cannot open"},
+        {{"help", "dance"}, 2, "unknown command"},
+    };
+    for (const auto& c : cases) {
+        const CliResult r = RunCli(c.args, {"QUAVIX_VIRTUAL_DEVICES=midi-in=1,midi-out=2"});
+        std::string line;
+        for (const auto& a : c.args) line += a + " ";
+        EXPECT_EQ(r.status, c.status) << line << "\n" << r.err;
+        if (c.says == nullptr) continue;
+        const auto lines = r.ErrLines();
+        ASSERT_EQ(lines.size(), 1u) << line << "\n" << r.err;
+        EXPECT_EQ(lines[0].rfind("quavix", 0), 0u) << lines[0];
+        EXPECT_NE(lines[0].find(c.says), std::string::npos) << line << "\n" << lines[0];
+    }
+}
+
+TEST(Cli, EveryCommandHasHelp)
+{
+    CliResult r = RunCli({"--help"});
+    ASSERT_EQ(r.status, 0);
+    for (const char* cmd : {"devices", "perform", "sync-slave", "thru", "record-midi", "send", "panic"}) {
+        EXPECT_NE(r.out.find(cmd), std::string::npos) << cmd;
+        const CliResult h = RunCli({cmd, "--help"});
+        EXPECT_EQ(h.status, 0) << cmd;
+        EXPECT_EQ(h.out.rfind(std::string("Usage: quavix ") + cmd, 0), 0u) << h.out;
+        EXPECT_NE(h.out.find("--backend NAME"), std::string::npos) << cmd;
+        EXPECT_TRUE(h.err.empty()) << h.err;
+    }
+    r = RunCli({"--version"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.rfind("quavix ", 0), 0u);
+}

@@ -1,0 +1,286 @@
+// The Standard MIDI File reader, writer and timeline, on files written byte by byte
+// here, on damaged copies, and on real files from a Debian package.
+#include "CliRunner.h"
+#include "Demo.h"
+#include "Smf.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <random>
+
+using qxsmf::Kind;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Header(int format, int tracks, uint16_t division)
+{
+    return {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, static_cast<uint8_t>(format), 0, static_cast<uint8_t>(tracks),
+            static_cast<uint8_t>(division >> 8), static_cast<uint8_t>(division)};
+}
+
+Bytes Chunk(const char* id, const Bytes& body)
+{
+    Bytes b(id, id + 4);
+    const auto n = static_cast<uint32_t>(body.size());
+    b.insert(b.end(), {static_cast<uint8_t>(n >> 24), static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 8),
+                       static_cast<uint8_t>(n)});
+    b.insert(b.end(), body.begin(), body.end());
+    return b;
+}
+
+Bytes Cat(std::initializer_list<Bytes> parts)
+{
+    Bytes b;
+    for (const auto& p : parts) b.insert(b.end(), p.begin(), p.end());
+    return b;
+}
+
+// Format 1 at 96 ticks a quarter note: the tempo doubles its length at tick 96.
+Bytes SampleFile()
+{
+    const Bytes conductor{0x00, 0xFF, 0x03, 0x04, 'S', 'o', 'n', 'g',      // name
+                          0x00, 0xFF, 0x51, 0x03, 0x07, 0xA1, 0x20,        // 500000 us
+                          0x60, 0xFF, 0x51, 0x03, 0x0F, 0x42, 0x40,        // tick 96: 1000000 us
+                          0x00, 0xFF, 0x7F, 0x02, 0x00, 0x01,              // sequencer-specific
+                          0x00, 0xFF, 0x2F, 0x00};
+    const Bytes music{0x00, 0xC0, 0x05,                                    // program change
+                      0x00, 0x90, 0x3C, 0x40,                              // note-on at 0
+                      0x60, 0x3D, 0x41,                                    // running status, tick 96
+                      0x81, 0x40, 0x3C, 0x00,                              // tick 288: note-off (velocity 0)
+                      0x00, 0xF0, 0x03, 0x43, 0x12, 0x00,                  // a divided SysEx ...
+                      0x10, 0xF7, 0x02, 0x34, 0xF7,                        // ... ends 16 ticks later
+                      0x00, 0xF7, 0x01, 0xF8,                              // escape: a timing clock
+                      0x00, 0xF7, 0x03, 0x01, 0x02, 0x03,                  // escape that is no message
+                      0x00, 0xE0, 0x00, 0x40,                              // pitch bend
+                      0x00, 0xFF, 0x2F, 0x00,
+                      0x90, 0x3C, 0x40};                                   // after end of track: not read
+    return Cat({Header(1, 2, 96), Chunk("MTrk", conductor), Chunk("XFIH", {1, 2, 3}), Chunk("MTrk", music)});
+}
+
+qxsmf::Timeline TimelineOf(const Bytes& bytes, double scale = 1.0)
+{
+    qxsmf::File f;
+    qxsmf::Timeline t;
+    std::string error;
+    EXPECT_TRUE(qxsmf::Parse(bytes.data(), bytes.size(), f, error)) << error;
+    EXPECT_TRUE(qxsmf::BuildTimeline(f, scale, t, error)) << error;
+    return t;
+}
+
+} // namespace
+
+TEST(Smf, ReadsEveryKindOfEventThroughTheTempoMap)
+{
+    const qxsmf::Timeline t = TimelineOf(SampleFile());
+    std::vector<std::pair<double, Bytes>> got;
+    for (const auto& m : t.messages) got.emplace_back(m.ms, m.bytes);
+    const double tick288 = 500.0 + 192 * 1000.0 / 96; // 96 ticks at 120 BPM, then 192 at 60 BPM
+    const double tick304 = tick288 + 16 * 1000.0 / 96;
+    const std::vector<std::pair<double, Bytes>> expect{
+        {0.0, {0xC0, 0x05}},
+        {0.0, {0x90, 0x3C, 0x40}},
+        {500.0, {0x90, 0x3D, 0x41}},
+        {tick288, {0x90, 0x3C, 0x00}},
+        {tick288, {0xF0, 0x43, 0x12, 0x00, 0x34, 0xF7}}, // joined, at the time of its start
+        {tick304, {0xF8}},
+        {tick304, {0xE0, 0x00, 0x40}},
+    };
+    ASSERT_EQ(got.size(), expect.size());
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_NEAR(got[i].first, expect[i].first, 1e-6) << i;
+        EXPECT_EQ(got[i].second, expect[i].second) << i;
+    }
+    EXPECT_EQ(t.title, "Song");
+    EXPECT_EQ(t.tempoChanges, 2u);
+    EXPECT_EQ(t.dropped, 1u) << "the escape that is no message";
+    EXPECT_EQ(t.metaSkipped, 1u);
+    EXPECT_NEAR(t.lengthMs, tick304, 1e-6);
+
+    // Twice as fast; and the same file inside a RIFF MIDI wrapper.
+    const qxsmf::Timeline fast = TimelineOf(SampleFile(), 2.0);
+    EXPECT_NEAR(fast.messages[2].ms, 250.0, 1e-6);
+    Bytes smf = SampleFile();
+    Bytes riff{'R', 'I', 'F', 'F', 0, 0, 0, 0, 'R', 'M', 'I', 'D', 'd', 'a', 't', 'a'};
+    const auto n = static_cast<uint32_t>(smf.size());
+    riff.insert(riff.end(), {static_cast<uint8_t>(n), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n >> 16),
+                             static_cast<uint8_t>(n >> 24)});
+    riff.insert(riff.end(), smf.begin(), smf.end());
+    EXPECT_EQ(TimelineOf(riff).messages.size(), t.messages.size());
+}
+
+TEST(Smf, SmpteDivisionCountsRealTimeAndIgnoresTempo)
+{
+    // 25 frames of 40 ticks: a tick is a millisecond.
+    const Bytes track{0x00, 0xFF, 0x51, 0x03, 0x0F, 0x42, 0x40, 0x89, 0x52, 0x90, 0x3C, 0x40, 0x00, 0xFF, 0x2F, 0x00};
+    const qxsmf::Timeline t = TimelineOf(Cat({Header(0, 1, 0xE728), Chunk("MTrk", track)}));
+    ASSERT_EQ(t.messages.size(), 1u);
+    EXPECT_NEAR(t.messages[0].ms, 1234.0, 1e-6);
+}
+
+TEST(Smf, BrokenFilesFailWithTheirReason)
+{
+    const Bytes endOnly{0x00, 0xFF, 0x2F, 0x00};
+    const struct {
+        const char* what;
+        Bytes bytes;
+        const char* reason;
+    } cases[] = {
+        {"empty", {}, "empty"},
+        {"not MIDI", {'R', 'I', 'F', 'X', 0, 0, 0, 0}, "no MThd"},
+        {"RIFF that is no MIDI", {'R', 'I', 'F', 'F', 4, 0, 0, 0, 'W', 'A', 'V', 'E'}, "not RIFF MIDI"},
+        {"short header", {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 1}, "truncated header"},
+        {"header too long", Cat({{'M', 'T', 'h', 'd', 0, 0, 1, 0}, Bytes(6, 0)}), "does not fit"},
+        {"format 3", Cat({Header(3, 1, 96), Chunk("MTrk", endOnly)}), "unknown format 3"},
+        {"no tracks", Header(1, 0, 96), "no tracks"},
+        {"division 0", Cat({Header(0, 1, 0), Chunk("MTrk", endOnly)}), "division of 0"},
+        {"bad SMPTE", Cat({Header(0, 1, 0xF828), Chunk("MTrk", endOnly)}), "SMPTE"},
+        {"missing track", Cat({Header(1, 2, 96), Chunk("MTrk", endOnly)}), "announces 2 tracks"},
+        {"chunk past the end", Cat({Header(0, 1, 96), {'M', 'T', 'r', 'k', 0, 0, 0, 50, 0x00}}), "runs past the end"},
+        {"five-byte number", Cat({Header(0, 1, 96), Chunk("MTrk", {0x81, 0x81, 0x81, 0x81, 0x01, 0x90, 1, 1})}),
+         "longer than four bytes"},
+        {"number cut off", Cat({Header(0, 1, 96), Chunk("MTrk", {0x81})}), "truncated variable-length"},
+        {"data without status", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0x3C, 0x40})}), "without a running status"},
+        {"real-time status in a track", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0xF8})}), "cannot stand"},
+        {"message cut off", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0x90, 0x3C})}), "truncated channel"},
+        {"status inside a message", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0x90, 0x3C, 0x90})}),
+         "where a data byte"},
+        {"meta past its track", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0xFF, 0x01, 0x7F, 'a'})}),
+         "runs past its track"},
+        {"SysEx past its track", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0xF0, 0x05, 0x01})}),
+         "runs past its track"},
+        {"meta type cut off", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0xFF})}), "truncated meta"},
+        {"delta without event", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00})}), "truncated event"},
+    };
+    for (const auto& c : cases) {
+        qxsmf::File f;
+        std::string error;
+        EXPECT_FALSE(qxsmf::Parse(c.bytes.data(), c.bytes.size(), f, error)) << c.what;
+        EXPECT_NE(error.find(c.reason), std::string::npos) << c.what << ": " << error;
+        EXPECT_EQ(error.find('\n'), std::string::npos) << c.what;
+    }
+
+    // Files that parse but cannot be played.
+    qxsmf::File f;
+    qxsmf::Timeline t;
+    std::string error;
+    f.format = 2;
+    f.tracks.resize(1);
+    EXPECT_FALSE(qxsmf::BuildTimeline(f, 1.0, t, error));
+    EXPECT_NE(error.find("format 2"), std::string::npos);
+    f.format = 0;
+    EXPECT_FALSE(qxsmf::BuildTimeline(f, 0.0, t, error));
+    f.division = 1;
+    f.tracks[0].events.push_back({0, Kind::Meta, 0x51, {0xFF, 0xFF, 0xFF}});
+    f.tracks[0].events.push_back({qxsmf::kMaxVlq, Kind::Channel, 0, {0x90, 1, 1}});
+    EXPECT_FALSE(qxsmf::BuildTimeline(f, 1.0, t, error));
+    EXPECT_NE(error.find("24 hours"), std::string::npos);
+}
+
+TEST(Smf, WriterAndReaderAgreeOnEveryKind)
+{
+    qxsmf::File f;
+    f.format = 1;
+    f.division = 240;
+    qxsmf::Track a, b;
+    a.events = {{0, Kind::Meta, 0x51, {0x07, 0xA1, 0x20}},
+                {0, Kind::Channel, 0, {0x90, 60, 100}},
+                {10, Kind::Channel, 0, {0x90, 62, 100}},
+                {10, Kind::Channel, 0, {0x80, 60, 0}},
+                {20, Kind::SysEx, 0, {0xF0, 0x41, 0x10, 0xF7}},
+                {30, Kind::Channel, 0, {0x90, 64, 90}}, // after a SysEx the status is written again
+                {40, Kind::Escape, 0, {0xFA}},
+                // A gap wider than one delta can hold.
+                {uint64_t{qxsmf::kMaxVlq} + 5, Kind::Channel, 0, {0xC3, 7}}};
+    b.events = {{0, Kind::Meta, 0x03, {'x'}}, {5, Kind::Channel, 0, {0xE1, 0x00, 0x40}}, {900, Kind::Meta, 0x2F, {}}};
+    f.tracks = {a, b};
+    const Bytes running = qxsmf::Serialize(f, true), plain = qxsmf::Serialize(f, false);
+    EXPECT_LT(running.size(), plain.size());
+    for (const Bytes* bytes : {&running, &plain}) {
+        qxsmf::File back;
+        std::string error;
+        ASSERT_TRUE(qxsmf::Parse(bytes->data(), bytes->size(), back, error)) << error;
+        EXPECT_EQ(back.format, 1);
+        EXPECT_EQ(back.division, 240);
+        ASSERT_EQ(back.tracks.size(), 2u);
+        for (size_t t = 0; t < 2; ++t) {
+            std::vector<std::pair<uint64_t, Bytes>> want, got;
+            for (const auto& e : f.tracks[t].events)
+                if (!(e.kind == Kind::Meta && e.metaType == 0x2F)) want.emplace_back(e.tick, e.data);
+            for (const auto& e : back.tracks[t].events)
+                if (!(e.kind == Kind::Meta && (e.metaType == 0x2F || e.metaType == 0x7F))) got.emplace_back(e.tick, e.data);
+            EXPECT_EQ(got, want) << "track " << t;
+            EXPECT_EQ(back.tracks[t].events.back().metaType, 0x2F) << "end of track written";
+            EXPECT_EQ(back.tracks[t].events.back().tick, t == 0 ? f.tracks[0].events.back().tick : 900u)
+                << "where the track says, or with its last event";
+        }
+    }
+}
+
+TEST(Smf, DamagedFilesNeverCrashTheReader)
+{
+    std::string error;
+    const Bytes demo = qxsmf::Serialize(qxsmf::BuildDemo());
+    qxsmf::File f;
+    qxsmf::Timeline t;
+    // Every shorter prefix lacks part of a track the header announces.
+    for (size_t n = 0; n < demo.size(); ++n) EXPECT_FALSE(qxsmf::Parse(demo.data(), n, f, error)) << n;
+
+    std::mt19937 rng(1234);
+    for (const Bytes& base : {demo, SampleFile()}) {
+        for (int i = 0; i < 3000; ++i) {
+            Bytes b = base;
+            const int flips = 1 + static_cast<int>(rng() % 4);
+            for (int k = 0; k < flips; ++k) b[rng() % b.size()] = static_cast<uint8_t>(rng());
+            if (rng() % 4 == 0) b.resize(rng() % b.size());
+            if (qxsmf::Parse(b.data(), b.size(), f, error)) qxsmf::BuildTimeline(f, 1.0, t, error);
+        }
+    }
+}
+
+TEST(Smf, RealFilesFromADebianPackageReadAndRewriteUnchanged)
+{
+    // Debian's openttd-openmsx ships a set of format 1 files.
+    const std::string dir = "/usr/share/games/openttd/baseset/openmsx";
+    std::vector<std::string> files;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            const std::string name = e->d_name;
+            if (name.size() > 4 && name.substr(name.size() - 4) == ".mid") files.push_back(dir + "/" + name);
+        }
+        closedir(d);
+    }
+    if (files.empty()) GTEST_SKIP() << "no MIDI files in " << dir << ": install the Debian package openttd-openmsx";
+    for (const auto& path : files) {
+        qxsmf::File f;
+        qxsmf::Timeline t, again;
+        std::string error;
+        ASSERT_TRUE(qxsmf::Read(path, f, error)) << error;
+        ASSERT_TRUE(qxsmf::BuildTimeline(f, 1.0, t, error)) << path << ": " << error;
+        EXPECT_GT(t.messages.size(), 100u) << path;
+        EXPECT_GT(t.lengthMs, 10'000.0) << path;
+        EXPECT_LT(t.lengthMs, 900'000.0) << path;
+        const Bytes bytes = qxsmf::Serialize(f);
+        qxsmf::File back;
+        ASSERT_TRUE(qxsmf::Parse(bytes.data(), bytes.size(), back, error)) << path << ": " << error;
+        ASSERT_TRUE(qxsmf::BuildTimeline(back, 1.0, again, error)) << error;
+        ASSERT_EQ(again.messages.size(), t.messages.size()) << path;
+        for (size_t i = 0; i < t.messages.size(); ++i) {
+            ASSERT_EQ(again.messages[i].bytes, t.messages[i].bytes) << path << " message " << i;
+            ASSERT_NEAR(again.messages[i].ms, t.messages[i].ms, 1e-6) << path << " message " << i;
+        }
+    }
+}
+
+TEST(Smf, ShippedDemoIsWhatItsGeneratorWrites)
+{
+    const Bytes shipped = ReadBytes(std::string(QUAVIX_SOURCE_DIR) + "/examples/quavix-demo.mid");
+    EXPECT_EQ(shipped, qxsmf::Serialize(qxsmf::BuildDemo()))
+        << "regenerate it: quavix_make_demo examples/quavix-demo.mid";
+    const qxsmf::Timeline t = TimelineOf(shipped);
+    EXPECT_GT(t.lengthMs, 20'000.0);
+    EXPECT_LT(t.lengthMs, 30'000.0);
+    EXPECT_EQ(t.dropped, 0u);
+}

@@ -1,0 +1,45 @@
+// quavix devices: what the backend offers, as the manager sees it.
+#include "Cli.h"
+#include "Commands.h"
+
+#include <cstdio>
+
+namespace qxcli {
+
+int RunDevices(int argc, char** argv)
+{
+    Args args("devices", {});
+    if (!args.Parse(argc, argv)) return kExitUsage;
+    if (args.Help()) return PrintHelp("devices");
+    if (!args.Positional().empty()) return Fail("devices", "takes no arguments, not '" + args.Positional()[0] + "'", kExitUsage);
+
+    Session session;
+    if (!session.Begin(args, QX_INIT_MIDI | QX_INIT_WAVE)) return kExitFailure;
+    std::printf("Backend: %s\n", session.Backend().c_str());
+    std::printf("%-5s %-4s %3s  %-36s %-8s %s\n", "TYPE", "DIR", "#", "NAME", "ENABLED", "FORMAT");
+    const char* types[2] = {"MIDI", "wave"};
+    const char* dirs[2] = {"in", "out"};
+    for (int t = 0; t < 2; ++t)
+        for (int d = 0; d < 2; ++d) {
+            const int n = session->GetDeviceCount(t, d);
+            if (n == 0) std::printf("%-5s %-4s %3s  %s\n", types[t], dirs[d], "-", "(none)");
+            for (int i = 0; i < n; ++i) {
+                std::string name = "-";
+                QX_DevCaps caps{};
+                // Wave outputs have no name record of their own yet.
+                if (!(t == QX_DEVTYPE_WAVE && d == QX_DEVDIR_OUT) && session->GetDeviceCaps(t, d, i, &caps))
+                    name = session.DeviceName(t, d, i);
+                const char* enabled = session->GetDevice(t, d, i) == nullptr ? "n/a"
+                                      : session->IsDeviceEnabled(t, d, i)   ? "yes"
+                                                                             : "no";
+                std::string format = "none";
+                if (QX_DevFormat* f = session->GetDeviceFormat(t, d, i))
+                    CQXDevice::FillFormatString(reinterpret_cast<WAVEFORMATEX*>(f), format);
+                std::printf("%-5s %-4s %3d  %-36s %-8s %s\n", types[t], dirs[d], i, name.c_str(), enabled,
+                            format.c_str());
+            }
+        }
+    return kExitOk;
+}
+
+} // namespace qxcli

@@ -1,0 +1,405 @@
+// The live subcommands: thru, record-midi, send and panic.
+#include "Commands.h"
+#include "Playback.h"
+
+#include "platform/backends/QXBackend.h"
+
+#include <cctype>
+#include <cstdio>
+#include <functional>
+#include <chrono>
+#include <mutex>
+
+namespace qxcli {
+
+namespace {
+
+// Counts or keeps what the inputs record; called on the input's thread.
+struct Recorder {
+    std::mutex mutex;
+    bool bKeep = false;
+    size_t count = 0;
+    std::vector<std::pair<DWORD, DWORD>> events; // input time (ms), packed message
+
+    static int Proc(DWORD_PTR dwUser, int, CQXEventData* pEvent)
+    {
+        auto* r = reinterpret_cast<Recorder*>(dwUser);
+        if (pEvent == nullptr || pEvent->m_nType != QX_EVENT_MIDI) return 0;
+        std::lock_guard<std::mutex> lock(r->mutex);
+        ++r->count;
+        if (r->bKeep) r->events.emplace_back(pEvent->m_dwTimeStamp, static_cast<DWORD>(pEvent->m_dwData));
+        return 0;
+    }
+    size_t Count()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return count;
+    }
+};
+
+// Runs until Ctrl-C, --seconds, or (with --inject and no --seconds) the end of the
+// feed. False when interrupted.
+bool RunFor(const Args& args, double seconds, const Injector& injector, int64_t startNs,
+            const std::function<void(double elapsedMs)>& tick)
+{
+    int64_t feedDoneNs = 0;
+    for (;;) {
+        if (!SleepUnlessInterrupted(20)) return false;
+        const int64_t now = qxplat::NowNs();
+        if (seconds > 0 && static_cast<double>(now - startNs) >= seconds * 1e9) return true;
+        if (args.Has("inject") && seconds <= 0 && injector.Done()) {
+            if (feedDoneNs == 0) feedDoneNs = now;
+            if (now - feedDoneNs > 200'000'000) return true; // the input has passed it on
+        }
+        tick(static_cast<double>(now - startNs) / 1e6);
+    }
+}
+
+// Time for a backend that delivers asynchronously to put out what it was handed.
+void LetBackendDrain(const Session& session)
+{
+    if (!session.IsVirtual()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+}
+
+bool WriteCapture(const Args& args, VirtualLog& log, int64_t originNs, bool bDue)
+{
+    if (!args.Has("capture")) return true;
+    log.Drain();
+    std::string error;
+    if (!log.Write(args.Get("capture"), originNs, bDue, 0, error)) {
+        Fail(args.Command(), error);
+        return false;
+    }
+    return true;
+}
+
+bool CheckCapture(const Args& args, const Session& session)
+{
+    if (args.Has("capture") && !session.IsVirtual()) {
+        Fail(args.Command(), "--capture records what a virtual output emitted: it needs the virtual backend", kExitUsage);
+        return false;
+    }
+    return true;
+}
+
+// Hex tokens into bytes: "90", "0x90", "903C40".
+bool ParseHex(const std::vector<std::string>& tokens, std::vector<uint8_t>& bytes, std::string& error)
+{
+    for (std::string t : tokens) {
+        if (t.size() > 2 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X')) t = t.substr(2);
+        if (t.empty() || (t.size() > 2 && t.size() % 2 != 0)) {
+            error = "'" + t + "' is not a hexadecimal byte";
+            return false;
+        }
+        for (size_t i = 0; i < t.size(); i += 2) {
+            const std::string pair = t.substr(i, 2);
+            for (char c : pair)
+                if (!std::isxdigit(static_cast<unsigned char>(c))) {
+                    error = "'" + t + "' is not a hexadecimal byte";
+                    return false;
+                }
+            bytes.push_back(static_cast<uint8_t>(std::stoul(pair, nullptr, 16)));
+        }
+    }
+    if (bytes.empty()) {
+        error = "no bytes to send";
+        return false;
+    }
+    return true;
+}
+
+// Bytes into whole messages: short ones (running status allowed) and SysEx F0 ... F7.
+bool SplitMessages(const std::vector<uint8_t>& bytes, std::vector<std::vector<uint8_t>>& messages, std::string& error)
+{
+    auto where = [](size_t i) { return " (byte " + std::to_string(i + 1) + ")"; };
+    auto hex = [](uint8_t b) {
+        char s[8];
+        std::snprintf(s, sizeof s, "%02X", b);
+        return std::string(s);
+    };
+    uint8_t running = 0;
+    for (size_t i = 0; i < bytes.size();) {
+        const uint8_t b = bytes[i];
+        if (b == 0xF0) {
+            size_t j = i + 1;
+            while (j < bytes.size() && bytes[j] < 0x80) ++j;
+            if (j >= bytes.size() || bytes[j] != 0xF7) {
+                error = "the SysEx that starts at F0" + where(i) + " has no F7 at its end";
+                return false;
+            }
+            messages.emplace_back(bytes.begin() + static_cast<std::ptrdiff_t>(i), bytes.begin() + static_cast<std::ptrdiff_t>(j + 1));
+            i = j + 1;
+            running = 0;
+            continue;
+        }
+        if (b == 0xF7) {
+            error = "F7" + where(i) + " ends a SysEx that was not started";
+            return false;
+        }
+        std::vector<uint8_t> m;
+        uint8_t status = b;
+        if (b >= 0x80) {
+            m.push_back(b);
+            ++i;
+            if (b < 0xF0) running = b;
+            else if (b < 0xF8) running = 0;
+        } else {
+            if (running == 0) {
+                error = "data byte " + hex(b) + where(i) + " has no status byte before it";
+                return false;
+            }
+            status = running;
+            m.push_back(status);
+        }
+        const size_t need = qxsmf::ShortLength(status) - 1;
+        for (size_t k = 0; k < need; ++k, ++i) {
+            if (i >= bytes.size() || bytes[i] >= 0x80) {
+                error = "message " + hex(status) + " needs " + std::to_string(need) + " data byte" + (need == 1 ? "" : "s") +
+                        (i < bytes.size() ? ", not " + hex(bytes[i]) + where(i) : "");
+                return false;
+            }
+            m.push_back(bytes[i]);
+        }
+        messages.push_back(std::move(m));
+    }
+    return true;
+}
+
+} // namespace
+
+int RunThru(int argc, char** argv)
+{
+    const std::string cmd = "thru";
+    Args args(cmd, {"in", "out", "channel", "seconds", "inject", "capture", "capture-times"});
+    if (!args.Parse(argc, argv)) return kExitUsage;
+    if (args.Help()) return PrintHelp(cmd);
+    if (!args.Has("in") || !args.Has("out")) return Fail(cmd, "needs --in N and --out M", kExitUsage);
+    if (!args.Positional().empty()) return Fail(cmd, "takes no file, not '" + args.Positional()[0] + "'", kExitUsage);
+    int nIn = 0, nOut = 0, nChannel = 0;
+    double seconds = 0;
+    bool bDue = false;
+    if (!args.GetInt("in", nIn, 0, 1023) || !args.GetInt("out", nOut, 0, 1023) ||
+        !args.GetInt("channel", nChannel, 1, 16) || !args.GetDouble("seconds", seconds, 0.001, 86400) ||
+        !CaptureUsesDue(args, bDue))
+        return kExitUsage;
+
+    Session session;
+    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn) ||
+        !session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut))
+        return kExitFailure;
+    if (session.IsVirtual() && nIn == nOut)
+        return Fail(cmd, "virtual output " + std::to_string(nOut) + " loops back into input " + std::to_string(nIn) +
+                             ": thru between them would feed back forever",
+                    kExitUsage);
+    if (!CheckCapture(args, session)) return kExitUsage;
+    std::vector<qxsmf::Message> feed;
+    if (!LoadInjection(args, session, feed)) return kExitUsage;
+    CQuavix* q = session.Get();
+    session.KeepOnly({{QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn}, {QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut}});
+
+    VirtualLog log(nOut);
+    if (session.IsVirtual()) {
+        log.Drain();
+        log.Clear();
+    }
+    Recorder counter;
+    q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&counter), 0);
+    q->ConnectMidiThru(nOut, args.Has("channel") ? nChannel - 1 : -1);
+    q->EnableMidiThru(1);
+    if (!q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut)) {
+        const std::string why = Session::LastReport();
+        return Fail(cmd, "cannot open MIDI output " + std::to_string(nOut) + (why.empty() ? "" : ": " + why));
+    }
+    if (!q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn) || !q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn)) {
+        const std::string why = Session::LastReport();
+        return Fail(cmd, "cannot open MIDI input " + std::to_string(nIn) + (why.empty() ? "" : ": " + why));
+    }
+    if (!args.Quiet())
+        std::printf("Thru from MIDI input %d (%s) to output %d (%s)%s; Ctrl-C stops\n", nIn,
+                    session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn).c_str(), nOut,
+                    session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut).c_str(),
+                    args.Has("channel") ? (" on channel " + std::to_string(nChannel)).c_str() : "");
+
+    Injector injector;
+    if (!feed.empty()) injector.Start(nIn, std::move(feed));
+    const int64_t startNs = args.Has("inject") ? injector.StartNs() : qxplat::NowNs();
+    Progress progress(args.Quiet());
+    const bool bDone = RunFor(args, seconds, injector, startNs, [&](double ms) {
+        if (session.IsVirtual()) log.Drain();
+        progress.Update(FormatTime(ms) + "  " + std::to_string(counter.Count()) + " messages");
+    });
+    injector.Stop();
+    q->EnableMidiThru(0);
+    q->CloseDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn);
+    LetBackendDrain(session);
+    q->CloseDevices();
+    progress.Finish();
+    std::printf("%s %zu messages passed through in %.1f s\n", bDone ? "Done:" : "Stopped:", counter.Count(),
+                static_cast<double>(qxplat::NowNs() - startNs) / 1e9);
+    if (!WriteCapture(args, log, startNs, bDue)) return kExitFailure;
+    return kExitOk;
+}
+
+int RunRecordMidi(int argc, char** argv)
+{
+    const std::string cmd = "record-midi";
+    Args args(cmd, {"in", "seconds", "inject"});
+    if (!args.Parse(argc, argv)) return kExitUsage;
+    if (args.Help()) return PrintHelp(cmd);
+    if (!args.Has("in")) return Fail(cmd, "needs --in N, the MIDI input to record", kExitUsage);
+    if (args.Positional().size() != 1)
+        return Fail(cmd, args.Positional().empty() ? "needs the OUT.mid to write" : "writes one file", kExitUsage);
+    int nIn = 0;
+    double seconds = 0;
+    if (!args.GetInt("in", nIn, 0, 1023) || !args.GetDouble("seconds", seconds, 0.001, 86400)) return kExitUsage;
+    const std::string path = args.Positional()[0];
+
+    Session session;
+    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn)) return kExitFailure;
+    std::vector<qxsmf::Message> feed;
+    if (!LoadInjection(args, session, feed)) return kExitUsage;
+    // Written empty first: a path that cannot be written fails before the take, and a
+    // take that is killed leaves a valid file.
+    std::string error;
+    if (!qxsmf::Write(path, qxsmf::FromMilliseconds({}, "quavix recording"), error)) return Fail(cmd, error);
+    CQuavix* q = session.Get();
+    session.KeepOnly({{QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn}});
+
+    Recorder rec;
+    rec.bKeep = true;
+    const int nTag = q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&rec), 1);
+    if (!q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn) || !q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn)) {
+        const std::string why = Session::LastReport();
+        return Fail(cmd, "cannot open MIDI input " + std::to_string(nIn) + (why.empty() ? "" : ": " + why));
+    }
+    if (!args.Quiet())
+        std::printf("Recording MIDI input %d (%s) to %s; Ctrl-C stops\n", nIn,
+                    session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn).c_str(), path.c_str());
+    Injector injector;
+    if (!feed.empty()) injector.Start(nIn, std::move(feed));
+    const int64_t startNs = args.Has("inject") ? injector.StartNs() : qxplat::NowNs();
+    Progress progress(args.Quiet());
+    const bool bDone = RunFor(args, seconds, injector, startNs, [&](double ms) {
+        progress.Update(FormatTime(ms) + "  " + std::to_string(rec.Count()) + " messages");
+    });
+    injector.Stop();
+    q->CloseDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn); // no callback runs after this
+    q->StopRecording(nTag);
+    progress.Finish();
+
+    std::vector<std::pair<uint64_t, std::vector<uint8_t>>> messages;
+    {
+        std::lock_guard<std::mutex> lock(rec.mutex);
+        for (const auto& [ms, msg] : rec.events) messages.emplace_back(ms, UnpackShort(msg));
+    }
+    if (!qxsmf::Write(path, qxsmf::FromMilliseconds(messages, "quavix recording"), error)) return Fail(cmd, error);
+    std::printf("%s %zu messages recorded in %.1f s to %s\n", bDone ? "Done:" : "Stopped:", messages.size(),
+                static_cast<double>(qxplat::NowNs() - startNs) / 1e9, path.c_str());
+    return kExitOk;
+}
+
+int RunSend(int argc, char** argv)
+{
+    const std::string cmd = "send";
+    Args args(cmd, {"out", "capture", "capture-times"});
+    if (!args.Parse(argc, argv)) return kExitUsage;
+    if (args.Help()) return PrintHelp(cmd);
+    if (!args.Has("out")) return Fail(cmd, "needs --out N", kExitUsage);
+    int nOut = 0;
+    bool bDue = false;
+    if (!args.GetInt("out", nOut, 0, 1023) || !CaptureUsesDue(args, bDue)) return kExitUsage;
+    std::vector<uint8_t> bytes;
+    std::vector<std::vector<uint8_t>> messages;
+    std::string error;
+    if (!ParseHex(args.Positional(), bytes, error) || !SplitMessages(bytes, messages, error))
+        return Fail(cmd, error, kExitUsage);
+
+    Session session;
+    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut)) return kExitFailure;
+    if (!CheckCapture(args, session)) return kExitUsage;
+    CQuavix* q = session.Get();
+    session.KeepOnly({{QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut}});
+    VirtualLog log(nOut);
+    if (session.IsVirtual()) {
+        log.Drain();
+        log.Clear();
+    }
+    if (!q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut)) {
+        const std::string why = Session::LastReport();
+        return Fail(cmd, "cannot open MIDI output " + std::to_string(nOut) + (why.empty() ? "" : ": " + why));
+    }
+    const int64_t startNs = qxplat::NowNs();
+    const size_t reportsBefore = Session::ReportCount();
+    for (const auto& m : messages) {
+        if (m[0] == 0xF0)
+            q->SendSysExMsg(static_cast<UINT>(nOut), m.data(), static_cast<int>(m.size()), 0);
+        else
+            q->SendMidiMsg(static_cast<UINT>(nOut), PackShort(m), 0);
+    }
+    // The sends return nothing; a failure shows as a report.
+    if (Session::ReportCount() != reportsBefore) return Fail(cmd, "sending failed: " + Session::LastReport());
+    LetBackendDrain(session);
+    q->CloseDevices();
+    if (!args.Quiet())
+        std::printf("Sent %zu message%s (%zu bytes) to MIDI output %d (%s)\n", messages.size(),
+                    messages.size() == 1 ? "" : "s", bytes.size(), nOut,
+                    session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut).c_str());
+    if (!WriteCapture(args, log, startNs, bDue)) return kExitFailure;
+    return kExitOk;
+}
+
+int RunPanic(int argc, char** argv)
+{
+    const std::string cmd = "panic";
+    Args args(cmd, {"out", "capture", "capture-times"});
+    if (!args.Parse(argc, argv)) return kExitUsage;
+    if (args.Help()) return PrintHelp(cmd);
+    if (!args.Positional().empty()) return Fail(cmd, "takes no arguments, not '" + args.Positional()[0] + "'", kExitUsage);
+    int nOut = -1;
+    bool bDue = false;
+    if (!args.GetInt("out", nOut, 0, 1023) || !CaptureUsesDue(args, bDue)) return kExitUsage;
+
+    Session session;
+    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (nOut >= 0 && !session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut)) return kExitFailure;
+    if (!CheckCapture(args, session)) return kExitUsage;
+    CQuavix* q = session.Get();
+    const int nCount = q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT);
+    if (nCount == 0) {
+        std::printf("No MIDI outputs to silence on the %s backend\n", session.Backend().c_str());
+        return kExitOk;
+    }
+    VirtualLog log(nOut < 0 ? 0 : nOut);
+    if (session.IsVirtual()) {
+        log.Drain();
+        log.Clear();
+    }
+    // Only open outputs send the panic; the others are left closed.
+    int nOpened = 0;
+    std::string failures;
+    for (int n = 0; n < nCount; ++n) {
+        if (nOut >= 0 && n != nOut) continue;
+        if (q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n))
+            ++nOpened;
+        else
+            failures += (failures.empty() ? "" : ", ") + std::to_string(n);
+    }
+    if (nOpened == 0) {
+        const std::string why = Session::LastReport();
+        return Fail(cmd, "cannot open MIDI output " + failures + (why.empty() ? "" : ": " + why));
+    }
+    const int64_t startNs = qxplat::NowNs();
+    q->OnPanicButton();
+    LetBackendDrain(session);
+    q->CloseDevices();
+    std::printf("Silenced %d MIDI output%s", nOpened, nOpened == 1 ? "" : "s");
+    if (!failures.empty()) std::printf(" (could not open %s)", failures.c_str());
+    std::printf("\n");
+    if (!WriteCapture(args, log, startNs, bDue)) return kExitFailure;
+    return kExitOk;
+}
+
+} // namespace qxcli

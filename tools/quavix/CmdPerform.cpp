@@ -1,0 +1,259 @@
+// quavix perform: a Standard MIDI File through the performance engine.
+#include "Commands.h"
+#include "Playback.h"
+
+#include "platform/backends/QXBackend.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <new>
+
+namespace qxcli {
+
+std::vector<Item> MakeItems(const qxsmf::Timeline& timeline)
+{
+    std::vector<Item> items;
+    items.reserve(timeline.messages.size());
+    for (const auto& m : timeline.messages) {
+        Item it{static_cast<DWORD>(std::llround(m.ms)), 0, {}};
+        if (m.IsSysEx())
+            it.sysex.assign(m.bytes.begin(), m.bytes.end());
+        else
+            it.msg = PackShort(m.bytes);
+        items.push_back(std::move(it));
+    }
+    return items;
+}
+
+CQXEventData* MakeEvent(const Item& item, int nOutput, DWORD dwTime)
+{
+    auto* e = new (std::nothrow) CQXEventData;
+    if (e == nullptr) return nullptr;
+    if (!item.sysex.empty()) {
+        e->SetSysExData(item.sysex.data(), static_cast<DWORD>(item.sysex.size()));
+        if (e->m_nType != QX_EVENT_SYSEX) { // no memory for the bytes
+            delete e;
+            return nullptr;
+        }
+    } else {
+        e->SetMidiData(item.msg);
+    }
+    e->SetDevice(nOutput);
+    e->SetTimeStamp(dwTime);
+    return e;
+}
+
+Lateness MeasureLateness(const std::vector<VirtualLog::Entry>& entries, size_t from, size_t to)
+{
+    std::vector<double> late;
+    for (size_t i = from; i < to && i < entries.size(); ++i)
+        if (entries[i].dueNs != 0) late.push_back(static_cast<double>(entries[i].timeNs - entries[i].dueNs) / 1e6);
+    Lateness l;
+    l.count = late.size();
+    if (late.empty()) return l;
+    std::sort(late.begin(), late.end());
+    l.worstMs = late.back();
+    l.p99Ms = late[std::min(late.size() - 1, static_cast<size_t>(std::ceil(0.99 * static_cast<double>(late.size()))) - 1)];
+    return l;
+}
+
+std::string Describe(const qxsmf::File& file, const qxsmf::Timeline& timeline)
+{
+    char b[160];
+    std::snprintf(b, sizeof b, "format %d, %zu track%s, %s, %zu events", file.format, file.tracks.size(),
+                  file.tracks.size() == 1 ? "" : "s", FormatTime(timeline.lengthMs).c_str(),
+                  timeline.messages.size());
+    std::string s = b;
+    if (!timeline.title.empty()) s = "\"" + timeline.title + "\", " + s;
+    return s;
+}
+
+namespace {
+
+// Hands the file's events to the engine period by period. The callback runs on the
+// polling thread with the device lock held; the main thread only reads the count.
+class FilePerformance {
+public:
+    FilePerformance(CQuavix* q, const std::vector<Item>& items, int nOutput) : m_q(q), m_items(items), m_nOutput(nOutput) {}
+
+    static int Proc(DWORD_PTR dwUser, int nTag, DWORD, DWORD dwEnd)
+    {
+        auto* p = reinterpret_cast<FilePerformance*>(dwUser);
+        if (nTag < 0) return 1; // sync notifications: not in this mode
+        p->HandBefore(dwEnd);
+        return p->Done() ? 0 : 1;
+    }
+
+    void HandBefore(DWORD dwEnd)
+    {
+        CQXEventList list;
+        while (m_next < m_items.size() && m_items[m_next].ms < dwEnd) {
+            const Item& it = m_items[m_next++];
+            if (CQXEventData* e = MakeEvent(it, m_nOutput, it.ms))
+                if (list.AddTail(e) == nullptr) delete e;
+        }
+        m_handed = m_next;
+        m_q->PlayBuffer(list);
+    }
+
+    bool Done() const { return m_handed.load() == m_items.size(); }
+    size_t Handed() const { return m_handed.load(); }
+
+private:
+    CQuavix* m_q;
+    const std::vector<Item>& m_items;
+    int m_nOutput;
+    size_t m_next = 0;
+    std::atomic<size_t> m_handed{0};
+};
+
+} // namespace
+
+int RunPerform(int argc, char** argv)
+{
+    const std::string cmd = "perform";
+    Args args(cmd, {"output", "tempo-scale", "capture", "capture-times"});
+    if (!args.Parse(argc, argv)) return kExitUsage;
+    if (args.Help()) return PrintHelp(cmd);
+    if (args.Positional().size() != 1)
+        return Fail(cmd, args.Positional().empty() ? "needs a FILE.mid to play" : "plays one file at a time", kExitUsage);
+    int nOutput = 0;
+    double scale = 1.0;
+    bool bDue = false;
+    if (!args.GetInt("output", nOutput, 0, 1023) || !args.GetDouble("tempo-scale", scale, 0.05, 20) ||
+        !CaptureUsesDue(args, bDue))
+        return kExitUsage;
+
+    const std::string path = args.Positional()[0];
+    qxsmf::File file;
+    qxsmf::Timeline timeline;
+    std::string error;
+    if (!qxsmf::Read(path, file, error) || !qxsmf::BuildTimeline(file, scale, timeline, error)) return Fail(cmd, error);
+    const std::vector<Item> items = MakeItems(timeline);
+
+    Session session;
+    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput)) return kExitFailure;
+    const bool bCapture = args.Has("capture");
+    if (bCapture && !session.IsVirtual())
+        return Fail(cmd, "--capture records what a virtual output emitted: it needs the virtual backend", kExitUsage);
+    CQuavix* q = session.Get();
+    session.KeepOnly({{QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput}});
+    // Every event, SysEx included, goes to the chosen output only.
+    q->SetDefaultMidiDevice(nOutput);
+    q->EnableDefaultMidiDevice(1);
+
+    const std::string outName = session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput);
+    if (!args.Quiet()) {
+        char tempo[48] = "";
+        if (scale != 1.0) std::snprintf(tempo, sizeof tempo, ", tempo x%g", scale);
+        std::printf("Playing %s (%s)\n  on MIDI output %d (%s), %s backend%s\n", path.c_str(),
+                    Describe(file, timeline).c_str(), nOutput, outName.c_str(), session.Backend().c_str(), tempo);
+    }
+
+    VirtualLog log(nOutput);
+    if (session.IsVirtual()) {
+        log.Drain(); // nothing from before this run
+        log.Clear();
+    }
+    FilePerformance perf(q, items, nOutput);
+    // The periods written when the output opens are not asked for: what they play must
+    // be merged before.
+    const DWORD dwLatency = q->GetPerformanceLatency();
+    perf.HandBefore(dwLatency);
+    if (q->StartPerformance(FilePerformance::Proc, reinterpret_cast<DWORD_PTR>(&perf), 1, 0) == 0)
+        return Fail(cmd, "cannot start the performance (out of memory)");
+    q->OpenDevices();
+    if (!(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput) & QX_STATE_OPEN)) {
+        const std::string why = Session::LastReport();
+        return Fail(cmd, "cannot open MIDI output " + std::to_string(nOutput) + " (" + outName + ")" +
+                             (why.empty() ? "" : ": " + why));
+    }
+    if (!q->StartDevices()) {
+        const std::string why = Session::LastReport();
+        return Fail(cmd, "cannot start MIDI output " + std::to_string(nOutput) + (why.empty() ? "" : ": " + why));
+    }
+    const int64_t startNs = qxplat::NowNs();
+
+    const double lastMs = items.empty() ? 0.0 : items.back().ms;
+    const double endMs = std::max(timeline.lengthMs, lastMs);
+    Progress progress(args.Quiet());
+    bool bInterrupted = false, bStalled = false;
+    double elapsed = 0;
+    size_t sent = 0;
+    for (;;) {
+        if (!SleepUnlessInterrupted(50)) {
+            bInterrupted = true;
+            break;
+        }
+        elapsed = static_cast<double>(qxplat::NowNs() - startNs) / 1e6;
+        if (session.IsVirtual()) {
+            log.Drain();
+            sent = log.Entries().size();
+        } else {
+            // What is due by now has gone to the backend.
+            auto due = std::upper_bound(items.begin(), items.end(), elapsed,
+                                        [](double t, const Item& it) { return t < it.ms; });
+            sent = std::min(perf.Handed(), static_cast<size_t>(due - items.begin()));
+        }
+        progress.Update(FormatTime(std::min(elapsed, endMs)) + " / " + FormatTime(endMs) + " " +
+                        Bar(endMs > 0 ? elapsed / endMs : 1.0, 30) + " " + std::to_string(sent) + "/" +
+                        std::to_string(items.size()) + " events");
+        const bool bPlayedOut = perf.Done() && (session.IsVirtual() ? sent >= items.size()
+                                                                    : elapsed >= lastMs + dwLatency + 250);
+        if (bPlayedOut && elapsed >= endMs) break;
+        if (elapsed > endMs + dwLatency + 5000) {
+            bStalled = true;
+            break;
+        }
+    }
+
+    q->StopDevices(); // the queued periods go; nothing plays after the panic below
+    size_t songMessages = 0;
+    if (session.IsVirtual()) {
+        log.Drain();
+        songMessages = log.Entries().size();
+        sent = songMessages;
+    }
+    if (bInterrupted) q->OnPanicButton();
+    q->CloseDevices();
+    if (session.IsVirtual()) log.Drain();
+    progress.Finish();
+
+    if (bStalled)
+        return Fail(cmd, "playback stalled: " + std::to_string(perf.Handed()) + " of " + std::to_string(items.size()) +
+                             " events were handed to the engine, " + std::to_string(sent) + " went out");
+
+    std::printf("%s\n", bInterrupted ? "Stopped (interrupted); the output was silenced." : "Summary:");
+    std::printf("  events    %zu of %zu sent\n", sent, items.size());
+    std::printf("  duration  %.1f s of music, played in %.1f s\n", endMs / 1000.0, elapsed / 1000.0);
+    if (session.IsVirtual()) {
+        const Lateness late = MeasureLateness(log.Entries(), 0, songMessages);
+        if (late.count > 0)
+            std::printf("  lateness  worst %.2f ms, 99%% within %.2f ms (emitted against due, %zu messages)\n",
+                        late.worstMs, late.p99Ms, late.count);
+    } else {
+        std::printf("  lateness  not measured on the %s backend\n", session.Backend().c_str());
+    }
+    if (timeline.metaSkipped + timeline.dropped > 0)
+        std::printf("  skipped   %zu meta events, %zu malformed or incomplete messages\n", timeline.metaSkipped,
+                    timeline.dropped);
+    if (bCapture) {
+        // Times count from the start of play: the first due time, less the time the
+        // first event had in the file.
+        int64_t originNs = startNs;
+        for (const auto& e : log.Entries())
+            if (e.dueNs != 0) {
+                originNs = e.dueNs - (items.empty() ? 0 : static_cast<int64_t>(items.front().ms) * 1'000'000);
+                break;
+            }
+        if (!log.Write(args.Get("capture"), originNs, bDue, 0, error)) return Fail(cmd, error);
+        std::printf("  capture   %s (%zu messages, %s times)\n", args.Get("capture").c_str(), log.Entries().size(),
+                    bDue ? "due" : "emitted");
+    }
+    std::fflush(stdout);
+    return bInterrupted ? kExitInterrupted : kExitOk;
+}
+
+} // namespace qxcli

@@ -1,0 +1,546 @@
+#include "Smf.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace qxsmf {
+
+namespace {
+
+std::string Hex(unsigned v)
+{
+    char b[8];
+    std::snprintf(b, sizeof b, "0x%02X", v & 0xFFu);
+    return b;
+}
+
+uint32_t Be32(const uint8_t* p)
+{
+    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+}
+
+uint16_t Be16(const uint8_t* p)
+{
+    return static_cast<uint16_t>((p[0] << 8) | p[1]);
+}
+
+uint32_t Le32(const uint8_t* p)
+{
+    return (uint32_t{p[3]} << 24) | (uint32_t{p[2]} << 16) | (uint32_t{p[1]} << 8) | p[0];
+}
+
+// Reads one track chunk's events. Every read checks the chunk's end, and offsets in
+// messages count from the start of the file.
+class TrackReader {
+public:
+    TrackReader(const uint8_t* base, size_t begin, size_t end, int nTrack, size_t& nEvents)
+        : m_base(base), m_pos(begin), m_end(end), m_nTrack(nTrack), m_nEvents(nEvents)
+    {
+    }
+
+    bool Read(Track& track, std::string& error)
+    {
+        uint64_t tick = 0;
+        uint8_t running = 0;
+        while (m_pos < m_end) {
+            uint32_t delta = 0;
+            if (!Vlq(delta, error)) return false;
+            tick += delta;
+            if (m_pos >= m_end) return Fail(error, "truncated event");
+            if (++m_nEvents > kMaxEvents) return Fail(error, "more than " + std::to_string(kMaxEvents) + " events");
+            Event ev;
+            ev.tick = tick;
+            const uint8_t b = m_base[m_pos];
+            if (b == 0xFF) {
+                ++m_pos;
+                if (m_pos >= m_end) return Fail(error, "truncated meta event");
+                ev.kind = Kind::Meta;
+                ev.metaType = m_base[m_pos++];
+                if (!Payload(ev.data, error)) return false;
+                const bool bEnd = ev.metaType == 0x2F;
+                track.events.push_back(std::move(ev));
+                if (bEnd) return true; // anything after end of track is not part of it
+                continue;
+            }
+            if (b == 0xF0 || b == 0xF7) {
+                ++m_pos;
+                ev.kind = b == 0xF0 ? Kind::SysEx : Kind::Escape;
+                if (b == 0xF0) ev.data.push_back(0xF0);
+                if (!Payload(ev.data, error)) return false;
+                track.events.push_back(std::move(ev));
+                continue;
+            }
+            uint8_t status = b;
+            if (b & 0x80) {
+                if (b >= 0xF0) return Fail(error, "status byte " + Hex(b) + " cannot stand in a track");
+                running = b;
+                ++m_pos;
+            } else {
+                if (running == 0) return Fail(error, "data byte " + Hex(b) + " without a running status");
+                status = running;
+            }
+            const size_t n = ShortLength(status) - 1;
+            if (m_end - m_pos < n) return Fail(error, "truncated channel message");
+            ev.kind = Kind::Channel;
+            ev.data.push_back(status);
+            for (size_t i = 0; i < n; ++i) {
+                const uint8_t d = m_base[m_pos];
+                if (d & 0x80) return Fail(error, "status byte " + Hex(d) + " where a data byte belongs");
+                ev.data.push_back(d);
+                ++m_pos;
+            }
+            track.events.push_back(std::move(ev));
+        }
+        return true; // a track without end of track is taken as ending with its chunk
+    }
+
+private:
+    bool Fail(std::string& error, const std::string& what)
+    {
+        error = "track " + std::to_string(m_nTrack + 1) + ": " + what + " at offset " + std::to_string(m_pos);
+        return false;
+    }
+
+    bool Vlq(uint32_t& value, std::string& error)
+    {
+        value = 0;
+        for (int i = 0; i < 4; ++i) {
+            if (m_pos >= m_end) return Fail(error, "truncated variable-length number");
+            const uint8_t b = m_base[m_pos++];
+            value = (value << 7) | (b & 0x7Fu);
+            if (!(b & 0x80)) return true;
+        }
+        return Fail(error, "variable-length number longer than four bytes");
+    }
+
+    bool Payload(std::vector<uint8_t>& out, std::string& error)
+    {
+        uint32_t len = 0;
+        if (!Vlq(len, error)) return false;
+        if (m_end - m_pos < len) return Fail(error, "event of " + std::to_string(len) + " bytes runs past its track");
+        out.insert(out.end(), m_base + m_pos, m_base + m_pos + len);
+        m_pos += len;
+        return true;
+    }
+
+    const uint8_t* m_base;
+    size_t m_pos;
+    size_t m_end;
+    int m_nTrack;
+    size_t& m_nEvents;
+};
+
+// A RIFF MIDI file (RMID) wraps a Standard MIDI File in its "data" chunk.
+bool UnwrapRiff(const uint8_t*& p, size_t& cb, std::string& error)
+{
+    if (cb < 12 || std::memcmp(p + 8, "RMID", 4) != 0) {
+        error = "a RIFF file that is not RIFF MIDI";
+        return false;
+    }
+    size_t pos = 12;
+    while (cb - pos >= 8) {
+        const uint32_t len = Le32(p + pos + 4);
+        if (len > cb - pos - 8) break;
+        if (std::memcmp(p + pos, "data", 4) == 0) {
+            p += pos + 8;
+            cb = len;
+            return true;
+        }
+        pos += 8 + size_t{len} + (len & 1u);
+        if (pos > cb) break;
+    }
+    error = "RIFF MIDI file without a complete data chunk";
+    return false;
+}
+
+void PutVlq(std::vector<uint8_t>& out, uint32_t v)
+{
+    uint8_t tmp[4];
+    int n = 0;
+    do {
+        tmp[n++] = static_cast<uint8_t>(v & 0x7F);
+        v >>= 7;
+    } while (v != 0 && n < 4);
+    while (n > 1) out.push_back(static_cast<uint8_t>(tmp[--n] | 0x80));
+    out.push_back(tmp[0]);
+}
+
+void PutBe32(std::vector<uint8_t>& out, uint32_t v)
+{
+    for (int s = 24; s >= 0; s -= 8) out.push_back(static_cast<uint8_t>(v >> s));
+}
+
+void PutBe16(std::vector<uint8_t>& out, uint16_t v)
+{
+    out.push_back(static_cast<uint8_t>(v >> 8));
+    out.push_back(static_cast<uint8_t>(v));
+}
+
+struct TempoPoint {
+    uint64_t tick;
+    double us; // time at this tick
+    uint32_t tempo;
+};
+
+} // namespace
+
+size_t ShortLength(uint8_t status)
+{
+    if (status < 0x80) return 0;
+    if (status < 0xC0) return 3;
+    if (status < 0xE0) return 2;
+    if (status < 0xF0) return 3;
+    switch (status) {
+    case 0xF0:
+    case 0xF7:
+        return 0;
+    case 0xF1:
+    case 0xF3:
+        return 2;
+    case 0xF2:
+        return 3;
+    default:
+        return 1;
+    }
+}
+
+bool Parse(const uint8_t* p, size_t cb, File& file, std::string& error)
+{
+    file = File{};
+    if (p == nullptr || cb == 0) {
+        error = "the file is empty";
+        return false;
+    }
+    if (cb > kMaxFileBytes) {
+        error = "the file is larger than " + std::to_string(kMaxFileBytes >> 20) + " MiB";
+        return false;
+    }
+    if (cb >= 4 && std::memcmp(p, "RIFF", 4) == 0 && !UnwrapRiff(p, cb, error)) return false;
+    if (cb < 4 || std::memcmp(p, "MThd", 4) != 0) {
+        error = "not a Standard MIDI File (no MThd header)";
+        return false;
+    }
+    if (cb < 14) {
+        error = "truncated header";
+        return false;
+    }
+    const uint32_t hlen = Be32(p + 4);
+    if (hlen < 6 || hlen > cb - 8) {
+        error = "header of " + std::to_string(hlen) + " bytes does not fit the file";
+        return false;
+    }
+    file.format = Be16(p + 8);
+    const unsigned nTracks = Be16(p + 10);
+    file.division = Be16(p + 12);
+    if (file.format > 2) {
+        error = "unknown format " + std::to_string(file.format);
+        return false;
+    }
+    if (nTracks == 0) {
+        error = "the header announces no tracks";
+        return false;
+    }
+    if (file.division & 0x8000) {
+        const int fps = -static_cast<int8_t>(file.division >> 8);
+        if ((fps != 24 && fps != 25 && fps != 29 && fps != 30) || (file.division & 0xFF) == 0) {
+            error = "unknown SMPTE division " + Hex(file.division >> 8) + " " + Hex(file.division);
+            return false;
+        }
+    } else if (file.division == 0) {
+        error = "division of 0 ticks per quarter note";
+        return false;
+    }
+
+    size_t pos = 8 + size_t{hlen};
+    size_t nEvents = 0;
+    while (file.tracks.size() < nTracks) {
+        if (cb - pos < 8) {
+            error = "truncated: the header announces " + std::to_string(nTracks) + " tracks, the file holds " +
+                    std::to_string(file.tracks.size());
+            return false;
+        }
+        const uint32_t len = Be32(p + pos + 4);
+        if (len > cb - pos - 8) {
+            error = "truncated: a chunk of " + std::to_string(len) + " bytes at offset " + std::to_string(pos) +
+                    " runs past the end of the file";
+            return false;
+        }
+        const size_t body = pos + 8;
+        if (std::memcmp(p + pos, "MTrk", 4) == 0) {
+            Track track;
+            TrackReader reader(p, body, body + len, static_cast<int>(file.tracks.size()), nEvents);
+            if (!reader.Read(track, error)) return false;
+            file.tracks.push_back(std::move(track));
+        }
+        // Chunks of other types are for other programs: skipped.
+        pos = body + len;
+    }
+    return true;
+}
+
+bool Read(const std::string& path, File& file, std::string& error)
+{
+    std::unique_ptr<FILE, int (*)(FILE*)> f(std::fopen(path.c_str(), "rb"), &std::fclose);
+    if (!f) {
+        error = "cannot open " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    std::vector<uint8_t> data;
+    uint8_t buf[65536];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f.get())) > 0) {
+        data.insert(data.end(), buf, buf + n);
+        if (data.size() > kMaxFileBytes) break; // Parse says why
+    }
+    if (std::ferror(f.get())) {
+        error = "cannot read " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (!Parse(data.data(), data.size(), file, error)) {
+        error = path + ": " + error;
+        return false;
+    }
+    return true;
+}
+
+std::vector<uint8_t> Serialize(const File& file, bool bRunningStatus)
+{
+    std::vector<uint8_t> out;
+    out.insert(out.end(), {'M', 'T', 'h', 'd'});
+    PutBe32(out, 6);
+    PutBe16(out, static_cast<uint16_t>(file.format));
+    PutBe16(out, static_cast<uint16_t>(file.tracks.size()));
+    PutBe16(out, file.division);
+    for (const Track& track : file.tracks) {
+        std::vector<uint8_t> body;
+        uint64_t last = 0;
+        uint8_t running = 0;
+        auto delta = [&](uint64_t tick) {
+            uint64_t d = tick > last ? tick - last : 0;
+            // A gap wider than one delta can say is bridged by empty sequencer meta events.
+            while (d > kMaxVlq) {
+                PutVlq(body, kMaxVlq);
+                body.insert(body.end(), {0xFF, 0x7F, 0x00});
+                d -= kMaxVlq;
+                running = 0;
+            }
+            PutVlq(body, static_cast<uint32_t>(d));
+            last = std::max(last, tick);
+        };
+        for (const Event& ev : track.events) {
+            switch (ev.kind) {
+            case Kind::Channel:
+                if (ev.data.empty()) continue;
+                delta(ev.tick);
+                if (!bRunningStatus || ev.data[0] != running) body.push_back(ev.data[0]);
+                running = ev.data[0];
+                body.insert(body.end(), ev.data.begin() + 1, ev.data.end());
+                break;
+            case Kind::SysEx: {
+                delta(ev.tick);
+                const size_t skip = !ev.data.empty() && ev.data[0] == 0xF0 ? 1 : 0;
+                body.push_back(0xF0);
+                PutVlq(body, static_cast<uint32_t>(ev.data.size() - skip));
+                body.insert(body.end(), ev.data.begin() + static_cast<std::ptrdiff_t>(skip), ev.data.end());
+                running = 0; // strict readers cancel running status here
+                break;
+            }
+            case Kind::Escape:
+                delta(ev.tick);
+                body.push_back(0xF7);
+                PutVlq(body, static_cast<uint32_t>(ev.data.size()));
+                body.insert(body.end(), ev.data.begin(), ev.data.end());
+                running = 0;
+                break;
+            case Kind::Meta:
+                if (ev.metaType == 0x2F) continue; // written once, last
+                delta(ev.tick);
+                body.push_back(0xFF);
+                body.push_back(ev.metaType);
+                PutVlq(body, static_cast<uint32_t>(ev.data.size()));
+                body.insert(body.end(), ev.data.begin(), ev.data.end());
+                running = 0;
+                break;
+            }
+        }
+        uint64_t endTick = last;
+        for (const Event& ev : track.events)
+            if (ev.kind == Kind::Meta && ev.metaType == 0x2F) endTick = std::max(endTick, ev.tick);
+        delta(endTick);
+        body.insert(body.end(), {0xFF, 0x2F, 0x00});
+        out.insert(out.end(), {'M', 'T', 'r', 'k'});
+        PutBe32(out, static_cast<uint32_t>(body.size()));
+        out.insert(out.end(), body.begin(), body.end());
+    }
+    return out;
+}
+
+bool Write(const std::string& path, const File& file, std::string& error)
+{
+    const std::vector<uint8_t> bytes = Serialize(file);
+    std::unique_ptr<FILE, int (*)(FILE*)> f(std::fopen(path.c_str(), "wb"), &std::fclose);
+    if (!f) {
+        error = "cannot create " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (std::fwrite(bytes.data(), 1, bytes.size(), f.get()) != bytes.size() || std::fflush(f.get()) != 0) {
+        error = "cannot write " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+bool BuildTimeline(const File& file, double scale, Timeline& timeline, std::string& error)
+{
+    timeline = Timeline{};
+    if (!(scale > 0) || !std::isfinite(scale)) {
+        error = "the tempo scale must be a positive number";
+        return false;
+    }
+    if (file.format == 2) {
+        error = "format 2 files (independent sequences) cannot be played";
+        return false;
+    }
+
+    // Tempo changes of every track make one map, as format 1 puts them in the first.
+    std::vector<TempoPoint> map{{0, 0.0, 500000}};
+    const bool bSmpte = (file.division & 0x8000) != 0;
+    double usPerTick = 0;
+    if (bSmpte) {
+        const int fps = -static_cast<int8_t>(file.division >> 8);
+        const double frames = fps == 29 ? 29.97 : fps;
+        usPerTick = 1e6 / (frames * (file.division & 0xFF));
+    } else {
+        std::vector<std::pair<uint64_t, uint32_t>> changes;
+        for (const Track& t : file.tracks)
+            for (const Event& ev : t.events)
+                if (ev.kind == Kind::Meta && ev.metaType == 0x51) {
+                    if (ev.data.size() == 3) {
+                        const uint32_t tempo = (uint32_t{ev.data[0]} << 16) | (uint32_t{ev.data[1]} << 8) | ev.data[2];
+                        if (tempo != 0) {
+                            changes.emplace_back(ev.tick, tempo);
+                            continue;
+                        }
+                    }
+                    ++timeline.dropped; // a tempo that cannot be one
+                }
+        std::stable_sort(changes.begin(), changes.end(),
+                         [](const auto& a, const auto& b) { return a.first < b.first; });
+        timeline.tempoChanges = changes.size();
+        const double ppq = file.division;
+        for (const auto& [tick, tempo] : changes) {
+            TempoPoint& last = map.back();
+            const double us = last.us + static_cast<double>(tick - last.tick) * last.tempo / ppq;
+            if (tick == last.tick)
+                last.tempo = tempo; // the later of two changes at one tick holds
+            else
+                map.push_back({tick, us, tempo});
+        }
+    }
+    auto toMs = [&](uint64_t tick) {
+        double us;
+        if (bSmpte) {
+            us = static_cast<double>(tick) * usPerTick;
+        } else {
+            auto it = std::upper_bound(map.begin(), map.end(), tick,
+                                       [](uint64_t t, const TempoPoint& p) { return t < p.tick; });
+            const TempoPoint& p = *(it - 1);
+            us = p.us + static_cast<double>(tick - p.tick) * p.tempo / file.division;
+        }
+        return us / 1000.0 / scale;
+    };
+
+    for (size_t nt = 0; nt < file.tracks.size(); ++nt) {
+        const Track& t = file.tracks[nt];
+        std::vector<uint8_t> pending; // a divided SysEx waiting for its continuation
+        double pendingMs = 0;
+        bool bTitled = !timeline.title.empty();
+        auto emit = [&](double ms, std::vector<uint8_t> bytes) {
+            timeline.messages.push_back({ms, static_cast<int>(nt), std::move(bytes)});
+        };
+        for (const Event& ev : t.events) {
+            const double ms = toMs(ev.tick);
+            timeline.lengthMs = std::max(timeline.lengthMs, ms);
+            switch (ev.kind) {
+            case Kind::Channel:
+                emit(ms, ev.data);
+                break;
+            case Kind::SysEx:
+                if (!pending.empty()) ++timeline.dropped; // never finished
+                pending.clear();
+                if (ev.data.size() >= 2 && ev.data.back() == 0xF7) {
+                    emit(ms, ev.data);
+                } else {
+                    pending = ev.data;
+                    pendingMs = ms;
+                }
+                break;
+            case Kind::Escape:
+                if (!pending.empty()) {
+                    pending.insert(pending.end(), ev.data.begin(), ev.data.end());
+                    if (!ev.data.empty() && ev.data.back() == 0xF7) {
+                        emit(pendingMs, std::move(pending));
+                        pending.clear();
+                    }
+                } else if (ev.data.size() >= 2 && ev.data.front() == 0xF0 && ev.data.back() == 0xF7) {
+                    emit(ms, ev.data);
+                } else if (!ev.data.empty() && ShortLength(ev.data[0]) == ev.data.size()) {
+                    emit(ms, ev.data); // one whole message, as a real-time or system common one
+                } else {
+                    ++timeline.dropped;
+                }
+                break;
+            case Kind::Meta:
+                if (ev.metaType == 0x03 && nt == 0 && !bTitled) {
+                    timeline.title.assign(ev.data.begin(), ev.data.end());
+                    bTitled = true;
+                } else if (ev.metaType != 0x51 && ev.metaType != 0x2F) {
+                    ++timeline.metaSkipped;
+                }
+                break;
+            }
+        }
+        if (!pending.empty()) ++timeline.dropped;
+    }
+    std::stable_sort(timeline.messages.begin(), timeline.messages.end(),
+                     [](const Message& a, const Message& b) { return a.ms < b.ms; });
+    if (timeline.lengthMs > 24.0 * 3600 * 1000) {
+        error = "the file plays for longer than 24 hours";
+        return false;
+    }
+    return true;
+}
+
+File FromMilliseconds(const std::vector<std::pair<uint64_t, std::vector<uint8_t>>>& messages,
+                      const std::string& trackName)
+{
+    File file;
+    file.format = 0;
+    file.division = 500;
+    Track track;
+    if (!trackName.empty()) track.events.push_back({0, Kind::Meta, 0x03, {trackName.begin(), trackName.end()}});
+    track.events.push_back({0, Kind::Meta, 0x51, {0x07, 0xA1, 0x20}});
+    for (const auto& [ms, bytes] : messages) {
+        if (bytes.empty()) continue;
+        Event ev;
+        ev.tick = ms;
+        ev.data = bytes;
+        if (bytes[0] == 0xF0)
+            ev.kind = Kind::SysEx;
+        else if (bytes[0] >= 0x80 && bytes[0] < 0xF0 && bytes.size() == ShortLength(bytes[0]))
+            ev.kind = Kind::Channel;
+        else
+            ev.kind = Kind::Escape;
+        track.events.push_back(std::move(ev));
+    }
+    std::stable_sort(track.events.begin(), track.events.end(),
+                     [](const Event& a, const Event& b) { return a.tick < b.tick; });
+    file.tracks.push_back(std::move(track));
+    return file;
+}
+
+} // namespace qxsmf

@@ -1,0 +1,83 @@
+// Standard MIDI Files: a reader that never trusts the file, a writer, and the merged
+// timeline of messages in milliseconds that playback needs.
+#ifndef QUAVIX_TOOLS_SMF_H
+#define QUAVIX_TOOLS_SMF_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qxsmf {
+
+enum class Kind : uint8_t {
+    Channel, // a channel message, running status resolved: 2 or 3 bytes
+    SysEx,   // an F0 packet: F0 followed by its bytes (ends in F7 unless divided)
+    Escape,  // an F7 packet: its bytes as they are to be sent (a SysEx continuation or any message)
+    Meta,    // FF type: data holds the payload
+};
+
+struct Event {
+    uint64_t tick = 0; // absolute, from the start of the track
+    Kind kind = Kind::Channel;
+    uint8_t metaType = 0;
+    std::vector<uint8_t> data;
+};
+
+struct Track {
+    std::vector<Event> events;
+};
+
+struct File {
+    int format = 1;
+    // Ticks per quarter note when bit 15 is clear; otherwise SMPTE: the high byte is
+    // minus the frames per second and the low byte the ticks per frame.
+    uint16_t division = 480;
+    std::vector<Track> tracks;
+};
+
+// Limits that keep a hostile file from taking the machine's memory.
+constexpr size_t kMaxFileBytes = size_t{16} << 20;
+constexpr size_t kMaxEvents = size_t{4} << 20;
+constexpr uint32_t kMaxVlq = 0x0FFFFFFF; // four bytes of seven bits
+
+bool Parse(const uint8_t* pData, size_t cb, File& file, std::string& error);
+bool Read(const std::string& path, File& file, std::string& error);
+
+// Events of each track must be in tick order. End of track is written where the track
+// has none; bRunningStatus omits repeated channel status bytes.
+std::vector<uint8_t> Serialize(const File& file, bool bRunningStatus = true);
+bool Write(const std::string& path, const File& file, std::string& error);
+
+// One message to send, at a time in milliseconds from the start of the file.
+struct Message {
+    double ms = 0;
+    int track = 0;
+    std::vector<uint8_t> bytes; // a short message, or a complete SysEx F0 ... F7
+    bool IsSysEx() const { return !bytes.empty() && bytes[0] == 0xF0; }
+};
+
+struct Timeline {
+    std::vector<Message> messages; // time order; file order among equal times
+    double lengthMs = 0;           // the last event or end of track, whichever is later
+    size_t tempoChanges = 0;
+    size_t metaSkipped = 0;        // meta events other than tempo and end of track
+    size_t dropped = 0;            // incomplete SysEx and escapes that are no message
+    std::string title;             // the first track's name, when it has one
+};
+
+// Merges the tracks of a format 0 or 1 file through its tempo map. scale > 1 plays
+// faster: every time is divided by it.
+bool BuildTimeline(const File& file, double scale, Timeline& timeline, std::string& error);
+
+// Number of bytes of a short message with this status, 0 for F0, F7 and data bytes.
+size_t ShortLength(uint8_t status);
+
+// A file of one track holding the messages at millisecond ticks (500 ticks a quarter
+// note at 120 beats a minute), as a sequencer would record them.
+File FromMilliseconds(const std::vector<std::pair<uint64_t, std::vector<uint8_t>>>& messages,
+                      const std::string& trackName = {});
+
+} // namespace qxsmf
+
+#endif // QUAVIX_TOOLS_SMF_H
