@@ -105,10 +105,10 @@ bool Args::Parse(int argc, char** argv)
         }
         if (m_flags.count(name) != 0) {
             if (bInline) {
-                Fail(m_command, "--" + name + " takes no value", kExitUsage);
+                Fail(m_command, std::string("--").append(name).append(" takes no value"), kExitUsage);
                 return false;
             }
-            m_values[name] = "1";
+            m_values[name].assign(1, '1'); // not = "1": GCC 12 warns falsely (-Wrestrict) at -O2
         } else if (m_valued.count(name) != 0) {
             if (!bInline) {
                 if (i + 1 >= argc) {
@@ -335,7 +335,9 @@ std::string Bar(double fraction, int width)
 {
     fraction = std::clamp(fraction, 0.0, 1.0);
     const int full = static_cast<int>(std::lround(fraction * width));
-    return "[" + std::string(static_cast<size_t>(full), '#') + std::string(static_cast<size_t>(width - full), '.') + "]";
+    std::string bar(1, '[');
+    bar.append(static_cast<size_t>(full), '#').append(static_cast<size_t>(width - full), '.').push_back(']');
+    return bar;
 }
 
 void VirtualLog::Drain()
