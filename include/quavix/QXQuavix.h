@@ -224,7 +224,7 @@ private:
     std::atomic<int> m_bDefaultMidiDeviceEnabled{0};
     CQXPtrList<QX_PerformanceRec> m_Performances{10};
     CQXPtrList<QX_RecordingRec> m_Recordings{10};
-    UINT m_uTimerID = 0;
+    std::atomic<UINT> m_uTimerID{0}; // read by the manager's thread for every tick
     std::atomic<UINT> m_uDelayTimerID{0};
     CQXEventList* m_pMidiOutLists = nullptr;
     CQXEventList* m_pWaveOutLists = nullptr;

@@ -82,7 +82,9 @@ LRESULT CQuavix::WndProc(UINT uMsg, WPARAM wParam, LPARAM lParam)
     const bool bSlave = m_dwSyncMode == QX_SYNCMODE_SLAVE;
     switch (uMsg) {
     case QXM_TIMER:
-        _CatchUp();
+        // A tick posted before StopDevices killed the timer may arrive after it; with the
+        // play start zeroed it would make the catch-up loop poll without end.
+        if (m_uTimerID != 0) _CatchUp();
         return 0;
     case QXM_DELAYSTART: {
         auto* pBlock = reinterpret_cast<QX_DELAYSTART*>(wParam);

@@ -171,3 +171,21 @@ TEST_F(ManagerTest, SyncMessagesOutsideSlaveModeDoNothing)
     EXPECT_EQ(q->GetSyncPosition(), 0u);
     EXPECT_TRUE(Only(FakeDevice::Log(), "start mo").empty());
 }
+
+TEST_F(ManagerTest, ATickLeftOverFromAStoppedTimerPollsNothing)
+{
+    CQuavix* q = Make();
+    static std::atomic<int> polls;
+    polls = 0;
+    q->StartPerformance([](DWORD_PTR, int, DWORD, DWORD) { return ++polls, 1; }, 0, 0, 0);
+    q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES, 0);
+    q->OpenDevices();
+    q->StartDevices();
+    q->StopDevices();
+    // What a tick posted just before the timer was killed looks like: the play start is
+    // 0 now, so catching up would mean polling the whole clock's worth of periods.
+    PostMessageA(q->GetHWnd(), QXM_TIMER, 0, 0);
+    q->DelayStart(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, 10); // handled after the tick
+    EXPECT_TRUE(Eventually([&] { return q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0) == 0x0012u; }));
+    EXPECT_EQ(polls.load(), 0);
+}
