@@ -337,6 +337,10 @@ private:
             }
             if (wakeNs == INT64_MAX) {
                 m_cv.wait(lock);
+            } else if (m_port->LeadNs() > 0) {
+                // A port that takes messages ahead places them itself: no need to spin,
+                // and spinning at real-time priority would starve its server.
+                m_cv.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(wakeNs)));
             } else if (wakeNs - now > kSpinNs) {
                 m_cv.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(wakeNs - kSpinNs)));
             } else {

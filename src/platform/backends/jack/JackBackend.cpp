@@ -17,6 +17,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -36,6 +37,7 @@ struct Header {
 };
 
 class JackBackend;
+JackBackend* Instance();
 
 struct OutSlot {
     // The frame a due time falls on: one linear mapping per port, so that distances
@@ -79,6 +81,18 @@ public:
             return;
         }
         m_rate = jack_get_sample_rate(m_client);
+        // A client that vanishes without closing stalls the server on its notifications
+        // (xruns for every other client), so the process closes it on its way out.
+        std::atexit([] { Instance()->CloseClient(); });
+    }
+
+    void CloseClient()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_client == nullptr) return;
+        m_dead = true; // ports still open fail cleanly from here on
+        jack_client_close(m_client);
+        m_client = nullptr;
     }
 
     bool Available() const { return m_client != nullptr && !m_dead.load(); }
