@@ -205,20 +205,20 @@ private:
 
     int m_bInitialized = 0;
     std::atomic<int> m_bMidiThru{0};
-    int m_bSlaveTempoRecording = 0;
+    std::atomic<int> m_bSlaveTempoRecording{0};
     std::atomic<int> m_nLastTag{1};
     std::atomic<int> m_nMidiThruDevice{0};
     std::atomic<int> m_nMidiThruChannel{-1};
-    int m_nPrefetchBuffers = 2;
+    std::atomic<int> m_nPrefetchBuffers{2};
     std::atomic<DWORD> m_dwPlayStartTime{0};
     std::atomic<DWORD> m_dwRecordStartTime{0};
     std::atomic<DWORD> m_dwBufferTime{0};
-    DWORD m_dwLatency = 200;
+    std::atomic<DWORD> m_dwLatency{200};
     std::atomic<DWORD> m_dwSyncMode{0};
-    DWORD m_dwSyncPosition = 0;
+    std::atomic<DWORD> m_dwSyncPosition{0};
     int m_nDeviceCount[2][2] = {{0, 0}, {0, 0}};
     CQXDeviceArray m_Devices[2][2];
-    int m_nTimingDevice = 0;
+    std::atomic<int> m_nTimingDevice{0};
     std::atomic<CQXDevice*> m_pTimingDevice{nullptr};
     std::atomic<int> m_nDefaultMidiDevice{0};
     std::atomic<int> m_bDefaultMidiDeviceEnabled{0};
