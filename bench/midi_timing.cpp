@@ -8,6 +8,7 @@
 
 #include "BenchStats.h"
 #include "platform/QXPlatform.h"
+#include "platform/QXRealtime.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
 #include <algorithm>
@@ -96,6 +97,7 @@ int StreamPaced(int seconds)
     }
     const int64_t originNs = out.front().dueNs - static_cast<int64_t>(song.planned.front().time) * 1'000'000;
     std::vector<double> late;
+    std::vector<std::pair<double, DWORD>> worst; // lateness, performance time
     size_t matched = 0, wrongTime = 0;
     for (auto& m : out) {
         const int64_t rel = m.dueNs - originNs;
@@ -110,6 +112,7 @@ int StreamPaced(int seconds)
         byTime.erase(it);
         ++matched;
         late.push_back((m.timeNs - (originNs + static_cast<int64_t>(t) * 1'000'000)) / 1000.0);
+        worst.emplace_back(late.back(), t);
     }
     const double driftMs =
         ((out.back().dueNs - out.front().dueNs) -
@@ -119,6 +122,11 @@ int StreamPaced(int seconds)
                 out.size(), matched, song.planned.size() - matched, wrongTime);
     std::printf("stream start offset (origin - StartDevices call): %.1f us\n", (originNs - callNs) / 1000.0);
     PrintStats("lateness against intended time", late);
+    std::sort(worst.begin(), worst.end(), std::greater<>());
+    std::printf("latest events (us late @ ms):");
+    for (size_t i = 0; i < std::min<size_t>(8, worst.size()); ++i)
+        std::printf(" %.0f@%u", worst[i].first, static_cast<unsigned>(worst[i].second));
+    std::printf("\n");
     std::printf("drift first to last event on the stream clock: %.3f ms\n", driftMs);
     const double wallDrift = ((out.back().timeNs - out.front().timeNs) -
                               static_cast<int64_t>(song.planned.back().time - song.planned.front().time) * 1'000'000) /
@@ -186,6 +194,8 @@ int main(int argc, char** argv)
         if (std::strcmp(argv[i], "--timer-seconds") == 0) timerSeconds = std::atoi(argv[i + 1]);
     }
     qxplat::QXVirtualSetDevices(0, 1, 0, 0);
+    std::printf("idle CPU polling while streams run: %s (QUAVIX_IDLE_POLL=%s)\n",
+                qxplat::CpuPollingEnabled() ? "on" : "off", std::getenv("QUAVIX_IDLE_POLL") ? std::getenv("QUAVIX_IDLE_POLL") : "auto");
     int rc = StreamPaced(seconds);
     rc |= TimerPaced(timerSeconds);
     return rc;

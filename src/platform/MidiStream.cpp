@@ -57,6 +57,8 @@ public:
     // Ends the thread; the stream must hold no buffers.
     void Shutdown()
     {
+        std::lock_guard<std::mutex> control(m_controlMutex);
+        HoldCpus(false);
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_bClosing = true;
@@ -129,6 +131,7 @@ public:
 
     void Restart()
     {
+        std::lock_guard<std::mutex> control(m_controlMutex);
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             if (m_bRunning) return;
@@ -141,20 +144,26 @@ public:
             m_bRunning = true;
         }
         m_cv.notify_one();
+        HoldCpus(true);
     }
 
     void Pause()
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_bRunning) return;
-        m_bRunning = false;
-        m_bPaused = true;
-        m_pausedAtNs = NowNs();
+        std::lock_guard<std::mutex> control(m_controlMutex);
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_bRunning) return;
+            m_bRunning = false;
+            m_bPaused = true;
+            m_pausedAtNs = NowNs();
+        }
+        HoldCpus(false);
     }
 
     // Returns every buffer, in order, and goes back to position 0.
     void Stop()
     {
+        std::unique_lock<std::mutex> control(m_controlMutex);
         std::vector<MIDIHDR*> returned;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
@@ -173,6 +182,8 @@ public:
             for (MIDIHDR* p : returned) p->dwFlags = (p->dwFlags & ~MHDR_INQUEUE) | MHDR_DONE;
         }
         m_cv.notify_one();
+        HoldCpus(false);
+        control.unlock(); // a MOM_DONE handler may control the stream again
         for (MIDIHDR* p : returned) Callback(MOM_DONE, reinterpret_cast<DWORD_PTR>(p), 0);
     }
 
@@ -224,6 +235,17 @@ private:
         MIDIHDR* pHdr;
         DWORD dwOffset;
     };
+
+    // A running stream keeps the CPUs ready to wake its thread on time.
+    void HoldCpus(bool bHold)
+    {
+        if (bHold == m_bHoldingCpus) return;
+        m_bHoldingCpus = bHold;
+        if (bHold)
+            qxplat::HoldCpusAwake();
+        else
+            qxplat::ReleaseCpusAwake();
+    }
 
     // Nanoseconds from the origin to a tick, over the rate that holds from m_baseTick on.
     int64_t TicksToNs(int64_t ticks) const
@@ -358,6 +380,9 @@ private:
     const DWORD_PTR m_dwCallback;
     const DWORD_PTR m_dwInstance;
     HMIDISTRM m_handle = nullptr;
+
+    std::mutex m_controlMutex; // serialises start, pause, stop and shutdown; taken before m_mutex
+    bool m_bHoldingCpus = false;
 
     std::mutex m_mutex; // everything below but the short-message state
     std::condition_variable m_cv;
