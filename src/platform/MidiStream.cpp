@@ -52,6 +52,7 @@ public:
     {
         m_handle = h;
         m_thread = std::thread([this] { Run(); });
+        m_threadId = m_thread.get_id();
     }
 
     // Ends the thread; the stream must hold no buffers.
@@ -184,6 +185,15 @@ public:
         m_cv.notify_one();
         HoldCpus(false);
         control.unlock(); // a MOM_DONE handler may control the stream again
+        // A position callback in progress reads its header, and the owner frees a header
+        // once it is done: it is handed back only after that callback has returned. The
+        // wait holds no control lock, so the callback may pause or restart the stream;
+        // a callback that stops the stream itself is not waited for.
+        if (!returned.empty() && std::this_thread::get_id() != m_threadId) {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            const uint64_t seq = m_positionSeq;
+            m_positionCv.wait(lock, [&] { return !m_bInPosition || m_positionSeq != seq; });
+        }
         for (MIDIHDR* p : returned) Callback(MOM_DONE, reinterpret_cast<DWORD_PTR>(p), 0);
     }
 
@@ -335,9 +345,13 @@ private:
                     Pending c = m_callbacks.front();
                     m_callbacks.pop_front();
                     c.pHdr->dwOffset = c.dwOffset;
+                    m_bInPosition = true;
+                    ++m_positionSeq;
                     lock.unlock();
                     Callback(MOM_POSITIONCB, reinterpret_cast<DWORD_PTR>(c.pHdr), 0);
                     lock.lock();
+                    m_bInPosition = false;
+                    m_positionCv.notify_all();
                     continue;
                 }
                 wakeNs = std::min(wakeNs, atNs);
@@ -400,7 +414,11 @@ private:
     bool m_bRunning = false;
     bool m_bPaused = false;
     bool m_bClosing = false;
+    bool m_bInPosition = false; // a position callback is running, without the lock
+    uint64_t m_positionSeq = 0; // position callbacks begun
+    std::condition_variable m_positionCv;
     std::thread m_thread;
+    std::thread::id m_threadId;
 
     std::mutex m_shortMutex;
     BYTE m_runningStatus = 0;

@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -291,5 +294,86 @@ TEST(MidiStreamOpen, RefusesBadDevicesSecondOpensAndInjectedFaults)
     EXPECT_EQ(midiStreamClose(h), MMSYSERR_INVALHANDLE);
     ASSERT_EQ(midiStreamOpen(&h2, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR) << "free again after close";
     midiStreamClose(h2);
+    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+}
+
+namespace {
+
+// Owners free a header as soon as it comes back; a position callback still reading it
+// must have returned by then.
+struct Race {
+    std::mutex mutex;
+    std::vector<DWORD_PTR> reading; // headers inside a position callback
+    int positions = 0, done = 0, returnedWhileRead = 0, changed = 0;
+};
+
+void CALLBACK RaceProc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
+{
+    auto* r = reinterpret_cast<Race*>(inst);
+    auto* hdr = reinterpret_cast<MIDIHDR*>(p1);
+    if (msg == MOM_POSITIONCB) {
+        {
+            std::lock_guard<std::mutex> lock(r->mutex);
+            r->reading.push_back(hdr->dwUser);
+            ++r->positions;
+        }
+        // Read the event as an output does, before and after giving a stop the time to
+        // overlap (the stream thread may run at real-time priority: it sleeps to let it).
+        int changed = 0;
+        for (int i = 0; i < 2; ++i) {
+            const auto* ev = reinterpret_cast<const volatile DWORD*>(hdr->lpData + hdr->dwOffset);
+            changed += ev[3] != 1 || ev[4] != 77;
+            if (i == 0) std::this_thread::sleep_for(std::chrono::microseconds(300));
+        }
+        std::lock_guard<std::mutex> lock(r->mutex);
+        r->changed += changed;
+        r->reading.erase(std::find(r->reading.begin(), r->reading.end(), hdr->dwUser));
+    } else if (msg == MOM_DONE) {
+        {
+            std::lock_guard<std::mutex> lock(r->mutex);
+            ++r->done;
+            if (std::find(r->reading.begin(), r->reading.end(), hdr->dwUser) != r->reading.end())
+                ++r->returnedWhileRead;
+        }
+        delete reinterpret_cast<Buffer*>(hdr->dwUser);
+    }
+}
+
+} // namespace
+
+TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
+{
+    qxplat::QXVirtualSetDevices(0, 1, 0, 0);
+    Race race;
+    HMIDISTRM h = nullptr;
+    UINT dev = 0;
+    ASSERT_EQ(midiStreamOpen(&h, &dev, 1, reinterpret_cast<DWORD_PTR>(RaceProc), reinterpret_cast<DWORD_PTR>(&race),
+                             CALLBACK_FUNCTION),
+              MMSYSERR_NOERROR);
+    MIDIPROPTIMEDIV td{sizeof td, 0xFFFFE728u};
+    ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
+    const DWORD callbackEvent = MEVT_F_CALLBACK | MEVT_F_LONG | (DWORD{MEVT_COMMENT} << 24) | 8;
+    int queued = 0;
+    for (int round = 0; round < 150; ++round) {
+        for (int b = 0; b < 3; ++b) {
+            auto* buf = new Buffer;
+            for (int e = 0; e < 10; ++e) buf->Ev(0, callbackEvent, {1, 77}); // back to back
+            buf->Ev(2, 0x02000000u);
+            MIDIHDR* hdr = buf->Hdr();
+            hdr->dwUser = reinterpret_cast<DWORD_PTR>(buf);
+            ASSERT_EQ(midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(h), hdr, sizeof(MIDIHDR)), 0u);
+            ASSERT_EQ(midiStreamOut(h, hdr, sizeof(MIDIHDR)), 0u);
+            ++queued;
+        }
+        midiStreamRestart(h);
+        if (round % 3 != 0) Sleep(static_cast<DWORD>(round % 3)); // stop early, or amid the callbacks
+        ASSERT_EQ(midiStreamStop(h), MMSYSERR_NOERROR);
+    }
+    EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
+    std::lock_guard<std::mutex> lock(race.mutex);
+    EXPECT_EQ(race.done, queued) << "every buffer came back once";
+    EXPECT_EQ(race.returnedWhileRead, 0);
+    EXPECT_EQ(race.changed, 0) << "an event changed under its callback";
+    EXPECT_GT(race.positions, 0);
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
 }
