@@ -377,3 +377,59 @@ TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
     EXPECT_GT(race.positions, 0);
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
 }
+
+#ifdef QUAVIX_HAVE_ALSA
+#include "platform/backends/alsa/QXAlsa.h"
+
+namespace {
+
+// The sequencer's own test for a scheduled event against removal criteria, as its
+// documentation states it: the event is the remover's own, and each condition set must
+// hold besides.
+bool Removes(snd_seq_remove_events_t* rm, const snd_seq_event_t& ev, int ourClient, int evClient)
+{
+    const unsigned cond = snd_seq_remove_events_get_condition(rm);
+    if (evClient != ourClient || !(cond & SND_SEQ_REMOVE_OUTPUT)) return false;
+    if (cond & SND_SEQ_REMOVE_DEST) {
+        const snd_seq_addr_t* d = snd_seq_remove_events_get_dest(rm);
+        if (ev.queue != snd_seq_remove_events_get_queue(rm) || ev.dest.client != d->client ||
+            ev.dest.port != d->port)
+            return false;
+    }
+    if ((cond & SND_SEQ_REMOVE_TAG_MATCH) && ev.tag != snd_seq_remove_events_get_tag(rm)) return false;
+    if ((cond & SND_SEQ_REMOVE_IGNORE_OFF) && ev.type == SND_SEQ_EVENT_NOTEOFF) return false;
+    return true;
+}
+
+snd_seq_event_t Scheduled(int queue, int ourPort, int peerClient, int peerPort, unsigned char type)
+{
+    snd_seq_event_t ev;
+    snd_seq_ev_clear(&ev);
+    ev.type = type;
+    snd_seq_real_time_t t{1, 0};
+    snd_seq_ev_schedule_real(&ev, queue, 0, &t);
+    qxplat::AlsaAddressEvent(&ev, ourPort, peerClient, peerPort);
+    return ev;
+}
+
+} // namespace
+
+// Stopping one output takes back its own scheduled messages and no other output's,
+// also when two outputs play to the same peer.
+TEST(AlsaCancel, RemovesOnlyTheStoppedOutputsScheduledMessages)
+{
+    const int queue = 2, us = 128;
+    snd_seq_remove_events_t* rm;
+    ASSERT_EQ(snd_seq_remove_events_malloc(&rm), 0);
+    qxplat::AlsaCancelCriteria(rm, queue, 3, 20, 0);
+    EXPECT_TRUE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON), us, us));
+    EXPECT_TRUE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_CONTROLLER), us, us));
+    EXPECT_FALSE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_NOTEOFF), us, us)) << "sounding notes end";
+    EXPECT_FALSE(Removes(rm, Scheduled(queue, 4, 21, 0, SND_SEQ_EVENT_NOTEON), us, us)) << "another output";
+    EXPECT_FALSE(Removes(rm, Scheduled(queue, 4, 20, 1, SND_SEQ_EVENT_NOTEON), us, us)) << "another port of the peer";
+    EXPECT_FALSE(Removes(rm, Scheduled(queue, 5, 20, 0, SND_SEQ_EVENT_NOTEON), us, us)) << "a second output to it";
+    EXPECT_FALSE(Removes(rm, Scheduled(queue + 1, 3, 20, 0, SND_SEQ_EVENT_NOTEON), us, us)) << "another queue";
+    EXPECT_FALSE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON), us, us + 1)) << "another client's";
+    snd_seq_remove_events_free(rm);
+}
+#endif

@@ -36,7 +36,7 @@ class AlsaBackend;
 
 class AlsaMidiOut final : public MidiOutPort {
 public:
-    AlsaMidiOut(AlsaBackend* b, int port) : m_b(b), m_port(port) {}
+    AlsaMidiOut(AlsaBackend* b, int port, const PortAddr& peer) : m_b(b), m_port(port), m_peer(peer) {}
     ~AlsaMidiOut() override;
     MMRESULT Send(const BYTE* pData, size_t cb, int64_t dueNs) override;
     int64_t LeadNs() const override { return 20'000'000; } // the queue keeps the time
@@ -45,6 +45,7 @@ public:
 private:
     AlsaBackend* m_b;
     int m_port;
+    PortAddr m_peer;
 };
 
 class AlsaMidiIn final : public MidiInPort {
@@ -116,7 +117,7 @@ public:
             snd_seq_delete_simple_port(m_out, p);
             return MMSYSERR_ERROR;
         }
-        port = std::make_unique<AlsaMidiOut>(this, p);
+        port = std::make_unique<AlsaMidiOut>(this, p, peer);
         return MMSYSERR_NOERROR;
     }
 
@@ -142,12 +143,10 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT Send(int port, const BYTE* pData, size_t cb, int64_t dueNs)
+    MMRESULT Send(int port, const PortAddr& peer, const BYTE* pData, size_t cb, int64_t dueNs)
     {
         snd_seq_event_t ev;
         snd_seq_ev_clear(&ev);
-        snd_seq_ev_set_source(&ev, port);
-        snd_seq_ev_set_subs(&ev);
         std::lock_guard<std::mutex> lock(m_outMutex);
         if (pData[0] == 0xF0) {
             snd_seq_ev_set_sysex(&ev, static_cast<unsigned>(cb), const_cast<BYTE*>(pData));
@@ -157,9 +156,8 @@ public:
             if (snd_midi_event_encode(m_encoder, pData, static_cast<long>(cb), &ev) <= 0 ||
                 ev.type == SND_SEQ_EVENT_NONE)
                 return MMSYSERR_INVALPARAM;
-            snd_seq_ev_set_source(&ev, port);
-            snd_seq_ev_set_subs(&ev);
         }
+        AlsaAddressEvent(&ev, port, peer.client, peer.port);
         const int64_t rel = dueNs - m_queueStartNs;
         if (dueNs > NowNs() && rel > 0) {
             snd_seq_real_time_t t{static_cast<unsigned>(rel / 1'000'000'000), static_cast<unsigned>(rel % 1'000'000'000)};
@@ -171,17 +169,12 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    void Cancel(int port)
+    void Cancel(int port, const PortAddr& peer)
     {
         std::lock_guard<std::mutex> lock(m_outMutex);
         snd_seq_remove_events_t* rm;
         if (snd_seq_remove_events_malloc(&rm) < 0) return;
-        // This port's scheduled messages only; note-offs are dropped too, as the stream
-        // that cancels sends its own silence when it must.
-        snd_seq_addr_t dest{static_cast<unsigned char>(snd_seq_client_id(m_out)), static_cast<unsigned char>(port)};
-        snd_seq_remove_events_set_condition(rm, SND_SEQ_REMOVE_OUTPUT | SND_SEQ_REMOVE_IGNORE_OFF);
-        snd_seq_remove_events_set_queue(rm, m_queue);
-        (void)dest;
+        AlsaCancelCriteria(rm, m_queue, port, peer.client, peer.port);
         snd_seq_remove_events(m_out, rm);
         snd_seq_remove_events_free(rm);
     }
@@ -284,12 +277,12 @@ AlsaMidiOut::~AlsaMidiOut()
 MMRESULT AlsaMidiOut::Send(const BYTE* pData, size_t cb, int64_t dueNs)
 {
     if (pData == nullptr || cb == 0) return MMSYSERR_INVALPARAM;
-    return m_b->Send(m_port, pData, cb, dueNs);
+    return m_b->Send(m_port, m_peer, pData, cb, dueNs);
 }
 
 void AlsaMidiOut::Cancel()
 {
-    m_b->Cancel(m_port);
+    m_b->Cancel(m_port, m_peer);
 }
 
 AlsaMidiIn::~AlsaMidiIn()
@@ -304,6 +297,29 @@ AlsaBackend* Instance()
 }
 
 } // namespace
+
+// Straight to the peer rather than to our port's subscribers: events for subscribers
+// all carry the same destination, so no removal could tell one output's from another's.
+// The connection to the peer is still made, so that tools show it.
+void AlsaAddressEvent(snd_seq_event_t* ev, int ourPort, int peerClient, int peerPort)
+{
+    snd_seq_ev_set_source(ev, ourPort);
+    snd_seq_ev_set_dest(ev, peerClient, peerPort);
+    snd_seq_ev_set_tag(ev, static_cast<unsigned char>(ourPort));
+}
+
+// Every condition set narrows the removal (they combine as "and"); the destination
+// condition also restricts it to the given queue. The tag separates two of our outputs
+// open on the same peer. Note-offs stay, so that a note already sounding still ends.
+void AlsaCancelCriteria(snd_seq_remove_events_t* rm, int queue, int ourPort, int peerClient, int peerPort)
+{
+    snd_seq_addr_t dest{static_cast<unsigned char>(peerClient), static_cast<unsigned char>(peerPort)};
+    snd_seq_remove_events_set_condition(rm, SND_SEQ_REMOVE_OUTPUT | SND_SEQ_REMOVE_DEST | SND_SEQ_REMOVE_TAG_MATCH |
+                                                SND_SEQ_REMOVE_IGNORE_OFF);
+    snd_seq_remove_events_set_queue(rm, queue);
+    snd_seq_remove_events_set_dest(rm, &dest);
+    snd_seq_remove_events_set_tag(rm, static_cast<unsigned char>(ourPort));
+}
 
 Backend* AlsaBackendIfDevices()
 {

@@ -4,12 +4,21 @@
 
 #include "platform/backends/QXBackend.h"
 
+#include <alsa/asoundlib.h>
+
 namespace qxplat {
 
 // The ALSA backend when the sequencer offers at least one MIDI device, else null.
 Backend* AlsaBackendIfDevices();
 // The ALSA backend whether or not a sequencer is there (then it has no devices).
 Backend& AlsaBackendAlways();
+
+// How an output addresses what it sends, and what its cancel takes back: kept apart so
+// that the two can be checked against each other without a sequencer. The sequencer
+// removes scheduled events by destination and tag, never by source port, so each
+// output's messages go straight to its peer, tagged with our port number.
+void AlsaAddressEvent(snd_seq_event_t* ev, int ourPort, int peerClient, int peerPort);
+void AlsaCancelCriteria(snd_seq_remove_events_t* rm, int queue, int ourPort, int peerClient, int peerPort);
 
 } // namespace qxplat
 
