@@ -6,6 +6,7 @@
 #include "platform/QXMmio.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -30,7 +31,9 @@ void CWaveFile::SetFilename(const char* pszFilename)
 
 long CWaveFile::GetDuration() const
 {
-    if (m_pFormat == nullptr || m_pFormat->nAvgBytesPerSec == 0) return 0; // no rate, no time
+    // Without a byte rate the data has no playing time: the duration is then 0, here
+    // and in FileDuration, never a division by zero.
+    if (m_pFormat == nullptr || m_pFormat->nAvgBytesPerSec == 0) return 0;
     return static_cast<long>(m_lDataSize / static_cast<double>(m_pFormat->nAvgBytesPerSec) * 1000.0);
 }
 
@@ -64,6 +67,17 @@ int CWaveFile::_CheckFile(const char* pszFilename, HMMIO hFile, MMCKINFO& ckRiff
         QXNotifyShared(QXN_FILE_DESCEND, r, name);
         return 0;
     }
+    // Recorders that were killed or ran out of disk leave a RIFF length of 0, streaming
+    // writers 0xFFFFFFFF: both mean "up to the end of the file", as a length past the
+    // end can only mean. The record keeps the length as the file can be read.
+    const LONG lFileEnd = mmioSeek(hFile, 0, SEEK_END);
+    if (lFileEnd < 0) {
+        QXNotifyShared(QXN_FILE_SEEK, 0, name);
+        return 0;
+    }
+    const DWORD dwRiffClaim = ckRiff.cksize;
+    const int64_t llRiffRoom = std::max<int64_t>(0, int64_t(lFileEnd) - ckRiff.dwDataOffset);
+    if (dwRiffClaim == 0 || dwRiffClaim > llRiffRoom) ckRiff.cksize = DWORD(llRiffRoom);
     const LONG lForm = static_cast<LONG>(ckRiff.dwDataOffset + 4); // first byte after the form type
     if (mmioSeek(hFile, lForm, SEEK_SET) < 0) {
         QXNotifyShared(QXN_FILE_SEEK, 0, name);
@@ -76,7 +90,8 @@ int CWaveFile::_CheckFile(const char* pszFilename, HMMIO hFile, MMCKINFO& ckRiff
         QXNotifyShared(QXN_FILE_DESCEND, r, name);
         return 0;
     }
-    // A short format chunk (plain PCM has 16 bytes) leaves the rest of the record zero.
+    // A short format chunk (plain PCM has 16 bytes, some writers 12 or 14) leaves the
+    // rest of the record 0: a defined value, and one every user of the record survives.
     std::memset(&format, 0, sizeof(format));
     const LONG cb = static_cast<LONG>(std::min<DWORD>(ckFmt.cksize, sizeof(format)));
     if (mmioRead(hFile, reinterpret_cast<char*>(&format), cb) != cb) {
@@ -98,6 +113,14 @@ int CWaveFile::_CheckFile(const char* pszFilename, HMMIO hFile, MMCKINFO& ckRiff
         QXNotifyShared(QXN_FILE_DESCEND, r, name);
         return 0;
     }
+    // The data length as it can be read, as other readers take it (sox, libsndfile):
+    // a claim past the end of the file stops there. A length of 0 from a recorder that
+    // never finished its file (its RIFF length does not reach past the data header
+    // either) also runs to the end; an empty data chunk inside a finished file stays
+    // empty.
+    const int64_t llDataRoom = std::max<int64_t>(0, int64_t(lFileEnd) - ckData.dwDataOffset);
+    const bool bUnfinished = ckData.cksize == 0 && int64_t(ckRiff.dwDataOffset) + dwRiffClaim <= ckData.dwDataOffset;
+    if (bUnfinished || ckData.cksize > llDataRoom) ckData.cksize = DWORD(llDataRoom);
     return 1;
 }
 

@@ -36,8 +36,8 @@ int CWaveFileRead::DevOpen()
     WAVEFORMATEX format{};
     if (_CheckFile(pszName, hFile, m_ckRiff, m_ckFmt, m_ckData, format)) {
         std::memcpy(m_pFormat, &format, sizeof(QX_DevFormat));
-        // A length no LONG offset reaches (streamed files write 0xFFFFFFFF) reads as
-        // "up to the end of the file".
+        // The check has already cut the length to what the file holds (files stay
+        // under 2 GiB), so it fits.
         m_lDataSize = m_ckData.cksize > DWORD(kMaxLong) ? kMaxLong : LONG(m_ckData.cksize);
         m_lFilePosition = 0;
         m_hDevice = hFile;
@@ -60,22 +60,45 @@ int CWaveFileRead::Read(unsigned char* pBuffer, int nSize)
         return 0;
     }
     const DWORD_PTR name = reinterpret_cast<DWORD_PTR>(m_strFilename.c_str());
-    const LONG lWanted = std::min<LONG>(nSize, m_lDataSize - m_lFilePosition);
-    LONG lDone = 0;
     MMIOINFO info;
-    while (lDone < lWanted) {
-        MMRESULT r = mmioGetInfo(File(), &info, 0);
-        if (r != MMSYSERR_NOERROR) {
-            QXNotifyShared(QXN_FILE_GETINFO, r, name);
-            return -1;
+    MMRESULT r = mmioGetInfo(File(), &info, 0);
+    if (r != MMSYSERR_NOERROR) {
+        QXNotifyShared(QXN_FILE_GETINFO, r, name);
+        return -1;
+    }
+    // What is left is counted from the read point itself: a refused seek sets the
+    // position to 0 without moving the read point.
+    const int64_t llReadPoint = int64_t(info.lBufOffset) + (info.pchNext - info.pchBuffer);
+    const int64_t llLeft = int64_t(m_ckData.dwDataOffset) + m_lDataSize - llReadPoint;
+    const LONG lWanted = LONG(std::clamp<int64_t>(llLeft, 0, nSize));
+    LONG lDone = 0;
+    for (bool bFresh = true; lDone < lWanted; bFresh = false) {
+        if (!bFresh) {
+            r = mmioGetInfo(File(), &info, 0);
+            if (r != MMSYSERR_NOERROR) {
+                QXNotifyShared(QXN_FILE_GETINFO, r, name);
+                return -1;
+            }
         }
         if (info.pchNext == info.pchEndRead) {
+            // The buffer is spent and a whole buffer's worth or more is still wanted:
+            // the service reads that straight into the caller's buffer, one copy
+            // instead of two.
+            if (info.cchBuffer > 0 && lWanted - lDone >= info.cchBuffer) {
+                const LONG n = mmioRead(File(), reinterpret_cast<char*>(pBuffer + lDone), lWanted - lDone);
+                if (n < 0) {
+                    QXNotifyShared(QXN_FILE_ADVANCE, MMIOERR_CANNOTREAD, name);
+                    return -1;
+                }
+                lDone += n;
+                break; // all that was wanted, or all the file still holds
+            }
             r = mmioAdvance(File(), &info, MMIO_READ);
             if (r != MMSYSERR_NOERROR) {
                 QXNotifyShared(QXN_FILE_ADVANCE, r, name);
                 return -1;
             }
-            if (info.pchNext == info.pchEndRead) return 0; // the file ends inside the data chunk
+            if (info.pchNext == info.pchEndRead) break; // the file ends inside the data chunk
         }
         const LONG lAvail = LONG(info.pchEndRead - info.pchNext);
         if (lAvail <= 0) break;
@@ -89,6 +112,8 @@ int CWaveFileRead::Read(unsigned char* pBuffer, int nSize)
             return -1;
         }
     }
+    // A file that ends before its data chunk still delivers every byte it holds; the
+    // next call finds nothing and returns 0. Either way the rest is silence.
     if (lDone < nSize) std::memset(pBuffer + lDone, silence, size_t(nSize - lDone));
     m_lFilePosition += lDone;
     return lDone;
@@ -100,15 +125,15 @@ int CWaveFileRead::Seek(MMTIME* pTime, int nOrigin)
 
     const DWORD_PTR name = reinterpret_cast<DWORD_PTR>(m_strFilename.c_str());
     const int64_t lStart = m_ckData.dwDataOffset;
-    const int64_t lEnd = lStart + m_ckData.cksize;
-    // A refused seek leaves the position at 0, and the read point goes with it, so
-    // that the two keep agreeing.
+    const int64_t lEnd = lStart + m_lDataSize;
+    // Refused before the file is touched: the read point stays where it was, so the
+    // next Read goes on from there instead of replaying the file.
     auto refuse = [&] {
         QXNotifyShared(QXN_FILE_SEEK, 0, name);
         m_lFilePosition = 0;
-        mmioSeek(File(), LONG(std::min<int64_t>(lStart, kMaxLong)), SEEK_SET);
         return 0;
     };
+    if (nOrigin < 0 || nOrigin > 2) return refuse(); // the service knows no other origin
 
     // 64-bit arithmetic: long millisecond times and sample counts must not wrap.
     int64_t target = nOrigin == 0 ? lStart : nOrigin == 2 ? lEnd : 0;
@@ -133,17 +158,17 @@ int CWaveFileRead::Seek(MMTIME* pTime, int nOrigin)
     }
     // With origin 1 the offset alone is compared, not where it leads.
     if (target >= lEnd || target > kMaxLong) return refuse();
-    const LONG lNew = mmioSeek(File(), LONG(target), nOrigin);
-    if (lNew < 0) return refuse();
-
-    // The position counts the sample bytes before the read point, as opening sets it.
-    int64_t pos = int64_t(lNew) - lStart;
-    if (pos < 0) return refuse();
-    if (pos > m_lDataSize) {
+    if (nOrigin == 1) {
+        const LONG lHere = mmioSeek(File(), 0, SEEK_CUR);
+        if (lHere < 0) return refuse();
         // A relative seek past the end of the data stops at its end.
-        if (mmioSeek(File(), LONG(lStart + m_lDataSize), SEEK_SET) < 0) return refuse();
-        pos = m_lDataSize;
+        target = std::min<int64_t>(lHere + target, lEnd);
     }
-    m_lFilePosition = LONG(pos);
+    if (target < lStart) return refuse();
+    // The service moves nothing when it fails.
+    const LONG lNew = mmioSeek(File(), LONG(target), SEEK_SET);
+    if (lNew < 0) return refuse();
+    // The position counts the sample bytes before the read point, as opening sets it.
+    m_lFilePosition = LONG(lNew - lStart);
     return 1;
 }

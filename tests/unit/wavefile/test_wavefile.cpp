@@ -99,7 +99,7 @@ TEST_F(WaveFile, DurationsTruncateAndRatesWithoutTimeGiveZero)
     EXPECT_EQ(CWaveFile::FileDuration(file(1, 3, 1).c_str()), 333);
     EXPECT_EQ(CWaveFile::FileDuration(file(10, 0, 10).c_str()), 0);
     EXPECT_EQ(CWaveFile::FileDuration(file(10, 0x80000000u, 10).c_str()), 0);
-    EXPECT_EQ(CWaveFile::FileDuration(file(0, 8000, 0xFFFFFFFFu).c_str()), 536870911); // the claim counts
+    EXPECT_EQ(CWaveFile::FileDuration(file(8000, 8000, 0xFFFFFFFFu).c_str()), 1000); // what the file holds counts
 
     CWaveFileRead r;
     EXPECT_EQ(r.GetDuration(), 0); // no format yet
@@ -214,20 +214,80 @@ TEST_F(WaveFile, ReadsEveryByteWhateverThePieceOrTheClaim)
         EXPECT_TRUE(ReadAll(r, piece) == data) << piece;
         EXPECT_EQ(r.GetFilePosition(), 100003);
     }
+}
+
+TEST_F(WaveFile, LengthsThatTheFileDoesNotHoldReadToItsEnd)
+{
+    const std::string fmt = Fmt(1, 8000, 8), data = Pattern(5000);
+    const std::string tail = Chunk("LIST", "INFO" + Chunk("ICMT", "after"));
+    const struct {
+        std::string bytes;
+        long size;
+    } cases[] = {
+        {Riff(fmt + "data" + Le32(0xFFFFFFFFu) + data), 5000},                   // a streaming writer's
+        {"RIFF" + Le32(0xFFFFFFFFu) + "WAVE" + fmt + "data" + Le32(0xFFFFFFFFu) + data, 5000},
+        {Riff(fmt + "data" + Le32(9000) + data), 5000},                          // cut short
+        {"RIFF" + Le32(0) + "WAVE" + fmt + "data" + Le32(0) + data, 5000},        // a killed recorder's
+        {"RIFF" + Le32(0) + "WAVE" + fmt + "data" + Le32(0), 0},
+        {"RIFF" + Le32(0) + "WAVE" + fmt + "data" + Le32(3000) + data, 3000},     // RIFF length alone missing
+        {Riff(fmt + Chunk("data", "") + tail), 0},                              // empty, in a finished file
+        {Riff(fmt + "data" + Le32(0)) + data, 5000},                             // RIFF length reaches only the header
+        {Riff(fmt + Chunk("data", data) + tail), 5000},
+    };
     Reports reports;
-    CWaveFileRead r;
-    // The file ends inside the data: Read says 0 and keeps the position.
-    OpenReader(r, Riff(fmt + "data" + Le32(1000) + Pattern(600)));
-    int n = 1;
-    EXPECT_EQ(Read(r, 1000, &n).substr(0, 600), Pattern(600));
-    EXPECT_EQ(n, 0);
-    EXPECT_EQ(r.GetFilePosition(), 0);
-    r.Close();
-    // A streamed file's unknown length reads up to the end of the file.
-    OpenReader(r, Riff(fmt + "data" + Le32(0xFFFFFFFFu) + Pattern(5000)));
-    EXPECT_EQ(r.GetDataSize(), 0x7FFFFFFF);
-    EXPECT_EQ(ReadAll(r, 1000), Pattern(5000));
+    for (const auto& c : cases) {
+        const std::string path = Make("in.wav", c.bytes);
+        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), c.size * 1000 / 8000) << c.bytes.substr(0, 60);
+        CWaveFileRead r;
+        OpenReader(r, c.bytes);
+        EXPECT_EQ(r.GetDataSize(), c.size);
+        EXPECT_EQ(r.GetDuration(), c.size * 1000 / 8000);
+        EXPECT_TRUE(ReadAll(r, 1000) == data.substr(0, size_t(c.size))) << c.bytes.substr(0, 60);
+        // Every target inside what the file holds, none past it.
+        MMTIME t = Time(TIME_BYTES, DWORD(c.size));
+        EXPECT_EQ(r.Seek(&t, 0), 0);
+        reports.Take();
+        if (c.size > 0) {
+            t.u.cb = DWORD(c.size - 1);
+            ASSERT_EQ(r.Seek(&t, 0), 1);
+            int n = 0;
+            EXPECT_EQ(Read(r, 4, &n), data.substr(size_t(c.size) - 1, 1) + std::string(3, '\x80'));
+            EXPECT_EQ(n, 1);
+        }
+    }
     EXPECT_TRUE(reports.Take().empty());
+    // "RIFF" whose length holds the form type alone holds no chunks.
+    CWaveFileRead r;
+    r.SetFilename(Make("bad.wav", "RIFF" + Le32(4) + "WAVE" + fmt + Chunk("data", data)).c_str());
+    EXPECT_EQ(r.Open(0), 0);
+    EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND}}));
+}
+
+TEST_F(WaveFile, AFileCutWhileReadIsReadToItsLastByteThenEnds)
+{
+    const std::string data = Pattern(30000);
+    for (int piece : {1000, 8192, 20000}) {
+        CWaveFileRead r;
+        OpenReader(r, Riff(Fmt(1, 8000, 8) + Chunk("data", data)));
+        ASSERT_EQ(Read(r, 3000), data.substr(0, 3000));
+        // Another program cuts the file to 10,000 sample bytes.
+        ASSERT_EQ(truncate(r.GetFilename().c_str(), 44 + 10000), 0);
+        Reports reports;
+        std::string got = data.substr(0, 3000);
+        int n = 1, calls = 0;
+        for (; n > 0 && calls < 100; ++calls) {
+            const std::string buf = Read(r, piece, &n);
+            ASSERT_GE(n, 0);
+            got += buf.substr(0, size_t(n));
+            // Whatever is not sample data is silence, also on the call that meets the end.
+            EXPECT_EQ(buf.substr(size_t(n)), std::string(size_t(piece - n), '\x80')) << piece;
+        }
+        EXPECT_TRUE(got == data.substr(0, 10000)) << piece << ": " << got.size();
+        EXPECT_EQ(r.GetFilePosition(), 10000);
+        Read(r, piece, &n); // and it stays at the end
+        EXPECT_EQ(n, 0);
+        EXPECT_TRUE(reports.Take().empty());
+    }
 }
 
 TEST_F(WaveFile, SeekByTimeSamplesAndBytes)
@@ -252,16 +312,28 @@ TEST_F(WaveFile, SeekByTimeSamplesAndBytes)
     EXPECT_EQ(r.GetFilePosition(), 0);
     EXPECT_TRUE(reports.Take().empty());
 
-    // Refused: the end origin, the end itself, a far time, an unknown origin. The read
-    // point goes back to the start with the position.
-    for (auto [type, value, origin] : {std::tuple{TIME_BYTES, 0u, 2}, {TIME_BYTES, DWORD(data.size()), 0},
-                                       {TIME_MS, 0xFFFFFFFFu, 0}, {TIME_BYTES, 0u, 9}}) {
+    // Refused: the end origin, the end itself, a far time, unknown origins, a relative
+    // offset that reaches the end of the data counted from the file's start. The position says 0; the read point stays,
+    // and reading goes on from it up to the end of the data, not past it.
+    for (auto [type, value, origin] :
+         {std::tuple{TIME_BYTES, 0u, 2}, {TIME_BYTES, DWORD(data.size()), 0}, {TIME_MS, 0xFFFFFFFFu, 0},
+          {TIME_BYTES, 0u, 9}, {TIME_BYTES, 0u, -1}, {TIME_BYTES, DWORD(data.size() + 44), 1}}) {
         seek(TIME_BYTES, 100, 0);
+        Read(r, 6);
         EXPECT_EQ(seek(type, value, origin), 0);
         EXPECT_EQ(r.GetFilePosition(), 0);
-        EXPECT_EQ(Read(r, 4), data.substr(0, 4));
+        EXPECT_EQ(Read(r, 4), data.substr(106, 4)) << origin;
+        EXPECT_EQ(r.GetFilePosition(), 4);
         EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_SEEK, 0}}));
     }
+    ASSERT_EQ(seek(TIME_BYTES, DWORD(data.size() - 10), 0), 1);
+    EXPECT_EQ(seek(TIME_BYTES, 0, 2), 0);
+    int n = 0;
+    EXPECT_EQ(Read(r, 16, &n), data.substr(data.size() - 10) + std::string(6, '\0'));
+    EXPECT_EQ(n, 10);
+    EXPECT_EQ(Read(r, 16, &n), std::string(16, '\0'));
+    EXPECT_EQ(n, 0);
+    reports.Take();
     // A relative offset inside the data that leads past its end stops at the end.
     ASSERT_EQ(seek(TIME_BYTES, 352000, 0), 1);
     ASSERT_EQ(seek(TIME_BYTES, 352000, 1), 1);
@@ -379,18 +451,23 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
         EXPECT_EQ(reports.Take(), (Got{{code, DWORD(value)}})) << op;
     }
     // While reading: -1, the position kept.
-    for (auto [op, code, call] : {std::tuple{"mmioGetInfo", QXN_FILE_GETINFO, 1},
-                                  {"mmioAdvance", QXN_FILE_ADVANCE, 1}, {"mmioSetInfo", QXN_FILE_SETINFO, 2}}) {
+    // A read of less than a buffer refills the buffer; one of a buffer or more goes
+    // straight into the caller's buffer, and its failure counts as a failed refill.
+    for (auto [op, call, size, code, value] :
+         {std::tuple{"mmioGetInfo", 1, 1000, QXN_FILE_GETINFO, 88}, {"mmioGetInfo", 2, 1000, QXN_FILE_GETINFO, 88},
+          {"mmioAdvance", 1, 1000, QXN_FILE_ADVANCE, 88}, {"mmioSetInfo", 2, 1000, QXN_FILE_SETINFO, 88},
+          {"mmioRead", 1, 9000, QXN_FILE_ADVANCE, DWORD(MMIOERR_CANNOTREAD)}}) {
         CWaveFileRead r;
         r.SetFilename(path.c_str());
         ASSERT_EQ(r.Open(0), 1);
         Read(r, 8000); // the next read needs a refill
         QXFaultInject(op, 88, call);
         int n = 0;
-        Read(r, 9000, &n);
+        Read(r, size, &n);
         EXPECT_EQ(n, -1) << op;
         EXPECT_EQ(r.GetFilePosition(), 8000);
-        EXPECT_EQ(reports.Take(), (Got{{code, 88}}));
+        EXPECT_EQ(reports.Take(), (Got{{code, value}})) << op;
+        QXFaultClear();
         // A close that fails is reported, and lets go of the file all the same.
         QXFaultInject("mmioClose", MMIOERR_CANNOTCLOSE);
         EXPECT_EQ(r.Close(), 0);
