@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -38,6 +39,10 @@
 #define QX_SYNC_POSITION (-6)
 
 #define QX_PERFORMANCE_GRANULARITY 100u
+// The most periods SetPrefetchBufferCount accepts (10 s ahead); larger counts are
+// taken as this one, so the latency stays far from wrapping and OpenDevices queues
+// a bounded number of buffers.
+#define QX_MAX_PREFETCH_BUFFERS 100
 
 // Performance callback: fill [dwStart, dwEnd) through PlayBuffer and return non-zero to
 // go on, 0 when the performance has ended. A negative nTag is a sync notification.
@@ -72,6 +77,14 @@ typedef std::vector<CQXDevice*> CQXDeviceArray;
 class CQuavix {
 public:
     static CQuavix* InitQuavix();
+    // Closes the devices and destroys the manager. Called from inside a callback of
+    // the library (performance, sync, recording or notification) it does nothing: the
+    // code that called back is still running on the manager. The application calls it
+    // again from its own thread once the callback has returned.
+    // The calls the devices make on the manager from their own threads (the getters
+    // below, ForwardRecordedData, SendMidiMsg) are safe against an ExitQuavix on
+    // another thread: they find the manager gone and do nothing, or ExitQuavix waits
+    // for them to return before it destroys the manager.
     static void ExitQuavix();
     static CQuavix* GetQuavix() { return s_pSharedQuavix.load(); }
     ~CQuavix();
@@ -89,7 +102,7 @@ public:
     QX_DevFormat* GetDeviceFormat(int nType, int nDir, int nDevice) const;
     int SetDeviceFormat(int nType, int nDir, int nDevice, QX_DevFormat* pFormat);
     UINT GetDeviceState(int nType, int nDir, int nDevice) const;
-    CQXDevice* GetTimingDevice() const { return m_pTimingDevice.load(); }
+    CQXDevice* GetTimingDevice() const;
     int GetTimingDeviceNum() const { return m_nTimingDevice; }
     void SetDefaultMidiDevice(int nDevice) { m_nDefaultMidiDevice = nDevice; }
     int GetDefaultMidiDevice() const { return m_nDefaultMidiDevice; }
@@ -97,10 +110,7 @@ public:
     int DefaultMidiDeviceEnabled() const { return m_bDefaultMidiDeviceEnabled; }
     int IsActive();
     int GetUniqueTag() { return ++m_nLastTag; }
-    void SetNotificationCallback(QX_NotifyProc pCallback, DWORD_PTR dwUser)
-    {
-        m_Notify.SetNotificationCallback(pCallback, dwUser);
-    }
+    void SetNotificationCallback(QX_NotifyProc pCallback, DWORD_PTR dwUser);
     void Notify(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice) { m_Notify.Notify(dwCode, dwValue, dwDevice); }
 
     // Group and single-device transport
@@ -116,28 +126,29 @@ public:
     int CloseDevice(int nType, int nDir, int nDevice);
     UINT DelayStart(int nType, int nDir, int nDevice, DWORD dwDelay);
     void StopDelay(UINT uTimerID);
-    DWORD GetPlayStartTime() const { return m_dwPlayStartTime; }
+    DWORD GetPlayStartTime() const;
     DWORD GetElapsedPlayTime() const;
-    DWORD GetRecordStartTime() const { return m_dwRecordStartTime; }
+    DWORD GetRecordStartTime() const;
     DWORD GetElapsedRecordTime() const;
-    HWND GetHWnd() const { return m_hWnd.load(); }
+    HWND GetHWnd() const;
 
-    // Performance engine
+    // Performance engine. A null callback is refused: the result is 0.
     int StartPerformance(QX_PerformanceProc pCallback, DWORD_PTR dwUser, int bActive, int nTag);
     void StopPerformance(int nTag);
     void PlayBuffer(CQXEventList& events);
     DWORD GetBufferTime() const { return m_dwBufferTime; }
     DWORD GetPerformanceGranularity() const { return QX_PERFORMANCE_GRANULARITY; }
     int GetPrefetchBufferCount() const { return m_nPrefetchBuffers; }
+    // Clamped to 2 .. QX_MAX_PREFETCH_BUFFERS; the latency is the count times 100 ms.
     void SetPrefetchBufferCount(int nBuffers);
     DWORD GetPerformanceLatency() const { return m_dwLatency; }
 
-    // Recording and MIDI thru
+    // Recording and MIDI thru. A null callback is refused: the result is 0.
     int StartRecording(QX_RecordingProc pCallback, DWORD_PTR dwUser, int bActive);
     void StopRecording(int nTag);
     void ForwardRecordedData(CQXEventData* pEvent);
     void EnableMidiThru(int bEnable) { m_bMidiThru = bEnable; }
-    int MidiThruEnabled() const { return m_bMidiThru; }
+    int MidiThruEnabled() const;
     void ConnectMidiThru(int nDevice, int nChannel);
 
     // Immediate output (bQueued 0) goes out at once; queued output goes first into the
@@ -149,11 +160,11 @@ public:
     int PlayWaveFile(const char* pszFileName, int nDevice, void (*pCallback)(DWORD_PTR, DWORD), DWORD_PTR dwUser);
     // Silences every MIDI output.
     void OnPanicButton();
-    int GetMidiThruDevice() const { return m_nMidiThruDevice; }
-    int GetMidiThruChannel() const { return m_nMidiThruChannel; }
+    int GetMidiThruDevice() const;
+    int GetMidiThruChannel() const;
 
     // External sync
-    DWORD GetSyncMode() const { return m_dwSyncMode; }
+    DWORD GetSyncMode() const;
     void SetSyncMode(DWORD dwMode);
     DWORD GetSyncPosition() const { return m_dwSyncPosition; }
     void QueueSlavedPerformance();
@@ -187,6 +198,8 @@ protected:
     void _PollLocked();
     void _WriteBuffers();
     void _MergeData(CQXEventData* pEvent, CQXEventList* pList);
+    // The same order as _MergeData for each event in turn, in one pass over the list.
+    void _MergeBatch(std::vector<CQXEventData*>& events, CQXEventList* pList);
     CQXEventList* _GetEventList(int nType, int nDevice);
     void _EmptyEventList(CQXEventList* pList);
     void _SyncPerformances(int nCode, DWORD dwA, DWORD dwB);
@@ -197,6 +210,24 @@ protected:
 private:
     friend class CMidiOut;
     CQuavix();
+
+    // A stretch of manager code on the calling thread. It marks the thread as inside
+    // the library (so that ExitQuavix there is refused) and, while it lasts, keeps
+    // ExitQuavix on other threads from destroying the manager. Live() is false when
+    // the manager named is no longer the shared one: the code must not touch it.
+    class CallScope {
+    public:
+        explicit CallScope(const CQuavix* pManager);
+        ~CallScope();
+        CallScope(const CallScope&) = delete;
+        CallScope& operator=(const CallScope&) = delete;
+        bool Live() const { return m_bLive; }
+
+    private:
+        bool m_bLive;
+    };
+    static void _NotifyProc(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice);
+
     template <class Fn> void _ForEachDevice(Fn fn);
     template <class Fn> void _WalkPerformances(Fn fn);
     void _RemoveEndedPerformances();
@@ -247,6 +278,12 @@ private:
     // next ForwardRecordedData or StartRecording that holds the recording lock.
     std::mutex m_mxStoppedRecordings;
     std::vector<int> m_StoppedRecordings;
+    // PlayBuffer's events sorted per output list, kept for reuse (device lock held).
+    std::vector<std::vector<CQXEventData*>> m_MergeBatches;
+    // Lets the manager's thread find out, as it ends, whether ThreadStop gave up
+    // waiting for it (the manager may then be gone).
+    struct ThreadShared;
+    std::shared_ptr<ThreadShared> m_pThreadShared;
 };
 
 // Exported under its plain name; does nothing.

@@ -5,12 +5,17 @@
 #include "manager/QXManagerWalk.h"
 #include "platform/QXPlatform.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <new>
 #include <thread>
+#include <vector>
 
 int CQuavix::StartPerformance(QX_PerformanceProc pCallback, DWORD_PTR dwUser, int bActive, int nTag)
 {
-    if (!m_bInitialized) return 0;
+    CallScope scope(this);
+    // A null callback would be called at the next poll: refused, nothing registered.
+    if (!scope.Live() || !m_bInitialized || pCallback == nullptr) return 0;
     EnterCriticalSection(&m_csDevices);
     auto* pRec = new (std::nothrow) QX_PerformanceRec{nTag != 0 ? nTag : GetUniqueTag(), bActive, pCallback, dwUser, 0};
     int nResult = 0;
@@ -24,7 +29,8 @@ int CQuavix::StartPerformance(QX_PerformanceProc pCallback, DWORD_PTR dwUser, in
 
 void CQuavix::StopPerformance(int nTag)
 {
-    if (!m_bInitialized) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return;
     EnterCriticalSection(&m_csDevices);
     for (POSITION pos = m_Performances.GetHeadPosition(); pos != nullptr;) {
         QX_PerformanceRec* pRec = m_Performances.GetNext(pos);
@@ -49,13 +55,16 @@ void CQuavix::_RemoveEndedPerformances()
 void CQuavix::SetPrefetchBufferCount(int nBuffers)
 {
     if (nBuffers == m_nPrefetchBuffers) return;
-    m_nPrefetchBuffers = nBuffers < 2 ? 2 : nBuffers;
+    // Bounded above so that the latency (and the signed lead the catch-up loop
+    // compares it with) cannot wrap, and OpenDevices queues a bounded number of periods.
+    m_nPrefetchBuffers = nBuffers < 2 ? 2 : nBuffers > QX_MAX_PREFETCH_BUFFERS ? QX_MAX_PREFETCH_BUFFERS : nBuffers;
     m_dwLatency = static_cast<DWORD>(m_nPrefetchBuffers) * QX_PERFORMANCE_GRANULARITY;
 }
 
 void CQuavix::_PollPerformances()
 {
-    if (!m_bInitialized || WaitForSingleObject(m_hPollEvent, 5000) != WAIT_OBJECT_0) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized || WaitForSingleObject(m_hPollEvent, 5000) != WAIT_OBJECT_0) return;
     EnterCriticalSection(&m_csDevices);
     _PollLocked();
     LeaveCriticalSection(&m_csDevices);
@@ -64,7 +73,8 @@ void CQuavix::_PollPerformances()
 
 void CQuavix::_PollForTimingDevice(CQXDevice* pDevice)
 {
-    if (!m_bInitialized || WaitForSingleObject(m_hPollEvent, 5000) != WAIT_OBJECT_0) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized || WaitForSingleObject(m_hPollEvent, 5000) != WAIT_OBJECT_0) return;
     for (int nTry = 0; !TryEnterCriticalSection(&m_csDevices); ++nTry) {
         if (m_pTimingDevice.load() != pDevice) {
             SetEvent(m_hPollEvent);
@@ -121,31 +131,50 @@ int CQuavix::_ChosenMidiOutput(int nDevice) const
 
 void CQuavix::PlayBuffer(CQXEventList& events)
 {
-    if (!m_bInitialized) {
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) {
         // Nothing can take the events; they are the manager's all the same.
         while (!events.IsEmpty()) delete events.RemoveHead();
         return;
     }
     EnterCriticalSection(&m_csDevices);
+    // The events are first routed into one batch per output list, in the order they
+    // come; each batch is then merged into its list in one pass. The result is the
+    // order that merging them one at a time gives, without its walk per event.
+    const int nMidi = m_pMidiOutLists != nullptr ? m_nDeviceCount[QX_DEVTYPE_MIDI][QX_DEVDIR_OUT] : 0;
+    const int nWave = m_pWaveOutLists != nullptr ? m_nDeviceCount[QX_DEVTYPE_WAVE][QX_DEVDIR_OUT] : 0;
+    if (m_MergeBatches.size() < static_cast<size_t>(nMidi + nWave))
+        m_MergeBatches.resize(static_cast<size_t>(nMidi + nWave));
+    // Batch of MIDI output n, or of wave output n; -1 where there is no such list.
+    auto Batch = [&](int nType, int n) {
+        if (nType == QX_DEVTYPE_MIDI) return n >= 0 && n < nMidi ? n : -1;
+        return n >= 0 && n < nWave ? nMidi + n : -1;
+    };
+    auto Add = [&](int nBatch, CQXEventData* pEvent) {
+        try {
+            m_MergeBatches[static_cast<size_t>(nBatch)].push_back(pEvent);
+        } catch (const std::bad_alloc&) {
+            delete pEvent; // dropped, like an event no list could take
+        }
+    };
     while (!events.IsEmpty()) {
         CQXEventData* pEvent = events.RemoveHead();
-        CQXEventList* pList = nullptr;
+        int nBatch = -1;
         switch (pEvent->m_nType) {
         case QX_EVENT_MIDI:
         case QX_EVENT_WAVESTART:
-            pList = _GetEventList(QX_DEVTYPE_MIDI, _ChosenMidiOutput(pEvent->m_nDevice));
+            nBatch = Batch(QX_DEVTYPE_MIDI, _ChosenMidiOutput(pEvent->m_nDevice));
             break;
         case QX_EVENT_SYSEX:
             if (m_bDefaultMidiDeviceEnabled) {
-                pList = _GetEventList(QX_DEVTYPE_MIDI, m_nDefaultMidiDevice);
+                nBatch = Batch(QX_DEVTYPE_MIDI, m_nDefaultMidiDevice);
                 break;
             }
-            pList = _GetEventList(QX_DEVTYPE_MIDI, pEvent->m_nDevice);
+            nBatch = Batch(QX_DEVTYPE_MIDI, pEvent->m_nDevice);
             // Every other output gets its own copy. The copies keep the event's time, so
             // that a message stamped for later goes out at that time everywhere.
-            for (int n = 0; n < m_nDeviceCount[QX_DEVTYPE_MIDI][QX_DEVDIR_OUT]; ++n) {
-                CQXEventList* pOther = _GetEventList(QX_DEVTYPE_MIDI, n);
-                if (pOther == nullptr || pOther == pList) continue;
+            for (int n = 0; n < nMidi; ++n) {
+                if (n == nBatch) continue;
                 auto* pCopy = new (std::nothrow) CQXEventData;
                 if (pCopy == nullptr) continue;
                 pCopy->SetSysExData(reinterpret_cast<const BYTE*>(pEvent->m_dwData),
@@ -156,27 +185,54 @@ void CQuavix::PlayBuffer(CQXEventList& events)
                 }
                 pCopy->SetDevice(n);
                 pCopy->SetTimeStamp(pEvent->m_dwTimeStamp);
-                _MergeData(pCopy, pOther);
+                Add(n, pCopy);
             }
             break;
         case QX_EVENT_WAVEDATA:
-            pList = _GetEventList(QX_DEVTYPE_WAVE, pEvent->m_nDevice);
+            nBatch = Batch(QX_DEVTYPE_WAVE, pEvent->m_nDevice);
             break;
         default:
             break;
         }
-        if (pList != nullptr)
-            _MergeData(pEvent, pList);
+        if (nBatch >= 0)
+            Add(nBatch, pEvent);
         else
             delete pEvent;
+    }
+    for (int i = 0; i < nMidi + nWave; ++i) {
+        std::vector<CQXEventData*>& batch = m_MergeBatches[static_cast<size_t>(i)];
+        if (batch.empty()) continue;
+        _MergeBatch(batch, i < nMidi ? &m_pMidiOutLists[i] : &m_pWaveOutLists[i - nMidi]);
+        batch.clear();
     }
     LeaveCriticalSection(&m_csDevices);
 }
 
+namespace {
+
+// A note-off goes before the events of its time already in the list; any other event
+// after them.
+bool IsNoteOff(const CQXEventData* pEvent)
+{
+    return pEvent->m_nType == QX_EVENT_MIDI &&
+           ((pEvent->m_dwData & 0xF0) == 0x80 || (pEvent->m_dwData & 0x00FF00F0) == 0x90);
+}
+
+struct MergeKey {
+    DWORD dwTime;
+    // Place among the new events of one time: note-offs first, the latest arrival
+    // foremost (each one-at-a-time insertion puts it before the earlier ones), then
+    // the others in arrival order.
+    int64_t nOrder;
+    CQXEventData* pEvent;
+    bool operator<(const MergeKey& o) const { return dwTime != o.dwTime ? dwTime < o.dwTime : nOrder < o.nOrder; }
+};
+
+} // namespace
+
 void CQuavix::_MergeData(CQXEventData* pEvent, CQXEventList* pList)
 {
-    const bool bNoteOff = pEvent->m_nType == QX_EVENT_MIDI &&
-                          ((pEvent->m_dwData & 0xF0) == 0x80 || (pEvent->m_dwData & 0x00FF00F0) == 0x90);
+    const bool bNoteOff = IsNoteOff(pEvent);
     const DWORD dwTime = pEvent->m_dwTimeStamp;
     for (POSITION pos = pList->GetTailPosition(); pos != nullptr;) {
         POSITION here = pos;
@@ -187,6 +243,48 @@ void CQuavix::_MergeData(CQXEventData* pEvent, CQXEventList* pList)
         }
     }
     if (pList->AddHead(pEvent) == nullptr) delete pEvent;
+}
+
+// The list is in time order (every insertion keeps it so). Merging one event at a time
+// makes, for every time t, the new note-offs of t (latest first), then the events of t
+// that were there, then the other new events of t in arrival order. Sorting the new
+// events by that key and inserting them from the tail, largest first, gives the same
+// list; the walk back along the list is shared by all of them.
+void CQuavix::_MergeBatch(std::vector<CQXEventData*>& events, CQXEventList* pList)
+{
+    if (events.size() == 1) {
+        _MergeData(events[0], pList);
+        return;
+    }
+    thread_local std::vector<MergeKey> keys;
+    try {
+        keys.resize(events.size());
+    } catch (const std::bad_alloc&) {
+        for (CQXEventData* pEvent : events) _MergeData(pEvent, pList); // slower, same order
+        return;
+    }
+    for (size_t i = 0; i < events.size(); ++i) {
+        CQXEventData* pEvent = events[i];
+        keys[i] = {pEvent->m_dwTimeStamp, IsNoteOff(pEvent) ? -static_cast<int64_t>(i) - 1 : static_cast<int64_t>(i),
+                   pEvent};
+    }
+    if (!std::is_sorted(keys.begin(), keys.end())) std::sort(keys.begin(), keys.end());
+
+    POSITION pos = pList->GetTailPosition();
+    for (size_t i = keys.size(); i-- > 0;) {
+        const MergeKey& key = keys[i];
+        const bool bNoteOff = key.nOrder < 0;
+        // Back to the last old event that the new one follows; the new events already
+        // placed lie after it, and the ones still to come sort before them.
+        while (pos != nullptr) {
+            DWORD dwOther = pList->GetAt(pos)->m_dwTimeStamp;
+            if (bNoteOff ? dwOther < key.dwTime : dwOther <= key.dwTime) break;
+            pList->GetPrev(pos);
+        }
+        POSITION added = pos != nullptr ? pList->InsertAfter(pos, key.pEvent) : pList->AddHead(key.pEvent);
+        if (added == nullptr) delete key.pEvent;
+    }
+    keys.clear();
 }
 
 CQXEventList* CQuavix::_GetEventList(int nType, int nDevice)

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <new>
+#include <thread>
 
 std::atomic<CQuavix*> CQuavix::s_pSharedQuavix{nullptr};
 int CQuavix::s_bRegistered = 0;
@@ -15,6 +16,16 @@ int CQuavix::s_bRegistered = 0;
 namespace {
 
 std::atomic<QX_DeviceFactory> g_pDeviceFactory{nullptr};
+
+// Scopes of manager code under way on all threads; ExitQuavix waits for them to end
+// after it has withdrawn the shared pointer, before it destroys the manager.
+std::atomic<int> g_nCallers{0};
+// Scopes under way on this thread, callbacks of the library included.
+thread_local int t_nDepth = 0;
+// The manager this thread is destroying: its own operations stay usable to it.
+thread_local const CQuavix* t_pDestroying = nullptr;
+// The application's notification callback, called through CQuavix::_NotifyProc.
+std::atomic<QX_NotifyProc> g_pAppNotify{nullptr};
 
 // InitQuavix and ExitQuavix may be called from several threads of the application.
 std::mutex& LifeMutex()
@@ -35,9 +46,46 @@ int InitQuavix()
     return 0;
 }
 
+CQuavix::CallScope::CallScope(const CQuavix* pManager)
+{
+    ++t_nDepth;
+    // Counted before the check, and ExitQuavix withdraws the pointer before it reads
+    // the count: one of the two always sees the other.
+    g_nCallers.fetch_add(1);
+    m_bLive = pManager != nullptr && (s_pSharedQuavix.load() == pManager || t_pDestroying == pManager);
+}
+
+CQuavix::CallScope::~CallScope()
+{
+    g_nCallers.fetch_sub(1);
+    --t_nDepth;
+}
+
+void CQuavix::_NotifyProc(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
+{
+    // Reports come from any thread, also from a device's own thread outside every
+    // scope: the callback counts as inside the library all the same.
+    ++t_nDepth;
+    if (QX_NotifyProc pProc = g_pAppNotify.load()) pProc(dwCode, dwValue, dwDevice);
+    --t_nDepth;
+}
+
+void CQuavix::SetNotificationCallback(QX_NotifyProc pCallback, DWORD_PTR dwUser)
+{
+    g_pAppNotify.store(pCallback);
+    m_Notify.SetNotificationCallback(pCallback != nullptr ? _NotifyProc : nullptr, dwUser);
+}
+
 CQuavix* CQuavix::InitQuavix()
 {
-    std::lock_guard<std::mutex> lock(LifeMutex());
+    // From inside a callback while another thread's ExitQuavix waits for that callback
+    // under the life lock: no waiting here, the manager there is on its way out.
+    std::unique_lock<std::mutex> lock(LifeMutex(), std::defer_lock);
+    if (t_nDepth > 0) {
+        if (!lock.try_lock()) return s_pSharedQuavix.load();
+    } else {
+        lock.lock();
+    }
     if (s_bRegistered == 0) s_bRegistered = _RegisterQuavix();
     if (s_bRegistered == 0) std::exit(0);
     if (s_pSharedQuavix.load() == nullptr) s_pSharedQuavix.store(new (std::nothrow) CQuavix);
@@ -46,12 +94,33 @@ CQuavix* CQuavix::InitQuavix()
 
 void CQuavix::ExitQuavix()
 {
+    // Refused inside a callback: the code that called back (a poll walking the
+    // performances, a recording walk, a device's message handler) goes on using the
+    // manager, and its devices, once the callback returns. Deferring would mean
+    // destroying it from one of its own threads, which cannot join themselves.
+    if (t_nDepth > 0) {
+#ifndef NDEBUG
+        QXTrace("CQuavix::ExitQuavix refused inside a callback\n");
+#endif
+        return;
+    }
     std::lock_guard<std::mutex> lock(LifeMutex());
     CQuavix* pManager = s_pSharedQuavix.load();
     if (pManager == nullptr) return;
     if (pManager->m_bInitialized) pManager->CloseDevices();
-    delete pManager;
+    // Withdrawn before it goes: threads that reach for the manager from now on find
+    // none, and those already inside are waited for.
     s_pSharedQuavix.store(nullptr);
+    for (int nTry = 0; g_nCallers.load() > 0; ++nTry) {
+        if (nTry < 100)
+            std::this_thread::yield();
+        else
+            Sleep(1);
+    }
+    t_pDestroying = pManager;
+    delete pManager;
+    t_pDestroying = nullptr;
+    g_pAppNotify.store(nullptr);
     UnregisterClassA("CQuavix", QXGetModuleInstance());
     s_bRegistered = 0;
 }
@@ -67,14 +136,18 @@ CQuavix::~CQuavix()
         // Timers first: once killed, no timer callback can reach this manager.
         if (m_uTimerID != 0) timeKillEvent(m_uTimerID);
         m_uTimerID = 0;
+        // Taken out under the lock but killed outside it: a kill waits for a callback
+        // that is firing, and that callback needs the lock. A callback that finds its
+        // block gone leaves it to us.
+        std::map<UINT, QX_DELAYSTART*> delays;
         {
             std::lock_guard<std::mutex> lock(m_mxDelays);
-            for (auto& [id, pBlock] : m_PendingDelays) {
-                timeKillEvent(id);
-                delete pBlock;
-            }
-            m_PendingDelays.clear();
+            delays.swap(m_PendingDelays);
             m_uDelayTimerID = 0;
+        }
+        for (auto& [id, pBlock] : delays) {
+            timeKillEvent(id);
+            delete pBlock;
         }
         // Taking the poll gate and closing it lets a running poll finish and keeps any
         // other from starting (a device thread that polls finds the gate gone).
@@ -244,7 +317,8 @@ UINT CQuavix::GetDeviceState(int nType, int nDir, int nDevice) const
 
 int CQuavix::IsActive()
 {
-    if (!m_bInitialized) return 0;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return 0;
     EnterCriticalSection(&m_csDevices);
     for (POSITION pos = m_Performances.GetHeadPosition(); pos != nullptr;) {
         QX_PerformanceRec* pRec = m_Performances.GetNext(pos);

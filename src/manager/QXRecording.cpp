@@ -9,7 +9,9 @@
 
 int CQuavix::StartRecording(QX_RecordingProc pCallback, DWORD_PTR dwUser, int bActive)
 {
-    if (!m_bInitialized) return 0;
+    CallScope scope(this);
+    // A null callback would be called with the next recorded event: refused.
+    if (!scope.Live() || !m_bInitialized || pCallback == nullptr) return 0;
     EnterCriticalSection(&m_csRecording);
     _ApplyStoppedRecordings();
     auto* pRec = new (std::nothrow) QX_RecordingRec{GetUniqueTag(), bActive, pCallback, dwUser};
@@ -24,7 +26,8 @@ int CQuavix::StartRecording(QX_RecordingProc pCallback, DWORD_PTR dwUser, int bA
 
 void CQuavix::StopRecording(int nTag)
 {
-    if (!m_bInitialized) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return;
     {
         std::lock_guard<std::mutex> lock(m_mxStoppedRecordings);
         m_StoppedRecordings.push_back(nTag);
@@ -67,7 +70,8 @@ void CQuavix::_ApplyStoppedRecordings()
 
 void CQuavix::ForwardRecordedData(CQXEventData* pEvent)
 {
-    if (!m_bInitialized) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return;
     EnterCriticalSection(&m_csRecording);
     _ApplyStoppedRecordings();
     ++m_nRecordingWalkDepth;
@@ -92,6 +96,24 @@ void CQuavix::ForwardRecordedData(CQXEventData* pEvent)
     LeaveCriticalSection(&m_csRecording);
 }
 
+int CQuavix::MidiThruEnabled() const
+{
+    CallScope scope(this);
+    return scope.Live() ? m_bMidiThru.load() : 0;
+}
+
+int CQuavix::GetMidiThruDevice() const
+{
+    CallScope scope(this);
+    return scope.Live() ? m_nMidiThruDevice.load() : -1;
+}
+
+int CQuavix::GetMidiThruChannel() const
+{
+    CallScope scope(this);
+    return scope.Live() ? m_nMidiThruChannel.load() : -1;
+}
+
 void CQuavix::ConnectMidiThru(int nDevice, int nChannel)
 {
     if (nDevice < GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT) && nChannel < 16) {
@@ -102,7 +124,8 @@ void CQuavix::ConnectMidiThru(int nDevice, int nChannel)
 
 void CQuavix::SendMidiMsg(UINT nDevice, DWORD dwMsg, int bQueued)
 {
-    if (!m_bInitialized) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return;
     const int n = _ChosenMidiOutput(static_cast<int>(nDevice));
     if (!bQueued) {
         if (auto* pOut = static_cast<CMidiOut*>(GetDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n))) pOut->PlayMidi(dwMsg);
@@ -121,7 +144,8 @@ void CQuavix::SendMidiMsg(UINT nDevice, DWORD dwMsg, int bQueued)
 
 void CQuavix::SendMidiNote(UINT nDevice, DWORD dwNoteOn, DWORD dwNoteOff, DWORD dwDuration, int bQueued)
 {
-    if (!m_bInitialized) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return;
     const int n = _ChosenMidiOutput(static_cast<int>(nDevice));
     if (!bQueued) {
         // The output makes the note-off itself, from the note-on with velocity 0.
@@ -159,7 +183,8 @@ void CQuavix::SendMidiNote(UINT nDevice, DWORD dwNoteOn, DWORD dwNoteOff, DWORD 
 
 void CQuavix::SendSysExMsg(UINT nDevice, const BYTE* pData, int nLength, int bQueued)
 {
-    if (!m_bInitialized) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return;
     const int n = _ChosenMidiOutput(static_cast<int>(nDevice));
     if (!bQueued) {
         if (auto* pOut = static_cast<CMidiOut*>(GetDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n)))
@@ -185,7 +210,8 @@ int CQuavix::PlayWaveFile(const char*, int, void (*)(DWORD_PTR, DWORD), DWORD_PT
 
 void CQuavix::OnPanicButton()
 {
-    if (!m_bInitialized) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return;
     for (int d = 0; d < m_nDeviceCount[QX_DEVTYPE_MIDI][QX_DEVDIR_OUT]; ++d) {
         for (DWORD ch = 0; ch < 16; ++ch) {
             for (DWORD k = 0; k < 128; ++k) SendMidiMsg(static_cast<UINT>(d), 0x90 | ch | (k << 8), 0);

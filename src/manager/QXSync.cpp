@@ -28,7 +28,8 @@ void CQuavix::_ReopenMidiOutputs()
 
 void CQuavix::SetSyncMode(DWORD dwMode)
 {
-    if (!m_bInitialized) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return;
     const DWORD dwOld = m_dwSyncMode;
     if (dwMode > QX_SYNCMODE_SLAVE) return; // refused: the mode stays
     m_dwSyncMode = dwMode;
@@ -47,7 +48,8 @@ void CQuavix::SetSyncMode(DWORD dwMode)
 
 void CQuavix::QueueSlavedPerformance()
 {
-    if (!m_bInitialized || m_dwSyncMode != QX_SYNCMODE_SLAVE) return;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized || m_dwSyncMode != QX_SYNCMODE_SLAVE) return;
     EnterCriticalSection(&m_csDevices);
     _ReopenMidiOutputs();
     m_dwBufferTime = 0;

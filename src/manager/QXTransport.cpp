@@ -7,6 +7,12 @@
 #include "platform/QXPlatform.h"
 
 #include <cstdlib>
+#include <mutex>
+
+struct CQuavix::ThreadShared {
+    std::mutex mutex;
+    bool abandoned = false;
+};
 
 namespace {
 
@@ -28,6 +34,7 @@ int CQuavix::_RegisterQuavix()
 void CQuavix::ThreadStart()
 {
     m_dwThreadId = 0;
+    m_pThreadShared = std::make_shared<ThreadShared>();
     m_hThreadEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     m_hThread = CreateThread(nullptr, 0, reinterpret_cast<LPTHREAD_START_ROUTINE>(_ThreadProc), this, 0,
                              &m_dwThreadId);
@@ -43,6 +50,7 @@ DWORD CQuavix::_ThreadProc(void* pManager)
 
 DWORD CQuavix::ThreadProc()
 {
+    std::shared_ptr<ThreadShared> shared = m_pThreadShared;
     HWND hWnd = CreateWindowExA(0, kClassName, kClassName, 0, 0, 0, 0, 0, nullptr, nullptr, QXGetModuleInstance(),
                                 this);
     m_hWnd = hWnd;
@@ -50,9 +58,12 @@ DWORD CQuavix::ThreadProc()
     SetWindowLongA(hWnd, 0, reinterpret_cast<LONG_PTR>(this));
     SetEvent(m_hThreadEvent);
     QXRunMessageLoop("Error in CQuavix ThreadProc\n");
+    // The manager may be gone by now if ThreadStop gave up waiting: only the local
+    // window handle is used, and the manager's field only while it still waits.
     SetWindowLongA(hWnd, 0, 0);
     DestroyWindow(hWnd);
-    m_hWnd = nullptr;
+    std::lock_guard<std::mutex> lock(shared->mutex);
+    if (!shared->abandoned) m_hWnd = nullptr;
     return 0;
 }
 
@@ -62,7 +73,12 @@ void CQuavix::ThreadStop()
     HWND hWnd = m_hWnd;
     if (IsWindow(hWnd)) {
         PostMessageA(hWnd, WM_QUIT, 0, 0);
-        if (WaitForSingleObject(m_hThread, 5000) != WAIT_OBJECT_0) SetWindowLongA(hWnd, 0, 0);
+        if (WaitForSingleObject(m_hThread, 5000) != WAIT_OBJECT_0) {
+            // Left running: make sure it can no longer reach this manager.
+            SetWindowLongA(hWnd, 0, 0);
+            std::lock_guard<std::mutex> lock(m_pThreadShared->mutex);
+            m_pThreadShared->abandoned = true;
+        }
     }
     CloseHandle(m_hThread);
     m_hThread = nullptr;
@@ -73,7 +89,11 @@ void CQuavix::ThreadStop()
 LRESULT CQuavix::_WndProc(HWND hWnd, UINT uMsg, WPARAM wParam, LPARAM lParam)
 {
     auto* pManager = reinterpret_cast<CQuavix*>(GetWindowLongA(hWnd, 0));
-    if (pManager != nullptr) return pManager->WndProc(uMsg, wParam, lParam);
+    CallScope scope(pManager);
+    if (scope.Live()) return pManager->WndProc(uMsg, wParam, lParam);
+    // A manager on its way out handles nothing more; a delayed start's block is
+    // still this message's to free.
+    if (uMsg == QXM_DELAYSTART) delete reinterpret_cast<QX_DELAYSTART*>(wParam);
     return DefWindowProcA(hWnd, uMsg, wParam, lParam);
 }
 
@@ -129,9 +149,10 @@ void CQuavix::_TimeProc(UINT, UINT, DWORD_PTR dwUser, DWORD_PTR, DWORD_PTR)
 void CQuavix::_DelayProc(UINT uTimerID, UINT, DWORD_PTR dwUser, DWORD_PTR, DWORD_PTR)
 {
     auto* pBlock = reinterpret_cast<QX_DELAYSTART*>(dwUser);
-    // The manager kills every pending delay timer before it goes, so it is alive here.
+    // A manager on its way out frees the blocks of its pending timers itself.
     CQuavix* pManager = s_pSharedQuavix.load();
-    if (pManager == nullptr) return;
+    CallScope scope(pManager);
+    if (!scope.Live()) return;
     {
         std::lock_guard<std::mutex> lock(pManager->m_mxDelays);
         if (pManager->m_PendingDelays.erase(uTimerID) == 0) return; // cancelled and freed
@@ -141,6 +162,20 @@ void CQuavix::_DelayProc(UINT uTimerID, UINT, DWORD_PTR dwUser, DWORD_PTR, DWORD
         pManager->m_uDelayTimerID.compare_exchange_strong(uExpected, 0);
     }
     if (!PostMessageA(pBlock->hWnd, QXM_DELAYSTART, reinterpret_cast<WPARAM>(pBlock), 0)) delete pBlock;
+}
+
+// The getters the devices call from their own threads check first that the manager is
+// still there (CallScope); the others are the application's, on a manager it holds.
+DWORD CQuavix::GetPlayStartTime() const
+{
+    CallScope scope(this);
+    return scope.Live() ? m_dwPlayStartTime.load() : 0;
+}
+
+DWORD CQuavix::GetRecordStartTime() const
+{
+    CallScope scope(this);
+    return scope.Live() ? m_dwRecordStartTime.load() : 0;
 }
 
 DWORD CQuavix::GetElapsedPlayTime() const
@@ -153,20 +188,44 @@ DWORD CQuavix::GetElapsedRecordTime() const
     return timeGetTime() - m_dwRecordStartTime;
 }
 
+HWND CQuavix::GetHWnd() const
+{
+    CallScope scope(this);
+    return scope.Live() ? m_hWnd.load() : nullptr;
+}
+
+CQXDevice* CQuavix::GetTimingDevice() const
+{
+    CallScope scope(this);
+    return scope.Live() ? m_pTimingDevice.load() : nullptr;
+}
+
+DWORD CQuavix::GetSyncMode() const
+{
+    CallScope scope(this);
+    return scope.Live() ? m_dwSyncMode.load() : QX_SYNCMODE_INTERNAL;
+}
+
 int CQuavix::OpenDevice(int nType, int nDir, int nDevice)
 {
+    CallScope scope(this);
+    if (!scope.Live()) return 0;
     CQXDevice* pDevice = GetDevice(nType, nDir, nDevice);
     return pDevice != nullptr ? pDevice->Open(nDevice) : 0;
 }
 
 int CQuavix::StartDevice(int nType, int nDir, int nDevice)
 {
+    CallScope scope(this);
+    if (!scope.Live()) return 0;
     CQXDevice* pDevice = GetDevice(nType, nDir, nDevice);
     return pDevice != nullptr ? pDevice->Start() : 0;
 }
 
 int CQuavix::PauseDevice(int nType, int nDir, int nDevice)
 {
+    CallScope scope(this);
+    if (!scope.Live()) return 0;
     CQXDevice* pDevice = GetDevice(nType, nDir, nDevice);
     if (pDevice == nullptr) return 0;
     CQXDevice* pExpected = pDevice;
@@ -176,6 +235,8 @@ int CQuavix::PauseDevice(int nType, int nDir, int nDevice)
 
 int CQuavix::StopDevice(int nType, int nDir, int nDevice)
 {
+    CallScope scope(this);
+    if (!scope.Live()) return 0;
     CQXDevice* pDevice = GetDevice(nType, nDir, nDevice);
     if (pDevice == nullptr) return 0;
     CQXDevice* pExpected = pDevice;
@@ -185,6 +246,8 @@ int CQuavix::StopDevice(int nType, int nDir, int nDevice)
 
 int CQuavix::CloseDevice(int nType, int nDir, int nDevice)
 {
+    CallScope scope(this);
+    if (!scope.Live()) return 0;
     CQXDevice* pDevice = GetDevice(nType, nDir, nDevice);
     if (pDevice == nullptr) return 0;
     CQXDevice* pExpected = pDevice;
@@ -194,7 +257,8 @@ int CQuavix::CloseDevice(int nType, int nDir, int nDevice)
 
 int CQuavix::OpenDevices()
 {
-    if (!m_bInitialized) return 0;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return 0;
     EnterCriticalSection(&m_csDevices);
     int bResult = 0;
     _ForEachDevice([&](int nType, int nDir, int n) {
@@ -208,7 +272,8 @@ int CQuavix::OpenDevices()
 
 int CQuavix::StartDevices()
 {
-    if (!m_bInitialized) return 0;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return 0;
     EnterCriticalSection(&m_csDevices);
     int bResult = 1;
     if (m_pTimingDevice.load() == nullptr) {
@@ -239,7 +304,8 @@ int CQuavix::StartDevices()
 
 int CQuavix::PauseDevices()
 {
-    if (!m_bInitialized) return 0;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return 0;
     m_pTimingDevice = nullptr;
     EnterCriticalSection(&m_csDevices);
     _ForEachDevice([this](int nType, int nDir, int n) { PauseDevice(nType, nDir, n); });
@@ -249,7 +315,8 @@ int CQuavix::PauseDevices()
 
 int CQuavix::StopDevices()
 {
-    if (!m_bInitialized) return 0;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return 0;
     m_pTimingDevice = nullptr;
     EnterCriticalSection(&m_csDevices);
     if (m_uTimerID != 0) {
@@ -267,7 +334,8 @@ int CQuavix::StopDevices()
 
 int CQuavix::CloseDevices()
 {
-    if (!m_bInitialized) return 0;
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return 0;
     StopDevices();
     EnterCriticalSection(&m_csDevices);
     _ForEachDevice([this](int nType, int nDir, int n) { CloseDevice(nType, nDir, n); });
@@ -277,6 +345,8 @@ int CQuavix::CloseDevices()
 
 UINT CQuavix::DelayStart(int nType, int nDir, int nDevice, DWORD dwDelay)
 {
+    CallScope scope(this);
+    if (!scope.Live()) return 0;
     if (dwDelay < 10) {
         StartDevice(nType, nDir, nDevice);
         return 0;
@@ -297,6 +367,8 @@ UINT CQuavix::DelayStart(int nType, int nDir, int nDevice, DWORD dwDelay)
 
 void CQuavix::StopDelay(UINT uTimerID)
 {
+    CallScope scope(this);
+    if (!scope.Live()) return;
     if (uTimerID == 0 || uTimerID != m_uDelayTimerID) return;
     // After the kill the callback has either posted its block or will never run.
     timeKillEvent(uTimerID);
