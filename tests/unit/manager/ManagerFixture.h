@@ -13,9 +13,71 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
+
+// Ends the test program when the test that made it has not finished in time, so that a
+// hang shows up as a failure instead of holding the run until CTest gives up.
+class Watchdog {
+public:
+    Watchdog(int nSeconds, const char* pszWhat)
+        : m_thread([this, nSeconds, pszWhat] {
+              std::unique_lock<std::mutex> lock(m_mutex);
+              if (!m_cv.wait_for(lock, std::chrono::seconds(nSeconds), [this] { return m_bDone; })) {
+                  std::fprintf(stderr, "watchdog: %s has not finished after %d s\n", pszWhat, nSeconds);
+                  std::fflush(stderr);
+                  std::_Exit(1);
+              }
+          })
+    {
+    }
+    ~Watchdog()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_bDone = true;
+        }
+        m_cv.notify_all();
+        m_thread.join();
+    }
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    bool m_bDone = false;
+    std::thread m_thread;
+};
+
+// One line per event an output takes: its kind's payload (what tells events apart) and
+// its time stamp.
+inline std::string DescribeEvent(const CQXEventData* p)
+{
+    char buf[64];
+    if (p->m_nType == QX_EVENT_SYSEX) {
+        std::string s = "sx";
+        const auto* b = reinterpret_cast<const BYTE*>(p->m_dwData);
+        for (DWORD_PTR i = 0; i < p->m_dwLength; ++i) {
+            std::snprintf(buf, sizeof buf, ".%02x", b[i]);
+            s += buf;
+        }
+        std::snprintf(buf, sizeof buf, "@%u", p->m_dwTimeStamp);
+        return s + buf;
+    }
+    std::snprintf(buf, sizeof buf, "k%d:%llx:%llx@%u", p->m_nType, static_cast<unsigned long long>(p->m_dwData),
+                  static_cast<unsigned long long>(p->m_dwLength), p->m_dwTimeStamp);
+    return buf;
+}
+
+// Posted to a fake device: it reports notification 777 from its own thread.
+constexpr UINT kFakeNotifyFromThread = 0x0400 + 77;
 
 class FakeDevice : public CQXDevice {
 public:
@@ -40,6 +102,7 @@ public:
     std::atomic<int> priorityHigh{0};
     std::vector<std::pair<DWORD, DWORD>> periods; // written on the polling thread
     std::vector<DWORD> played;                    // m_dwData of the events taken
+    std::vector<std::string> taken;               // DescribeEvent of the events taken
 
     int PlayData(CQXEventList* pEvents, DWORD dwStart, DWORD dwEnd) override
     {
@@ -48,6 +111,7 @@ public:
         while (!pEvents->IsEmpty() && static_cast<int32_t>(pEvents->GetHead()->m_dwTimeStamp - dwEnd) < 0) {
             CQXEventData* p = pEvents->RemoveHead();
             played.push_back(static_cast<DWORD>(p->m_dwData));
+            taken.push_back(DescribeEvent(p));
             delete p;
         }
         return 1;
@@ -62,6 +126,10 @@ protected:
     LRESULT WndProc(UINT uMsg, WPARAM wParam, LPARAM lParam) override
     {
         if (uMsg == QXM_PRIORITYHIGH) ++priorityHigh;
+        if (uMsg == kFakeNotifyFromThread) {
+            QXNotifyShared(777, 0, 0);
+            return 0;
+        }
         return CQXDevice::WndProc(uMsg, wParam, lParam);
     }
 
