@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -49,7 +50,8 @@ std::string TempPath(const std::string& name)
     return TempDir() + "/" + std::to_string(getpid()) + "-" + std::to_string(++n) + "-" + name;
 }
 
-CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::string>& env, int interruptAfterMs)
+CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::string>& env, int interruptAfterMs,
+                 int signal, long fileSizeLimit)
 {
     const std::string outPath = TempPath("stdout"), errPath = TempPath("stderr");
     std::vector<std::string> argv{QUAVIX_CLI_PATH};
@@ -72,6 +74,10 @@ CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::st
             const size_t eq = e.find('=');
             setenv(e.substr(0, eq).c_str(), e.substr(eq + 1).c_str(), 1);
         }
+        if (fileSizeLimit > 0) {
+            const rlimit limit{static_cast<rlim_t>(fileSizeLimit), static_cast<rlim_t>(fileSizeLimit)};
+            setrlimit(RLIMIT_FSIZE, &limit);
+        }
         execv(cargv[0], cargv.data());
         _exit(127);
     }
@@ -79,7 +85,7 @@ CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::st
     if (pid < 0) return r;
     if (interruptAfterMs > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(interruptAfterMs));
-        kill(pid, SIGINT);
+        kill(pid, signal);
     }
     // A generous bound only so that a stuck child cannot hang the suite.
     int wstatus = 0;

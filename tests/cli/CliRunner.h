@@ -16,10 +16,11 @@ struct CliResult {
 };
 
 // Runs quavix with args; env holds NAME=VALUE entries set on top of the test's own
-// environment (QUAVIX_BACKEND=virtual is always set). With interruptAfterMs > 0 the
-// child gets SIGINT after that long.
+// environment (QUAVIX_BACKEND=virtual unless env names another). With
+// interruptAfterMs > 0 the child gets signal (SIGINT by default) after that long; with
+// fileSizeLimit > 0 it runs under that RLIMIT_FSIZE (its stdout and stderr included).
 CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-                 int interruptAfterMs = 0);
+                 int interruptAfterMs = 0, int signal = 2, long fileSizeLimit = 0);
 
 // A fresh path in a directory of its own for this test program.
 std::string TempPath(const std::string& name);

@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <csignal>
+#include <dirent.h>
+#include <sys/stat.h>
 
 using qxsmf::Kind;
 
@@ -281,7 +284,7 @@ TEST(Cli, BadInputGivesOneLineAndAFailingStatus)
         {{"thru", "--in", "0"}, 2, "needs --in N and --out M"},
         {{"thru", "--in", "0", "--out", "1", "--channel", "17"}, 2, "--channel takes a whole number from 1 to 16"},
         {{"record-midi", "--in", "0"}, 2, "needs the OUT.mid"},
-        {{"record-midi", "--in", "0", "/nonexistent-dir/x.mid", "--seconds", "1"}, 1, "cannot create"},
+        {{"record-midi", "--in", "0", "/nonexistent-dir/x.mid", "--seconds", "1"}, 1, "cannot write /nonexistent-dir/x.mid"},
         {{"sync-slave", text}, 2, "needs --in N"},
         {{"sync-slave", "--in", "0", missing}, 1, "cannot open"},
         {{"help", "dance"}, 2, "unknown command"},
@@ -314,4 +317,168 @@ TEST(Cli, EveryCommandHasHelp)
     r = RunCli({"--version"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out.rfind("quavix ", 0), 0u);
+}
+
+TEST(Cli, OutputPathsAreCheckedBeforePlayingAndReplacedWhole)
+{
+    const qxsmf::File song = TestSong();
+    const std::string in = WriteSong(song, "paths-song.mid");
+    const std::string feed = WriteSong(Feed({{0, {0x90, 60, 100}}, {50, {0x80, 60, 0}}}), "paths-feed.mid");
+    const std::string folder = TempPath("folder");
+    ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+    const std::vector<std::string> env{"QUAVIX_VIRTUAL_DEVICES=midi-in=1,midi-out=2"};
+    for (const std::string& bad : {std::string("/nonexistent-dir/out.mid"), folder}) {
+        const std::vector<std::vector<std::string>> commands{
+            {"perform", in, "--capture", bad},
+            {"sync-slave", "--in", "0", "--output", "1", in, "--inject", feed, "--capture", bad},
+            {"thru", "--in", "0", "--out", "1", "--inject", feed, "--capture", bad},
+            {"send", "--out", "0", "90", "3C", "40", "--capture", bad},
+            {"panic", "--capture", bad},
+            {"record-midi", "--in", "0", bad, "--inject", feed},
+        };
+        for (const auto& args : commands) {
+            const CliResult r = RunCli(args, env);
+            EXPECT_EQ(r.status, 1) << args[0] << " " << bad;
+            EXPECT_TRUE(r.out.empty()) << args[0] << ": nothing is played or sent first\n" << r.out;
+            const auto lines = r.ErrLines();
+            ASSERT_EQ(lines.size(), 1u) << r.err;
+            EXPECT_NE(lines[0].find("cannot write " + bad), std::string::npos) << lines[0];
+        }
+    }
+
+    // A good file that a failing write would have cut short stays whole, and the half
+    // written new one is not left behind.
+    const std::string demo = std::string(QUAVIX_SOURCE_DIR) + "/examples/quavix-demo.mid";
+    const std::string good = folder + "/good.mid";
+    std::string error;
+    ASSERT_TRUE(qxsmf::Write(good, song, error)) << error;
+    const Bytes before = ReadBytes(good);
+    CliResult r = RunCli({"perform", demo, "-q", "--tempo-scale", "20", "--capture", good}, {}, 0, SIGINT, 2048);
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_NE(r.err.find("cannot write " + good), std::string::npos) << r.err;
+    EXPECT_EQ(ReadBytes(good), before);
+    std::vector<std::pair<uint64_t, Bytes>> dense;
+    for (uint64_t i = 0; i < 400; ++i) dense.push_back({i, {0x90, static_cast<uint8_t>(i % 128), 1}});
+    const std::string denseFeed = WriteSong(Feed(dense), "dense.mid");
+    r = RunCli({"record-midi", "--in", "0", good, "--inject", denseFeed, "-q"}, {}, 0, SIGINT, 1024);
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_EQ(ReadBytes(good), before);
+    std::vector<std::string> names;
+    if (DIR* d = opendir(folder.c_str())) {
+        while (const dirent* e = readdir(d))
+            names.push_back(e->d_name);
+        closedir(d);
+    }
+    std::erase_if(names, [](const std::string& n) { return n == "." || n == ".."; });
+    EXPECT_EQ(names, std::vector<std::string>{"good.mid"});
+
+    // Without a limit the new take replaces the old file completely.
+    r = RunCli({"record-midi", "--in", "0", good, "--inject", feed, "-q"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(MessagesOf(good).size(), 2u);
+}
+
+TEST(Cli, SignalsStopEveryCommandCleanlyWithTheirStatus)
+{
+    const std::string demo = std::string(QUAVIX_SOURCE_DIR) + "/examples/quavix-demo.mid";
+    // SIGTERM and SIGHUP silence the output like Ctrl-C; the status tells the signal.
+    for (int sig : {SIGTERM, SIGHUP}) {
+        const std::string out = TempPath("signalled.mid");
+        const CliResult r = RunCli({"perform", demo, "--capture", out}, {}, 1500, sig);
+        ASSERT_EQ(r.status, 128 + sig) << r.err;
+        EXPECT_NE(r.out.find("Stopped (interrupted)"), std::string::npos) << r.out;
+        const auto got = MessagesOf(out);
+        ASSERT_GT(got.size(), 2081u);
+        EXPECT_EQ(got.back().bytes, Bytes{0xFF}) << "the panic came last";
+    }
+    const std::vector<std::string> env{"QUAVIX_VIRTUAL_DEVICES=midi-in=1,midi-out=2"};
+    CliResult r = RunCli({"thru", "--in", "0", "--out", "1", "--seconds", "60"}, env, 700);
+    EXPECT_EQ(r.status, 130) << r.err;
+    EXPECT_NE(r.out.find("Stopped:"), std::string::npos) << r.out;
+    const std::string take = TempPath("interrupted-take.mid");
+    r = RunCli({"record-midi", "--in", "0", take, "--inject", demo}, env, 1200);
+    EXPECT_EQ(r.status, 130) << r.err;
+    EXPECT_NE(r.out.find("Stopped:"), std::string::npos) << r.out;
+    EXPECT_FALSE(MessagesOf(take).empty()) << "what came before Ctrl-C is kept";
+    r = RunCli({"sync-slave", "--in", "0", "--output", "1", demo}, env, 700);
+    EXPECT_EQ(r.status, 130) << r.err;
+}
+
+TEST(Cli, VerboseShowsEveryReportOfTheLibrary)
+{
+    const std::string in = WriteSong(TestSong(), "verbose-song.mid");
+    const std::vector<std::string> env{"QUAVIX_VIRTUAL_FAULT=midiStreamOpen"};
+    CliResult r = RunCli({"perform", in}, env);
+    EXPECT_EQ(r.status, 1);
+    ASSERT_EQ(r.ErrLines().size(), 1u) << r.err;
+    EXPECT_NE(r.err.find("cannot open MIDI output 0"), std::string::npos) << r.err;
+    r = RunCli({"perform", in, "-v"}, env);
+    EXPECT_EQ(r.status, 1);
+    const auto lines = r.ErrLines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "Error opening MIDI stream device 0: An unspecified error occurred."), 1)
+        << "once, in release builds too\n"
+        << r.err;
+    EXPECT_EQ(lines.back().rfind("quavix perform: cannot open MIDI output 0", 0), 0u) << r.err;
+}
+
+TEST(Cli, MessagesNameTheFileCountRightAndBlameTheRightByte)
+{
+    const std::string dir = TempPath("msgs");
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    qxsmf::File f2 = TestSong();
+    f2.format = 2;
+    const std::string format2 = WriteSong(f2, "format2.mid");
+    qxsmf::File day;
+    day.format = 0;
+    day.division = 1;
+    day.tracks.resize(1);
+    day.tracks[0].events = {{0, Kind::Meta, 0x51, {0xFF, 0xFF, 0xFF}}, {qxsmf::kMaxVlq, Kind::Channel, 0, {0x90, 1, 1}}};
+    const std::string longer = WriteSong(day, "day.mid");
+    const std::string oneTrack = TempPath("one-track.mid");
+    ASSERT_TRUE(WriteBytes(oneTrack, {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0, 96}));
+    const struct {
+        std::vector<std::string> args;
+        std::vector<std::string> env;
+        int status;
+        std::string says;
+    } cases[] = {
+        {{"devices"}, {"QUAVIX_BACKEND=bogus"}, 2, "QUAVIX_BACKEND takes virtual, jack, alsa or auto, not 'bogus'"},
+        {{"perform", format2}, {}, 1, format2 + ": it is a format 2 file"},
+        {{"perform", longer}, {}, 1, longer + ": it plays for longer than 24 hours"},
+        {{"perform", oneTrack}, {}, 1, "announces 1 track,"},
+        {{"send", "--out", "0", "90", "3C", "64", "64"}, {}, 2, "1 data byte too many: 64 (byte 4)"},
+        {{"send", "--out", "0", "90", "3C", "64", "3E"}, {}, 2, "too many"},
+        {{"send", "--out", "0", "90", "3C"}, {}, 2, "needs 2 data bytes"},
+        {{"perform", format2, "--tempo-scale", "0x10"}, {}, 2, "--tempo-scale takes a number"},
+        {{"perform", format2, "--tempo-scale", "1e1"}, {}, 2, "--tempo-scale takes a number"},
+        {{"perform", format2, "--output", "0x1"}, {}, 2, "--output takes a whole number"},
+        {{"perform", format2, "--output", " 1"}, {}, 2, "--output takes a whole number"},
+    };
+    for (const auto& c : cases) {
+        const CliResult r = RunCli(c.args, c.env);
+        std::string line;
+        for (const auto& a : c.args) line += a + " ";
+        EXPECT_EQ(r.status, c.status) << line << "\n" << r.err;
+        const auto lines = r.ErrLines();
+        ASSERT_EQ(lines.size(), 1u) << line << "\n" << r.err;
+        EXPECT_NE(lines[0].find(c.says), std::string::npos) << line << "\n" << lines[0];
+    }
+    // Decimal numbers with a fraction are fine.
+    const std::string song = WriteSong(TestSong(), "decimal.mid");
+    CliResult r = RunCli({"perform", song, "--tempo-scale", "2.5", "-q"});
+    EXPECT_EQ(r.status, 0) << r.err;
+
+    r = RunCli({"send", "--out", "0", "FE"});
+    EXPECT_NE(r.out.find("Sent 1 message (1 byte)"), std::string::npos) << r.out;
+
+    // The input takes short messages only: the summary says what it passed over.
+    const std::string feed = WriteSong(Feed({{0, {0x90, 60, 100}},
+                                             {10, {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7}},
+                                             {20, {0xF0, 0x43, 0x10, 0x4C, 0xF7}},
+                                             {30, {0x80, 60, 0}}}),
+                                       "sysex-feed.mid");
+    r = RunCli({"record-midi", "--in", "0", TempPath("sysex-take.mid"), "--inject", feed});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("2 messages recorded"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("2 SysEx messages not recorded"), std::string::npos) << r.out;
 }

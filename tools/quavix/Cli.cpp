@@ -1,9 +1,11 @@
 #include "Cli.h"
 
+#include "platform/QXFaults.h"
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -11,7 +13,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <mutex>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace qxcli {
@@ -21,30 +25,65 @@ namespace {
 static_assert(std::atomic<int>::is_always_lock_free, "the signal handler only stores to a lock-free atomic");
 std::atomic<int> g_signal{0};
 
-std::mutex g_reportMutex;
+std::mutex g_reportMutex; // the report state below
 std::string g_lastReport;
 size_t g_reportCount = 0;
-bool g_verbose = false;
+std::string g_lostServer;
+std::map<std::pair<int, int>, int64_t> g_lostDevices; // {direction, number}: when
+std::atomic<bool> g_serverLost{false};
+std::atomic<bool> g_verbose{false};
+
+// Debug builds trace each report just before the callback gets it, on the same thread:
+// the callback leaves out what was traced already.
+thread_local std::string t_lastTrace;
 
 void OnSignal(int sig)
 {
     g_signal.store(sig);
 }
 
+// Reports come from any of the library's threads and from the backend's own.
 void OnReport(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
 {
     std::string text;
     CQXNotify::FormatNotification(dwCode, dwValue, dwDevice, text);
+    if (g_verbose.load() && text != t_lastTrace) std::fputs(text.c_str(), stderr);
+    t_lastTrace.clear();
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
     std::lock_guard<std::mutex> lock(g_reportMutex);
     g_lastReport = text;
     ++g_reportCount;
+    if (dwCode == QXN_SERVER_LOST) {
+        const char* name = reinterpret_cast<const char*>(dwDevice);
+        g_lostServer = name != nullptr && *name != '\0' ? name : "device";
+        g_serverLost.store(true);
+    } else if (dwCode == QXN_MIDIIN_LOST || dwCode == QXN_MIDIOUT_LOST) {
+        const int dir = dwCode == QXN_MIDIIN_LOST ? QX_DEVDIR_IN : QX_DEVDIR_OUT;
+        g_lostDevices.emplace(std::make_pair(dir, static_cast<int>(dwDevice)), qxplat::NowNs());
+    }
 }
 
-// Debug builds of the library trace every report; the program shows them on request.
+// The library's diagnostic lines (debug builds only), shown on request.
 void OnTrace(const char* pszLine, void*)
 {
-    if (g_verbose) std::fputs(pszLine, stderr);
+    if (!g_verbose.load()) return;
+    std::fputs(pszLine, stderr);
+    t_lastTrace = pszLine;
+}
+
+// Decimal only, as people write numbers: no hexadecimal, exponents, "inf" or spaces.
+bool IsDecimal(const std::string& v, bool bFraction)
+{
+    size_t i = v.size() > 1 && v[0] == '-' ? 1 : 0, digits = 0, points = 0;
+    for (; i < v.size(); ++i) {
+        if (std::isdigit(static_cast<unsigned char>(v[i])))
+            ++digits;
+        else if (v[i] == '.' && bFraction && points == 0)
+            ++points;
+        else
+            return false;
+    }
+    return digits > 0;
 }
 
 const std::set<std::string> kCommonValued{"backend"};
@@ -130,7 +169,7 @@ bool Args::Parse(int argc, char** argv)
             return false;
         }
     }
-    g_verbose = Has("verbose");
+    g_verbose.store(Has("verbose"));
     return true;
 }
 
@@ -147,7 +186,7 @@ bool Args::GetInt(const std::string& name, int& out, int lo, int hi) const
     char* end = nullptr;
     errno = 0;
     long n = std::strtol(v.c_str(), &end, 10);
-    if (v.empty() || *end != '\0' || errno != 0 || n < lo || n > hi) {
+    if (!IsDecimal(v, false) || *end != '\0' || errno != 0 || n < lo || n > hi) {
         Fail(m_command,
              "--" + name + " takes a whole number from " + std::to_string(lo) + " to " + std::to_string(hi) +
                  ", not '" + v + "'",
@@ -165,7 +204,7 @@ bool Args::GetDouble(const std::string& name, double& out, double lo, double hi)
     char* end = nullptr;
     errno = 0;
     double d = std::strtod(v.c_str(), &end);
-    if (v.empty() || *end != '\0' || errno != 0 || !std::isfinite(d) || d < lo || d > hi) {
+    if (!IsDecimal(v, true) || *end != '\0' || errno != 0 || !std::isfinite(d) || d < lo || d > hi) {
         char range[64];
         std::snprintf(range, sizeof range, "%g to %g", lo, hi);
         Fail(m_command, "--" + name + " takes a number from " + range + ", not '" + v + "'", kExitUsage);
@@ -209,12 +248,26 @@ bool Session::Begin(const Args& args, DWORD dwFlags)
         setenv("QUAVIX_BACKEND", want.c_str(), 1);
     } else if (const char* env = std::getenv("QUAVIX_BACKEND")) {
         want = env;
+        // Checked here, before the platform reads it and goes its own way.
+        if (!want.empty() && want != "virtual" && want != "jack" && want != "alsa" && want != "auto") {
+            Fail(m_command, "QUAVIX_BACKEND takes virtual, jack, alsa or auto, not '" + want + "'", kExitUsage);
+            m_status = kExitUsage;
+            return false;
+        }
     }
     QXSetTraceProc(OnTrace, nullptr);
     m_backend = qxplat::SelectedBackendName();
     if (!want.empty() && want != "auto" && want != m_backend) {
         Fail(m_command, "the " + want + " backend is not available here (--backend auto chooses one that is)");
         return false;
+    }
+    // For trying failure paths without hardware: QUAVIX_VIRTUAL_FAULT=midiStreamOpen[=11]
+    // makes the next such platform call fail (with that result; MMSYSERR_ERROR if none).
+    if (const char* fault = std::getenv("QUAVIX_VIRTUAL_FAULT"); fault != nullptr && IsVirtual()) {
+        const std::string f = fault;
+        const size_t eq = f.find('=');
+        const DWORD result = eq == std::string::npos ? MMSYSERR_ERROR : static_cast<DWORD>(std::atoi(f.c_str() + eq + 1));
+        QXFaultInject(f.substr(0, eq).c_str(), result);
     }
     m_q = CQuavix::InitQuavix();
     if (m_q == nullptr) {
@@ -236,6 +289,19 @@ size_t Session::ReportCount()
 {
     std::lock_guard<std::mutex> lock(g_reportMutex);
     return g_reportCount;
+}
+
+std::string Session::LostServer()
+{
+    std::lock_guard<std::mutex> lock(g_reportMutex);
+    return g_lostServer;
+}
+
+int64_t Session::LostAt(int nDir, int nDevice)
+{
+    std::lock_guard<std::mutex> lock(g_reportMutex);
+    auto it = g_lostDevices.find({nDir, nDevice});
+    return it != g_lostDevices.end() ? it->second : 0;
 }
 
 bool Session::CheckDevice(int nType, int nDir, int nDevice) const
@@ -277,6 +343,7 @@ void InstallSignalHandlers()
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGHUP, &sa, nullptr);
 }
 
 bool Interrupted()
@@ -284,14 +351,56 @@ bool Interrupted()
     return g_signal.load() != 0;
 }
 
+int InterruptedStatus()
+{
+    const int sig = g_signal.load();
+    return sig != 0 ? 128 + sig : kExitInterrupted;
+}
+
 bool SleepUnlessInterrupted(int ms)
 {
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!Interrupted()) {
+    while (!Interrupted() && !g_serverLost.load()) {
         const auto now = std::chrono::steady_clock::now();
         if (now >= until) return true;
         std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(until - now, std::chrono::milliseconds(20)));
     }
+    return false;
+}
+
+int FailServerLost(const std::string& command, const std::string& what)
+{
+    return Fail(command, "the " + Session::LostServer() + " server went away; " + what);
+}
+
+bool CheckOutputPath(const std::string& command, const std::string& path)
+{
+    std::string why;
+    struct stat st {};
+    const size_t slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    if (path.empty() || path.back() == '/') {
+        why = "it names a folder, not a file";
+    } else if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        why = "it is a folder";
+    } else if (stat(dir.c_str(), &st) != 0) {
+        why = dir + ": " + std::strerror(errno);
+    } else if (!S_ISDIR(st.st_mode)) {
+        why = dir + " is not a folder";
+    } else {
+        // The file is written beside its place and renamed over it: the folder must
+        // take a new file. Trying is the only check that holds for root and ACLs alike.
+        const std::string probe = dir + "/.quavix-probe-" + std::to_string(getpid());
+        const int fd = open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+        if (fd < 0) {
+            why = "its folder takes no new file (" + std::string(std::strerror(errno)) + ")";
+        } else {
+            close(fd);
+            unlink(probe.c_str());
+        }
+    }
+    if (why.empty()) return true;
+    Fail(command, "cannot write " + path + ": " + why);
     return false;
 }
 
@@ -408,12 +517,23 @@ bool LoadInjection(const Args& args, const Session& session, std::vector<qxsmf::
     }
     qxsmf::File file;
     qxsmf::Timeline timeline;
+    if (!LoadSong(args.Command(), args.Get("inject"), 1.0, file, timeline)) return false;
+    messages = std::move(timeline.messages);
+    return true;
+}
+
+bool LoadSong(const std::string& command, const std::string& path, double scale, qxsmf::File& file,
+              qxsmf::Timeline& timeline)
+{
     std::string error;
-    if (!qxsmf::Read(args.Get("inject"), file, error) || !qxsmf::BuildTimeline(file, 1.0, timeline, error)) {
-        Fail(args.Command(), error);
+    if (!qxsmf::Read(path, file, error)) { // its errors name the file
+        Fail(command, error);
         return false;
     }
-    messages = std::move(timeline.messages);
+    if (!qxsmf::BuildTimeline(file, scale, timeline, error)) {
+        Fail(command, path + ": " + error);
+        return false;
+    }
     return true;
 }
 

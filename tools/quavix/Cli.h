@@ -77,6 +77,7 @@ public:
     // Chooses the backend (--backend, else QUAVIX_BACKEND, else auto) before the
     // platform reads it, then creates and initialises the manager.
     bool Begin(const Args& args, DWORD dwFlags);
+    int FailStatus() const { return m_status; } // the exit status when Begin failed
     CQuavix* operator->() const { return m_q; }
     CQuavix* Get() const { return m_q; }
     const std::string& Backend() const { return m_backend; }
@@ -91,19 +92,35 @@ public:
     // The library's last report, formatted, or empty, and how many there were.
     static std::string LastReport();
     static size_t ReportCount();
+    // The device server (JACK) went away: every device is dead. Its name, or empty.
+    static std::string LostServer();
+    // When the peer of MIDI input or output n went away (steady ns), or 0.
+    static int64_t LostAt(int nDir, int nDevice);
 
 private:
     CQuavix* m_q = nullptr;
     std::string m_backend;
     std::string m_command;
+    int m_status = kExitFailure;
 };
 
-// Ctrl-C and SIGTERM only set a flag, which the command's loop reads.
+// Ctrl-C, SIGTERM and SIGHUP only set a flag, which the command's loop reads.
 void InstallSignalHandlers();
 bool Interrupted();
+// The exit status for the signal that stopped the command: 128 + its number (130 for
+// Ctrl-C).
+int InterruptedStatus();
 
-// Sleeps in short steps until the flag is set or ms have passed; false if interrupted.
+// Sleeps in short steps until ms have passed; false at once if a signal came or the
+// device server went away.
 bool SleepUnlessInterrupted(int ms);
+
+// The failure for a device server that went away while the command ran.
+int FailServerLost(const std::string& command, const std::string& what);
+
+// An output file can be written where it is to go (its folder exists and takes a new
+// file, and it is no directory); else one line on stderr. Checked before anything plays.
+bool CheckOutputPath(const std::string& command, const std::string& path);
 
 // One line that rewrites itself on a terminal; plain lines now and then otherwise.
 class Progress {
@@ -167,6 +184,11 @@ private:
     std::atomic<size_t> m_nSent{0};
     int64_t m_startNs = 0;
 };
+
+// Reads a Standard MIDI File and merges it for playing; false after one line that names
+// the file.
+bool LoadSong(const std::string& command, const std::string& path, double scale, qxsmf::File& file,
+              qxsmf::Timeline& timeline);
 
 // Reads and checks a file for --inject: only on the virtual backend.
 bool LoadInjection(const Args& args, const Session& session, std::vector<qxsmf::Message>& messages);

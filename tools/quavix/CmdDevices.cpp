@@ -14,7 +14,7 @@ int RunDevices(int argc, char** argv)
     if (!args.Positional().empty()) return Fail("devices", "takes no arguments, not '" + args.Positional()[0] + "'", kExitUsage);
 
     Session session;
-    if (!session.Begin(args, QX_INIT_MIDI | QX_INIT_WAVE)) return kExitFailure;
+    if (!session.Begin(args, QX_INIT_MIDI | QX_INIT_WAVE)) return session.FailStatus();
     std::printf("Backend: %s\n", session.Backend().c_str());
     std::printf("%-5s %-4s %3s  %-36s %-8s %s\n", "TYPE", "DIR", "#", "NAME", "ENABLED", "FORMAT");
     const char* types[2] = {"MIDI", "wave"};

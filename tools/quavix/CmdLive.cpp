@@ -4,6 +4,7 @@
 
 #include "platform/backends/QXBackend.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <functional>
@@ -73,13 +74,25 @@ bool WriteCapture(const Args& args, VirtualLog& log, int64_t originNs, bool bDue
     return true;
 }
 
-bool CheckCapture(const Args& args, const Session& session)
+// --capture needs the virtual backend and a place it can be written to; 0 when fine,
+// else the exit status, after one line.
+int CheckCapture(const Args& args, const Session& session)
 {
-    if (args.Has("capture") && !session.IsVirtual()) {
-        Fail(args.Command(), "--capture records what a virtual output emitted: it needs the virtual backend", kExitUsage);
-        return false;
-    }
-    return true;
+    if (!args.Has("capture")) return kExitOk;
+    if (!session.IsVirtual())
+        return Fail(args.Command(), "--capture records what a virtual output emitted: it needs the virtual backend",
+                    kExitUsage);
+    return CheckOutputPath(args.Command(), args.Get("capture")) ? kExitOk : kExitFailure;
+}
+
+// What happened to a device's peer, for the summary and the status.
+std::string LostLine(const Session& session, int nDir, int nDevice, int64_t startNs)
+{
+    const int64_t lostNs = Session::LostAt(nDir, nDevice);
+    if (lostNs == 0) return {};
+    return std::string("MIDI ") + (nDir == QX_DEVDIR_IN ? "input " : "output ") + std::to_string(nDevice) + " (" +
+           session.DeviceName(QX_DEVTYPE_MIDI, nDir, nDevice) + ") went away at " +
+           FormatTime(static_cast<double>(std::max<int64_t>(lostNs - startNs, 0)) / 1e6);
 }
 
 // Hex tokens into bytes: "90", "0x90", "903C40".
@@ -138,6 +151,7 @@ bool SplitMessages(const std::vector<uint8_t>& bytes, std::vector<std::vector<ui
         }
         std::vector<uint8_t> m;
         uint8_t status = b;
+        const bool bRunning = b < 0x80;
         if (b >= 0x80) {
             m.push_back(b);
             ++i;
@@ -152,10 +166,20 @@ bool SplitMessages(const std::vector<uint8_t>& bytes, std::vector<std::vector<ui
             m.push_back(status);
         }
         const size_t need = qxsmf::ShortLength(status) - 1;
+        const size_t first = i;
         for (size_t k = 0; k < need; ++k, ++i) {
             if (i >= bytes.size() || bytes[i] >= 0x80) {
-                error = "message " + hex(status) + " needs " + std::to_string(need) + " data byte" + (need == 1 ? "" : "s") +
-                        (i < bytes.size() ? ", not " + hex(bytes[i]) + where(i) : "");
+                if (bRunning) {
+                    // Data bytes after a complete message: too many, not too few.
+                    std::string extra;
+                    for (size_t j = first; j < i; ++j) extra += (extra.empty() ? "" : " ") + hex(bytes[j]);
+                    error = qxsmf::Counted(i - first, "data byte") + " too many: " + extra + where(first) +
+                            " after a complete " + hex(status) + " message (running status " + hex(status) +
+                            " takes " + qxsmf::Counted(need, "data byte") + ")";
+                } else {
+                    error = "message " + hex(status) + " needs " + qxsmf::Counted(need, "data byte") +
+                            (i < bytes.size() ? ", not " + hex(bytes[i]) + where(i) : "");
+                }
                 return false;
             }
             m.push_back(bytes[i]);
@@ -184,7 +208,7 @@ int RunThru(int argc, char** argv)
         return kExitUsage;
 
     Session session;
-    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (!session.Begin(args, QX_INIT_MIDI)) return session.FailStatus();
     if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn) ||
         !session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut))
         return kExitFailure;
@@ -192,7 +216,7 @@ int RunThru(int argc, char** argv)
         return Fail(cmd, "virtual output " + std::to_string(nOut) + " loops back into input " + std::to_string(nIn) +
                              ": thru between them would feed back forever",
                     kExitUsage);
-    if (!CheckCapture(args, session)) return kExitUsage;
+    if (const int status = CheckCapture(args, session)) return status;
     std::vector<qxsmf::Message> feed;
     if (!LoadInjection(args, session, feed)) return kExitUsage;
     CQuavix* q = session.Get();
@@ -227,17 +251,29 @@ int RunThru(int argc, char** argv)
     Progress progress(args.Quiet());
     const bool bDone = RunFor(args, seconds, injector, startNs, [&](double ms) {
         if (session.IsVirtual()) log.Drain();
-        progress.Update(FormatTime(ms) + "  " + std::to_string(counter.Count()) + " messages");
+        progress.Update(FormatTime(ms) + "  " + qxsmf::Counted(counter.Count(), "message"));
     });
+    const bool bServerLost = !bDone && !Interrupted();
     injector.Stop();
     q->EnableMidiThru(0);
     q->CloseDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn);
-    LetBackendDrain(session);
+    if (!bServerLost) LetBackendDrain(session);
     q->CloseDevices();
     progress.Finish();
-    std::printf("%s %zu messages passed through in %.1f s\n", bDone ? "Done:" : "Stopped:", counter.Count(),
-                static_cast<double>(qxplat::NowNs() - startNs) / 1e9);
+    const double secs = static_cast<double>(qxplat::NowNs() - startNs) / 1e9;
+    if (bServerLost) {
+        char what[96];
+        std::snprintf(what, sizeof what, "thru stopped after %.1f s", secs);
+        return FailServerLost(cmd, what);
+    }
+    std::printf("%s %s passed through in %.1f s\n", bDone ? "Done:" : "Stopped:",
+                qxsmf::Counted(counter.Count(), "message").c_str(), secs);
+    const std::string lostOut = LostLine(session, QX_DEVDIR_OUT, nOut, startNs),
+                      lostIn = LostLine(session, QX_DEVDIR_IN, nIn, startNs);
+    for (const auto* l : {&lostIn, &lostOut})
+        if (!l->empty()) std::printf("  %s\n", l->c_str());
     if (!WriteCapture(args, log, startNs, bDue)) return kExitFailure;
+    if (!lostOut.empty() || !lostIn.empty()) return Fail(cmd, (lostOut.empty() ? lostIn : lostOut) + ": thru was cut");
     return kExitOk;
 }
 
@@ -256,14 +292,17 @@ int RunRecordMidi(int argc, char** argv)
     const std::string path = args.Positional()[0];
 
     Session session;
-    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (!session.Begin(args, QX_INIT_MIDI)) return session.FailStatus();
     if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn)) return kExitFailure;
     std::vector<qxsmf::Message> feed;
     if (!LoadInjection(args, session, feed)) return kExitUsage;
-    // Written empty first: a path that cannot be written fails before the take, and a
-    // take that is killed leaves a valid file.
+    // Checked before the take, written after it: a file that was there stays whole
+    // until the take replaces it.
+    if (!CheckOutputPath(cmd, path)) return kExitFailure;
     std::string error;
-    if (!qxsmf::Write(path, qxsmf::FromMilliseconds({}, "quavix recording"), error)) return Fail(cmd, error);
+    // The input passes SysEx over; what the feed holds of it can be told.
+    std::vector<size_t> sysexBefore{0};
+    for (const auto& m : feed) sysexBefore.push_back(sysexBefore.back() + (m.IsSysEx() ? 1 : 0));
     CQuavix* q = session.Get();
     session.KeepOnly({{QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn}});
 
@@ -282,9 +321,11 @@ int RunRecordMidi(int argc, char** argv)
     const int64_t startNs = args.Has("inject") ? injector.StartNs() : qxplat::NowNs();
     Progress progress(args.Quiet());
     const bool bDone = RunFor(args, seconds, injector, startNs, [&](double ms) {
-        progress.Update(FormatTime(ms) + "  " + std::to_string(rec.Count()) + " messages");
+        progress.Update(FormatTime(ms) + "  " + qxsmf::Counted(rec.Count(), "message"));
     });
+    const bool bServerLost = !bDone && !Interrupted();
     injector.Stop();
+    const size_t sysexMissed = sysexBefore[std::min(injector.Sent(), sysexBefore.size() - 1)];
     q->CloseDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn); // no callback runs after this
     q->StopRecording(nTag);
     progress.Finish();
@@ -294,9 +335,25 @@ int RunRecordMidi(int argc, char** argv)
         std::lock_guard<std::mutex> lock(rec.mutex);
         for (const auto& [ms, msg] : rec.events) messages.emplace_back(ms, UnpackShort(msg));
     }
+    // What came before a server went away is kept all the same.
     if (!qxsmf::Write(path, qxsmf::FromMilliseconds(messages, "quavix recording"), error)) return Fail(cmd, error);
-    std::printf("%s %zu messages recorded in %.1f s to %s\n", bDone ? "Done:" : "Stopped:", messages.size(),
-                static_cast<double>(qxplat::NowNs() - startNs) / 1e9, path.c_str());
+    const double secs = static_cast<double>(qxplat::NowNs() - startNs) / 1e9;
+    if (bServerLost) {
+        char what[160];
+        std::snprintf(what, sizeof what, "recording stopped after %.1f s; %s kept in ", secs,
+                      qxsmf::Counted(messages.size(), "message").c_str());
+        return FailServerLost(cmd, what + path);
+    }
+    std::printf("%s %s recorded in %.1f s to %s\n", bDone ? "Done:" : "Stopped:",
+                qxsmf::Counted(messages.size(), "message").c_str(), secs, path.c_str());
+    if (sysexMissed > 0)
+        std::printf("  %s not recorded: MIDI input takes short messages only\n",
+                    qxsmf::Counted(sysexMissed, "SysEx message").c_str());
+    const std::string lost = LostLine(session, QX_DEVDIR_IN, nIn, startNs);
+    if (!lost.empty()) {
+        std::printf("  %s\n", lost.c_str());
+        return Fail(cmd, lost + ": the recording ends there");
+    }
     return kExitOk;
 }
 
@@ -317,9 +374,9 @@ int RunSend(int argc, char** argv)
         return Fail(cmd, error, kExitUsage);
 
     Session session;
-    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (!session.Begin(args, QX_INIT_MIDI)) return session.FailStatus();
     if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut)) return kExitFailure;
-    if (!CheckCapture(args, session)) return kExitUsage;
+    if (const int status = CheckCapture(args, session)) return status;
     CQuavix* q = session.Get();
     session.KeepOnly({{QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut}});
     VirtualLog log(nOut);
@@ -344,8 +401,8 @@ int RunSend(int argc, char** argv)
     LetBackendDrain(session);
     q->CloseDevices();
     if (!args.Quiet())
-        std::printf("Sent %zu message%s (%zu bytes) to MIDI output %d (%s)\n", messages.size(),
-                    messages.size() == 1 ? "" : "s", bytes.size(), nOut,
+        std::printf("Sent %s (%s) to MIDI output %d (%s)\n", qxsmf::Counted(messages.size(), "message").c_str(),
+                    qxsmf::Counted(bytes.size(), "byte").c_str(), nOut,
                     session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut).c_str());
     if (!WriteCapture(args, log, startNs, bDue)) return kExitFailure;
     return kExitOk;
@@ -363,9 +420,9 @@ int RunPanic(int argc, char** argv)
     if (!args.GetInt("out", nOut, 0, 1023) || !CaptureUsesDue(args, bDue)) return kExitUsage;
 
     Session session;
-    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (!session.Begin(args, QX_INIT_MIDI)) return session.FailStatus();
     if (nOut >= 0 && !session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut)) return kExitFailure;
-    if (!CheckCapture(args, session)) return kExitUsage;
+    if (const int status = CheckCapture(args, session)) return status;
     CQuavix* q = session.Get();
     const int nCount = q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT);
     if (nCount == 0) {

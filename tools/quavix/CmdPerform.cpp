@@ -61,9 +61,8 @@ Lateness MeasureLateness(const std::vector<VirtualLog::Entry>& entries, size_t f
 std::string Describe(const qxsmf::File& file, const qxsmf::Timeline& timeline)
 {
     char b[160];
-    std::snprintf(b, sizeof b, "format %d, %zu track%s, %s, %zu events", file.format, file.tracks.size(),
-                  file.tracks.size() == 1 ? "" : "s", FormatTime(timeline.lengthMs).c_str(),
-                  timeline.messages.size());
+    std::snprintf(b, sizeof b, "format %d, %s, %s, %s", file.format, qxsmf::Counted(file.tracks.size(), "track").c_str(),
+                  FormatTime(timeline.lengthMs).c_str(), qxsmf::Counted(timeline.messages.size(), "event").c_str());
     std::string s = b;
     if (!timeline.title.empty()) s = "\"" + timeline.title + "\", " + s;
     return s;
@@ -129,15 +128,17 @@ int RunPerform(int argc, char** argv)
     qxsmf::File file;
     qxsmf::Timeline timeline;
     std::string error;
-    if (!qxsmf::Read(path, file, error) || !qxsmf::BuildTimeline(file, scale, timeline, error)) return Fail(cmd, error);
+    if (!LoadSong(cmd, path, scale, file, timeline)) return kExitFailure;
     const std::vector<Item> items = MakeItems(timeline);
 
     Session session;
-    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (!session.Begin(args, QX_INIT_MIDI)) return session.FailStatus();
     if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput)) return kExitFailure;
     const bool bCapture = args.Has("capture");
     if (bCapture && !session.IsVirtual())
         return Fail(cmd, "--capture records what a virtual output emitted: it needs the virtual backend", kExitUsage);
+    // Before a note plays, not after the whole performance.
+    if (bCapture && !CheckOutputPath(cmd, args.Get("capture"))) return kExitFailure;
     CQuavix* q = session.Get();
     session.KeepOnly({{QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput}});
     // Every event, SysEx included, goes to the chosen output only.
@@ -179,12 +180,12 @@ int RunPerform(int argc, char** argv)
     const double lastMs = items.empty() ? 0.0 : items.back().ms;
     const double endMs = std::max(timeline.lengthMs, lastMs);
     Progress progress(args.Quiet());
-    bool bInterrupted = false, bStalled = false;
+    bool bInterrupted = false, bStalled = false, bServerLost = false;
     double elapsed = 0;
     size_t sent = 0;
     for (;;) {
         if (!SleepUnlessInterrupted(50)) {
-            bInterrupted = true;
+            (Interrupted() ? bInterrupted : bServerLost) = true;
             break;
         }
         elapsed = static_cast<double>(qxplat::NowNs() - startNs) / 1e6;
@@ -220,6 +221,8 @@ int RunPerform(int argc, char** argv)
     q->CloseDevices();
     if (session.IsVirtual()) log.Drain();
     progress.Finish();
+    if (bServerLost)
+        return FailServerLost(cmd, "the performance stopped at " + FormatTime(elapsed) + " of " + FormatTime(endMs));
 
     if (bStalled)
         return Fail(cmd, "playback stalled: " + std::to_string(perf.Handed()) + " of " + std::to_string(items.size()) +
@@ -237,8 +240,13 @@ int RunPerform(int argc, char** argv)
         std::printf("  lateness  not measured on the %s backend\n", session.Backend().c_str());
     }
     if (timeline.metaSkipped + timeline.dropped > 0)
-        std::printf("  skipped   %zu meta events, %zu malformed or incomplete messages\n", timeline.metaSkipped,
-                    timeline.dropped);
+        std::printf("  skipped   %s, %s\n", qxsmf::Counted(timeline.metaSkipped, "meta event").c_str(),
+                    qxsmf::Counted(timeline.dropped, "malformed or incomplete message").c_str());
+    // A destination that went away took what followed with it.
+    const int64_t lostNs = Session::LostAt(QX_DEVDIR_OUT, nOutput);
+    if (lostNs != 0)
+        std::printf("  output    %s went away at %s: what followed reached no one\n", outName.c_str(),
+                    FormatTime(static_cast<double>(lostNs - startNs) / 1e6).c_str());
     if (bCapture) {
         // Times count from the start of play: the first due time, less the time the
         // first event had in the file.
@@ -249,11 +257,13 @@ int RunPerform(int argc, char** argv)
                 break;
             }
         if (!log.Write(args.Get("capture"), originNs, bDue, 0, error)) return Fail(cmd, error);
-        std::printf("  capture   %s (%zu messages, %s times)\n", args.Get("capture").c_str(), log.Entries().size(),
-                    bDue ? "due" : "emitted");
+        std::printf("  capture   %s (%s, %s times)\n", args.Get("capture").c_str(),
+                    qxsmf::Counted(log.Entries().size(), "message").c_str(), bDue ? "due" : "emitted");
     }
     std::fflush(stdout);
-    return bInterrupted ? kExitInterrupted : kExitOk;
+    if (lostNs != 0)
+        return Fail(cmd, "MIDI output " + std::to_string(nOutput) + " (" + outName + ") went away during the performance");
+    return bInterrupted ? InterruptedStatus() : kExitOk;
 }
 
 } // namespace qxcli

@@ -228,17 +228,18 @@ int RunSyncSlave(int argc, char** argv)
     qxsmf::File file;
     qxsmf::Timeline timeline;
     const std::string path = args.Positional()[0];
-    if (!qxsmf::Read(path, file, error) || !qxsmf::BuildTimeline(file, scale, timeline, error)) return Fail(cmd, error);
+    if (!LoadSong(cmd, path, scale, file, timeline)) return kExitFailure;
     const std::vector<Item> items = MakeItems(timeline);
 
     Session session;
-    if (!session.Begin(args, QX_INIT_MIDI)) return kExitFailure;
+    if (!session.Begin(args, QX_INIT_MIDI)) return session.FailStatus();
     if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn) ||
         !session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut))
         return kExitFailure;
     const bool bCapture = args.Has("capture");
     if (bCapture && !session.IsVirtual())
         return Fail(cmd, "--capture records what a virtual output emitted: it needs the virtual backend", kExitUsage);
+    if (bCapture && !CheckOutputPath(cmd, args.Get("capture"))) return kExitFailure;
     std::vector<qxsmf::Message> feed;
     if (!LoadInjection(args, session, feed)) return kExitUsage;
     CQuavix* q = session.Get();
@@ -275,11 +276,11 @@ int RunSyncSlave(int argc, char** argv)
     if (!feed.empty()) injector.Start(nIn, std::move(feed));
     const int64_t startNs = args.Has("inject") ? injector.StartNs() : qxplat::NowNs();
     Progress progress(args.Quiet());
-    bool bInterrupted = false, bLost = false;
+    bool bInterrupted = false, bLost = false, bServerLost = false;
     int64_t feedDoneNs = 0;
     for (;;) {
         if (!SleepUnlessInterrupted(20)) {
-            bInterrupted = true;
+            (Interrupted() ? bInterrupted : bServerLost) = true;
             break;
         }
         const int64_t now = qxplat::NowNs();
@@ -317,6 +318,7 @@ int RunSyncSlave(int argc, char** argv)
     q->CloseDevices();
     progress.Finish();
     if (bLost) return Fail(cmd, "cannot start the performance again (out of memory)");
+    if (bServerLost) return FailServerLost(cmd, "sync-slave stopped");
 
     const auto st = perf.GetStatus();
     std::printf("%s\n", bInterrupted ? "Stopped (interrupted); the output was silenced." : "Summary:");

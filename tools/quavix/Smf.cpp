@@ -6,6 +6,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace qxsmf {
 
@@ -121,7 +124,7 @@ private:
     {
         uint32_t len = 0;
         if (!Vlq(len, error)) return false;
-        if (m_end - m_pos < len) return Fail(error, "event of " + std::to_string(len) + " bytes runs past its track");
+        if (m_end - m_pos < len) return Fail(error, "event of " + Counted(len, "byte") + " runs past its track");
         out.insert(out.end(), m_base + m_pos, m_base + m_pos + len);
         m_pos += len;
         return true;
@@ -230,7 +233,7 @@ bool Parse(const uint8_t* p, size_t cb, File& file, std::string& error)
     }
     const uint32_t hlen = Be32(p + 4);
     if (hlen < 6 || hlen > cb - 8) {
-        error = "header of " + std::to_string(hlen) + " bytes does not fit the file";
+        error = "header of " + Counted(hlen, "byte") + " does not fit the file";
         return false;
     }
     file.format = Be16(p + 8);
@@ -259,13 +262,13 @@ bool Parse(const uint8_t* p, size_t cb, File& file, std::string& error)
     size_t nEvents = 0;
     while (file.tracks.size() < nTracks) {
         if (cb - pos < 8) {
-            error = "truncated: the header announces " + std::to_string(nTracks) + " tracks, the file holds " +
+            error = "truncated: the header announces " + Counted(nTracks, "track") + ", the file holds " +
                     std::to_string(file.tracks.size());
             return false;
         }
         const uint32_t len = Be32(p + pos + 4);
         if (len > cb - pos - 8) {
-            error = "truncated: a chunk of " + std::to_string(len) + " bytes at offset " + std::to_string(pos) +
+            error = "truncated: a chunk of " + Counted(len, "byte") + " at offset " + std::to_string(pos) +
                     " runs past the end of the file";
             return false;
         }
@@ -379,18 +382,55 @@ std::vector<uint8_t> Serialize(const File& file, bool bRunningStatus)
     return out;
 }
 
+std::string Counted(size_t n, const std::string& noun)
+{
+    return std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
+}
+
 bool Write(const std::string& path, const File& file, std::string& error)
 {
     const std::vector<uint8_t> bytes = Serialize(file);
-    std::unique_ptr<FILE, int (*)(FILE*)> f(std::fopen(path.c_str(), "wb"), &std::fclose);
-    if (!f) {
+    // Opened with 0666 so that the umask gives the file the mode a new file gets.
+    std::string temp;
+    int fd = -1;
+    for (int attempt = 0; fd < 0 && attempt < 100; ++attempt) {
+        temp = path + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(attempt);
+        fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0 && errno != EEXIST) break;
+    }
+    if (fd < 0) {
         error = "cannot create " + path + ": " + std::strerror(errno);
         return false;
     }
-    if (std::fwrite(bytes.data(), 1, bytes.size(), f.get()) != bytes.size() || std::fflush(f.get()) != 0) {
-        error = "cannot write " + path + ": " + std::strerror(errno);
+    auto failed = [&](const char* what) {
+        error = std::string("cannot ") + what + " " + path + ": " + std::strerror(errno);
+        if (fd >= 0) close(fd);
+        unlink(temp.c_str());
         return false;
+    };
+    // SIGXFSZ would kill the process where a file size limit stops the write; the
+    // write's own error is what tells.
+    struct sigaction ignore {}, old {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGXFSZ, &ignore, &old);
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;
+            sigaction(SIGXFSZ, &old, nullptr);
+            return failed("write");
+        }
+        done += static_cast<size_t>(n);
     }
+    sigaction(SIGXFSZ, &old, nullptr);
+    if (fsync(fd) != 0) return failed("write");
+    const int closed = close(fd);
+    fd = -1;
+    if (closed != 0) return failed("write");
+    if (std::rename(temp.c_str(), path.c_str()) != 0) return failed("replace");
     return true;
 }
 
@@ -402,7 +442,7 @@ bool BuildTimeline(const File& file, double scale, Timeline& timeline, std::stri
         return false;
     }
     if (file.format == 2) {
-        error = "format 2 files (independent sequences) cannot be played";
+        error = "it is a format 2 file (independent sequences), which cannot be played";
         return false;
     }
 
@@ -509,7 +549,7 @@ bool BuildTimeline(const File& file, double scale, Timeline& timeline, std::stri
     std::stable_sort(timeline.messages.begin(), timeline.messages.end(),
                      [](const Message& a, const Message& b) { return a.ms < b.ms; });
     if (timeline.lengthMs > 24.0 * 3600 * 1000) {
-        error = "the file plays for longer than 24 hours";
+        error = "it plays for longer than 24 hours";
         return false;
     }
     return true;

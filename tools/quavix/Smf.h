@@ -47,6 +47,8 @@ bool Read(const std::string& path, File& file, std::string& error);
 // Events of each track must be in tick order. End of track is written where the track
 // has none; bRunningStatus omits repeated channel status bytes.
 std::vector<uint8_t> Serialize(const File& file, bool bRunningStatus = true);
+// Writes a new file beside path and renames it over path: what was there stays whole
+// until the new file is complete on disk.
 bool Write(const std::string& path, const File& file, std::string& error);
 
 // One message to send, at a time in milliseconds from the start of the file.
@@ -69,6 +71,9 @@ struct Timeline {
 // Merges the tracks of a format 0 or 1 file through its tempo map. scale > 1 plays
 // faster: every time is divided by it.
 bool BuildTimeline(const File& file, double scale, Timeline& timeline, std::string& error);
+
+// "1 track", "2 tracks": a count and its noun, singular or plural.
+std::string Counted(size_t n, const std::string& noun);
 
 // Number of bytes of a short message with this status, 0 for F0, F7 and data bytes.
 size_t ShortLength(uint8_t status);

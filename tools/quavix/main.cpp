@@ -109,7 +109,7 @@ void PrintOverview()
     std::printf("\n'quavix COMMAND --help' or 'quavix help COMMAND' tells more.\n"
                 "QUAVIX_BACKEND (virtual, jack, alsa, auto) chooses the backend; --backend overrides it.\n"
                 "QUAVIX_VIRTUAL_DEVICES (e.g. midi-in=2,midi-out=2) sets the virtual backend's device counts.\n"
-                "Exit status: 0 done, 1 failed, 2 bad usage, 130 a performance stopped by Ctrl-C.\n");
+                "Exit status: 0 done, 1 failed, 2 bad usage, 130 stopped by Ctrl-C (128 + n for signal n).\n");
 }
 
 } // namespace
@@ -140,7 +140,10 @@ int main(int argc, char** argv)
     for (const auto& c : Commands())
         if (first == c.name) {
             InstallSignalHandlers();
-            return c.run(argc - 1, argv + 1);
+            const int status = c.run(argc - 1, argv + 1);
+            // A signal stops every command the same way, and says so in the status.
+            if (Interrupted() && (status == kExitOk || status == kExitInterrupted)) return InterruptedStatus();
+            return status;
         }
     return Fail("", "unknown command '" + first + "' (see quavix --help)", kExitUsage);
 }
