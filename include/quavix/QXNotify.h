@@ -44,6 +44,7 @@
 #define QXN_MIDIIN_STOP 202
 #define QXN_MIDIIN_CLOSE 203
 #define QXN_MIDIIN_GETCAPS 204
+#define QXN_MIDIIN_LOST 205 // the client or port that fed an open input went away
 // MIDI stream output
 #define QXN_MIDIOUT_OPEN 300
 #define QXN_MIDIOUT_START 301
@@ -56,6 +57,7 @@
 #define QXN_MIDIOUT_SETTIMING 308
 #define QXN_MIDIOUT_GETCAPS 309
 #define QXN_MIDIOUT_SHORTMSG 310
+#define QXN_MIDIOUT_LOST 311 // the client or port an open output fed went away
 // Wave input
 #define QXN_WAVEIN_OPEN 400
 #define QXN_WAVEIN_START 401
@@ -93,6 +95,9 @@
 #define QXN_FILE_OUTOFMEMORY 802
 #define QXN_WAVEIN_VIRTUALALLOC 803
 #define QXN_WAVEIN_VIRTUALLOCK 804
+// The device server (JACK) went away: every open device is dead. The device value
+// carries the address of the server's name.
+#define QXN_SERVER_LOST 805
 
 // Called with the three values of every report, from whichever thread reports.
 typedef void (*QX_NotifyProc)(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice);

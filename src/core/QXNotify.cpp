@@ -3,6 +3,7 @@
 #include <quavix/QXNotify.h>
 
 #include "platform/QXPlatform.h"
+#include "platform/backends/QXBackend.h"
 
 #include <atomic>
 #include <cstdarg>
@@ -65,6 +66,7 @@ constexpr Message kMessages[] = {
     {QXN_MIDIIN_STOP, Args::DeviceText, "Error stopping MIDI in device %d: %s\n"},
     {QXN_MIDIIN_CLOSE, Args::DeviceText, "Error closing MIDI in device %d: %s\n"},
     {QXN_MIDIIN_GETCAPS, Args::DeviceText, "Error getting MIDI in caps for device %d: %s\n"},
+    {QXN_MIDIIN_LOST, Args::Device, "MIDI in device %d went away\n"},
 
     {QXN_MIDIOUT_OPEN, Args::DeviceText, "Error opening MIDI stream device %d: %s\n"},
     {QXN_MIDIOUT_START, Args::DeviceText, "Error starting MIDI stream device %d: %s\n"},
@@ -77,6 +79,7 @@ constexpr Message kMessages[] = {
     {QXN_MIDIOUT_SETTIMING, Args::DeviceText, "Error setting MIDI stream timing on device %d: %s\n"},
     {QXN_MIDIOUT_GETCAPS, Args::DeviceText, "Error getting MIDI out caps for device %d: %s\n"},
     {QXN_MIDIOUT_SHORTMSG, Args::DeviceText, "Error sending MIDI short message on device %d: %s\n"},
+    {QXN_MIDIOUT_LOST, Args::Device, "MIDI out device %d went away\n"},
 
     {QXN_WAVEIN_OPEN, Args::DeviceText, "Error opening WAVE in device %d: %s\n"},
     {QXN_WAVEIN_START, Args::DeviceText, "Error starting WAVE in device %d: %s\n"},
@@ -114,6 +117,7 @@ constexpr Message kMessages[] = {
     {QXN_FILE_OUTOFMEMORY, Args::FileName, "Out of memory in file %s\n"},
     {QXN_WAVEIN_VIRTUALALLOC, Args::Device, "Error allocating virtual memory on WAVE in device %d\n"},
     {QXN_WAVEIN_VIRTUALLOCK, Args::Device, "Error locking virtual memory on WAVE in device %d\n"},
+    {QXN_SERVER_LOST, Args::FileName, "The %s server went away\n"},
 };
 
 const Message* FindMessage(DWORD dwCode)
@@ -313,6 +317,25 @@ void QXTrace(const char* pszFormat, ...)
 namespace {
 
 std::atomic<CQXNotify*> g_pSharedNotify{nullptr};
+
+// A backend's own reports (a server or a peer that went away) reach the application
+// like any other, on the backend's thread.
+void OnBackendEvent(qxplat::BackendEvent event, int nDevice, const char* pszServer)
+{
+    switch (event) {
+    case qxplat::BackendEvent::ServerLost:
+        QXNotifyShared(QXN_SERVER_LOST, 0, reinterpret_cast<DWORD_PTR>(pszServer));
+        break;
+    case qxplat::BackendEvent::MidiInLost:
+        QXNotifyShared(QXN_MIDIIN_LOST, 0, static_cast<DWORD_PTR>(nDevice));
+        break;
+    case qxplat::BackendEvent::MidiOutLost:
+        QXNotifyShared(QXN_MIDIOUT_LOST, 0, static_cast<DWORD_PTR>(nDevice));
+        break;
+    }
+}
+
+[[maybe_unused]] const bool g_bBackendEventsHooked = (qxplat::SetBackendEventProc(OnBackendEvent), true);
 
 CQXNotify& ProcessNotify()
 {

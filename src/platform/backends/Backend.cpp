@@ -10,10 +10,13 @@
 #include "platform/backends/alsa/QXAlsa.h"
 #endif
 
+#include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace qxplat {
 
@@ -25,6 +28,8 @@ int64_t NowNs()
 }
 
 namespace {
+
+std::atomic<BackendEventProc> g_eventProc{nullptr};
 
 [[maybe_unused]] Backend& Unavailable(const char* name)
 {
@@ -67,6 +72,16 @@ Backend& Choose()
 
 } // namespace
 
+void SetBackendEventProc(BackendEventProc proc)
+{
+    g_eventProc.store(proc);
+}
+
+void RaiseBackendEvent(BackendEvent event, int nDevice, const char* pszServer)
+{
+    if (BackendEventProc proc = g_eventProc.load()) proc(event, nDevice, pszServer != nullptr ? pszServer : "");
+}
+
 Backend& CurrentBackend()
 {
     static Backend& backend = Choose();
@@ -76,6 +91,60 @@ Backend& CurrentBackend()
 const char* SelectedBackendName()
 {
     return CurrentBackend().Name();
+}
+
+MMRESULT Backend::OpenAudioOut(int, std::unique_ptr<AudioOutPort>&)
+{
+    return MMSYSERR_NODRIVER;
+}
+
+AudioRing::AudioRing(uint32_t nFrames)
+{
+    uint32_t cap = 1;
+    while (cap < nFrames && cap < (1u << 24)) cap <<= 1;
+    m_data.reset(new float[size_t{cap} * 2]());
+    m_mask = cap - 1;
+}
+
+uint32_t AudioRing::Readable() const
+{
+    return m_write.load(std::memory_order_acquire) - m_read.load(std::memory_order_acquire);
+}
+
+uint32_t AudioRing::Writable() const
+{
+    return Capacity() - Readable();
+}
+
+uint32_t AudioRing::Write(const float* pFrames, uint32_t nFrames)
+{
+    const uint32_t w = m_write.load(std::memory_order_relaxed);
+    const uint32_t r = m_read.load(std::memory_order_acquire);
+    const uint32_t n = std::min(nFrames, Capacity() - (w - r));
+    const uint32_t at = w & m_mask, first = std::min(n, Capacity() - at);
+    std::memcpy(&m_data[size_t{at} * 2], pFrames, size_t{first} * 2 * sizeof(float));
+    std::memcpy(&m_data[0], pFrames + size_t{first} * 2, size_t{n - first} * 2 * sizeof(float));
+    m_write.store(w + n, std::memory_order_release);
+    return n;
+}
+
+uint32_t AudioRing::Read(float* pFrames, uint32_t nFrames)
+{
+    const uint32_t r = m_read.load(std::memory_order_relaxed);
+    const uint32_t w = m_write.load(std::memory_order_acquire);
+    const uint32_t n = std::min(nFrames, w - r);
+    const uint32_t at = r & m_mask, first = std::min(n, Capacity() - at);
+    std::memcpy(pFrames, &m_data[size_t{at} * 2], size_t{first} * 2 * sizeof(float));
+    std::memcpy(pFrames + size_t{first} * 2, &m_data[0], size_t{n - first} * 2 * sizeof(float));
+    m_read.store(r + n, std::memory_order_release);
+    return n;
+}
+
+void AudioRing::Skip(uint32_t nFrames)
+{
+    const uint32_t r = m_read.load(std::memory_order_relaxed);
+    const uint32_t w = m_write.load(std::memory_order_acquire);
+    m_read.store(r + std::min(nFrames, w - r), std::memory_order_release);
 }
 
 } // namespace qxplat

@@ -5,6 +5,7 @@
 
 #include <quavix/QXWinTypes.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -46,6 +47,8 @@ public:
     virtual ~MidiInPort() = default;
 };
 
+class AudioOutPort;
+
 class Backend {
 public:
     virtual ~Backend() = default;
@@ -55,6 +58,60 @@ public:
     virtual std::string DeviceName(DeviceKind kind, int n) = 0;
     virtual MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) = 0;
     virtual MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) = 0;
+    // Audio output n (DeviceKind::WaveOut), which a DirectSound device's mixer feeds.
+    virtual MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port);
+};
+
+// What a backend reports of its own accord, from its own threads: the server behind it
+// went away, or the peer of an open MIDI port (device number nDevice) did. The layers
+// above install the handler that turns these into notifications.
+enum class BackendEvent { ServerLost = 0, MidiInLost = 1, MidiOutLost = 2 };
+using BackendEventProc = void (*)(BackendEvent event, int nDevice, const char* pszServer);
+void SetBackendEventProc(BackendEventProc proc);
+void RaiseBackendEvent(BackendEvent event, int nDevice, const char* pszServer);
+
+// ---- Audio outputs ----
+
+// Stereo float frames handed from one producer thread (a mixer) to one consumer (a sink's
+// real-time callback or pacing thread) without locks: each side owns one index.
+class AudioRing {
+public:
+    // Capacity in frames, rounded up to a power of two. Allocates; made before use only.
+    explicit AudioRing(uint32_t nFrames);
+    uint32_t Capacity() const { return m_mask + 1; }
+    uint32_t Readable() const;
+    uint32_t Writable() const;
+    // Producer side: copies up to nFrames, returns how many went in.
+    uint32_t Write(const float* pFrames, uint32_t nFrames);
+    // Consumer side: copies up to nFrames out, returns how many came.
+    uint32_t Read(float* pFrames, uint32_t nFrames);
+    // Consumer side: the frames readable now are taken as consumed without copying.
+    void Skip(uint32_t nFrames);
+
+private:
+    std::unique_ptr<float[]> m_data;
+    uint32_t m_mask;
+    alignas(64) std::atomic<uint32_t> m_write{0};
+    alignas(64) std::atomic<uint32_t> m_read{0};
+};
+
+// An open audio output. The producer keeps about TargetFrames() frames queued in Ring()
+// while the port runs; the port consumes them at its rate and clips them to its
+// sample format. Start and Stop come from the producer's owner, not from the producer
+// thread's mixing loop.
+class AudioOutPort {
+public:
+    virtual ~AudioOutPort() = default;
+    virtual DWORD Rate() const = 0;
+    virtual uint32_t TargetFrames() const = 0;
+    virtual AudioRing& Ring() = 0;
+    virtual void Start() = 0;
+    // Stops consuming; what is left in the ring stays there.
+    virtual void Stop() = 0;
+    // The output's primary buffer began to play (a virtual output's capture starts).
+    virtual void PrimaryStarted() {}
+    // Frames the port had to fill with silence because the ring ran dry while running.
+    virtual uint64_t UnderrunFrames() const { return 0; }
 };
 
 // The process's backend, chosen on first use.

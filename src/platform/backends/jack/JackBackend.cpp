@@ -70,11 +70,15 @@ public:
         jack_set_info_function([](const char*) {});
         jack_status_t status;
         m_client = jack_client_open("quavix", JackNoStartServer, &status);
-        jack_set_error_function([](const char* msg) { std::fprintf(stderr, "quavix: jack: %s\n", msg); });
+        // Once the server is gone its errors only repeat that: the notification tells it.
+        jack_set_error_function([](const char* msg) {
+            if (!Instance()->Dead()) std::fprintf(stderr, "quavix: jack: %s\n", msg);
+        });
         if (m_client == nullptr) return;
         m_name = jack_get_client_name(m_client);
         jack_set_process_callback(m_client, &JackBackend::Process, this);
         jack_on_info_shutdown(m_client, &JackBackend::Shutdown, this);
+        jack_set_client_registration_callback(m_client, &JackBackend::ClientRegistration, this);
         if (jack_activate(m_client) != 0) {
             jack_client_close(m_client);
             m_client = nullptr;
@@ -141,6 +145,19 @@ public:
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 
+    // The peer client of each open port, so that its going can be reported. JACK's
+    // notification thread reads it; nothing is called on JACK while m_peersMutex is held.
+    void WatchPeer(const void* slot, bool bOut, int nDevice, const std::string& peerPort)
+    {
+        std::lock_guard<std::mutex> lock(m_peersMutex);
+        m_peers.push_back({slot, bOut, nDevice, peerPort.substr(0, peerPort.find(':'))});
+    }
+    void UnwatchPeer(const void* slot)
+    {
+        std::lock_guard<std::mutex> lock(m_peersMutex);
+        std::erase_if(m_peers, [slot](const Peer& p) { return p.slot == slot; });
+    }
+
     std::array<std::atomic<OutSlot*>, kMaxPorts> m_outs{};
     std::array<std::atomic<InSlot*>, kMaxPorts> m_ins{};
     std::mutex m_mutex; // enumeration, port registration and slot allocation
@@ -160,15 +177,37 @@ private:
     }
 
     static int Process(jack_nframes_t nframes, void* arg);
-    static void Shutdown(jack_status_t, const char* reason, void* arg)
+    static void Shutdown(jack_status_t, const char*, void* arg)
     {
         auto* self = static_cast<JackBackend*>(arg);
-        self->m_dead = true;
-        // Not a real-time context; a user should learn why their devices went quiet.
-        std::fprintf(stderr, "quavix: the JACK server went away (%s)\n", reason != nullptr ? reason : "");
+        if (self->m_dead.exchange(true)) return;
         for (auto& s : self->m_ins)
             if (InSlot* in = s.load()) sem_post(&in->ready);
+        // Not a real-time context: the application learns why its devices went quiet.
+        RaiseBackendEvent(BackendEvent::ServerLost, -1, "JACK");
     }
+    static void ClientRegistration(const char* name, int bRegistered, void* arg)
+    {
+        if (bRegistered != 0 || name == nullptr) return;
+        auto* self = static_cast<JackBackend*>(arg);
+        std::vector<Peer> gone;
+        {
+            std::lock_guard<std::mutex> lock(self->m_peersMutex);
+            for (const Peer& p : self->m_peers)
+                if (p.client == name) gone.push_back(p);
+        }
+        for (const Peer& p : gone)
+            RaiseBackendEvent(p.bOut ? BackendEvent::MidiOutLost : BackendEvent::MidiInLost, p.nDevice, "JACK");
+    }
+
+    struct Peer {
+        const void* slot;
+        bool bOut;
+        int nDevice;
+        std::string client;
+    };
+    std::mutex m_peersMutex;
+    std::vector<Peer> m_peers;
 
     jack_client_t* m_client = nullptr;
     std::string m_name;
@@ -269,6 +308,7 @@ public:
 
     ~JackMidiOut() override
     {
+        m_b->UnwatchPeer(m_slot);
         m_b->m_outs[static_cast<size_t>(m_index)].store(nullptr, std::memory_order_release);
         m_b->WaitCycles(2);
         std::lock_guard<std::mutex> lock(m_b->m_mutex);
@@ -317,6 +357,7 @@ public:
 
     ~JackMidiIn() override
     {
+        m_b->UnwatchPeer(m_slot);
         m_b->m_ins[static_cast<size_t>(m_index)].store(nullptr, std::memory_order_release);
         m_b->WaitCycles(2);
         m_slot->quit = true;
@@ -386,6 +427,7 @@ MMRESULT JackBackend::OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port)
     jack_ringbuffer_mlock(slot->timed);
     jack_ringbuffer_mlock(slot->now);
     m_outs[static_cast<size_t>(index)].store(slot, std::memory_order_release);
+    WatchPeer(slot, true, n, m_outPeers[static_cast<size_t>(n)]);
     port = std::make_unique<JackMidiOut>(this, slot, index);
     return MMSYSERR_NOERROR;
 }
@@ -414,6 +456,7 @@ MMRESULT JackBackend::OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiI
     }
     jack_ringbuffer_mlock(slot->ring);
     m_ins[static_cast<size_t>(index)].store(slot, std::memory_order_release);
+    WatchPeer(slot, false, n, m_inPeers[static_cast<size_t>(n)]);
     port = std::make_unique<JackMidiIn>(this, slot, index);
     return MMSYSERR_NOERROR;
 }
