@@ -21,6 +21,10 @@ public:
     void CapStreamBuffer();
     MIDIHDR* GetStreamHeader() { return &m_Header; }
     static CMidiStreamBuffer* GetBufferFromHeader(MIDIHDR* pHeader);
+    // A period too dense for one buffer goes out in several; each but the last is
+    // marked, so that only the period's last buffer paces the engine.
+    void SetContinued(bool bContinued) { m_bContinued = bContinued; }
+    bool IsContinued() const { return m_bContinued; }
 
 private:
     void BufferStreamData(CQXEventData* pEvent);
@@ -34,6 +38,7 @@ private:
     DWORD m_dwEndTime = 0;
     DWORD m_dwDeltaTotal = 0;
     bool m_bTooLarge = false; // the added events need more than 32-bit sizes can express
+    bool m_bContinued = false;
 };
 
 #endif // QUAVIX_QXMIDISTREAMBUFFER_H

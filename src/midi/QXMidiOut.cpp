@@ -5,8 +5,10 @@
 
 #include "platform/QXPlatform.h"
 
+#include <cstdint>
 #include <cstring>
 #include <new>
+#include <vector>
 
 namespace {
 
@@ -16,6 +18,15 @@ constexpr DWORD kMillisecondTimeDiv = 0xFFFFE728u;
 DWORD NoteOff(DWORD dwMsg)
 {
     return dwMsg & 0xFF00FFFFu;
+}
+
+// The closing no-op every stream buffer ends with.
+constexpr uint64_t kNoOpBytes = 12;
+
+// Of two times, the later; by signed difference, so that it holds across the 2^32 wrap.
+DWORD Later(DWORD a, DWORD b)
+{
+    return static_cast<int32_t>(b - a) > 0 ? b : a;
 }
 
 } // namespace
@@ -136,25 +147,61 @@ int CMidiOut::PlayData(CQXEventList* pEvents, DWORD dwStart, DWORD dwEnd)
     CQuavix* pManager = CQuavix::GetQuavix();
     const bool bSlave = pManager != nullptr && pManager->GetSyncMode() == QX_SYNCMODE_SLAVE;
     if (m_dwStreamFlags.load() == 0 && !bSlave) return 0;
-    auto* pBuffer = new (std::nothrow) CMidiStreamBuffer(dwStart, dwEnd);
-    if (pBuffer == nullptr) return 0;
-    while (!pEvents->IsEmpty()) {
-        CQXEventData* pEvent = pEvents->GetHead();
-        if (pEvent->m_dwTimeStamp >= dwEnd) break;
-        pEvents->RemoveHead();
-        pBuffer->AddStreamData(pEvent);
+    // A period whose events need more than the stream takes in one buffer goes out in
+    // consecutive buffers, each ending where the next begins, so that their deltas still
+    // add up to the period. The timing device paces the engine with one poll per period,
+    // so only the period's last buffer polls when it comes back (OnMidiOutDone). An event
+    // larger than any buffer cannot be played: it is dropped and reported as 305 with the
+    // result the platform gives a buffer over its limit, and the rest of the period plays.
+    const auto dwDevice = static_cast<DWORD_PTR>(m_nDevice.load());
+    std::vector<CQXEventData*> part;
+    DWORD dwFrom = dwStart;
+    for (bool bFirst = true;; bFirst = false) {
+        uint64_t cbPart = kNoOpBytes;
+        DWORD dwLatest = dwFrom;
+        bool bContinued = false;
+        while (!pEvents->IsEmpty()) {
+            CQXEventData* pEvent = pEvents->GetHead();
+            if (pEvent->m_dwTimeStamp >= dwEnd) break;
+            const uint64_t cbEvent = (uint64_t{pEvent->m_dwStreamWords} + 3) * 4;
+            if (cbEvent + kNoOpBytes > MIDI_STREAM_MAX_BUFFER) {
+                pEvents->RemoveHead();
+                delete pEvent;
+                QXNotifyShared(QXN_MIDIOUT_PREPARE, MMSYSERR_INVALPARAM, dwDevice);
+                continue;
+            }
+            if (cbPart + cbEvent > MIDI_STREAM_MAX_BUFFER) {
+                bContinued = true;
+                break;
+            }
+            pEvents->RemoveHead();
+            part.push_back(pEvent);
+            cbPart += cbEvent;
+            dwLatest = Later(dwLatest, pEvent->m_dwTimeStamp);
+        }
+        // The next part begins at its first event, or after this part's latest one.
+        const DWORD dwTo = bContinued ? Later(dwLatest, pEvents->GetHead()->m_dwTimeStamp) : dwEnd;
+        auto* pBuffer = new (std::nothrow) CMidiStreamBuffer(dwFrom, dwTo);
+        if (pBuffer == nullptr) {
+            for (CQXEventData* pEvent : part) delete pEvent;
+            return bFirst ? 0 : 1;
+        }
+        for (CQXEventData* pEvent : part) pBuffer->AddStreamData(pEvent);
+        part.clear();
+        pBuffer->SetContinued(bContinued);
+        pBuffer->CapStreamBuffer();
+        MIDIHDR* pHeader = pBuffer->GetStreamHeader();
+        if (pHeader->lpData == nullptr) {
+            // No memory for it: dropped with its events rather than handed to the stream
+            // without data.
+            QXNotifyShared(QXN_MIDIOUT_PREPARE, MMSYSERR_NOMEM, dwDevice);
+            delete pBuffer;
+        } else if (!PlayBuffer(pHeader)) {
+            delete pBuffer; // never queued: nothing will hand it back
+        }
+        if (!bContinued) return 1;
+        dwFrom = dwTo;
     }
-    pBuffer->CapStreamBuffer();
-    MIDIHDR* pHeader = pBuffer->GetStreamHeader();
-    if (pHeader->lpData == nullptr) {
-        // No memory for the period: it is dropped with its events rather than handed to
-        // the stream without data.
-        QXNotifyShared(QXN_MIDIOUT_PREPARE, MMSYSERR_NOMEM, static_cast<DWORD_PTR>(m_nDevice.load()));
-        delete pBuffer;
-        return 1;
-    }
-    if (!PlayBuffer(pHeader)) delete pBuffer; // never queued: nothing will hand it back
-    return 1;
 }
 
 int CMidiOut::PlayBuffer(MIDIHDR* pHeader)
@@ -242,9 +289,12 @@ LRESULT CMidiOut::OnMidiOutPosition(WPARAM, LPARAM)
 
 LRESULT CMidiOut::OnMidiOutDone(WPARAM wParam, LPARAM)
 {
+    auto* pHeader = reinterpret_cast<MIDIHDR*>(wParam);
+    const CMidiStreamBuffer* pBuffer = CMidiStreamBuffer::GetBufferFromHeader(pHeader);
     CQuavix* pManager = CQuavix::GetQuavix();
-    if (pManager != nullptr && pManager->GetTimingDevice() == this) pManager->_PollForTimingDevice(this);
-    FinishBuffer(reinterpret_cast<MIDIHDR*>(wParam));
+    if (pManager != nullptr && pManager->GetTimingDevice() == this && !(pBuffer != nullptr && pBuffer->IsContinued()))
+        pManager->_PollForTimingDevice(this);
+    FinishBuffer(pHeader);
     return 0;
 }
 

@@ -3,6 +3,7 @@
 
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
+#include "platform/backends/QXBackend.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
 #include <gtest/gtest.h>
@@ -329,4 +330,73 @@ TEST_F(EngineTest, FailuresAreReportedAndLeaveNoStreamOpen)
     UINT dev = 2;
     ASSERT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
     midiStreamClose(h);
+}
+
+namespace {
+
+CQXEventData* SysEx(size_t cb, BYTE fill, DWORD time)
+{
+    std::vector<BYTE> bytes(cb, fill);
+    bytes.front() = 0xF0;
+    bytes.back() = 0xF7;
+    auto* e = new CQXEventData;
+    e->SetSysExData(bytes.data(), static_cast<DWORD>(cb));
+    e->SetTimeStamp(time);
+    return e;
+}
+
+} // namespace
+
+// More than one stream buffer can hold in one period: it goes out whole, on time, in
+// several buffers that pace the engine as one; an event no buffer can hold is reported.
+TEST_F(EngineTest, ADensePeriodPlaysWholeAndPacesAsOne)
+{
+    static std::vector<DWORD> reports;
+    reports.clear();
+    q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { reports.insert(reports.end(), {c, v, DWORD(d)}); },
+                               0);
+    q->SetDefaultMidiDevice(0); // SysEx to output 0 only, not copied to the others
+    q->EnableDefaultMidiDevice(1);
+    const size_t big = 6u << 20;
+    // Three 6 MiB messages due at once need two buffers; the split falls between two
+    // messages of the same time. 17 MiB fits no buffer.
+    Play({SysEx(big, 0x11, 20), SysEx(big, 0x22, 20), SysEx(big, 0x33, 20), SysEx(17u << 20, 0x44, 40),
+          Midi(0x00403C90, 50)});
+    Perf p;
+    std::vector<std::pair<DWORD, int64_t>> asked; // period start, ms since start when asked
+    int64_t t0 = 0;
+    p.fn = [&](int, DWORD s, DWORD) {
+        asked.emplace_back(s, (qxplat::NowNs() - t0) / 1'000'000);
+        CQXEventList l;
+        l.AddTail(Midi(0x00400090 | ((s / 100) << 8), s + 10));
+        q->PlayBuffer(l);
+        return 1;
+    };
+    q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&p), 1, 0);
+    q->OpenDevices();
+    t0 = qxplat::NowNs(); // before the stream starts: the times asked can only seem late
+    q->StartDevices();
+    Sleep(650);
+    q->StopDevices();
+
+    EXPECT_EQ(reports, (std::vector<DWORD>{QXN_MIDIOUT_PREPARE, MMSYSERR_INVALPARAM, 0}));
+    auto out = QXVirtualTakeMidiOut(0);
+    ASSERT_GE(out.size(), 6u);
+    for (size_t i = 0; i < 3; ++i) {
+        ASSERT_EQ(out[i].bytes.size(), big) << i;
+        EXPECT_EQ(out[i].bytes[1], BYTE(0x11 * (i + 1))) << "in their order";
+        EXPECT_EQ(out[i].dueNs, out[0].dueNs) << "at the same time across the split";
+    }
+    EXPECT_EQ(out[3].bytes, Bytes(0x00403C90));
+    EXPECT_EQ(out[3].dueNs - out[0].dueNs, 30'000'000) << "the second buffer keeps the period's time";
+    EXPECT_EQ(out[4].bytes, Bytes(0x00400290));
+    EXPECT_EQ(out[4].dueNs - out[0].dueNs, 190'000'000) << "and so do the periods after it";
+
+    // One poll per period: each is asked for once, in turn, when the one two before it
+    // has played, never a period earlier.
+    ASSERT_GE(asked.size(), 3u);
+    for (size_t i = 0; i < asked.size(); ++i) {
+        EXPECT_EQ(asked[i].first, 200 + 100 * i);
+        EXPECT_LE(int64_t{asked[i].first} - asked[i].second, 150) << "period " << asked[i].first << " asked early";
+    }
 }
