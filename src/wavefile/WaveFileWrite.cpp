@@ -5,6 +5,7 @@
 
 #include "platform/QXMmio.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -13,6 +14,32 @@ namespace {
 constexpr int kWaveInDefaultFormat = 8; // what a wave input records unless told: 22,050 Hz mono 16-bit
 // One second of a format no device records could be gigabytes: the buffer stops here.
 constexpr double kMaxBuffer = 16.0 * 1024 * 1024;
+
+// One buffer time of audio in bytes: the size of the file buffer, and how much audio
+// goes by between two refreshes of the header's lengths. A format without a byte rate
+// keeps the service's default buffer.
+LONG BufferBytes(const QX_DevFormat& format, int nBufferTime)
+{
+    const double bytes = nBufferTime / 1000.0 * format.nAvgBytesPerSec;
+    return bytes < 1.0 ? MMIO_DEFAULTBUFFER : LONG(bytes < kMaxBuffer ? bytes : kMaxBuffer);
+}
+
+bool PutLe32(HMMIO hFile, LONG lAt, DWORD dwValue)
+{
+    const char le[4] = {char(dwValue), char(dwValue >> 8), char(dwValue >> 16), char(dwValue >> 24)};
+    return mmioSeek(hFile, lAt, SEEK_SET) == lAt && mmioWrite(hFile, le, 4) == 4;
+}
+
+// Writes the RIFF and data lengths into their chunk headers, then goes back to lResume
+// (when not negative). Seeking away writes out what the file buffer holds first, so
+// the lengths never claim bytes that are still only in memory.
+bool PutSizes(HMMIO hFile, const MMCKINFO& ckRiff, const MMCKINFO& ckData, DWORD dwRiff, DWORD dwData, LONG lResume)
+{
+    bool ok = PutLe32(hFile, LONG(ckRiff.dwDataOffset) - 4, dwRiff) &&
+              PutLe32(hFile, LONG(ckData.dwDataOffset) - 4, dwData);
+    if (lResume >= 0) ok = mmioSeek(hFile, lResume, SEEK_SET) == lResume && ok;
+    return ok;
+}
 
 } // namespace
 
@@ -68,10 +95,7 @@ int CWaveFileWrite::DevOpen()
     m_lDataSize = LONG(m_ckData.cksize);
     m_lFilePosition = LONG(m_ckData.dwDataOffset);
 
-    // One buffer time of audio. A format without a byte rate keeps the default buffer.
-    const double bytes = m_nBufferTime / 1000.0 * m_pFormat->nAvgBytesPerSec;
-    const LONG cchBuffer = bytes < 1.0 ? MMIO_DEFAULTBUFFER : LONG(bytes < kMaxBuffer ? bytes : kMaxBuffer);
-    r = mmioSetBuffer(hFile, nullptr, cchBuffer, 0);
+    r = mmioSetBuffer(hFile, nullptr, BufferBytes(*m_pFormat, m_nBufferTime), 0);
     if (r != MMSYSERR_NOERROR) return fail(QXN_FILE_SETBUFFER, r);
 
     m_hDevice = hFile;
@@ -81,13 +105,32 @@ int CWaveFileWrite::DevOpen()
 long CWaveFileWrite::Write(WAVEHDR* pHeader)
 {
     if (!TestState(QX_STATE_OPEN) || pHeader == nullptr || pHeader->dwBytesRecorded == 0) return 0;
-    const LONG n = mmioWrite(File(), pHeader->lpData, LONG(pHeader->dwBytesRecorded));
-    if (n < 0) {
-        QXNotifyShared(QXN_FILE_WRITE, 0, reinterpret_cast<DWORD_PTR>(m_strFilename.c_str()));
+    const DWORD_PTR name = reinterpret_cast<DWORD_PTR>(m_strFilename.c_str());
+    HMMIO hFile = File();
+    // A failed write may have left part of itself in the file buffer: the next bytes
+    // go after the last ones counted, over it.
+    if (mmioSeek(hFile, 0, SEEK_CUR) != m_lFilePosition && mmioSeek(hFile, m_lFilePosition, SEEK_SET) < 0) {
+        QXNotifyShared(QXN_FILE_WRITE, 0, name);
         return -1;
     }
+    const LONG n = mmioWrite(hFile, pHeader->lpData, LONG(pHeader->dwBytesRecorded));
+    if (n < 0) {
+        QXNotifyShared(QXN_FILE_WRITE, 0, name);
+        return -1;
+    }
+    const LONG lBefore = m_lDataSize;
     m_lDataSize += n;
     m_lFilePosition += n;
+    // Once per buffer time of audio the header gets the lengths written so far, so
+    // that a recorder that is killed, or that runs out of disk, leaves a file every
+    // reader takes. When the buffer is full this costs two small writes: the seek away
+    // writes out the buffer, which was due anyway. A refresh that fails is not
+    // reported: the data is still in the buffer, and the next Write or Close meets
+    // the same failure and reports it.
+    const LONG lEvery = BufferBytes(*m_pFormat, m_nBufferTime);
+    if (lBefore / lEvery != m_lDataSize / lEvery)
+        PutSizes(hFile, m_ckRiff, m_ckData, DWORD(m_lFilePosition) - m_ckRiff.dwDataOffset, DWORD(m_lDataSize),
+                 m_lFilePosition);
     return n;
 }
 
@@ -97,15 +140,38 @@ int CWaveFileWrite::DevClose()
     QXTrace("file write _DevClose()\n");
 #endif
     if (File() == nullptr) return 1;
-    const DWORD_PTR name = reinterpret_cast<DWORD_PTR>(m_strFilename.c_str());
+    const char* pszName = m_strFilename.c_str();
+    const DWORD_PTR name = reinterpret_cast<DWORD_PTR>(pszName);
     // The service writes the true lengths and the pad byte; a failed ascent is
     // reported, and the file is closed all the same.
+    bool finished = true;
     MMRESULT r = mmioAscend(File(), &m_ckData, 0);
-    if (r != MMSYSERR_NOERROR) QXNotifyShared(QXN_FILE_ASCEND, r, name);
+    if (r != MMSYSERR_NOERROR) {
+        QXNotifyShared(QXN_FILE_ASCEND, r, name);
+        finished = false;
+    }
     r = mmioAscend(File(), &m_ckRiff, 0);
-    if (r != MMSYSERR_NOERROR) QXNotifyShared(QXN_FILE_ASCEND, r, name);
-    const int ok = _CloseFile(m_strFilename.c_str(), File());
+    if (r != MMSYSERR_NOERROR) {
+        QXNotifyShared(QXN_FILE_ASCEND, r, name);
+        finished = false;
+    }
+    const int ok = _CloseFile(pszName, File());
     m_hDevice = nullptr;
     m_lFilePosition = 0;
+    // A full disk leaves the file buffer unwritten and the lengths stale. The file is
+    // opened once more, and the lengths say what it really holds: the bytes that are
+    // both on disk and counted as written, with the pad byte if it made it too.
+    if (!finished || !ok) {
+        if (HMMIO hFile = _OpenFile(pszName, MMIO_READWRITE)) {
+            const LONG lEnd = mmioSeek(hFile, 0, SEEK_END);
+            const LONG lData0 = LONG(m_ckData.dwDataOffset);
+            if (lEnd >= lData0) {
+                const LONG lData = std::min(lEnd - lData0, m_lDataSize);
+                const LONG lRiffEnd = std::min(lEnd, lData0 + lData + (lData & 1));
+                PutSizes(hFile, m_ckRiff, m_ckData, DWORD(lRiffEnd) - m_ckRiff.dwDataOffset, DWORD(lData), -1);
+            }
+            mmioClose(hFile, 0);
+        }
+    }
     return ok;
 }
