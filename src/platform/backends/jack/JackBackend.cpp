@@ -65,15 +65,13 @@ class JackBackend final : public Backend {
 public:
     JackBackend()
     {
-        // Looking for a server that is not there is no error worth printing.
+        // Looking for a server that is not there is no error worth printing, and later
+        // errors reach the application as results and notifications (a server that dies
+        // makes libjack print several lines before the shutdown callback says it once).
         jack_set_error_function([](const char*) {});
         jack_set_info_function([](const char*) {});
         jack_status_t status;
         m_client = jack_client_open("quavix", JackNoStartServer, &status);
-        // Once the server is gone its errors only repeat that: the notification tells it.
-        jack_set_error_function([](const char* msg) {
-            if (!Instance()->Dead()) std::fprintf(stderr, "quavix: jack: %s\n", msg);
-        });
         if (m_client == nullptr) return;
         m_name = jack_get_client_name(m_client);
         jack_set_process_callback(m_client, &JackBackend::Process, this);
