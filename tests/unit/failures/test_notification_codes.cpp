@@ -1,0 +1,242 @@
+// Every notification code the library raises, provoked by making the platform call
+// behind it fail (fault injection), with its value and its device checked, grouped by
+// the device that reports. Where another test already provokes a code, the table names
+// that test; extend the table and the groups as devices are added.
+//
+// | code | name                      | provoked and checked by                                        |
+// |------|---------------------------|----------------------------------------------------------------|
+// | 200  | QXN_MIDIIN_OPEN           | Failures.MidiInputReportsEveryFailingCall                      |
+// | 201  | QXN_MIDIIN_START          | Failures.MidiInputReportsEveryFailingCall                      |
+// | 202  | QXN_MIDIIN_STOP           | Failures.MidiInputReportsEveryFailingCall (by stop and pause)  |
+// | 203  | QXN_MIDIIN_CLOSE          | Failures.MidiInputReportsEveryFailingCall                      |
+// | 204  | QXN_MIDIIN_GETCAPS        | Failures.MidiInputReportsEveryFailingCall                      |
+// | 300  | QXN_MIDIOUT_OPEN          | Failures.MidiOutputReportsEveryFailingCall;                    |
+// |      |                           |   EngineTest.FailuresAreReportedAndLeaveNoStreamOpen (midi)    |
+// | 301  | QXN_MIDIOUT_START         | Failures.MidiOutputReportsEveryFailingCall                     |
+// | 302  | QXN_MIDIOUT_PAUSE         | Failures.MidiOutputReportsEveryFailingCall                     |
+// | 303  | QXN_MIDIOUT_STOP          | Failures.MidiOutputReportsEveryFailingCall                     |
+// | 304  | QXN_MIDIOUT_CLOSE         | Failures.MidiOutputReportsEveryFailingCall                     |
+// | 305  | QXN_MIDIOUT_PREPARE       | Failures.MidiOutputReportsEveryFailingCall;                    |
+// |      |                           |   EngineTest.ADensePeriodPlaysWholeAndPacesAsOne (midi: an     |
+// |      |                           |   event larger than any stream buffer)                         |
+// | 306  | QXN_MIDIOUT_SEND          | Failures.MidiOutputReportsEveryFailingCall;                    |
+// |      |                           |   EngineTest.FailuresAreReportedAndLeaveNoStreamOpen (midi)    |
+// | 307  | QXN_MIDIOUT_UNPREPARE     | Failures.MidiOutputReportsEveryFailingCall                     |
+// | 308  | QXN_MIDIOUT_SETTIMING     | Failures.MidiOutputReportsEveryFailingCall;                    |
+// |      |                           |   EngineTest.FailuresAreReportedAndLeaveNoStreamOpen (midi)    |
+// | 309  | QXN_MIDIOUT_GETCAPS       | Failures.MidiOutputReportsEveryFailingCall;                    |
+// |      |                           |   ManagerTest.CapabilitiesNameTheBackendsDevices (manager)     |
+// | 310  | QXN_MIDIOUT_SHORTMSG      | Failures.MidiOutputReportsEveryFailingCall (short message,     |
+// |      |                           |   note, SysEx); JackGone.AServerThatGoesAwayGivesNotifications- |
+// |      |                           |   AndCleanFailures (integration, a JACK server that went away) |
+// | 600  | QXN_FILE_OPENREAD         | WaveFile.EachFailingFileCallIsReported,                        |
+// |      |                           |   WaveFile.BadPathsAreReportedAndLeaveNothingOpen (wavefile)   |
+// | 601  | QXN_FILE_CLOSE            | WaveFile.EachFailingFileCallIsReported (wavefile)              |
+// | 602  | QXN_FILE_SEEK             | WaveFile.EachFailingFileCallIsReported,                        |
+// |      |                           |   WaveFile.SeekByTimeSamplesAndBytes (wavefile)                |
+// | 603  | QXN_FILE_DESCEND          | WaveFile.EachFailingFileCallIsReported,                        |
+// |      |                           |   WaveFile.WhatIsNotWaveIsRefusedWithTheReason (wavefile)      |
+// | 604  | QXN_FILE_ASCEND           | WaveFile.EachFailingFileCallIsReported (wavefile)              |
+// | 605  | QXN_FILE_READ             | WaveFile.EachFailingFileCallIsReported,                        |
+// |      |                           |   WaveFile.WhatIsNotWaveIsRefusedWithTheReason (wavefile)      |
+// | 606  | QXN_FILE_SETBUFFER        | WaveFile.EachFailingFileCallIsReported (wavefile)              |
+// | 607  | QXN_FILE_ADVANCE          | WaveFile.EachFailingFileCallIsReported (wavefile)              |
+// | 608  | QXN_FILE_CREATECHUNK      | WaveFile.EachFailingFileCallIsReported (wavefile)              |
+// | 610  | QXN_FILE_GETINFO          | WaveFile.EachFailingFileCallIsReported (wavefile)              |
+// | 611  | QXN_FILE_SETINFO          | WaveFile.EachFailingFileCallIsReported (wavefile)              |
+// | 613  | QXN_FILE_WRITE            | WaveFile.EachFailingFileCallIsReported (wavefile)              |
+// | 614  | QXN_FILE_OPENWRITE        | WaveFile.EachFailingFileCallIsReported,                        |
+// |      |                           |   WaveFile.BadPathsAreReportedAndLeaveNothingOpen (wavefile)   |
+// | 800  | QXN_TIMER_CREATE          | ManagerTest.NoTimerMeansNoDeviceStarts (manager)               |
+//
+// The folder in brackets is the test program (tests/unit/<folder>) that holds the test.
+#include <quavix/Quavix.h>
+
+#include "platform/QXFaults.h"
+#include "platform/QXPlatform.h"
+#include "platform/backends/virtual/QXVirtual.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <mutex>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+using Report = std::tuple<DWORD, DWORD, DWORD_PTR>; // code, value, device
+
+// Reports arrive on the caller's thread and on device threads.
+struct Reports {
+    static std::mutex mutex;
+    static std::vector<Report> got;
+    static void Proc(DWORD code, DWORD value, DWORD_PTR device)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        got.emplace_back(code, value, device);
+    }
+    static std::vector<Report> Take()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return std::move(got);
+    }
+};
+std::mutex Reports::mutex;
+std::vector<Report> Reports::got;
+
+using Got = std::vector<Report>;
+
+class Failures : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        QXFaultClear();
+        qxplat::QXVirtualSetDevices(3, 3, 0, 0);
+        for (int n = 0; n < 3; ++n) qxplat::QXVirtualTakeMidiOut(n);
+        q = CQuavix::InitQuavix();
+        q->Initialize(QX_INIT_MIDI);
+        Reports::Take();
+        q->SetNotificationCallback(Reports::Proc, 0);
+    }
+    void TearDown() override
+    {
+        QXFaultClear();
+        CQuavix::ExitQuavix();
+        EXPECT_EQ(Reports::Take(), Got{}) << "closing at exit reports nothing";
+        qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+    }
+    UINT State(int nDir, int n) { return q->GetDeviceState(QX_DEVTYPE_MIDI, nDir, n); }
+
+    CQuavix* q = nullptr;
+};
+
+} // namespace
+
+// Input 1 reports, with its own number, whichever of its calls fails; a failed step
+// leaves the input where it was, and the same step succeeds once the fault is gone.
+TEST_F(Failures, MidiInputReportsEveryFailingCall)
+{
+    const int in = QX_DEVDIR_IN;
+    QX_DevCaps caps;
+    QXFaultInject("midiInGetDevCapsA", MMSYSERR_NODRIVER);
+    EXPECT_EQ(CMidiIn::GetDeviceCaps(1, &caps), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_GETCAPS, MMSYSERR_NODRIVER, 1}}));
+    EXPECT_EQ(CMidiIn::GetDeviceCaps(7, &caps), 0) << "no such input";
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_GETCAPS, MMSYSERR_BADDEVICEID, 7}}));
+    EXPECT_EQ(CMidiIn::GetDeviceCaps(1, &caps), 1);
+
+    QXFaultInject("midiInOpen", MMSYSERR_ALLOCATED);
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, in, 1), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_OPEN, MMSYSERR_ALLOCATED, 1}}));
+    EXPECT_EQ(State(in, 1), QX_STATE_CLOSED);
+    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, in, 1), 1);
+
+    QXFaultInject("midiInStart", MMSYSERR_NOMEM);
+    EXPECT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, in, 1), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_START, MMSYSERR_NOMEM, 1}}));
+    EXPECT_EQ(State(in, 1), QX_STATE_OPEN);
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, in, 1), 1);
+
+    QXFaultInject("midiInStop", MMSYSERR_INVALHANDLE);
+    EXPECT_EQ(q->StopDevice(QX_DEVTYPE_MIDI, in, 1), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_STOP, MMSYSERR_INVALHANDLE, 1}}));
+    EXPECT_TRUE(State(in, 1) & QX_STATE_STARTED);
+    // A paused input is a stopped one: pausing fails the same way.
+    QXFaultInject("midiInStop", MMSYSERR_ERROR);
+    EXPECT_EQ(q->PauseDevice(QX_DEVTYPE_MIDI, in, 1), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_STOP, MMSYSERR_ERROR, 1}}));
+    EXPECT_TRUE(State(in, 1) & QX_STATE_STARTED);
+    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_MIDI, in, 1), 1);
+
+    QXFaultInject("midiInClose", MMSYSERR_HANDLEBUSY);
+    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_MIDI, in, 1), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_CLOSE, MMSYSERR_HANDLEBUSY, 1}}));
+    EXPECT_TRUE(State(in, 1) & QX_STATE_OPEN);
+    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_MIDI, in, 1), 1);
+    EXPECT_EQ(State(in, 1), QX_STATE_CLOSED);
+    EXPECT_EQ(Reports::Take(), Got{});
+}
+
+// Output 2 reports, with its own number, whichever of its calls fails, from the
+// transport, from the periods it queues and gets back, and from immediate output.
+TEST_F(Failures, MidiOutputReportsEveryFailingCall)
+{
+    const int out = QX_DEVDIR_OUT;
+    auto* pOut = static_cast<CMidiOut*>(q->GetDevice(QX_DEVTYPE_MIDI, out, 2));
+    ASSERT_NE(pOut, nullptr);
+    QX_DevCaps caps;
+    QXFaultInject("midiOutGetDevCapsA", MMSYSERR_NOTENABLED);
+    EXPECT_EQ(CMidiOut::GetDeviceCaps(2, &caps), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_GETCAPS, MMSYSERR_NOTENABLED, 2}}));
+
+    QXFaultInject("midiStreamOpen", MMSYSERR_ALLOCATED);
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, out, 2), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_OPEN, MMSYSERR_ALLOCATED, 2}}));
+    QXFaultInject("midiStreamProperty", MIDIERR_NOTREADY);
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, out, 2), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_SETTIMING, MIDIERR_NOTREADY, 2}}));
+    EXPECT_EQ(State(out, 2), QX_STATE_CLOSED);
+    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, out, 2), 1) << "the failed open left no stream behind";
+
+    // Periods: one that cannot be prepared, one the stream refuses, and one that comes
+    // back but cannot be unprepared. Each is gone afterwards: the stream holds nothing.
+    auto period = [&](DWORD dwStart) {
+        CQXEventList list;
+        auto* e = new CQXEventData;
+        e->SetMidiData(0x00403C90);
+        e->SetTimeStamp(dwStart + 10);
+        list.AddTail(e);
+        return pOut->PlayData(&list, dwStart, dwStart + 100);
+    };
+    QXFaultInject("midiOutPrepareHeader", MMSYSERR_NOMEM);
+    EXPECT_EQ(period(0), 1) << "the period was taken, if not played";
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_PREPARE, MMSYSERR_NOMEM, 2}}));
+    QXFaultInject("midiStreamOut", MIDIERR_STILLPLAYING);
+    EXPECT_EQ(period(0), 1);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_SEND, MIDIERR_STILLPLAYING, 2}}));
+    ASSERT_EQ(period(0), 1);
+    QXFaultInject("midiOutUnprepareHeader", MIDIERR_UNPREPARED);
+    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_MIDI, out, 2), 1); // returns the buffer, and waits for it
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_UNPREPARE, MIDIERR_UNPREPARED, 2}}));
+    EXPECT_TRUE(qxplat::QXVirtualTakeMidiOut(2).empty()) << "never started: nothing played";
+
+    QXFaultInject("midiStreamRestart", MMSYSERR_NODRIVER);
+    EXPECT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, out, 2), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_START, MMSYSERR_NODRIVER, 2}}));
+    EXPECT_FALSE(State(out, 2) & QX_STATE_STARTED);
+    EXPECT_EQ(period(0), 0) << "a stream that failed to start takes no period";
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, out, 2), 1);
+
+    QXFaultInject("midiStreamPause", MMSYSERR_INVALHANDLE);
+    EXPECT_EQ(q->PauseDevice(QX_DEVTYPE_MIDI, out, 2), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_PAUSE, MMSYSERR_INVALHANDLE, 2}}));
+    EXPECT_TRUE(State(out, 2) & QX_STATE_STARTED);
+    QXFaultInject("midiStreamStop", MMSYSERR_ERROR);
+    EXPECT_EQ(q->StopDevice(QX_DEVTYPE_MIDI, out, 2), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_STOP, MMSYSERR_ERROR, 2}}));
+    EXPECT_TRUE(State(out, 2) & QX_STATE_STARTED);
+
+    // Immediate output: a short message, the note-on of a timed note, a SysEx.
+    QXFaultInject("midiOutShortMsg", MMSYSERR_NOTSUPPORTED);
+    EXPECT_EQ(pOut->PlayMidi(0x00403C90), 0);
+    QXFaultInject("midiOutShortMsg", MMSYSERR_NOMEM);
+    EXPECT_EQ(pOut->PlayNote(0x00403C90, 50), 0);
+    const BYTE sysex[] = {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7};
+    QXFaultInject("midiOutLongMsg", MMSYSERR_NODRIVER);
+    EXPECT_EQ(pOut->PlaySysEx(sysex, sizeof sysex), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_SHORTMSG, MMSYSERR_NOTSUPPORTED, 2},
+                                    {QXN_MIDIOUT_SHORTMSG, MMSYSERR_NOMEM, 2},
+                                    {QXN_MIDIOUT_SHORTMSG, MMSYSERR_NODRIVER, 2}}));
+    EXPECT_TRUE(qxplat::QXVirtualTakeMidiOut(2).empty()) << "nothing went out, no note-off either";
+
+    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_MIDI, out, 2), 1);
+    QXFaultInject("midiStreamClose", MMSYSERR_HANDLEBUSY);
+    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_MIDI, out, 2), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_CLOSE, MMSYSERR_HANDLEBUSY, 2}}));
+    EXPECT_TRUE(State(out, 2) & QX_STATE_OPEN);
+    EXPECT_EQ(pOut->PlayMidi(0x000007B0), 1) << "still open after the failed close";
+    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_MIDI, out, 2), 1);
+    EXPECT_EQ(State(out, 2), QX_STATE_CLOSED);
+    EXPECT_EQ(Reports::Take(), Got{});
+}
