@@ -538,5 +538,164 @@ struct GUID {
 typedef GUID* LPGUID;
 typedef const GUID* LPCGUID;
 
+// ---- DirectSound: records, flags and interface names ----
+typedef LONG* LPLONG;
+typedef const GUID& REFIID;
+typedef const GUID& REFGUID;
+inline bool IsEqualGUID(const GUID& a, const GUID& b)
+{
+    if (a.Data1 != b.Data1 || a.Data2 != b.Data2 || a.Data3 != b.Data3) return false;
+    for (int i = 0; i < 8; ++i)
+        if (a.Data4[i] != b.Data4[i]) return false;
+    return true;
+}
+
+#define WAVE_FORMAT_IEEE_FLOAT 0x0003
+#define WAVE_FORMAT_EXTENSIBLE 0xFFFE
+
+#pragma pack(push, 1)
+struct WAVEFORMATEXTENSIBLE {
+    WAVEFORMATEX Format;
+    union {
+        WORD wValidBitsPerSample;
+        WORD wSamplesPerBlock;
+        WORD wReserved;
+    } Samples;
+    DWORD dwChannelMask;
+    GUID SubFormat;
+};
+#pragma pack(pop)
+static_assert(sizeof(WAVEFORMATEXTENSIBLE) == 40, "WAVEFORMATEXTENSIBLE is 40 packed bytes");
+
+struct IUnknown;
+struct IDirectSound;
+struct IDirectSoundBuffer;
+struct IDirectSoundNotify;
+typedef IUnknown* LPUNKNOWN;
+typedef IDirectSound* LPDIRECTSOUND;
+typedef IDirectSoundBuffer* LPDIRECTSOUNDBUFFER;
+typedef IDirectSoundNotify* LPDIRECTSOUNDNOTIFY;
+
+inline constexpr GUID IID_IUnknown = {0x00000000, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
+inline constexpr GUID IID_IDirectSound = {0x279AFA83, 0x4981, 0x11CE, {0xA5, 0x21, 0x00, 0x20, 0xAF, 0x0B, 0xE5, 0x60}};
+inline constexpr GUID IID_IDirectSoundBuffer = {0x279AFA85, 0x4981, 0x11CE,
+                                                {0xA5, 0x21, 0x00, 0x20, 0xAF, 0x0B, 0xE5, 0x60}};
+inline constexpr GUID IID_IDirectSoundNotify = {0xB0210783, 0x89CD, 0x11D0,
+                                                {0xAF, 0x08, 0x00, 0xA0, 0xC9, 0x25, 0xCD, 0x16}};
+inline constexpr GUID GUID_NULL = {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
+
+// The record's dwSize may be sizeof(DSBUFFERDESC) or anything from the size of the
+// first five fields (without guid3DAlgorithm) up: 36, the 32-bit layout's size, is taken.
+struct DSBUFFERDESC {
+    DWORD dwSize;
+    DWORD dwFlags;
+    DWORD dwBufferBytes;
+    DWORD dwReserved;
+    LPWAVEFORMATEX lpwfxFormat;
+    GUID guid3DAlgorithm;
+};
+typedef DSBUFFERDESC* LPDSBUFFERDESC;
+typedef const DSBUFFERDESC* LPCDSBUFFERDESC;
+
+struct DSBPOSITIONNOTIFY {
+    DWORD dwOffset;
+    HANDLE hEventNotify;
+};
+typedef DSBPOSITIONNOTIFY* LPDSBPOSITIONNOTIFY;
+typedef const DSBPOSITIONNOTIFY* LPCDSBPOSITIONNOTIFY;
+
+struct DSCAPS {
+    DWORD dwSize;
+    DWORD dwFlags;
+    DWORD dwMinSecondarySampleRate;
+    DWORD dwMaxSecondarySampleRate;
+    DWORD dwPrimaryBuffers;
+    DWORD dwMaxHwMixingAllBuffers;
+    DWORD dwMaxHwMixingStaticBuffers;
+    DWORD dwMaxHwMixingStreamingBuffers;
+    DWORD dwFreeHwMixingAllBuffers;
+    DWORD dwFreeHwMixingStaticBuffers;
+    DWORD dwFreeHwMixingStreamingBuffers;
+    DWORD dwMaxHw3DAllBuffers;
+    DWORD dwMaxHw3DStaticBuffers;
+    DWORD dwMaxHw3DStreamingBuffers;
+    DWORD dwFreeHw3DAllBuffers;
+    DWORD dwFreeHw3DStaticBuffers;
+    DWORD dwFreeHw3DStreamingBuffers;
+    DWORD dwTotalHwMemBytes;
+    DWORD dwFreeHwMemBytes;
+    DWORD dwMaxContigFreeHwMemBytes;
+    DWORD dwUnlockTransferRateHwBuffers;
+    DWORD dwPlayCpuOverheadSwBuffers;
+    DWORD dwReserved1;
+    DWORD dwReserved2;
+};
+typedef DSCAPS* LPDSCAPS;
+
+struct DSBCAPS {
+    DWORD dwSize;
+    DWORD dwFlags;
+    DWORD dwBufferBytes;
+    DWORD dwUnlockTransferRate;
+    DWORD dwPlayCpuOverhead;
+};
+typedef DSBCAPS* LPDSBCAPS;
+
+typedef BOOL(CALLBACK* LPDSENUMCALLBACKA)(LPGUID lpGuid, LPCSTR lpcstrDescription, LPCSTR lpcstrModule,
+                                           LPVOID lpContext);
+
+#define DSCAPS_PRIMARYMONO 0x00000001u
+#define DSCAPS_PRIMARYSTEREO 0x00000002u
+#define DSCAPS_PRIMARY8BIT 0x00000004u
+#define DSCAPS_PRIMARY16BIT 0x00000008u
+#define DSCAPS_CONTINUOUSRATE 0x00000010u
+#define DSCAPS_EMULDRIVER 0x00000020u
+#define DSCAPS_SECONDARYMONO 0x00000100u
+#define DSCAPS_SECONDARYSTEREO 0x00000200u
+#define DSCAPS_SECONDARY8BIT 0x00000400u
+#define DSCAPS_SECONDARY16BIT 0x00000800u
+
+#define DSSCL_NORMAL 1u
+#define DSSCL_PRIORITY 2u
+#define DSSCL_EXCLUSIVE 3u
+#define DSSCL_WRITEPRIMARY 4u
+
+#define DSBCAPS_PRIMARYBUFFER 0x00000001u
+#define DSBCAPS_STATIC 0x00000002u
+#define DSBCAPS_LOCHARDWARE 0x00000004u
+#define DSBCAPS_LOCSOFTWARE 0x00000008u
+#define DSBCAPS_CTRL3D 0x00000010u
+#define DSBCAPS_CTRLFREQUENCY 0x00000020u
+#define DSBCAPS_CTRLPAN 0x00000040u
+#define DSBCAPS_CTRLVOLUME 0x00000080u
+#define DSBCAPS_CTRLPOSITIONNOTIFY 0x00000100u
+#define DSBCAPS_CTRLFX 0x00000200u
+#define DSBCAPS_STICKYFOCUS 0x00004000u
+#define DSBCAPS_GLOBALFOCUS 0x00008000u
+#define DSBCAPS_GETCURRENTPOSITION2 0x00010000u
+#define DSBCAPS_MUTE3DATMAXDISTANCE 0x00020000u
+#define DSBCAPS_LOCDEFER 0x00040000u
+
+#define DSBPLAY_LOOPING 0x00000001u
+#define DSBSTATUS_PLAYING 0x00000001u
+#define DSBSTATUS_BUFFERLOST 0x00000002u
+#define DSBSTATUS_LOOPING 0x00000004u
+#define DSBSTATUS_LOCSOFTWARE 0x00000008u
+#define DSBSTATUS_TERMINATED 0x00000020u
+#define DSBLOCK_FROMWRITECURSOR 0x00000001u
+#define DSBLOCK_ENTIREBUFFER 0x00000002u
+
+#define DSBFREQUENCY_ORIGINAL 0u
+#define DSBFREQUENCY_MIN 100u
+#define DSBFREQUENCY_MAX 100000u
+#define DSBPAN_LEFT (-10000)
+#define DSBPAN_CENTER 0
+#define DSBPAN_RIGHT 10000
+#define DSBVOLUME_MIN (-10000)
+#define DSBVOLUME_MAX 0
+#define DSBSIZE_MIN 4u
+#define DSBSIZE_MAX 0x0FFFFFFFu
+#define DSBPN_OFFSETSTOP 0xFFFFFFFFu
+
 #endif // !_WIN32
 #endif // QUAVIX_QXWINTYPES_H

@@ -1,4 +1,5 @@
 #include "platform/backends/virtual/QXVirtual.h"
+#include "platform/backends/virtual/QXVirtualAudio.h"
 #include "platform/backends/virtual/QXVirtualPorts.h"
 
 #include <atomic>
@@ -46,6 +47,12 @@ public:
     {
         if (n < 0 || n >= Count(DeviceKind::MidiIn)) return MMSYSERR_BADDEVICEID;
         return OpenVirtualMidiIn(n, pSink, port);
+    }
+
+    MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port) override
+    {
+        if (n < 0 || n >= Count(DeviceKind::WaveOut)) return MMSYSERR_BADDEVICEID;
+        return OpenVirtualAudioOut(n, port);
     }
 
     void SetCounts(const int counts[4])

@@ -1,0 +1,258 @@
+#include "platform/backends/virtual/QXVirtualAudio.h"
+
+#include "platform/QXMmio.h"
+#include "platform/QXRealtime.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace qxplat {
+
+namespace {
+
+constexpr int64_t kTickNs = 5'000'000;  // the sink consumes every 5 ms
+constexpr uint32_t kTargetMs = 20;      // what the mixer keeps queued
+constexpr int64_t kHeaderEveryNs = 1'000'000'000;
+
+// A 16-bit stereo WAV file written through the mmio service.
+class CaptureFile {
+public:
+    bool Open(const std::string& path, DWORD rate)
+    {
+        std::vector<char> name(path.begin(), path.end());
+        name.push_back('\0');
+        m_h = mmioOpenA(name.data(), nullptr, MMIO_CREATE | MMIO_WRITE | MMIO_ALLOCBUF);
+        if (m_h == nullptr) return false;
+        m_riff = {};
+        m_riff.fccType = mmioFOURCC('W', 'A', 'V', 'E');
+        MMCKINFO fmt{};
+        fmt.ckid = mmioFOURCC('f', 'm', 't', ' ');
+        WAVEFORMATEX wfx{};
+        wfx.wFormatTag = WAVE_FORMAT_PCM;
+        wfx.nChannels = 2;
+        wfx.nSamplesPerSec = rate;
+        wfx.wBitsPerSample = 16;
+        wfx.nBlockAlign = 4;
+        wfx.nAvgBytesPerSec = rate * 4;
+        m_data = {};
+        m_data.ckid = mmioFOURCC('d', 'a', 't', 'a');
+        if (mmioCreateChunk(m_h, &m_riff, MMIO_CREATERIFF) != MMSYSERR_NOERROR ||
+            mmioCreateChunk(m_h, &fmt, 0) != MMSYSERR_NOERROR ||
+            mmioWrite(m_h, reinterpret_cast<const char*>(&wfx), 16) != 16 ||
+            mmioAscend(m_h, &fmt, 0) != MMSYSERR_NOERROR || mmioCreateChunk(m_h, &m_data, 0) != MMSYSERR_NOERROR) {
+            Fail();
+            return false;
+        }
+        m_bytes = 0;
+        return true;
+    }
+
+    bool IsOpen() const { return m_h != nullptr; }
+
+    void Write(const float* frames, uint32_t n)
+    {
+        if (m_h == nullptr) return;
+        int16_t pcm[2 * 256];
+        while (n > 0) {
+            const uint32_t k = std::min<uint32_t>(n, 256);
+            for (uint32_t i = 0; i < 2 * k; ++i) {
+                const float s = std::clamp(frames[i], -1.0f, 1.0f); // the one clip of the mix
+                pcm[i] = static_cast<int16_t>(s < 0 ? s * 32768.0f - 0.5f : s * 32767.0f + 0.5f);
+            }
+            const LONG cb = static_cast<LONG>(k * 4);
+            if (mmioWrite(m_h, reinterpret_cast<const char*>(pcm), cb) != cb) {
+                std::fprintf(stderr, "quavix: the virtual wave output's capture file cannot be written\n");
+                Fail();
+                return;
+            }
+            m_bytes += static_cast<DWORD>(cb);
+            frames += 2 * k;
+            n -= k;
+        }
+    }
+
+    // Writes the true sizes into the headers, leaving the file positioned at its end.
+    void RefreshHeader()
+    {
+        if (m_h == nullptr) return;
+        const DWORD riffSize = m_data.dwDataOffset - 8 + m_bytes;
+        const LONG end = static_cast<LONG>(m_data.dwDataOffset + m_bytes);
+        bool ok = mmioSeek(m_h, 4, SEEK_SET) == 4 &&
+                  mmioWrite(m_h, reinterpret_cast<const char*>(&riffSize), 4) == 4 &&
+                  mmioSeek(m_h, static_cast<LONG>(m_data.dwDataOffset - 4), SEEK_SET) >= 0 &&
+                  mmioWrite(m_h, reinterpret_cast<const char*>(&m_bytes), 4) == 4 && mmioSeek(m_h, end, SEEK_SET) == end &&
+                  mmioFlush(m_h, 0) == MMSYSERR_NOERROR;
+        if (!ok) Fail();
+    }
+
+    void Close()
+    {
+        if (m_h == nullptr) return;
+        RefreshHeader();
+        if (m_h != nullptr) mmioClose(m_h, 0);
+        m_h = nullptr;
+    }
+
+private:
+    void Fail()
+    {
+        if (m_h != nullptr) mmioClose(m_h, 0);
+        m_h = nullptr;
+    }
+
+    HMMIO m_h = nullptr;
+    MMCKINFO m_riff{};
+    MMCKINFO m_data{};
+    DWORD m_bytes = 0;
+};
+
+class VirtualAudioOut final : public AudioOutPort {
+public:
+    VirtualAudioOut(int n, DWORD rate, std::string capturePath)
+        : m_n(n), m_rate(rate), m_ring(rate / 5), m_capturePath(std::move(capturePath))
+    {
+    }
+
+    ~VirtualAudioOut() override
+    {
+        Stop();
+        m_capture.Close();
+    }
+
+    DWORD Rate() const override { return m_rate; }
+    uint32_t TargetFrames() const override { return m_rate * kTargetMs / 1000; }
+    AudioRing& Ring() override { return m_ring; }
+
+    void Start() override
+    {
+        std::lock_guard<std::mutex> lock(m_ownerLock);
+        if (m_thread.joinable()) return;
+        {
+            std::lock_guard<std::mutex> l(m_lock);
+            m_quit = false;
+        }
+        m_thread = std::thread([this] { Run(); });
+    }
+
+    void Stop() override
+    {
+        std::lock_guard<std::mutex> lock(m_ownerLock);
+        if (!m_thread.joinable()) return;
+        {
+            std::lock_guard<std::mutex> l(m_lock);
+            m_quit = true;
+        }
+        m_wake.notify_all();
+        m_thread.join();
+    }
+
+    void PrimaryStarted() override { m_captureWanted.store(true); }
+
+    uint64_t UnderrunFrames() const override { return m_underruns.load(); }
+
+private:
+    void Run()
+    {
+        MakeRealtimeThread("qx-vaudio");
+        std::vector<float> chunk(2 * 1024);
+        const int64_t origin = NowNs();
+        int64_t lastHeader = origin;
+        uint64_t consumed = 0;
+        std::unique_lock<std::mutex> lock(m_lock);
+        while (!m_quit) {
+            lock.unlock();
+            const int64_t now = NowNs();
+            const uint64_t due = static_cast<uint64_t>((now - origin) / 1000) * m_rate / 1000000;
+            if (m_captureWanted.load() && !m_captureTried) {
+                m_captureTried = true;
+                if (!m_capturePath.empty() && !m_capture.Open(m_capturePath, m_rate))
+                    std::fprintf(stderr, "quavix: cannot write the capture of virtual wave output %d to \"%s\"\n",
+                                 m_n, m_capturePath.c_str());
+            }
+            while (consumed < due) {
+                const uint32_t want = static_cast<uint32_t>(std::min<uint64_t>(due - consumed, 1024));
+                const uint32_t got = m_ring.Read(chunk.data(), want);
+                if (got < want) {
+                    std::fill(chunk.begin() + 2 * got, chunk.begin() + 2 * want, 0.0f);
+                    m_underruns.fetch_add(want - got);
+                }
+                if (m_captureTried) m_capture.Write(chunk.data(), want);
+                consumed += want;
+            }
+            if (m_capture.IsOpen() && now - lastHeader >= kHeaderEveryNs) {
+                m_capture.RefreshHeader();
+                lastHeader = now;
+            }
+            lock.lock();
+            const int64_t next = origin + ((now - origin) / kTickNs + 1) * kTickNs;
+            m_wake.wait_for(lock, std::chrono::nanoseconds(next - NowNs()), [this] { return m_quit; });
+        }
+    }
+
+    const int m_n;
+    const DWORD m_rate;
+    AudioRing m_ring;
+    const std::string m_capturePath;
+    std::atomic<bool> m_captureWanted{false};
+    std::atomic<uint64_t> m_underruns{0};
+    // The capture belongs to the consumer thread while it runs, to the owner after.
+    CaptureFile m_capture;
+    bool m_captureTried = false;
+
+    std::mutex m_ownerLock; // Start and Stop
+    std::mutex m_lock;
+    std::condition_variable m_wake;
+    bool m_quit = false; // under m_lock
+    std::thread m_thread;
+};
+
+} // namespace
+
+DWORD VirtualAudioRate()
+{
+    const char* text = std::getenv("QUAVIX_VIRTUAL_AUDIO_RATE");
+    if (text == nullptr || *text == '\0') return 48000;
+    char* stop = nullptr;
+    const long rate = std::strtol(text, &stop, 10);
+    if (*stop != '\0' || rate < 8000 || rate > 192000) {
+        std::fprintf(stderr, "quavix: ignoring QUAVIX_VIRTUAL_AUDIO_RATE \"%s\" (8000 to 192000); using 48000\n", text);
+        return 48000;
+    }
+    return static_cast<DWORD>(rate);
+}
+
+std::string VirtualCapturePath(const char* pszPattern, int n)
+{
+    if (pszPattern == nullptr) return {};
+    std::string out, pattern(pszPattern);
+    for (size_t i = 0; i < pattern.size(); ++i) {
+        if (pattern[i] == '%' && i + 1 < pattern.size() && pattern[i + 1] == 'd') {
+            out += std::to_string(n);
+            ++i;
+        } else {
+            out += pattern[i];
+        }
+    }
+    return out;
+}
+
+MMRESULT OpenVirtualAudioOut(int n, std::unique_ptr<AudioOutPort>& port)
+{
+    try {
+        port = std::make_unique<VirtualAudioOut>(
+            n, VirtualAudioRate(), VirtualCapturePath(std::getenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE"), n));
+    } catch (const std::bad_alloc&) {
+        return MMSYSERR_NOMEM;
+    }
+    return MMSYSERR_NOERROR;
+}
+
+} // namespace qxplat

@@ -1,0 +1,688 @@
+#include "platform/dsound/QXMixer.h"
+
+#include "platform/QXPlatform.h"
+#include "platform/QXRealtime.h"
+#include "platform/backends/QXBackend.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace qxplat {
+
+Resampler ResamplerFromEnvironment()
+{
+    const char* want = std::getenv("QUAVIX_RESAMPLER");
+    if (want == nullptr || *want == '\0' || std::strcmp(want, "cubic") == 0) return Resampler::Cubic;
+    if (std::strcmp(want, "linear") == 0) return Resampler::Linear;
+    if (std::strcmp(want, "sinc") == 0) return Resampler::Sinc;
+    std::fprintf(stderr, "quavix: unknown QUAVIX_RESAMPLER \"%s\"; using cubic\n", want);
+    return Resampler::Cubic;
+}
+
+namespace ds {
+
+namespace {
+
+constexpr DWORD kMinRate = DSBFREQUENCY_MIN;
+constexpr DWORD kMaxRate = DSBFREQUENCY_MAX;
+
+// The windowed sinc: half-width in zero crossings at unit scale, and the narrowest
+// scale (downsampling by more than 4 aliases somewhat rather than growing the kernel).
+constexpr int kSincHalf = 16;
+constexpr float kSincMinScale = 0.25f;
+constexpr int kSincResolution = 512;
+
+struct SincTable {
+    std::vector<float> k; // k[i] = kernel at i / kSincResolution zero crossings
+    SincTable()
+    {
+        const double beta = 9.5;
+        auto bessel0 = [](double x) {
+            double sum = 1.0, term = 1.0;
+            for (int m = 1; m < 40; ++m) {
+                term *= (x / (2.0 * m)) * (x / (2.0 * m));
+                sum += term;
+            }
+            return sum;
+        };
+        const int n = kSincHalf * kSincResolution;
+        k.resize(n + 2, 0.0f);
+        for (int i = 0; i <= n; ++i) {
+            const double x = static_cast<double>(i) / kSincResolution;
+            const double sinc = i == 0 ? 1.0 : std::sin(M_PI * x) / (M_PI * x);
+            const double r = x / kSincHalf;
+            const double w = bessel0(beta * std::sqrt(std::max(0.0, 1.0 - r * r))) / bessel0(beta);
+            k[i] = static_cast<float>(sinc * w);
+        }
+    }
+};
+
+const SincTable& Sinc()
+{
+    static const SincTable table;
+    return table;
+}
+
+// ---- Conversion of source frames into float (mono, or stereo interleaved) ----
+
+template <SampleKind K>
+inline float Sample(const BYTE* p)
+{
+    if constexpr (K == SampleKind::U8) {
+        return (static_cast<int>(p[0]) - 128) * (1.0f / 128.0f);
+    } else if constexpr (K == SampleKind::S16) {
+        int16_t s;
+        std::memcpy(&s, p, 2);
+        return s * (1.0f / 32768.0f);
+    } else if constexpr (K == SampleKind::S24) {
+        const int32_t s = static_cast<int32_t>((uint32_t{p[0]} << 8) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 24));
+        return static_cast<float>(s) * (1.0f / 2147483648.0f);
+    } else if constexpr (K == SampleKind::S32) {
+        int32_t s;
+        std::memcpy(&s, p, 4);
+        return static_cast<float>(s) * (1.0f / 2147483648.0f);
+    } else {
+        float s;
+        std::memcpy(&s, p, 4);
+        return s;
+    }
+}
+
+template <SampleKind K>
+constexpr int Width()
+{
+    return K == SampleKind::U8 ? 1 : K == SampleKind::S16 ? 2 : K == SampleKind::S24 ? 3 : 4;
+}
+
+using ConvertFn = void (*)(const BYTE* src, uint32_t frames, int channels, float* dst);
+
+template <SampleKind K>
+void ConvertMono(const BYTE* src, uint32_t frames, int, float* dst)
+{
+    constexpr int w = Width<K>();
+    for (uint32_t i = 0; i < frames; ++i) dst[i] = Sample<K>(src + size_t{i} * w);
+}
+
+template <SampleKind K>
+void ConvertStereo(const BYTE* src, uint32_t frames, int, float* dst)
+{
+    constexpr int w = Width<K>();
+    for (uint32_t i = 0; i < 2 * frames; ++i) dst[i] = Sample<K>(src + size_t{i} * w);
+}
+
+// Channels in the WAVE order (front left, front right, centre, LFE, then left/right
+// pairs) folded to stereo: centre and the other pairs at -3 dB, LFE dropped.
+template <SampleKind K>
+void ConvertFold(const BYTE* src, uint32_t frames, int channels, float* dst)
+{
+    constexpr int w = Width<K>();
+    constexpr float h = 0.70710678f;
+    for (uint32_t i = 0; i < frames; ++i) {
+        const BYTE* f = src + size_t{i} * channels * w;
+        float l = Sample<K>(f), r = Sample<K>(f + w);
+        if (channels > 2) {
+            const float c = Sample<K>(f + 2 * w) * h;
+            l += c;
+            r += c;
+        }
+        for (int ch = 4; ch < channels; ++ch) {
+            const float s = Sample<K>(f + ch * w) * h;
+            if (ch % 2 == 0)
+                l += s;
+            else
+                r += s;
+        }
+        dst[2 * i] = l;
+        dst[2 * i + 1] = r;
+    }
+}
+
+template <SampleKind K>
+ConvertFn PickConvert(int channels)
+{
+    if (channels == 1) return &ConvertMono<K>;
+    if (channels == 2) return &ConvertStereo<K>;
+    return &ConvertFold<K>;
+}
+
+ConvertFn ConverterFor(const SourceFormat& f)
+{
+    switch (f.kind) {
+    case SampleKind::U8: return PickConvert<SampleKind::U8>(f.channels);
+    case SampleKind::S16: return PickConvert<SampleKind::S16>(f.channels);
+    case SampleKind::S24: return PickConvert<SampleKind::S24>(f.channels);
+    case SampleKind::S32: return PickConvert<SampleKind::S32>(f.channels);
+    case SampleKind::F32: return PickConvert<SampleKind::F32>(f.channels);
+    }
+    return nullptr;
+}
+
+// ---- Resampling kernels: src holds converted frames, pos is 32.32 into src ----
+
+constexpr float kFracScale = 1.0f / 16777216.0f;
+
+inline float Frac(uint64_t pos)
+{
+    return static_cast<float>(static_cast<uint32_t>(pos) >> 8) * kFracScale;
+}
+
+template <int CH>
+void MixLinear(const float* __restrict src, uint64_t pos, uint64_t step, uint32_t n, float gl, float gr,
+               float* __restrict out)
+{
+    for (uint32_t i = 0; i < n; ++i, pos += step) {
+        const size_t idx = static_cast<size_t>(pos >> 32);
+        const float f = Frac(pos);
+        if constexpr (CH == 1) {
+            const float a = src[idx], b = src[idx + 1];
+            const float s = a + f * (b - a);
+            out[2 * i] += gl * s;
+            out[2 * i + 1] += gr * s;
+        } else {
+            const float* p = src + 2 * idx;
+            const float l = p[0] + f * (p[2] - p[0]);
+            const float r = p[1] + f * (p[3] - p[1]);
+            out[2 * i] += gl * l;
+            out[2 * i + 1] += gr * r;
+        }
+    }
+}
+
+// Catmull-Rom spline through the frames before and after the two neighbours.
+template <int CH>
+void MixCubic(const float* __restrict src, uint64_t pos, uint64_t step, uint32_t n, float gl, float gr,
+              float* __restrict out)
+{
+    for (uint32_t i = 0; i < n; ++i, pos += step) {
+        const size_t idx = static_cast<size_t>(pos >> 32);
+        const float f = Frac(pos);
+        const float f2 = f * f;
+        const float w0 = f * (-0.5f + f * (1.0f - 0.5f * f));
+        const float w1 = 1.0f + f2 * (-2.5f + 1.5f * f);
+        const float w2 = f * (0.5f + f * (2.0f - 1.5f * f));
+        const float w3 = f2 * (-0.5f + 0.5f * f);
+        if constexpr (CH == 1) {
+            const float* p = src + idx - 1;
+            const float s = w0 * p[0] + w1 * p[1] + w2 * p[2] + w3 * p[3];
+            out[2 * i] += gl * s;
+            out[2 * i + 1] += gr * s;
+        } else {
+            const float* p = src + 2 * (idx - 1);
+            const float l = w0 * p[0] + w1 * p[2] + w2 * p[4] + w3 * p[6];
+            const float r = w0 * p[1] + w1 * p[3] + w2 * p[5] + w3 * p[7];
+            out[2 * i] += gl * l;
+            out[2 * i + 1] += gr * r;
+        }
+    }
+}
+
+// Kaiser-windowed sinc, low-passed at the lower of the two Nyquist frequencies.
+template <int CH>
+void MixSinc(const float* __restrict src, uint64_t pos, uint64_t step, uint32_t n, float gl, float gr,
+             float* __restrict out)
+{
+    const float* k = Sinc().k.data();
+    const double ratio = static_cast<double>(step) / 4294967296.0;
+    const float scale = std::max(kSincMinScale, ratio > 1.0 ? static_cast<float>(1.0 / ratio) : 1.0f);
+    const int half = static_cast<int>(std::ceil(kSincHalf / scale));
+    const float limit = static_cast<float>(kSincHalf);
+    const float toTable = scale * kSincResolution;
+    for (uint32_t i = 0; i < n; ++i, pos += step) {
+        const ptrdiff_t idx = static_cast<ptrdiff_t>(pos >> 32);
+        const float f = Frac(pos);
+        float sumW = 0.0f, l = 0.0f, r = 0.0f;
+        for (int t = -half + 1; t <= half; ++t) {
+            const float d = std::fabs(static_cast<float>(t) - f);
+            if (d * scale >= limit) continue;
+            const float x = d * toTable;
+            const int xi = static_cast<int>(x);
+            const float xf = x - static_cast<float>(xi);
+            const float w = k[xi] + xf * (k[xi + 1] - k[xi]);
+            sumW += w;
+            if constexpr (CH == 1) {
+                l += w * src[idx + t];
+            } else {
+                l += w * src[2 * (idx + t)];
+                r += w * src[2 * (idx + t) + 1];
+            }
+        }
+        const float norm = sumW != 0.0f ? 1.0f / sumW : 0.0f;
+        if constexpr (CH == 1) {
+            const float s = l * norm;
+            out[2 * i] += gl * s;
+            out[2 * i + 1] += gr * s;
+        } else {
+            out[2 * i] += gl * l * norm;
+            out[2 * i + 1] += gr * r * norm;
+        }
+    }
+}
+
+using KernelFn = void (*)(const float*, uint64_t, uint64_t, uint32_t, float, float, float*);
+
+KernelFn KernelFor(Resampler mode, int channels)
+{
+    const bool mono = channels == 1;
+    switch (mode) {
+    case Resampler::Linear: return mono ? &MixLinear<1> : &MixLinear<2>;
+    case Resampler::Sinc: return mono ? &MixSinc<1> : &MixSinc<2>;
+    case Resampler::Cubic: break;
+    }
+    return mono ? &MixCubic<1> : &MixCubic<2>;
+}
+
+float DbToGain(LONG hundredths)
+{
+    if (hundredths <= DSBVOLUME_MIN) return 0.0f;
+    return static_cast<float>(std::pow(10.0, hundredths / 2000.0));
+}
+
+// Fires the events of the offsets the cursor passed moving from byte c0 (below size)
+// by span bytes.
+void FirePassed(const std::vector<DSBPOSITIONNOTIFY>& notes, uint64_t c0, uint64_t span, uint64_t size)
+{
+    for (const DSBPOSITIONNOTIFY& n : notes) {
+        uint64_t d = (n.dwOffset + size - c0) % size;
+        if (d == 0) d = size;
+        if (d <= span) SetEvent(n.hEventNotify);
+    }
+}
+
+} // namespace
+
+bool ParseFormat(const WAVEFORMATEX* pf, SourceFormat& out)
+{
+    if (pf == nullptr) return false;
+    WORD tag = pf->wFormatTag;
+    if (tag == WAVE_FORMAT_EXTENSIBLE) {
+        if (pf->cbSize < 22) return false;
+        WAVEFORMATEXTENSIBLE ext;
+        std::memcpy(&ext, pf, sizeof ext);
+        const GUID& sub = ext.SubFormat;
+        // KSDATAFORMAT_SUBTYPE_PCM and _IEEE_FLOAT share everything but Data1.
+        static constexpr uint8_t tail[8] = {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
+        if (sub.Data2 != 0x0000 || sub.Data3 != 0x0010 || std::memcmp(sub.Data4, tail, 8) != 0) return false;
+        if (sub.Data1 != WAVE_FORMAT_PCM && sub.Data1 != WAVE_FORMAT_IEEE_FLOAT) return false;
+        if (ext.Samples.wValidBitsPerSample != 0 && ext.Samples.wValidBitsPerSample > pf->wBitsPerSample) return false;
+        tag = static_cast<WORD>(sub.Data1);
+    }
+    const int bits = pf->wBitsPerSample;
+    SourceFormat f;
+    if (tag == WAVE_FORMAT_PCM) {
+        switch (bits) {
+        case 8: f.kind = SampleKind::U8; break;
+        case 16: f.kind = SampleKind::S16; break;
+        case 24: f.kind = SampleKind::S24; break;
+        case 32: f.kind = SampleKind::S32; break;
+        default: return false;
+        }
+    } else if (tag == WAVE_FORMAT_IEEE_FLOAT) {
+        if (bits != 32) return false;
+        f.kind = SampleKind::F32;
+    } else {
+        return false;
+    }
+    if (pf->nChannels < 1 || pf->nChannels > 8) return false;
+    if (pf->nSamplesPerSec < kMinRate || pf->nSamplesPerSec > kMaxRate) return false;
+    f.channels = pf->nChannels;
+    f.bytesPerSample = bits / 8;
+    f.blockAlign = static_cast<DWORD>(f.channels * f.bytesPerSample);
+    if (pf->nBlockAlign != f.blockAlign) return false;
+    f.rate = pf->nSamplesPerSec;
+    out = f;
+    return true;
+}
+
+void PanGains(LONG lVolume, LONG lPan, float& left, float& right)
+{
+    left = DbToGain(lVolume - std::max<LONG>(lPan, 0));
+    right = DbToGain(lVolume + std::min<LONG>(lPan, 0));
+}
+
+// ---- Voice ----
+
+Voice::Voice(const SourceFormat& format, DWORD dwBytes)
+    : m_format(format), m_bytes(dwBytes), m_frames(dwBytes / format.blockAlign), m_data(new BYTE[dwBytes])
+{
+    std::memset(m_data.get(), format.kind == SampleKind::U8 ? 0x80 : 0x00, dwBytes);
+}
+
+Voice::~Voice() = default;
+
+bool Voice::Play(bool bLooping)
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_looping = bLooping;
+    if (m_playing) return false;
+    m_playing = true;
+    ++m_generation;
+    return true;
+}
+
+bool Voice::Stop()
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (!m_playing) return false;
+    m_playing = false;
+    ++m_generation;
+    if (m_stopEvent != nullptr) SetEvent(m_stopEvent);
+    return true;
+}
+
+bool Voice::Playing() const
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_playing;
+}
+
+bool Voice::Looping() const
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_looping;
+}
+
+void Voice::GetPositions(DWORD leadFrames, DWORD* pdwPlay, DWORD* pdwWrite) const
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    const uint64_t frame = m_pos >> 32;
+    if (pdwPlay != nullptr) *pdwPlay = static_cast<DWORD>(frame * m_format.blockAlign);
+    if (pdwWrite != nullptr) {
+        const uint64_t lead = m_playing ? std::min<uint64_t>(leadFrames, m_frames - 1) : 0;
+        *pdwWrite = static_cast<DWORD>(((frame + lead) % m_frames) * m_format.blockAlign);
+    }
+}
+
+void Voice::SetPosition(DWORD dwBytes)
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_pos = uint64_t{dwBytes / m_format.blockAlign} << 32;
+    ++m_generation;
+}
+
+void Voice::SetVolume(LONG lVolume)
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_volume = lVolume;
+    PanGains(m_volume, m_pan, m_gainL, m_gainR);
+}
+
+void Voice::SetPan(LONG lPan)
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_pan = lPan;
+    PanGains(m_volume, m_pan, m_gainL, m_gainR);
+}
+
+void Voice::SetFrequency(DWORD dwHz)
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_freq = dwHz;
+}
+
+LONG Voice::Volume() const
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_volume;
+}
+
+LONG Voice::Pan() const
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_pan;
+}
+
+DWORD Voice::Frequency() const
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_freq == 0 ? m_format.rate : m_freq;
+}
+
+bool Voice::SetNotifications(const DSBPOSITIONNOTIFY* pItems, DWORD nItems)
+{
+    std::vector<DSBPOSITIONNOTIFY> notes;
+    HANDLE stop = nullptr;
+    for (DWORD i = 0; i < nItems; ++i) {
+        if (pItems[i].dwOffset == DSBPN_OFFSETSTOP)
+            stop = pItems[i].hEventNotify;
+        else
+            notes.push_back(pItems[i]);
+    }
+    std::stable_sort(notes.begin(), notes.end(),
+                     [](const DSBPOSITIONNOTIFY& a, const DSBPOSITIONNOTIFY& b) { return a.dwOffset < b.dwOffset; });
+    std::lock_guard<std::mutex> lock(m_lock);
+    if (m_playing) return false;
+    m_notes.swap(notes);
+    m_stopEvent = stop;
+    return true;
+}
+
+void Voice::Published()
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    ++m_publishCount;
+}
+
+// ---- Mixer ----
+
+Mixer::Mixer(DWORD dwRate, Resampler resampler)
+    : m_rate(std::clamp<DWORD>(dwRate, 8000, 384000)), m_mode(resampler)
+{
+    m_blockFrames = std::max<uint32_t>(1, m_rate / 200);
+    switch (m_mode) {
+    case Resampler::Linear: m_history = 0, m_lookahead = 1; break;
+    case Resampler::Cubic: m_history = 1, m_lookahead = 2; break;
+    case Resampler::Sinc:
+        m_history = static_cast<int>(std::ceil(kSincHalf / kSincMinScale));
+        m_lookahead = m_history + 1;
+        (void)Sinc();
+        break;
+    }
+    const uint64_t maxStep = (uint64_t{kMaxRate} << 32) / m_rate + 1;
+    const uint64_t span = ((maxStep * m_blockFrames) >> 32) + static_cast<uint64_t>(m_history + m_lookahead) + 4;
+    m_scratch.assign(span * 2, 0.0f);
+    m_snapshot.reserve(kMaxVoices);
+    m_voices.reserve(kMaxVoices);
+}
+
+Mixer::~Mixer()
+{
+    StopThread();
+}
+
+bool Mixer::AddVoice(Voice* pVoice)
+{
+    std::lock_guard<std::mutex> lock(m_listLock);
+    if (m_voices.size() >= kMaxVoices) return false;
+    m_voices.push_back(pVoice);
+    return true;
+}
+
+void Mixer::RemoveVoice(Voice* pVoice)
+{
+    std::unique_lock<std::mutex> lock(m_listLock);
+    auto it = std::find(m_voices.begin(), m_voices.end(), pVoice);
+    if (it != m_voices.end()) {
+        *it = m_voices.back();
+        m_voices.pop_back();
+    }
+    m_blockDone.wait(lock, [this] { return !m_inBlock; });
+}
+
+size_t Mixer::VoiceCount() const
+{
+    std::lock_guard<std::mutex> lock(m_listLock);
+    return m_voices.size();
+}
+
+void Mixer::SetMasterGains(float left, float right)
+{
+    m_masterL.store(left, std::memory_order_relaxed);
+    m_masterR.store(right, std::memory_order_relaxed);
+}
+
+void Mixer::Render(float* pOut, uint32_t nFrames)
+{
+    while (nFrames > 0) {
+        const uint32_t n = std::min(nFrames, m_blockFrames);
+        MixBlock(pOut, n);
+        pOut += size_t{n} * 2;
+        nFrames -= n;
+    }
+}
+
+void Mixer::MixBlock(float* pOut, uint32_t nFrames)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_listLock);
+        m_snapshot.assign(m_voices.begin(), m_voices.end());
+        m_inBlock = true;
+    }
+    std::fill(pOut, pOut + size_t{nFrames} * 2, 0.0f);
+    for (Voice* v : m_snapshot) MixVoice(*v, pOut, nFrames);
+    const float ml = m_masterL.load(std::memory_order_relaxed), mr = m_masterR.load(std::memory_order_relaxed);
+    if (ml != 1.0f || mr != 1.0f) {
+        for (uint32_t i = 0; i < nFrames; ++i) {
+            pOut[2 * i] *= ml;
+            pOut[2 * i + 1] *= mr;
+        }
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_listLock);
+        m_inBlock = false;
+    }
+    m_blockDone.notify_all();
+    m_framesMixed.fetch_add(nFrames, std::memory_order_relaxed);
+}
+
+void Mixer::MixVoice(Voice& v, float* pOut, uint32_t nFrames)
+{
+    uint32_t generation;
+    uint64_t pos;
+    bool looping;
+    float gl, gr;
+    DWORD freq;
+    {
+        std::lock_guard<std::mutex> lock(v.m_lock);
+        if (!v.m_playing) return;
+        generation = v.m_generation;
+        pos = v.m_pos;
+        looping = v.m_looping;
+        gl = v.m_gainL;
+        gr = v.m_gainR;
+        freq = v.m_freq == 0 ? v.m_format.rate : v.m_freq;
+    }
+    const SourceFormat& fmt = v.m_format;
+    const uint64_t frames = v.m_frames;
+    const uint64_t endFixed = frames << 32;
+    const uint64_t step = (uint64_t{freq} << 32) / m_rate;
+    uint32_t n = nFrames;
+    bool ended = false;
+    if (!looping) {
+        const uint64_t need = (endFixed - pos + step - 1) / step;
+        if (need <= n) {
+            n = static_cast<uint32_t>(need);
+            ended = true;
+        }
+    }
+
+    if (n > 0 && (gl != 0.0f || gr != 0.0f)) {
+        // Convert the source frames the kernel reads into the scratch buffer.
+        const int outCh = fmt.channels == 1 ? 1 : 2;
+        const int64_t first = static_cast<int64_t>(pos >> 32) - m_history;
+        const uint64_t lastPos = pos + step * (n - 1);
+        uint64_t count = (lastPos >> 32) - (pos >> 32) + static_cast<uint64_t>(m_history + m_lookahead) + 1;
+        count = std::min<uint64_t>(count, m_scratch.size() / 2);
+        const ConvertFn convert = ConverterFor(fmt);
+        float* dst = m_scratch.data();
+        int64_t at = first;
+        uint64_t left = count;
+        const BYTE* data = v.m_data.get();
+        while (left > 0) {
+            uint64_t run;
+            if (looping) {
+                int64_t idx = at % static_cast<int64_t>(frames);
+                if (idx < 0) idx += static_cast<int64_t>(frames);
+                run = std::min<uint64_t>(left, frames - static_cast<uint64_t>(idx));
+                convert(data + static_cast<uint64_t>(idx) * fmt.blockAlign, static_cast<uint32_t>(run), fmt.channels,
+                        dst);
+            } else if (at < 0 || at >= static_cast<int64_t>(frames)) {
+                run = at < 0 ? std::min<uint64_t>(left, static_cast<uint64_t>(-at)) : left;
+                std::fill(dst, dst + run * outCh, 0.0f);
+            } else {
+                run = std::min<uint64_t>(left, frames - static_cast<uint64_t>(at));
+                convert(data + static_cast<uint64_t>(at) * fmt.blockAlign, static_cast<uint32_t>(run), fmt.channels,
+                        dst);
+            }
+            dst += run * outCh;
+            at += static_cast<int64_t>(run);
+            left -= run;
+        }
+        const uint64_t local = (uint64_t(m_history) << 32) | (pos & 0xFFFFFFFFu);
+        KernelFor(m_mode, outCh)(m_scratch.data(), local, step, n, gl, gr, pOut);
+    }
+
+    const uint64_t newPos = pos + step * n;
+    std::lock_guard<std::mutex> lock(v.m_lock);
+    if (v.m_generation != generation) return; // stopped, restarted or moved meanwhile
+    const uint64_t ba = fmt.blockAlign, size = frames * ba;
+    const uint64_t c0 = (pos >> 32) * ba;
+    if (ended) {
+        FirePassed(v.m_notes, c0, size - c0, size);
+        v.m_playing = false;
+        ++v.m_generation;
+        v.m_pos = 0;
+        if (v.m_stopEvent != nullptr) SetEvent(v.m_stopEvent);
+        return;
+    }
+    const uint64_t c1 = (newPos >> 32) * ba;
+    if (c1 > c0) FirePassed(v.m_notes, c0, c1 - c0, size);
+    v.m_pos = newPos % endFixed;
+}
+
+void Mixer::StartThread(AudioOutPort* pPort)
+{
+    if (m_thread.joinable() || pPort == nullptr) return;
+    {
+        std::lock_guard<std::mutex> lock(m_threadLock);
+        m_quit = false;
+    }
+    m_thread = std::thread([this, pPort] { ThreadMain(pPort); });
+}
+
+void Mixer::StopThread()
+{
+    if (!m_thread.joinable()) return;
+    {
+        std::lock_guard<std::mutex> lock(m_threadLock);
+        m_quit = true;
+    }
+    m_threadWake.notify_all();
+    m_thread.join();
+}
+
+void Mixer::ThreadMain(AudioOutPort* pPort)
+{
+    MakeRealtimeThread("qx-mixer");
+    AudioRing& ring = pPort->Ring();
+    const uint32_t target = std::min(std::max(pPort->TargetFrames(), m_blockFrames), ring.Capacity() - m_blockFrames);
+    std::vector<float> block(size_t{m_blockFrames} * 2);
+    const auto nap = std::chrono::microseconds(std::max<int64_t>(500, int64_t{m_blockFrames} * 500000 / m_rate));
+    std::unique_lock<std::mutex> lock(m_threadLock);
+    while (!m_quit) {
+        if (ring.Readable() < target) {
+            lock.unlock();
+            MixBlock(block.data(), m_blockFrames);
+            ring.Write(block.data(), m_blockFrames);
+            lock.lock();
+            continue;
+        }
+        m_threadWake.wait_for(lock, nap, [this] { return m_quit; });
+    }
+}
+
+} // namespace ds
+} // namespace qxplat

@@ -1,0 +1,167 @@
+// The software mixer behind each DirectSound device: voices (the secondary buffers'
+// sample memory and play state) mixed into stereo float at the output rate.
+//
+// Sharing: a voice's play state is guarded by its own small lock, taken by the
+// application's calls and by the mixer only to copy parameters before a voice is mixed
+// and to move its cursor after. The voice list has its own lock, taken briefly by both;
+// RemoveVoice waits for the block in progress. Lock order: list lock, then voice lock,
+// then the kernel's event locks (events are signalled under the voice lock).
+#ifndef QUAVIX_PLATFORM_DSOUND_QXMIXER_H
+#define QUAVIX_PLATFORM_DSOUND_QXMIXER_H
+
+#include "platform/dsound/QXDSound.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace qxplat {
+
+class AudioOutPort;
+
+namespace ds {
+
+enum class SampleKind { U8, S16, S24, S32, F32 };
+
+// A buffer format the mixer reads: PCM 8/16/24/32-bit, float 32-bit, any channel count
+// (more than two are folded to stereo), 100 … 100000 Hz.
+struct SourceFormat {
+    SampleKind kind = SampleKind::S16;
+    int channels = 2;
+    int bytesPerSample = 2;
+    DWORD blockAlign = 4;
+    DWORD rate = 22050;
+};
+
+// False for anything the mixer cannot play (DSERR_BADFORMAT).
+bool ParseFormat(const WAVEFORMATEX* pFormat, SourceFormat& out);
+
+// Linear gains of the left and right outputs for a volume and pan (hundredths of a dB);
+// total attenuations of 100 dB or more are silence.
+void PanGains(LONG lVolume, LONG lPan, float& left, float& right);
+
+// Notification offset that never fires (an unused slot).
+constexpr DWORD kNoOffset = 0xFFFFFFFEu;
+
+class Voice {
+public:
+    // Allocates the sample memory (silence); throws std::bad_alloc.
+    Voice(const SourceFormat& format, DWORD dwBytes);
+    ~Voice();
+    Voice(const Voice&) = delete;
+    Voice& operator=(const Voice&) = delete;
+
+    const SourceFormat& Format() const { return m_format; }
+    DWORD Bytes() const { return m_bytes; }
+    DWORD Frames() const { return m_frames; }
+    BYTE* Data() { return m_data.get(); }
+
+    // Application side. Play returns true when the voice was stopped before.
+    bool Play(bool bLooping);
+    // Returns true when it was playing (then the stop event has been signalled).
+    bool Stop();
+    bool Playing() const;
+    bool Looping() const;
+    void GetPositions(DWORD leadFrames, DWORD* pdwPlay, DWORD* pdwWrite) const;
+    void SetPosition(DWORD dwBytes);
+    void SetVolume(LONG lVolume);
+    void SetPan(LONG lPan);
+    void SetFrequency(DWORD dwHz); // already validated; 0 is the format's rate
+    LONG Volume() const;
+    LONG Pan() const;
+    DWORD Frequency() const;
+    // Replaces the positions (sorted by offset, DSBPN_OFFSETSTOP last). False while playing.
+    bool SetNotifications(const DSBPOSITIONNOTIFY* pItems, DWORD nItems);
+    // Marks the application's writes into the sample memory as published to the mixer.
+    void Published();
+
+private:
+    friend class Mixer;
+
+    SourceFormat m_format;
+    DWORD m_bytes;
+    DWORD m_frames;
+    std::unique_ptr<BYTE[]> m_data;
+
+    mutable std::mutex m_lock;
+    // Under m_lock:
+    bool m_playing = false;
+    bool m_looping = false;
+    uint32_t m_generation = 0; // changes on every Play, Stop and position set
+    uint64_t m_pos = 0;        // frames, 32.32 fixed point, below m_frames
+    LONG m_volume = 0;
+    LONG m_pan = 0;
+    DWORD m_freq = 0;
+    float m_gainL = 1.0f, m_gainR = 1.0f;
+    std::vector<DSBPOSITIONNOTIFY> m_notes; // sorted, without the stop entry
+    HANDLE m_stopEvent = nullptr;
+    uint64_t m_publishCount = 0;
+};
+
+class Mixer {
+public:
+    // Allocates everything the mixing path uses.
+    Mixer(DWORD dwRate, Resampler resampler);
+    ~Mixer(); // stops the thread
+    Mixer(const Mixer&) = delete;
+    Mixer& operator=(const Mixer&) = delete;
+
+    DWORD Rate() const { return m_rate; }
+    Resampler Mode() const { return m_mode; }
+    uint32_t BlockFrames() const { return m_blockFrames; }
+
+    // False when the mixer holds its maximum of voices.
+    bool AddVoice(Voice* pVoice);
+    // After it returns, the mixer no longer touches the voice.
+    void RemoveVoice(Voice* pVoice);
+    size_t VoiceCount() const;
+
+    // Mixes nFrames into pOut (stereo interleaved, overwritten, unclipped), in blocks of at
+    // most BlockFrames(). Not while the thread runs.
+    void Render(float* pOut, uint32_t nFrames);
+    // Master gain applied to the whole mix (the primary buffer's volume and pan).
+    void SetMasterGains(float left, float right);
+    // Frames mixed so far.
+    uint64_t FramesMixed() const { return m_framesMixed.load(std::memory_order_relaxed); }
+
+    // The mixer thread keeps the port's ring filled to its target until StopThread.
+    void StartThread(AudioOutPort* pPort);
+    void StopThread();
+    bool ThreadRunning() const { return m_thread.joinable(); }
+
+    static constexpr size_t kMaxVoices = 4096;
+
+private:
+    void MixBlock(float* pOut, uint32_t nFrames);
+    void MixVoice(Voice& v, float* pOut, uint32_t nFrames);
+    void ThreadMain(AudioOutPort* pPort);
+
+    DWORD m_rate;
+    Resampler m_mode;
+    uint32_t m_blockFrames;
+    int m_history; // source frames the resampler reads before the position
+    int m_lookahead; // and after it
+    std::vector<float> m_scratch; // converted source frames of one voice, stereo
+    std::vector<Voice*> m_snapshot;
+    std::atomic<uint64_t> m_framesMixed{0};
+    std::atomic<float> m_masterL{1.0f}, m_masterR{1.0f};
+
+    mutable std::mutex m_listLock;
+    std::condition_variable m_blockDone;
+    std::vector<Voice*> m_voices; // under m_listLock
+    bool m_inBlock = false;       // under m_listLock
+
+    std::mutex m_threadLock;
+    std::condition_variable m_threadWake;
+    bool m_quit = false; // under m_threadLock
+    std::thread m_thread;
+};
+
+} // namespace ds
+} // namespace qxplat
+
+#endif // QUAVIX_PLATFORM_DSOUND_QXMIXER_H

@@ -1,0 +1,433 @@
+// The mixer, driven offline: gain and pan law, resampling, notifications, once and
+// looping play, Lock regions and sample formats.
+#include "DSTestUtil.h"
+
+#include <cstdio>
+
+using namespace dstest;
+using qxplat::Resampler;
+
+namespace {
+
+double Db(double ratio)
+{
+    return 20.0 * std::log10(ratio);
+}
+
+// The left and right gains (dB) a constant mono or stereo source comes out with.
+void RenderConstant(Offline& off, float& l, float& r)
+{
+    const std::vector<float> out = off.Render(480);
+    l = out[out.size() - 2];
+    r = out[out.size() - 1];
+}
+
+} // namespace
+
+TEST(DSoundMixer, VolumeAndPanFollowTheDecibelLaw)
+{
+    Offline off;
+    LPDIRECTSOUNDBUFFER mono = MakeBuffer(off.ds, Pcm(48000, 1, 16), 960);
+    Fill(mono, [](BYTE* p, DWORD n) {
+        for (DWORD i = 0; i < n; i += 2) {
+            const int16_t v = 16384;
+            std::memcpy(p + i, &v, 2);
+        }
+    });
+    ASSERT_EQ(mono->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    struct Case {
+        LONG volume, pan;
+    };
+    const Case cases[] = {{0, 0}, {-600, 0}, {0, -2173}, {0, 870}, {-1000, 3000}, {-2500, -7000}, {-37, 9000}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "volume " << c.volume << " pan " << c.pan);
+        ASSERT_EQ(mono->SetVolume(c.volume), DS_OK);
+        ASSERT_EQ(mono->SetPan(c.pan), DS_OK);
+        float l, r;
+        RenderConstant(off, l, r);
+        const double wantL = (c.volume - std::max<LONG>(c.pan, 0)) / 100.0;
+        const double wantR = (c.volume + std::min<LONG>(c.pan, 0)) / 100.0;
+        EXPECT_NEAR(Db(l / 0.5), wantL, 0.01);
+        EXPECT_NEAR(Db(r / 0.5), wantR, 0.01);
+        LONG v = 1, p = 1;
+        EXPECT_EQ(mono->GetVolume(&v), DS_OK);
+        EXPECT_EQ(mono->GetPan(&p), DS_OK);
+        EXPECT_EQ(v, c.volume);
+        EXPECT_EQ(p, c.pan);
+    }
+    // A total attenuation of 100 dB is silence, on one side or both.
+    ASSERT_EQ(mono->SetVolume(-5000), DS_OK);
+    ASSERT_EQ(mono->SetPan(-6000), DS_OK);
+    float l, r;
+    RenderConstant(off, l, r);
+    EXPECT_NEAR(Db(l / 0.5), -50.0, 0.01);
+    EXPECT_EQ(r, 0.0f);
+    ASSERT_EQ(mono->SetVolume(DSBVOLUME_MIN), DS_OK);
+    ASSERT_EQ(mono->SetPan(0), DS_OK);
+    RenderConstant(off, l, r);
+    EXPECT_EQ(l, 0.0f);
+    EXPECT_EQ(r, 0.0f);
+    mono->Release();
+
+    // A stereo source keeps its channels apart; pan attenuates one of them.
+    LPDIRECTSOUNDBUFFER stereo = MakeBuffer(off.ds, Pcm(48000, 2, 16), 960 * 2);
+    Fill(stereo, [](BYTE* p, DWORD n) {
+        for (DWORD i = 0; i < n; i += 4) {
+            const int16_t lv = 16384, rv = -8192;
+            std::memcpy(p + i, &lv, 2);
+            std::memcpy(p + i + 2, &rv, 2);
+        }
+    });
+    ASSERT_EQ(stereo->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    ASSERT_EQ(stereo->SetVolume(-300), DS_OK);
+    ASSERT_EQ(stereo->SetPan(-1500), DS_OK);
+    RenderConstant(off, l, r);
+    EXPECT_NEAR(Db(l / 0.5), -3.0, 0.01);
+    EXPECT_NEAR(Db(r / -0.25), -18.0, 0.01);
+    stereo->Release();
+}
+
+TEST(DSoundMixer, ToneKeepsItsPitchAcrossRatesAndRateChanges)
+{
+    for (Resampler mode : {Resampler::Linear, Resampler::Cubic, Resampler::Sinc}) {
+        SCOPED_TRACE(static_cast<int>(mode));
+        Offline off(48000, mode);
+        // One second at 22050 Hz holds whole cycles, so the loop is seamless.
+        LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(22050, 1, 16), 22050 * 2);
+        FillSine16(b, 1000.0, 22050.0, 0.5);
+        ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+        std::vector<float> out = off.Render(48000);
+        EXPECT_NEAR(MeasureFrequency(Channel(out, 0), 48000), 1000.0, 0.5);
+        EXPECT_NEAR(MeasureFrequency(Channel(out, 1), 48000), 1000.0, 0.5);
+        EXPECT_GT(ToneSnr(Channel(out, 0, 100), 1000.0, 48000), 40.0);
+        // The cursor moved by one second of the buffer: back where it began.
+        DWORD play = 1, write = 0;
+        ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
+        EXPECT_LE(std::min(play, 44100 - play), 4u);
+
+        // Twice the rate, mid-play: twice the pitch, and the cursor moves twice as fast.
+        ASSERT_EQ(b->SetFrequency(44100), DS_OK);
+        DWORD f = 0;
+        ASSERT_EQ(b->GetFrequency(&f), DS_OK);
+        EXPECT_EQ(f, 44100u);
+        DWORD before = 0, after = 0;
+        b->GetCurrentPosition(&before, nullptr);
+        out = off.Render(4800);
+        b->GetCurrentPosition(&after, nullptr);
+        EXPECT_NEAR(static_cast<double>((after + 44100 - before) % 44100), 4410.0 * 2, 4.0);
+        EXPECT_NEAR(MeasureFrequency(Channel(off.Render(24000), 0), 48000), 2000.0, 1.0);
+        // A rate that does not divide evenly, then back to the buffer's own.
+        ASSERT_EQ(b->SetFrequency(15000), DS_OK);
+        EXPECT_NEAR(MeasureFrequency(Channel(off.Render(24000), 0, 200), 48000), 1000.0 * 15000 / 22050, 1.0);
+        ASSERT_EQ(b->SetFrequency(DSBFREQUENCY_ORIGINAL), DS_OK);
+        ASSERT_EQ(b->GetFrequency(&f), DS_OK);
+        EXPECT_EQ(f, 22050u);
+        EXPECT_NEAR(MeasureFrequency(Channel(off.Render(24000), 0, 200), 48000), 1000.0, 0.5);
+        b->Release();
+    }
+}
+
+TEST(DSoundMixer, HigherQualityResamplersMakeCleanerTones)
+{
+    double snr[3][2];
+    for (Resampler mode : {Resampler::Linear, Resampler::Cubic, Resampler::Sinc}) {
+        for (int t = 0; t < 2; ++t) {
+            const double tone = t == 0 ? 1000.0 : 8000.0;
+            Offline off(48000, mode);
+            LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(22050, 1, 16), 22050 * 2);
+            FillSine16(b, tone, 22050.0, 0.5);
+            ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+            snr[static_cast<int>(mode)][t] = ToneSnr(Channel(off.Render(48000), 0, 200), tone, 48000);
+            b->Release();
+        }
+    }
+    std::printf("SNR 1 kHz / 8 kHz: linear %.1f / %.1f, cubic %.1f / %.1f, sinc %.1f / %.1f dB\n", snr[0][0],
+                snr[0][1], snr[1][0], snr[1][1], snr[2][0], snr[2][1]);
+    for (int t = 0; t < 2; ++t) {
+        EXPECT_GT(snr[1][t], snr[0][t]);
+        EXPECT_GT(snr[2][t], snr[1][t] + 10.0);
+    }
+    EXPECT_GT(snr[2][0], 75.0); // near the 16-bit source's own floor
+}
+
+TEST(DSoundMixer, NotificationsFireWhereTheCursorPasses)
+{
+    Offline off;
+    // 1000 frames of 16-bit mono at the output rate: the cursor moves one frame per frame.
+    LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(48000, 1, 16), 2000);
+    LPDIRECTSOUNDNOTIFY notify = nullptr;
+    ASSERT_EQ(b->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&notify)), DS_OK);
+    HANDLE ev[4];
+    for (HANDLE& h : ev) h = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    // Given out of order; the last byte and offset 0 both sit at the wrap.
+    DSBPOSITIONNOTIFY pos[4] = {{998, ev[1]}, {0, ev[0]}, {1999, ev[2]}, {DSBPN_OFFSETSTOP, ev[3]}};
+    ASSERT_EQ(notify->SetNotificationPositions(4, pos), DS_OK);
+    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+
+    off.Render(498); // cursor at byte 996
+    for (HANDLE h : ev) EXPECT_FALSE(Signalled(h));
+    off.Render(1); // 998: reached
+    EXPECT_TRUE(Signalled(ev[1]));
+    EXPECT_FALSE(Signalled(ev[0]));
+    off.Render(500); // 1998
+    for (HANDLE h : ev) EXPECT_FALSE(Signalled(h));
+    off.Render(1); // wraps to 0, passing the last byte
+    EXPECT_TRUE(Signalled(ev[2]));
+    EXPECT_TRUE(Signalled(ev[0]));
+    EXPECT_FALSE(Signalled(ev[1]));
+    EXPECT_FALSE(Signalled(ev[3]));
+
+    // A block passing more than the whole buffer fires every position once.
+    off.Render(1500);
+    EXPECT_TRUE(Signalled(ev[0]));
+    EXPECT_TRUE(Signalled(ev[1]));
+    EXPECT_TRUE(Signalled(ev[2]));
+    EXPECT_FALSE(Signalled(ev[3]));
+
+    // Positions change only while stopped; Stop fires the stop entry.
+    EXPECT_EQ(notify->SetNotificationPositions(1, pos), DSERR_INVALIDCALL);
+    ASSERT_EQ(b->Stop(), DS_OK);
+    EXPECT_TRUE(Signalled(ev[3]));
+    ASSERT_EQ(b->Stop(), DS_OK); // not playing: nothing more
+    EXPECT_FALSE(Signalled(ev[3]));
+    DSBPOSITIONNOTIFY stopFirst[2] = {{DSBPN_OFFSETSTOP, ev[3]}, {10, ev[0]}};
+    EXPECT_EQ(notify->SetNotificationPositions(2, stopFirst), DSERR_INVALIDPARAM);
+    DSBPOSITIONNOTIFY outside[1] = {{2000, ev[0]}};
+    EXPECT_EQ(notify->SetNotificationPositions(1, outside), DSERR_INVALIDPARAM);
+    DSBPOSITIONNOTIFY noEvent[1] = {{10, nullptr}};
+    EXPECT_EQ(notify->SetNotificationPositions(1, noEvent), DSERR_INVALIDPARAM);
+    EXPECT_EQ(notify->SetNotificationPositions(1, nullptr), DSERR_INVALIDPARAM);
+    EXPECT_EQ(notify->SetNotificationPositions(0, nullptr), DS_OK); // clears them
+    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    off.Render(3000);
+    b->Stop();
+    for (HANDLE h : ev) EXPECT_FALSE(Signalled(h));
+
+    // The notification interface shares the buffer's reference count.
+    EXPECT_EQ(notify->Release(), 1u);
+    EXPECT_EQ(b->Release(), 0u);
+    for (HANDLE h : ev) CloseHandle(h);
+}
+
+TEST(DSoundMixer, OnceStopsAtTheEndAndLoopingGoesOn)
+{
+    Offline off;
+    LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(48000, 1, 16), 2000);
+    Fill(b, [](BYTE* p, DWORD n) {
+        for (DWORD i = 0; i < n; i += 2) {
+            const int16_t v = 16384;
+            std::memcpy(p + i, &v, 2);
+        }
+    });
+    LPDIRECTSOUNDNOTIFY notify = nullptr;
+    ASSERT_EQ(b->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&notify)), DS_OK);
+    HANDLE last = CreateEventA(nullptr, FALSE, FALSE, nullptr), stop = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    DSBPOSITIONNOTIFY pos[2] = {{1999, last}, {DSBPN_OFFSETSTOP, stop}};
+    ASSERT_EQ(notify->SetNotificationPositions(2, pos), DS_OK);
+
+    ASSERT_EQ(b->Play(0, 0, 0), DS_OK);
+    DWORD status = 0;
+    ASSERT_EQ(b->GetStatus(&status), DS_OK);
+    EXPECT_EQ(status & (DSBSTATUS_PLAYING | DSBSTATUS_LOOPING), DSBSTATUS_PLAYING);
+    off.Render(999);
+    EXPECT_FALSE(Signalled(last));
+    EXPECT_FALSE(Signalled(stop));
+    std::vector<float> tail = off.Render(10);
+    EXPECT_TRUE(Signalled(last));
+    EXPECT_TRUE(Signalled(stop));
+    EXPECT_NEAR(tail[0], 0.5f, 1e-6f); // the last frame, then silence
+    for (size_t i = 2; i < tail.size(); ++i) EXPECT_EQ(tail[i], 0.0f);
+    ASSERT_EQ(b->GetStatus(&status), DS_OK);
+    EXPECT_EQ(status & DSBSTATUS_PLAYING, 0u);
+    DWORD play = 1, write = 1;
+    ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
+    EXPECT_EQ(play, 0u);
+    EXPECT_EQ(write, 0u);
+
+    // Played once again it starts over; looping it passes its end without stopping.
+    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    ASSERT_EQ(b->GetStatus(&status), DS_OK);
+    EXPECT_EQ(status & (DSBSTATUS_PLAYING | DSBSTATUS_LOOPING), DSBSTATUS_PLAYING | DSBSTATUS_LOOPING);
+    tail = off.Render(2500);
+    EXPECT_TRUE(Signalled(last));
+    EXPECT_FALSE(Signalled(stop));
+    for (size_t i = 0; i < tail.size(); ++i) ASSERT_NEAR(tail[i], 0.5f, 1e-6f) << i;
+
+    // Stop leaves the cursor after the last frame played; Play goes on from there.
+    ASSERT_EQ(b->GetCurrentPosition(&play, nullptr), DS_OK);
+    EXPECT_EQ(play, 1000u); // 2500 frames into a 1000-frame loop
+    ASSERT_EQ(b->Stop(), DS_OK);
+    EXPECT_TRUE(Signalled(stop));
+    tail = off.Render(100);
+    for (float s : tail) EXPECT_EQ(s, 0.0f);
+    ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
+    EXPECT_EQ(play, 1000u);
+    EXPECT_EQ(write, 1000u);
+    ASSERT_EQ(b->Play(0, 0, 0), DS_OK);
+    off.Render(250);
+    ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
+    EXPECT_EQ(play, 1500u);
+    EXPECT_NE(write, play); // leads while playing
+    off.Render(250); // reaches the end, played once
+    EXPECT_TRUE(Signalled(stop));
+
+    notify->Release();
+    b->Release();
+    CloseHandle(last);
+    CloseHandle(stop);
+}
+
+TEST(DSoundMixer, LockGivesTheSecondRegionOnAWrap)
+{
+    Offline off;
+    LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(48000, 1, 16), 96000); // one second
+    LPVOID p1 = nullptr, p2 = nullptr;
+    DWORD b1 = 0, b2 = 0;
+    ASSERT_EQ(b->Lock(0, 96000, &p1, &b1, &p2, &b2, 0), DS_OK);
+    BYTE* base = static_cast<BYTE*>(p1);
+    EXPECT_EQ(b1, 96000u);
+    EXPECT_EQ(p2, nullptr);
+    EXPECT_EQ(b2, 0u);
+    ASSERT_EQ(b->Unlock(p1, b1, p2, b2), DS_OK);
+
+    ASSERT_EQ(b->Lock(95000, 3000, &p1, &b1, &p2, &b2, 0), DS_OK);
+    EXPECT_EQ(p1, base + 95000);
+    EXPECT_EQ(b1, 1000u);
+    EXPECT_EQ(p2, base);
+    EXPECT_EQ(b2, 2000u);
+    // What goes into both regions is what plays across the wrap.
+    for (DWORD i = 0; i < b1; i += 2) {
+        const int16_t v = 8192;
+        std::memcpy(static_cast<BYTE*>(p1) + i, &v, 2);
+    }
+    for (DWORD i = 0; i < b2; i += 2) {
+        const int16_t v = -8192;
+        std::memcpy(static_cast<BYTE*>(p2) + i, &v, 2);
+    }
+    ASSERT_EQ(b->Unlock(p1, b1, p2, b2), DS_OK);
+    ASSERT_EQ(b->SetCurrentPosition(95000), DS_OK);
+    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    const std::vector<float> out = Channel(off.Render(1500), 0);
+    EXPECT_NEAR(out[0], 0.25f, 1e-6f);
+    EXPECT_NEAR(out[499], 0.25f, 1e-6f);
+    EXPECT_NEAR(out[501], -0.25f, 1e-6f);
+    EXPECT_NEAR(out[1499], -0.25f, 1e-6f);
+
+    // Without room for a second region the caller gets only the first.
+    ASSERT_EQ(b->Lock(95000, 3000, &p1, &b1, nullptr, nullptr, 0), DS_OK);
+    EXPECT_EQ(b1, 1000u);
+    ASSERT_EQ(b->Unlock(p1, b1, nullptr, 0), DS_OK);
+
+    // From the write cursor: 10 to 20 ms ahead of the play cursor while playing.
+    DWORD play = 0, write = 0;
+    ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
+    ASSERT_EQ(b->Lock(0, 100, &p1, &b1, &p2, &b2, DSBLOCK_FROMWRITECURSOR), DS_OK);
+    EXPECT_EQ(p1, base + write);
+    const DWORD lead = (write + 96000 - play) % 96000 / 2;
+    EXPECT_GE(lead, 480u);
+    EXPECT_LE(lead, 960u);
+    ASSERT_EQ(b->Unlock(p1, b1, p2, b2), DS_OK);
+
+    EXPECT_EQ(b->Lock(96000, 2, &p1, &b1, &p2, &b2, 0), DSERR_INVALIDPARAM);
+    EXPECT_EQ(b->Lock(0, 96001, &p1, &b1, &p2, &b2, 0), DSERR_INVALIDPARAM);
+    EXPECT_EQ(b->Lock(0, 0, &p1, &b1, &p2, &b2, 0), DSERR_INVALIDPARAM);
+    EXPECT_EQ(b->Lock(0, 2, nullptr, &b1, &p2, &b2, 0), DSERR_INVALIDPARAM);
+    int16_t foreign[4];
+    EXPECT_EQ(b->Unlock(foreign, 8, nullptr, 0), DSERR_INVALIDPARAM);
+    EXPECT_EQ(b->Unlock(base + 95990, 20, nullptr, 0), DSERR_INVALIDPARAM);
+    EXPECT_EQ(b->SetCurrentPosition(96000), DSERR_INVALIDPARAM);
+    b->Release();
+}
+
+TEST(DSoundMixer, EverySampleFormatConvertsToTheSameLevel)
+{
+    struct Case {
+        const char* name;
+        WAVEFORMATEX wfx;
+        std::vector<double> ch; // channel values written
+        float wantL, wantR;
+    };
+    constexpr double h = 0.70710678;
+    const Case cases[] = {
+        {"u8 mono", Pcm(48000, 1, 8), {0.5}, 0.5f, 0.5f},
+        {"s16 stereo", Pcm(48000, 2, 16), {0.5, -0.25}, 0.5f, -0.25f},
+        {"s24 mono", Pcm(48000, 1, 24), {-0.5}, -0.5f, -0.5f},
+        {"s24 stereo", Pcm(48000, 2, 24), {0.5, -0.25}, 0.5f, -0.25f},
+        {"s32 stereo", Pcm(48000, 2, 32), {0.5, -0.25}, 0.5f, -0.25f},
+        {"u8 stereo", Pcm(48000, 2, 8), {-0.5, 0.25}, -0.5f, 0.25f},
+        {"float mono", Pcm(48000, 1, 32, WAVE_FORMAT_IEEE_FLOAT), {0.375}, 0.375f, 0.375f},
+        {"5.1 folded", Pcm(48000, 6, 16), {0.5, 0.0, 0.25, 0.75, 0.125, -0.25},
+         static_cast<float>(0.5 + 0.25 * h + 0.125 * h), static_cast<float>(0.25 * h - 0.25 * h)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Offline off;
+        const DWORD frames = 480;
+        LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, c.wfx, frames * c.wfx.nBlockAlign);
+        ASSERT_NE(b, nullptr);
+        const int bits = c.wfx.wBitsPerSample;
+        const bool isFloat = c.wfx.wFormatTag == WAVE_FORMAT_IEEE_FLOAT;
+        Fill(b, [&](BYTE* p, DWORD n) {
+            for (DWORD at = 0; at < n;) {
+                for (double v : c.ch) {
+                    if (isFloat) {
+                        const float f = static_cast<float>(v);
+                        std::memcpy(p + at, &f, 4);
+                    } else if (bits == 8) {
+                        p[at] = static_cast<BYTE>(128 + std::lround(v * 128));
+                    } else {
+                        const int64_t s = std::llround(v * std::ldexp(1.0, bits - 1));
+                        for (int k = 0; k < bits / 8; ++k) p[at + k] = static_cast<BYTE>(s >> (8 * k));
+                    }
+                    at += bits / 8;
+                }
+            }
+        });
+        ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+        const std::vector<float> out = off.Render(240);
+        EXPECT_NEAR(out[2 * 100], c.wantL, 1e-5f);
+        EXPECT_NEAR(out[2 * 100 + 1], c.wantR, 1e-5f);
+        b->Release();
+    }
+
+    // The extensible record names its sample type by GUID.
+    Offline off;
+    WAVEFORMATEXTENSIBLE ext{};
+    ext.Format = Pcm(44100, 2, 32);
+    ext.Format.wFormatTag = WAVE_FORMAT_EXTENSIBLE;
+    ext.Format.cbSize = 22;
+    ext.Samples.wValidBitsPerSample = 32;
+    ext.dwChannelMask = 3;
+    ext.SubFormat = {WAVE_FORMAT_IEEE_FLOAT, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
+    DSBUFFERDESC d{};
+    d.dwSize = sizeof d;
+    d.dwBufferBytes = 8 * 100;
+    d.lpwfxFormat = &ext.Format;
+    LPDIRECTSOUNDBUFFER b = nullptr;
+    EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
+    if (b != nullptr) b->Release();
+    ext.SubFormat.Data1 = 2; // ADPCM
+    EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DSERR_BADFORMAT);
+    EXPECT_EQ(b, nullptr);
+
+    // What the mixer cannot play is refused, and so are impossible sizes.
+    WAVEFORMATEX bad[] = {Pcm(22050, 1, 12), Pcm(22050, 1, 16, 2), Pcm(22050, 1, 64, WAVE_FORMAT_IEEE_FLOAT),
+                          Pcm(22050, 0, 16), Pcm(99, 1, 16), Pcm(100001, 1, 16), Pcm(22050, 9, 16)};
+    for (WAVEFORMATEX& f : bad) {
+        d.lpwfxFormat = &f;
+        EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DSERR_BADFORMAT) << f.wBitsPerSample;
+    }
+    WAVEFORMATEX align = Pcm(22050, 2, 16);
+    align.nBlockAlign = 2;
+    d.lpwfxFormat = &align;
+    EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DSERR_BADFORMAT);
+    WAVEFORMATEX ok = Pcm(22050, 2, 16);
+    d.lpwfxFormat = &ok;
+    for (DWORD size : {0u, 2u, 1002u, DSBSIZE_MAX + 4}) {
+        d.dwBufferBytes = size;
+        EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DSERR_INVALIDPARAM) << size;
+    }
+    d.lpwfxFormat = nullptr;
+    d.dwBufferBytes = 1000;
+    EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DSERR_INVALIDPARAM);
+}
