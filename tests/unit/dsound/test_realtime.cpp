@@ -1,0 +1,251 @@
+// DirectSound on the virtual backend's real-time output: pacing, capture, and the
+// application's calls racing the mixer thread.
+#include "DSTestUtil.h"
+
+#include "platform/QXMmio.h"
+#include "platform/backends/virtual/QXVirtual.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <thread>
+
+using namespace dstest;
+
+namespace {
+
+const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
+
+BOOL CALLBACK Collect(LPGUID pGuid, LPCSTR, LPCSTR, LPVOID pContext)
+{
+    if (pGuid != nullptr) static_cast<std::vector<GUID>*>(pContext)->push_back(*pGuid);
+    return TRUE;
+}
+
+HWND MakeWindow()
+{
+    WNDCLASSA wc{};
+    wc.lpfnWndProc = DefWindowProcA;
+    wc.lpszClassName = "QXDSoundRtWindow";
+    RegisterClassA(&wc);
+    return CreateWindowExA(0, "QXDSoundRtWindow", "main", 0, 0, 0, 0, 0, nullptr, nullptr, QXGetModuleInstance(),
+                           nullptr);
+}
+
+struct WavData {
+    WAVEFORMATEX fmt{};
+    std::vector<int16_t> samples;
+    DWORD riffSize = 0;
+    long fileSize = 0;
+};
+
+bool ReadWav(const std::string& path, WavData& out)
+{
+    std::vector<char> name(path.begin(), path.end());
+    name.push_back('\0');
+    HMMIO h = mmioOpenA(name.data(), nullptr, MMIO_READ | MMIO_ALLOCBUF);
+    if (h == nullptr) return false;
+    MMCKINFO riff{}, ck{};
+    riff.fccType = mmioFOURCC('W', 'A', 'V', 'E');
+    bool ok = mmioDescend(h, &riff, nullptr, MMIO_FINDRIFF) == MMSYSERR_NOERROR;
+    ck.ckid = mmioFOURCC('f', 'm', 't', ' ');
+    ok = ok && mmioDescend(h, &ck, &riff, MMIO_FINDCHUNK) == MMSYSERR_NOERROR &&
+         mmioRead(h, reinterpret_cast<char*>(&out.fmt), 16) == 16 && mmioAscend(h, &ck, 0) == MMSYSERR_NOERROR;
+    ck.ckid = mmioFOURCC('d', 'a', 't', 'a');
+    ok = ok && mmioDescend(h, &ck, &riff, MMIO_FINDCHUNK) == MMSYSERR_NOERROR;
+    if (ok) {
+        out.samples.resize(ck.cksize / 2);
+        ok = mmioRead(h, reinterpret_cast<char*>(out.samples.data()), static_cast<LONG>(ck.cksize)) ==
+             static_cast<LONG>(ck.cksize);
+    }
+    out.riffSize = riff.cksize;
+    mmioClose(h, 0);
+    if (FILE* f = std::fopen(path.c_str(), "rb")) {
+        std::fseek(f, 0, SEEK_END);
+        out.fileSize = std::ftell(f);
+        std::fclose(f);
+    }
+    return ok;
+}
+
+// The data size the file's header claims now.
+DWORD HeaderDataSize(const std::string& path)
+{
+    DWORD size = 0;
+    if (FILE* f = std::fopen(path.c_str(), "rb")) {
+        if (std::fseek(f, 40, SEEK_SET) != 0 || std::fread(&size, 4, 1, f) != 1) size = 0;
+        std::fclose(f);
+    }
+    return size;
+}
+
+} // namespace
+
+TEST(DSoundRealtime, VirtualOutputPlaysInRealTimeAndCapturesWhatItMixed)
+{
+    ASSERT_EQ(kVirtual, 0);
+    const std::string pattern = "/tmp/qx-dsound-test-" + std::to_string(getpid()) + "-%d.wav";
+    const std::string path = "/tmp/qx-dsound-test-" + std::to_string(getpid()) + "-1.wav";
+    setenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE", pattern.c_str(), 1);
+    setenv("QUAVIX_VIRTUAL_AUDIO_RATE", "32000", 1);
+    qxplat::QXVirtualSetDevices(1, 1, 1, 2);
+    const size_t liveBefore = qxplat::LiveDirectSoundObjects();
+
+    std::vector<GUID> guids;
+    ASSERT_EQ(DirectSoundEnumerateA(Collect, &guids), DS_OK);
+    ASSERT_EQ(guids.size(), 2u);
+    LPDIRECTSOUND ds = nullptr;
+    ASSERT_EQ(DirectSoundCreate(&guids[1], &ds, nullptr), DS_OK);
+    unsetenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE");
+    unsetenv("QUAVIX_VIRTUAL_AUDIO_RATE");
+    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+    HWND hwnd = MakeWindow();
+    ASSERT_EQ(ds->SetCooperativeLevel(hwnd, DSSCL_PRIORITY), DS_OK);
+    DSBUFFERDESC pd{};
+    pd.dwSize = sizeof pd;
+    pd.dwFlags = DSBCAPS_PRIMARYBUFFER;
+    LPDIRECTSOUNDBUFFER primary = nullptr;
+    ASSERT_EQ(ds->CreateSoundBuffer(&pd, &primary, nullptr), DS_OK);
+    WAVEFORMATEX pf = Pcm(22050, 2, 16);
+    ASSERT_EQ(primary->SetFormat(&pf), DS_OK);
+
+    // A quarter second of a 1 kHz tone, played once.
+    LPDIRECTSOUNDBUFFER b = MakeBuffer(ds, Pcm(22050, 1, 16), 22050 / 4 * 2);
+    FillSine16(b, 1000.0, 22050.0, 0.5);
+    LPDIRECTSOUNDNOTIFY notify = nullptr;
+    ASSERT_EQ(b->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&notify)), DS_OK);
+    HANDLE half = CreateEventA(nullptr, FALSE, FALSE, nullptr), stop = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    DSBPOSITIONNOTIFY pos[2] = {{22050 / 4, half}, {DSBPN_OFFSETSTOP, stop}};
+    ASSERT_EQ(notify->SetNotificationPositions(2, pos), DS_OK);
+
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(primary->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    ASSERT_EQ(b->Play(0, 0, 0), DS_OK);
+    HANDLE both[2] = {half, stop};
+    EXPECT_EQ(WaitForMultipleObjects(2, both, FALSE, 10000), WAIT_OBJECT_0); // half first
+    EXPECT_EQ(WaitForSingleObject(stop, 10000), WAIT_OBJECT_0);
+    const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GT(took, 0.15); // paced by the clock, not as fast as it can
+    DWORD status = 1;
+    ASSERT_EQ(b->GetStatus(&status), DS_OK);
+    EXPECT_EQ(status & DSBSTATUS_PLAYING, 0u);
+
+    // The header is brought up to date while the output runs.
+    std::this_thread::sleep_until(start + std::chrono::milliseconds(1600));
+    EXPECT_GT(HeaderDataSize(path), 32000u * 4 / 2);
+
+    notify->Release();
+    b->Release();
+    primary->Release();
+    EXPECT_EQ(ds->Release(), 0u);
+    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), liveBefore);
+    CloseHandle(half);
+    CloseHandle(stop);
+    DestroyWindow(hwnd);
+
+    WavData wav;
+    ASSERT_TRUE(ReadWav(path, wav));
+    EXPECT_EQ(wav.fmt.nChannels, 2);
+    EXPECT_EQ(wav.fmt.wBitsPerSample, 16);
+    EXPECT_EQ(wav.fmt.nSamplesPerSec, 32000u);
+    EXPECT_EQ(static_cast<long>(wav.riffSize) + 8, wav.fileSize);
+    const size_t frames = wav.samples.size() / 2;
+    EXPECT_GT(frames, 32000u * 3 / 2); // everything from the primary's start, silence included
+    // The tone: where it sounds, how long, and at what pitch.
+    size_t first = frames, last = 0;
+    for (size_t i = 0; i < frames; ++i) {
+        if (std::abs(wav.samples[2 * i]) > 1000) {
+            first = std::min(first, i);
+            last = i;
+        }
+    }
+    ASSERT_LT(first, last);
+    EXPECT_NEAR(static_cast<double>(last - first), 8000.0, 100.0);
+    std::vector<float> tone;
+    for (size_t i = first; i <= last; ++i) tone.push_back(wav.samples[2 * i] / 32768.0f);
+    EXPECT_NEAR(MeasureFrequency(tone, 32000), 1000.0, 2.0);
+    int16_t peak = 0;
+    for (size_t i = first; i <= last; ++i) peak = std::max<int16_t>(peak, static_cast<int16_t>(std::abs(wav.samples[2 * i + 1])));
+    EXPECT_NEAR(peak, 16384, 200);
+    std::remove(path.c_str());
+}
+
+TEST(DSoundRealtime, ApplicationCallsRaceTheMixerSafely)
+{
+    ASSERT_EQ(kVirtual, 0);
+    const size_t liveBefore = qxplat::LiveDirectSoundObjects();
+    LPDIRECTSOUND ds = nullptr;
+    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
+    constexpr int kBuffers = 6;
+    LPDIRECTSOUNDBUFFER bufs[kBuffers];
+    HANDLE events[kBuffers];
+    for (int i = 0; i < kBuffers; ++i) {
+        bufs[i] = MakeBuffer(ds, Pcm(i % 2 ? 44100 : 11025, static_cast<WORD>(1 + i % 2), 16), 8192);
+        FillSine16(bufs[i], 440.0 * (i + 1), 44100.0, 0.1);
+        events[i] = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+        LPDIRECTSOUNDNOTIFY n = nullptr;
+        ASSERT_EQ(bufs[i]->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&n)), DS_OK);
+        DSBPOSITIONNOTIFY p[2] = {{0, events[i]}, {4096, events[i]}};
+        ASSERT_EQ(n->SetNotificationPositions(2, p), DS_OK);
+        n->Release();
+        ASSERT_EQ(bufs[i]->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    }
+    std::atomic<bool> done{false};
+    std::atomic<int> failures{0};
+    auto setters = [&](int seed) {
+        std::mt19937 rng(seed);
+        while (!done) {
+            LPDIRECTSOUNDBUFFER b = bufs[rng() % kBuffers];
+            if (b->SetVolume(-static_cast<LONG>(rng() % 3000)) != DS_OK) ++failures;
+            if (b->SetPan(static_cast<LONG>(rng() % 20001) - 10000) != DS_OK) ++failures;
+            if (b->SetFrequency(8000 + rng() % 60000) != DS_OK) ++failures;
+            LPVOID p1, p2;
+            DWORD b1, b2, play, write;
+            if (b->Lock(0, 512, &p1, &b1, &p2, &b2, DSBLOCK_FROMWRITECURSOR) != DS_OK) {
+                ++failures;
+                continue;
+            }
+            std::memset(p1, 0, b1);
+            if (p2 != nullptr) std::memset(p2, 0, b2);
+            if (b->Unlock(p1, b1, p2, b2) != DS_OK) ++failures;
+            if (b->GetCurrentPosition(&play, &write) != DS_OK || play >= 8192 || write >= 8192) ++failures;
+        }
+    };
+    auto transport = [&] {
+        std::mt19937 rng(7);
+        while (!done) {
+            LPDIRECTSOUNDBUFFER b = bufs[rng() % kBuffers];
+            b->Stop();
+            LPDIRECTSOUNDNOTIFY n = nullptr;
+            if (b->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&n)) == DS_OK) {
+                DSBPOSITIONNOTIFY p[1] = {{static_cast<DWORD>(rng() % 8192), events[0]}};
+                if (n->SetNotificationPositions(1, p) != DS_OK) ++failures; // stopped: allowed
+                n->Release();
+            }
+            b->Play(0, 0, rng() % 2 ? DSBPLAY_LOOPING : 0);
+            // Buffers come and go while the mixer runs.
+            LPDIRECTSOUNDBUFFER extra = MakeBuffer(ds, Pcm(48000, 2, 16), 4800);
+            extra->Play(0, 0, DSBPLAY_LOOPING);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            extra->Release();
+        }
+    };
+    std::thread a(setters, 1), c(setters, 2), t(transport);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    done = true;
+    a.join();
+    c.join();
+    t.join();
+    EXPECT_EQ(failures.load(), 0);
+    int signalled = 0;
+    for (HANDLE h : events) signalled += WaitForSingleObject(h, 300) == WAIT_OBJECT_0;
+    EXPECT_GT(signalled, 0);
+    for (LPDIRECTSOUNDBUFFER b : bufs) EXPECT_EQ(b->Release(), 0u);
+    EXPECT_EQ(ds->Release(), 0u);
+    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), liveBefore);
+    for (HANDLE h : events) CloseHandle(h);
+}
