@@ -67,7 +67,7 @@ or for S seconds.
          R"(Usage: quavix record-midi --in N OUT.mid [--seconds S]
 
 Records the messages of MIDI input N into OUT.mid (format 0, millisecond ticks) until
-Ctrl-C, or for S seconds.
+Ctrl-C, or for S seconds. MIDI input takes short messages only: SysEx is not recorded.
 
   --in N                MIDI input number
   --seconds S           stop after S seconds
