@@ -220,13 +220,26 @@ bool IsNoteOff(const CQXEventData* pEvent)
 
 struct MergeKey {
     DWORD dwTime;
-    // Place among the new events of one time: note-offs first, the latest arrival
-    // foremost (each one-at-a-time insertion puts it before the earlier ones), then
-    // the others in arrival order.
-    int64_t nOrder;
+    bool bNoteOff;
     CQXEventData* pEvent;
-    bool operator<(const MergeKey& o) const { return dwTime != o.dwTime ? dwTime < o.dwTime : nOrder < o.nOrder; }
 };
+
+// Stable sort by time, least significant byte first, skipping the bytes in which all
+// the times agree (most batches span far less than 2^16 ms). Linear in the batch.
+void SortByTime(std::vector<MergeKey>& keys, std::vector<MergeKey>& scratch)
+{
+    DWORD dwAny = 0, dwAll = ~0u;
+    for (const MergeKey& k : keys) dwAny |= k.dwTime, dwAll &= k.dwTime;
+    scratch.resize(keys.size());
+    for (int nShift = 0; nShift < 32; nShift += 8) {
+        if ((((dwAny ^ dwAll) >> nShift) & 0xFF) == 0) continue;
+        size_t count[257] = {};
+        for (const MergeKey& k : keys) ++count[((k.dwTime >> nShift) & 0xFF) + 1];
+        for (int i = 0; i < 256; ++i) count[i + 1] += count[i];
+        for (const MergeKey& k : keys) scratch[count[(k.dwTime >> nShift) & 0xFF]++] = k;
+        keys.swap(scratch);
+    }
+}
 
 } // namespace
 
@@ -248,7 +261,7 @@ void CQuavix::_MergeData(CQXEventData* pEvent, CQXEventList* pList)
 // The list is in time order (every insertion keeps it so). Merging one event at a time
 // makes, for every time t, the new note-offs of t (latest first), then the events of t
 // that were there, then the other new events of t in arrival order. Sorting the new
-// events by that key and inserting them from the tail, largest first, gives the same
+// events into that order and inserting them from the tail, last first, gives the same
 // list; the walk back along the list is shared by all of them.
 void CQuavix::_MergeBatch(std::vector<CQXEventData*>& events, CQXEventList* pList)
 {
@@ -256,24 +269,28 @@ void CQuavix::_MergeBatch(std::vector<CQXEventData*>& events, CQXEventList* pLis
         _MergeData(events[0], pList);
         return;
     }
-    thread_local std::vector<MergeKey> keys;
+    thread_local std::vector<MergeKey> keys, scratch;
     try {
-        keys.resize(events.size());
+        keys.reserve(events.size());
+        scratch.reserve(events.size());
     } catch (const std::bad_alloc&) {
         for (CQXEventData* pEvent : events) _MergeData(pEvent, pList); // slower, same order
         return;
     }
-    for (size_t i = 0; i < events.size(); ++i) {
-        CQXEventData* pEvent = events[i];
-        keys[i] = {pEvent->m_dwTimeStamp, IsNoteOff(pEvent) ? -static_cast<int64_t>(i) - 1 : static_cast<int64_t>(i),
-                   pEvent};
-    }
-    if (!std::is_sorted(keys.begin(), keys.end())) std::sort(keys.begin(), keys.end());
+    // Laid out in the order the events take among those of one time (note-offs, the
+    // latest first; then the others as they came), then sorted stably by time.
+    for (size_t i = events.size(); i-- > 0;)
+        if (IsNoteOff(events[i])) keys.push_back({events[i]->m_dwTimeStamp, true, events[i]});
+    for (CQXEventData* pEvent : events)
+        if (!IsNoteOff(pEvent)) keys.push_back({pEvent->m_dwTimeStamp, false, pEvent});
+    if (!std::is_sorted(keys.begin(), keys.end(),
+                        [](const MergeKey& x, const MergeKey& y) { return x.dwTime < y.dwTime; }))
+        SortByTime(keys, scratch);
 
     POSITION pos = pList->GetTailPosition();
     for (size_t i = keys.size(); i-- > 0;) {
         const MergeKey& key = keys[i];
-        const bool bNoteOff = key.nOrder < 0;
+        const bool bNoteOff = key.bNoteOff;
         // Back to the last old event that the new one follows; the new events already
         // placed lie after it, and the ones still to come sort before them.
         while (pos != nullptr) {
@@ -285,6 +302,7 @@ void CQuavix::_MergeBatch(std::vector<CQXEventData*>& events, CQXEventList* pLis
         if (added == nullptr) delete key.pEvent;
     }
     keys.clear();
+    scratch.clear();
 }
 
 CQXEventList* CQuavix::_GetEventList(int nType, int nDevice)
