@@ -85,6 +85,14 @@ int main(int argc, char** argv)
         Riff(Fmt(0, 8000, 0) + data),                                // no block alignment
         Riff(Fmt(2, 0xFFFFFFFF, 16, 16, 0x80000000) + data),
         Riff(pcm8 + "data" + Le32(301)).substr(0, 40),               // cut inside a header
+        "RIFF" + Le32(0) + "WAVE" + pcm8 + "data" + Le32(0) + Samples(700), // a killed recorder's
+        "RIFF" + Le32(0) + "WAVE" + pcm16 + "data" + Le32(5000) + Samples(900),
+        Riff(pcm8 + Chunk("data", "") + Chunk("LIST", "INFO")),      // empty data, then more
+        Riff(pcm8 + "data" + Le32(0)) + Samples(333),                // RIFF reaches the data header only
+        Riff(Fmt(1, 8000, 8, 12) + data),                            // 12-byte format
+        Riff(Fmt(0, 0, 0, 16, 0) + data),                            // all zero
+        Riff(Fmt(1, 0, 8, 16, 8000) + data),                         // no sample rate
+        Riff(Fmt(0xFFFF, 0xFFFFFFFF, 0xFFFF, 16, 0xFFFFFFFF) + data),
     };
     const std::vector<std::string> steering = {
         std::string(16, '\0'),

@@ -78,7 +78,9 @@ CWaveFileRead& Reader()
     return *s_pReader;
 }
 
-void CheckRead(CWaveFileRead& r, int size)
+// pReadPoint: where the test knows reading goes on, in sample bytes from the start of
+// the data. Successful seeks set it, refused ones leave it, reads advance it.
+void CheckRead(CWaveFileRead& r, int size, long* pReadPoint)
 {
     // A buffer of exactly the size asked for, so that any overrun is caught.
     std::unique_ptr<unsigned char[]> buf(new unsigned char[size_t(size > 0 ? size : 1)]);
@@ -87,14 +89,16 @@ void CheckRead(CWaveFileRead& r, int size)
     if (n < -1 || n > (size > 0 ? size : 0)) Fail("Read returned a count outside [-1, size]");
     if (n < 0) return;
     if (r.GetFilePosition() != before + n) Fail("position moved by other than the count");
-    if (n > 0 && long(n) != std::min<long>(size, r.GetDataSize() - before)) Fail("a short count before the end");
+    // The data size is what the file holds, and the file does not change while it is
+    // read: every byte up to the end of the data comes, in full pieces.
+    const long expect = size <= 0 || before >= r.GetDataSize() ? 0 : std::min<long>(size, r.GetDataSize() - *pReadPoint);
+    if (n != std::max(expect, 0L)) Fail("a count other than what is left at the read point");
+    *pReadPoint += n;
     if (r.GetFilePosition() > r.GetDataSize()) Fail("position past the data size");
     const QX_DevFormat* f = r.GetFormat();
     const unsigned char silence = f != nullptr && f->wBitsPerSample == 16 ? 0x00 : 0x80;
-    const bool filled = n > 0 || before >= r.GetDataSize(); // not a premature end
-    if (filled)
-        for (int i = n; i < size; ++i)
-            if (buf[size_t(i)] != silence) Fail("the rest of the buffer is not silence");
+    for (int i = n; i < size; ++i)
+        if (buf[size_t(i)] != silence) Fail("the rest of the buffer is not silence");
 }
 
 } // namespace
@@ -127,7 +131,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (r.GetFormat() == nullptr || std::memcmp(r.GetFormat(), &format, sizeof(format)) != 0)
             Fail("the reader's format differs from FileFormat's");
         if (r.GetDataSize() < 0) Fail("negative data size");
-        r.GetDuration();
+        if (r.GetDuration() != duration) Fail("GetDuration and FileDuration disagree");
+        long readPoint = 0;
         static const UINT kTypes[] = {TIME_MS, TIME_SAMPLES, TIME_BYTES, TIME_SMPTE};
         for (size_t i = 0; i < 12; ++i) {
             const uint8_t op = ctl[i];
@@ -136,7 +141,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             switch (op & 3) {
             case 0:
             case 1:
-                CheckRead(r, int(arg % 20000) - (op == 0xFF ? 20001 : 0)); // now and then a negative size
+                CheckRead(r, int(arg % 20000) - (op == 0xFF ? 20001 : 0), &readPoint); // now and then a negative size
                 break;
             case 2: {
                 MMTIME t{};
@@ -144,11 +149,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 t.u.ms = arg;
                 const int ok = r.Seek(op & 0x40 ? nullptr : &t, (op >> 4) & 3);
                 if (!ok && r.GetFilePosition() != 0) Fail("a refused seek left the position");
+                if (ok) readPoint = r.GetFilePosition();
                 if (r.GetFilePosition() < 0 || r.GetFilePosition() > r.GetDataSize()) Fail("seek left the data");
                 break;
             }
             default:
-                CheckRead(r, 8192);
+                CheckRead(r, 8192, &readPoint);
                 break;
             }
         }

@@ -32,9 +32,12 @@ void CWaveFile::SetFilename(const char* pszFilename)
 long CWaveFile::GetDuration() const
 {
     // Without a byte rate the data has no playing time: the duration is then 0, here
-    // and in FileDuration, never a division by zero.
-    if (m_pFormat == nullptr || m_pFormat->nAvgBytesPerSec == 0) return 0;
-    return static_cast<long>(m_lDataSize / static_cast<double>(m_pFormat->nAvgBytesPerSec) * 1000.0);
+    // and in FileDuration, never a division by zero. So is a rate too large to be
+    // signed, as FileDuration takes it.
+    if (m_pFormat == nullptr) return 0;
+    const LONG lBytesPerSec = static_cast<LONG>(m_pFormat->nAvgBytesPerSec);
+    if (lBytesPerSec <= 0) return 0;
+    return static_cast<long>(m_lDataSize / static_cast<double>(lBytesPerSec) * 1000.0);
 }
 
 HMMIO CWaveFile::_OpenFile(const char* pszFilename, DWORD dwFlags)

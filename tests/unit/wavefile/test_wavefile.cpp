@@ -107,6 +107,75 @@ TEST_F(WaveFile, DurationsTruncateAndRatesWithoutTimeGiveZero)
     EXPECT_EQ(r.GetDuration(), 8);
 }
 
+TEST_F(WaveFile, NonsenseFormatsNeitherCrashNorHang)
+{
+    // Fields: channels, rate, bytes per second, block alignment, bits; and the length
+    // of the format chunk.
+    auto fmt = [](WORD channels, DWORD rate, DWORD avg, WORD align, WORD bits, size_t length = 16) {
+        std::string s = Le16(WAVE_FORMAT_PCM) + Le16(channels) + Le32(rate) + Le32(avg) + Le16(align) + Le16(bits);
+        return Chunk("fmt ", s.substr(0, length));
+    };
+    const std::string data = Pattern(3001);
+    const struct {
+        std::string fmt;
+        long duration; // of the 3001 bytes
+    } cases[] = {
+        {fmt(0, 8000, 8000, 1, 8), 375},          {fmt(1, 8000, 8000, 0, 8), 375},
+        {fmt(1, 0, 8000, 1, 8), 375},             {fmt(1, 8000, 0, 1, 8), 0},
+        {fmt(1, 8000, 8000, 1, 8, 12), 375},      {fmt(0, 0, 0, 0, 0), 0},
+        {fmt(0, 0, 0, 0, 0, 12), 0},              {fmt(1, 8000, 8000, 1, 8, 2), 0},
+        {fmt(0xFFFF, 0xFFFFFFFFu, 0x80000000u, 0xFFFF, 0xFFFF), 0},
+    };
+    for (const auto& c : cases) {
+        Reports reports;
+        const std::string path = Make("n.wav", Riff(c.fmt + Chunk("data", data)));
+        QX_DevFormat f;
+        std::memset(&f, 0xEE, sizeof(f));
+        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1);
+        // What a short chunk leaves is 0: the 12-byte chunk ends before the alignment.
+        if (c.fmt.size() == 8 + 12) {
+            EXPECT_EQ(f.nBlockAlign + f.wBitsPerSample + f.cbSize, 0);
+        }
+        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), c.duration);
+        CWaveFileRead r;
+        OpenReader(r, Riff(c.fmt + Chunk("data", data)));
+        EXPECT_EQ(r.GetDuration(), f.nAvgBytesPerSec == 0 ? 0 : long(3001 * 1000.0 / f.nAvgBytesPerSec));
+        EXPECT_TRUE(ReadAll(r, 1000) == data);
+        for (UINT type : {TIME_MS, TIME_SAMPLES, TIME_BYTES, TIME_SMPTE}) {
+            for (DWORD value : {0u, 1u, 1000u, 0xFFFFFFFFu}) {
+                for (int origin : {0, 1, 2}) {
+                    MMTIME t = Time(type, value);
+                    const int ok = r.Seek(&t, origin);
+                    EXPECT_GE(r.GetFilePosition(), 0);
+                    EXPECT_LE(r.GetFilePosition(), 3001);
+                    if (ok) {
+                        EXPECT_TRUE(ReadAll(r, 777) == data.substr(size_t(r.GetFilePosition())));
+                    }
+                }
+            }
+        }
+        for (const auto& [code, value] : reports.Take()) EXPECT_EQ(code, QXN_FILE_SEEK) << value;
+    }
+    // The writer takes such a format too, and the reader its file.
+    QX_DevFormat zero{};
+    CWaveFileWrite w;
+    w.SetFilename(Path("zero.wav").c_str());
+    w.SetFormat(&zero);
+    ASSERT_EQ(w.Open(0), 1);
+    std::string bytes = data;
+    WAVEHDR h{};
+    h.lpData = bytes.data();
+    h.dwBytesRecorded = DWORD(bytes.size());
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(w.Write(&h), 3001);
+    EXPECT_EQ(w.GetDuration(), 0);
+    ASSERT_EQ(w.Close(), 1);
+    CWaveFileRead r;
+    r.SetFilename(Path("zero.wav").c_str());
+    ASSERT_EQ(r.Open(0), 1);
+    EXPECT_EQ(r.GetDataSize(), 5 * 3001);
+    EXPECT_EQ(ReadAll(r, 4096).substr(4 * 3001), data);
+}
+
 TEST_F(WaveFile, WhatIsNotWaveIsRefusedWithTheReason)
 {
     const std::string fmt = Fmt(1, 8000, 8);
