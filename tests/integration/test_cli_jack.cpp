@@ -59,7 +59,7 @@ public:
     }
     ~Proc()
     {
-        Kill(SIGKILL);
+        Stop();
         std::remove(m_out.c_str());
         std::remove(m_err.c_str());
     }
@@ -67,6 +67,13 @@ public:
     Proc& operator=(const Proc&) = delete;
 
     bool Started() const { return m_pid > 0; }
+    // SIGTERM, then SIGKILL if it does not end within ten seconds.
+    void Stop()
+    {
+        if (m_pid <= 0) return;
+        kill(m_pid, SIGTERM);
+        Wait(10'000);
+    }
     void Kill(int sig)
     {
         if (m_pid <= 0) return;
@@ -111,14 +118,15 @@ std::vector<std::string> Lines(const std::string& text)
 
 // A private JACK server (dummy driver) with a MIDI sink and a MIDI source client, all of
 // which the test may kill; the shared fixture's server is never touched.
+//
+// A server killed hard stays in JACK's registry of servers, which holds eight, until a
+// server of the same name starts again: so the name is always the same one, and the
+// server that was killed is started once more and stopped cleanly at the end.
 class PrivateJack {
 public:
-    PrivateJack() : m_name("quavix-cli-" + std::to_string(getpid()) + "-" + std::to_string(++s_count))
+    PrivateJack() : m_name("quavix-cli-test")
     {
-        m_server = std::make_unique<Proc>(
-            std::vector<std::string>{"jackd", "-n", m_name, "-r", "-d", "dummy", "-r", "48000", "-p", "256"},
-            std::vector<std::string>{});
-        if (!WaitForPorts("system:")) return;
+        if (!StartServer()) return;
         m_sink = std::make_unique<Proc>(std::vector<std::string>{"jack_midi_dump", "qxsink"}, Env());
         m_source = std::make_unique<Proc>(std::vector<std::string>{"jack_midiseq", "qxsource", "24000", "0", "60", "8000"},
                                           Env());
@@ -128,15 +136,28 @@ public:
     {
         m_sink.reset();
         m_source.reset();
-        if (m_server) m_server->Kill(SIGKILL);
+        if (m_bKilled) StartServer(); // takes the dead server's place in the registry back
+        m_server.reset();
     }
 
     bool Ready() const { return m_ready; }
     std::vector<std::string> Env() const { return {"JACK_DEFAULT_SERVER=" + m_name, "QUAVIX_BACKEND=jack"}; }
-    void KillServer() { m_server->Kill(SIGKILL); }
+    void KillServer()
+    {
+        m_server->Kill(SIGKILL);
+        m_bKilled = true;
+    }
     void KillSink() { m_sink->Kill(SIGKILL); }
 
 private:
+    bool StartServer()
+    {
+        m_server = std::make_unique<Proc>(
+            std::vector<std::string>{"jackd", "-n", m_name, "-r", "-d", "dummy", "-r", "48000", "-p", "256"},
+            std::vector<std::string>{});
+        return WaitForPorts("system:");
+    }
+
     bool WaitForPorts(const std::string& port)
     {
         for (int i = 0; i < 100; ++i) {
@@ -147,10 +168,9 @@ private:
         return false;
     }
 
-    static inline int s_count = 0;
     std::string m_name;
     std::unique_ptr<Proc> m_server, m_sink, m_source;
-    bool m_ready = false;
+    bool m_ready = false, m_bKilled = false;
 };
 
 std::vector<std::string> Cli(std::vector<std::string> args)
