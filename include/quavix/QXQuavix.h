@@ -234,7 +234,7 @@ private:
     void _ApplyStoppedRecordings();
     int _ChosenMidiOutput(int nDevice) const;
 
-    int m_bInitialized = 0;
+    std::atomic<int> m_bInitialized{0}; // set last by Initialize: threads that find it set find the rest made
     std::atomic<int> m_bMidiThru{0};
     std::atomic<int> m_bSlaveTempoRecording{0};
     std::atomic<int> m_nLastTag{1};
