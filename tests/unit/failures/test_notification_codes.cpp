@@ -187,7 +187,9 @@ TEST_F(Failures, MidiOutputReportsEveryFailingCall)
         e->SetMidiData(0x00403C90);
         e->SetTimeStamp(dwStart + 10);
         list.AddTail(e);
-        return pOut->PlayData(&list, dwStart, dwStart + 100);
+        const int r = pOut->PlayData(&list, dwStart, dwStart + 100);
+        while (CQXEventData* pLeft = list.RemoveHead()) delete pLeft; // refused: the caller's
+        return r;
     };
     QXFaultInject("midiOutPrepareHeader", MMSYSERR_NOMEM);
     EXPECT_EQ(period(0), 1) << "the period was taken, if not played";
