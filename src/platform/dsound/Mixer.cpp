@@ -11,6 +11,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace qxplat {
 
 Resampler ResamplerFromEnvironment()
@@ -220,45 +224,167 @@ void MixCubic(const float* __restrict src, uint64_t pos, uint64_t step, uint32_t
     }
 }
 
-// Kaiser-windowed sinc, low-passed at the lower of the two Nyquist frequencies.
+#if defined(__SSE2__)
+// The same spline with SSE: the four weights come out of one polynomial in the
+// fraction, evaluated on all four lanes at once.
+struct CubicWeights {
+    __m128 a0 = _mm_setr_ps(0.0f, 1.0f, 0.0f, 0.0f);
+    __m128 a1 = _mm_setr_ps(-0.5f, 0.0f, 0.5f, 0.0f);
+    __m128 a2 = _mm_setr_ps(1.0f, -2.5f, 2.0f, -0.5f);
+    __m128 a3 = _mm_setr_ps(-0.5f, 1.5f, -1.5f, 0.5f);
+    __m128 At(float frac) const
+    {
+        const __m128 f = _mm_set1_ps(frac);
+        return _mm_add_ps(a0, _mm_mul_ps(f, _mm_add_ps(a1, _mm_mul_ps(f, _mm_add_ps(a2, _mm_mul_ps(f, a3))))));
+    }
+};
+
+template <>
+void MixCubic<1>(const float* __restrict src, uint64_t pos, uint64_t step, uint32_t n, float gl, float gr,
+                 float* __restrict out)
+{
+    const CubicWeights cw;
+    const __m128 g = _mm_setr_ps(gl, gr, 0.0f, 0.0f);
+    for (uint32_t i = 0; i < n; ++i, pos += step) {
+        const size_t idx = static_cast<size_t>(pos >> 32);
+        const __m128 p = _mm_mul_ps(cw.At(Frac(pos)), _mm_loadu_ps(src + idx - 1));
+        __m128 t = _mm_add_ps(p, _mm_movehl_ps(p, p));
+        t = _mm_add_ss(t, _mm_shuffle_ps(t, t, 1));
+        const __m128 v = _mm_shuffle_ps(t, t, 0);
+        __m128 o = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(out + 2 * i));
+        o = _mm_add_ps(o, _mm_mul_ps(v, g));
+        _mm_storel_pi(reinterpret_cast<__m64*>(out + 2 * i), o);
+    }
+}
+
+template <>
+void MixCubic<2>(const float* __restrict src, uint64_t pos, uint64_t step, uint32_t n, float gl, float gr,
+                 float* __restrict out)
+{
+    const CubicWeights cw;
+    const __m128 g = _mm_setr_ps(gl, gr, 0.0f, 0.0f);
+    for (uint32_t i = 0; i < n; ++i, pos += step) {
+        const size_t idx = static_cast<size_t>(pos >> 32);
+        const float* p = src + 2 * (idx - 1);
+        const __m128 w = cw.At(Frac(pos));
+        const __m128 w01 = _mm_shuffle_ps(w, w, _MM_SHUFFLE(1, 1, 0, 0));
+        const __m128 w23 = _mm_shuffle_ps(w, w, _MM_SHUFFLE(3, 3, 2, 2));
+        const __m128 acc = _mm_add_ps(_mm_mul_ps(_mm_loadu_ps(p), w01), _mm_mul_ps(_mm_loadu_ps(p + 4), w23));
+        const __m128 lr = _mm_add_ps(acc, _mm_movehl_ps(acc, acc));
+        __m128 o = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(out + 2 * i));
+        o = _mm_add_ps(o, _mm_mul_ps(lr, g));
+        _mm_storel_pi(reinterpret_cast<__m64*>(out + 2 * i), o);
+    }
+}
+#endif
+
+// Kaiser-windowed sinc, low-passed at the lower of the two Nyquist frequencies. Its
+// weights come from polyphase tables, one per cutoff scale (the next lower one is used,
+// so a ratio between two scales loses a little treble but never aliases), with the
+// weights interpolated linearly between neighbouring phases.
+struct SincBank {
+    static constexpr int kPhases = 256;
+    static constexpr int kTables = 7;
+    struct Table {
+        float scale;
+        int half; // the kernel reaches half - 1 frames back and half frames ahead
+        int taps; // a multiple of four
+        std::vector<float> w; // (kPhases + 1) rows of taps
+    };
+    Table tables[kTables];
+
+    SincBank()
+    {
+        const float scales[kTables] = {1.0f, 0.8f, 0.64f, 0.5f, 0.4f, 0.32f, kSincMinScale};
+        const std::vector<float>& k = Sinc().k;
+        for (int i = 0; i < kTables; ++i) {
+            Table& t = tables[i];
+            t.scale = scales[i];
+            t.half = static_cast<int>(std::ceil(kSincHalf / t.scale));
+            t.taps = (2 * t.half + 3) / 4 * 4;
+            t.w.assign(static_cast<size_t>(kPhases + 1) * t.taps, 0.0f);
+            for (int ph = 0; ph <= kPhases; ++ph) {
+                float* row = &t.w[static_cast<size_t>(ph) * t.taps];
+                const double frac = static_cast<double>(ph) / kPhases;
+                double sum = 0;
+                for (int j = 0; j < t.taps; ++j) {
+                    const double d = std::fabs((j + 1 - t.half) - frac) * t.scale * kSincResolution;
+                    const int di = static_cast<int>(d);
+                    if (di >= kSincHalf * kSincResolution) continue;
+                    const double v = k[di] + (d - di) * (k[di + 1] - k[di]);
+                    row[j] = static_cast<float>(v);
+                    sum += v;
+                }
+                for (int j = 0; j < t.taps; ++j) row[j] = static_cast<float>(row[j] / sum); // unity at DC
+            }
+        }
+    }
+
+    const Table& For(uint64_t step) const
+    {
+        const double ratio = static_cast<double>(step) / 4294967296.0;
+        const double scale = ratio > 1.0 ? 1.0 / ratio : 1.0;
+        for (const Table& t : tables)
+            if (t.scale <= scale + 1e-9) return t;
+        return tables[kTables - 1];
+    }
+};
+
+const SincBank& Bank()
+{
+    static const SincBank bank;
+    return bank;
+}
+
 template <int CH>
 void MixSinc(const float* __restrict src, uint64_t pos, uint64_t step, uint32_t n, float gl, float gr,
              float* __restrict out)
 {
-    const float* k = Sinc().k.data();
-    const double ratio = static_cast<double>(step) / 4294967296.0;
-    const float scale = std::max(kSincMinScale, ratio > 1.0 ? static_cast<float>(1.0 / ratio) : 1.0f);
-    const int half = static_cast<int>(std::ceil(kSincHalf / scale));
-    const float limit = static_cast<float>(kSincHalf);
-    const float toTable = scale * kSincResolution;
+    const SincBank::Table& tb = Bank().For(step);
+    const int taps = tb.taps;
+    const ptrdiff_t first = 1 - tb.half;
     for (uint32_t i = 0; i < n; ++i, pos += step) {
         const ptrdiff_t idx = static_cast<ptrdiff_t>(pos >> 32);
-        const float f = Frac(pos);
-        float sumW = 0.0f, l = 0.0f, r = 0.0f;
-        for (int t = -half + 1; t <= half; ++t) {
-            const float d = std::fabs(static_cast<float>(t) - f);
-            if (d * scale >= limit) continue;
-            const float x = d * toTable;
-            const int xi = static_cast<int>(x);
-            const float xf = x - static_cast<float>(xi);
-            const float w = k[xi] + xf * (k[xi + 1] - k[xi]);
-            sumW += w;
+        const float ph = Frac(pos) * SincBank::kPhases;
+        const int pi = std::min(static_cast<int>(ph), SincBank::kPhases - 1);
+        const float pf = ph - static_cast<float>(pi);
+        const float* r0 = &tb.w[static_cast<size_t>(pi) * taps];
+        const float* r1 = r0 + taps;
+        const float* s = src + (idx + first) * CH;
+#if defined(__SSE2__)
+        const __m128 pfv = _mm_set1_ps(pf);
+        __m128 acc = _mm_setzero_ps();
+        for (int t = 0; t < taps; t += 4) {
+            const __m128 a = _mm_loadu_ps(r0 + t);
+            const __m128 w = _mm_add_ps(a, _mm_mul_ps(pfv, _mm_sub_ps(_mm_loadu_ps(r1 + t), a)));
             if constexpr (CH == 1) {
-                l += w * src[idx + t];
+                acc = _mm_add_ps(acc, _mm_mul_ps(w, _mm_loadu_ps(s + t)));
             } else {
-                l += w * src[2 * (idx + t)];
-                r += w * src[2 * (idx + t) + 1];
+                acc = _mm_add_ps(acc, _mm_mul_ps(_mm_unpacklo_ps(w, w), _mm_loadu_ps(s + 2 * t)));
+                acc = _mm_add_ps(acc, _mm_mul_ps(_mm_unpackhi_ps(w, w), _mm_loadu_ps(s + 2 * t + 4)));
             }
         }
-        const float norm = sumW != 0.0f ? 1.0f / sumW : 0.0f;
+        float l, r;
         if constexpr (CH == 1) {
-            const float s = l * norm;
-            out[2 * i] += gl * s;
-            out[2 * i + 1] += gr * s;
+            __m128 t2 = _mm_add_ps(acc, _mm_movehl_ps(acc, acc));
+            t2 = _mm_add_ss(t2, _mm_shuffle_ps(t2, t2, 1));
+            l = r = _mm_cvtss_f32(t2);
         } else {
-            out[2 * i] += gl * l * norm;
-            out[2 * i + 1] += gr * r * norm;
+            const __m128 lr = _mm_add_ps(acc, _mm_movehl_ps(acc, acc));
+            l = _mm_cvtss_f32(lr);
+            r = _mm_cvtss_f32(_mm_shuffle_ps(lr, lr, 1));
         }
+#else
+        float l = 0.0f, r = 0.0f;
+        for (int t = 0; t < taps; ++t) {
+            const float w = r0[t] + pf * (r1[t] - r0[t]);
+            l += w * s[t * CH];
+            if constexpr (CH == 2) r += w * s[2 * t + 1];
+        }
+        if constexpr (CH == 1) r = l;
+#endif
+        out[2 * i] += gl * l;
+        out[2 * i + 1] += gr * r;
     }
 }
 
@@ -477,8 +603,8 @@ Mixer::Mixer(DWORD dwRate, Resampler resampler)
     case Resampler::Cubic: m_history = 1, m_lookahead = 2; break;
     case Resampler::Sinc:
         m_history = static_cast<int>(std::ceil(kSincHalf / kSincMinScale));
-        m_lookahead = m_history + 1;
-        (void)Sinc();
+        m_lookahead = m_history + 4; // the last table's taps are rounded up to fours
+        (void)Bank();
         break;
     }
     const uint64_t maxStep = (uint64_t{kMaxRate} << 32) / m_rate + 1;

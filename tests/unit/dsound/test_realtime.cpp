@@ -181,10 +181,11 @@ TEST(DSoundRealtime, ApplicationCallsRaceTheMixerSafely)
     LPDIRECTSOUND ds = nullptr;
     ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
     constexpr int kBuffers = 6;
+    constexpr DWORD kBytes = 65536;
     LPDIRECTSOUNDBUFFER bufs[kBuffers];
     HANDLE events[kBuffers];
     for (int i = 0; i < kBuffers; ++i) {
-        bufs[i] = MakeBuffer(ds, Pcm(i % 2 ? 44100 : 11025, static_cast<WORD>(1 + i % 2), 16), 8192);
+        bufs[i] = MakeBuffer(ds, Pcm(i % 2 ? 44100 : 11025, static_cast<WORD>(1 + i % 2), 16), kBytes);
         FillSine16(bufs[i], 440.0 * (i + 1), 44100.0, 0.1);
         events[i] = CreateEventA(nullptr, FALSE, FALSE, nullptr);
         LPDIRECTSOUNDNOTIFY n = nullptr;
@@ -196,36 +197,50 @@ TEST(DSoundRealtime, ApplicationCallsRaceTheMixerSafely)
     }
     std::atomic<bool> done{false};
     std::atomic<int> failures{0};
-    auto setters = [&](int seed) {
-        std::mt19937 rng(seed);
+    // Buffers 0-2 keep playing at their own rate while one thread writes half a buffer
+    // ahead of their play cursors (far enough for a slow sanitizer build); 3-5 are
+    // stopped, moved, restarted and retuned by the others.
+    auto writer = [&] {
+        std::mt19937 rng(1);
         while (!done) {
-            LPDIRECTSOUNDBUFFER b = bufs[rng() % kBuffers];
+            LPDIRECTSOUNDBUFFER b = bufs[rng() % 3];
             if (b->SetVolume(-static_cast<LONG>(rng() % 3000)) != DS_OK) ++failures;
             if (b->SetPan(static_cast<LONG>(rng() % 20001) - 10000) != DS_OK) ++failures;
-            if (b->SetFrequency(8000 + rng() % 60000) != DS_OK) ++failures;
             LPVOID p1, p2;
             DWORD b1, b2, play, write;
-            if (b->Lock(0, 512, &p1, &b1, &p2, &b2, DSBLOCK_FROMWRITECURSOR) != DS_OK) {
+            if (b->GetCurrentPosition(&play, &write) != DS_OK || play >= kBytes || write >= kBytes) ++failures;
+            if (b->Lock((play + kBytes / 2) % kBytes & ~3u, 64, &p1, &b1, &p2, &b2, 0) != DS_OK) {
                 ++failures;
                 continue;
             }
             std::memset(p1, 0, b1);
             if (p2 != nullptr) std::memset(p2, 0, b2);
             if (b->Unlock(p1, b1, p2, b2) != DS_OK) ++failures;
-            if (b->GetCurrentPosition(&play, &write) != DS_OK || play >= 8192 || write >= 8192) ++failures;
+        }
+    };
+    auto tuner = [&] {
+        std::mt19937 rng(2);
+        while (!done) {
+            LPDIRECTSOUNDBUFFER b = bufs[3 + rng() % 3];
+            if (b->SetFrequency(8000 + rng() % 60000) != DS_OK) ++failures;
+            if (b->SetVolume(-static_cast<LONG>(rng() % 3000)) != DS_OK) ++failures;
+            DWORD play, write, status;
+            if (b->GetCurrentPosition(&play, &write) != DS_OK || play >= kBytes || write >= kBytes) ++failures;
+            if (b->GetStatus(&status) != DS_OK) ++failures;
         }
     };
     auto transport = [&] {
         std::mt19937 rng(7);
         while (!done) {
-            LPDIRECTSOUNDBUFFER b = bufs[rng() % kBuffers];
+            LPDIRECTSOUNDBUFFER b = bufs[3 + rng() % 3];
             b->Stop();
             LPDIRECTSOUNDNOTIFY n = nullptr;
             if (b->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&n)) == DS_OK) {
-                DSBPOSITIONNOTIFY p[1] = {{static_cast<DWORD>(rng() % 8192), events[0]}};
+                DSBPOSITIONNOTIFY p[1] = {{static_cast<DWORD>(rng() % kBytes), events[0]}};
                 if (n->SetNotificationPositions(1, p) != DS_OK) ++failures; // stopped: allowed
                 n->Release();
             }
+            if (b->SetCurrentPosition(static_cast<DWORD>(rng() % (kBytes / 4)) * 4) != DS_OK) ++failures;
             b->Play(0, 0, rng() % 2 ? DSBPLAY_LOOPING : 0);
             // Buffers come and go while the mixer runs.
             LPDIRECTSOUNDBUFFER extra = MakeBuffer(ds, Pcm(48000, 2, 16), 4800);
@@ -234,7 +249,7 @@ TEST(DSoundRealtime, ApplicationCallsRaceTheMixerSafely)
             extra->Release();
         }
     };
-    std::thread a(setters, 1), c(setters, 2), t(transport);
+    std::thread a(writer), c(tuner), t(transport);
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
     done = true;
     a.join();
