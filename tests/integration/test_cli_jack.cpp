@@ -148,6 +148,7 @@ public:
         m_bKilled = true;
     }
     void KillSink() { m_sink->Kill(SIGKILL); }
+    void KillSource() { m_source->Kill(SIGKILL); }
 
 private:
     bool StartServer()
@@ -239,4 +240,30 @@ TEST(CliJack, DestinationThatVanishesIsNamedInTheSummary)
     ASSERT_FALSE(lines.empty());
     EXPECT_NE(err.find("MIDI out device 0 went away"), std::string::npos) << err;
     EXPECT_EQ(lines.back(), "quavix perform: MIDI output 0 (qxsink:input) went away during the performance") << err;
+}
+
+// thru and record-midi run on and name the device that went, in the summary and status.
+TEST(CliJack, PeerThatVanishesUnderThruOrRecordingIsNamed)
+{
+    const struct {
+        std::vector<std::string> args;
+        bool bSink;
+        std::string says;
+    } cases[] = {
+        {{"thru", "--in", "0", "--out", "0", "--seconds", "4"}, true, "MIDI output 0 (qxsink:input) went away at 0:0"},
+        {{"record-midi", "--in", "0", Temp("vanished-take.mid"), "--seconds", "4"}, false,
+         "MIDI input 0 (qxsource:out) went away at 0:0"},
+    };
+    for (const auto& c : cases) {
+        PrivateJack jack;
+        ASSERT_TRUE(jack.Ready());
+        Proc cli(Cli(c.args), jack.Env());
+        std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+        c.bSink ? jack.KillSink() : jack.KillSource();
+        EXPECT_EQ(cli.Wait(60'000), 1) << cli.Err();
+        EXPECT_NE(cli.Out().find("  " + c.says), std::string::npos) << cli.Out();
+        const auto lines = Lines(cli.Err());
+        ASSERT_EQ(lines.size(), 1u) << cli.Err();
+        EXPECT_NE(lines[0].find(c.says), std::string::npos) << lines[0];
+    }
 }

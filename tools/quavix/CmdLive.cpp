@@ -86,12 +86,13 @@ int CheckCapture(const Args& args, const Session& session)
 }
 
 // What happened to a device's peer, for the summary and the status.
-std::string LostLine(const Session& session, int nDir, int nDevice, int64_t startNs)
+// The name is the one taken at the start: a device that went away has none any more.
+std::string LostLine(const std::string& name, int nDir, int nDevice, int64_t startNs)
 {
     const int64_t lostNs = Session::LostAt(nDir, nDevice);
     if (lostNs == 0) return {};
     return std::string("MIDI ") + (nDir == QX_DEVDIR_IN ? "input " : "output ") + std::to_string(nDevice) + " (" +
-           session.DeviceName(QX_DEVTYPE_MIDI, nDir, nDevice) + ") went away at " +
+           name + ") went away at " +
            FormatTime(static_cast<double>(std::max<int64_t>(lostNs - startNs, 0)) / 1e6);
 }
 
@@ -239,10 +240,11 @@ int RunThru(int argc, char** argv)
         const std::string why = Session::LastReport();
         return Fail(cmd, "cannot open MIDI input " + std::to_string(nIn) + (why.empty() ? "" : ": " + why));
     }
+    const std::string inName = session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn),
+                      outName = session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut);
     if (!args.Quiet())
-        std::printf("Thru from MIDI input %d (%s) to output %d (%s)%s; Ctrl-C stops\n", nIn,
-                    session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn).c_str(), nOut,
-                    session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut).c_str(),
+        std::printf("Thru from MIDI input %d (%s) to output %d (%s)%s; Ctrl-C stops\n", nIn, inName.c_str(), nOut,
+                    outName.c_str(),
                     args.Has("channel") ? (" on channel " + std::to_string(nChannel)).c_str() : "");
 
     Injector injector;
@@ -268,8 +270,8 @@ int RunThru(int argc, char** argv)
     }
     std::printf("%s %s passed through in %.1f s\n", bDone ? "Done:" : "Stopped:",
                 qxsmf::Counted(counter.Count(), "message").c_str(), secs);
-    const std::string lostOut = LostLine(session, QX_DEVDIR_OUT, nOut, startNs),
-                      lostIn = LostLine(session, QX_DEVDIR_IN, nIn, startNs);
+    const std::string lostOut = LostLine(outName, QX_DEVDIR_OUT, nOut, startNs),
+                      lostIn = LostLine(inName, QX_DEVDIR_IN, nIn, startNs);
     for (const auto* l : {&lostIn, &lostOut})
         if (!l->empty()) std::printf("  %s\n", l->c_str());
     if (!WriteCapture(args, log, startNs, bDue)) return kExitFailure;
@@ -313,9 +315,8 @@ int RunRecordMidi(int argc, char** argv)
         const std::string why = Session::LastReport();
         return Fail(cmd, "cannot open MIDI input " + std::to_string(nIn) + (why.empty() ? "" : ": " + why));
     }
-    if (!args.Quiet())
-        std::printf("Recording MIDI input %d (%s) to %s; Ctrl-C stops\n", nIn,
-                    session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn).c_str(), path.c_str());
+    const std::string inName = session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn);
+    if (!args.Quiet()) std::printf("Recording MIDI input %d (%s) to %s; Ctrl-C stops\n", nIn, inName.c_str(), path.c_str());
     Injector injector;
     if (!feed.empty()) injector.Start(nIn, std::move(feed));
     const int64_t startNs = args.Has("inject") ? injector.StartNs() : qxplat::NowNs();
@@ -349,7 +350,7 @@ int RunRecordMidi(int argc, char** argv)
     if (sysexMissed > 0)
         std::printf("  %s not recorded: MIDI input takes short messages only\n",
                     qxsmf::Counted(sysexMissed, "SysEx message").c_str());
-    const std::string lost = LostLine(session, QX_DEVDIR_IN, nIn, startNs);
+    const std::string lost = LostLine(inName, QX_DEVDIR_IN, nIn, startNs);
     if (!lost.empty()) {
         std::printf("  %s\n", lost.c_str());
         return Fail(cmd, lost + ": the recording ends there");
