@@ -376,6 +376,20 @@ TEST(Cli, OutputPathsAreCheckedBeforePlayingAndReplacedWhole)
     r = RunCli({"record-midi", "--in", "0", good, "--inject", feed, "-q"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(MessagesOf(good).size(), 2u);
+
+    // A link stays a link to the new file; what is no regular file is written, not replaced.
+    const std::string link = folder + "/link.mid";
+    ASSERT_EQ(symlink("good.mid", link.c_str()), 0);
+    r = RunCli({"send", "--out", "0", "90", "3C", "40", "--capture", link});
+    ASSERT_EQ(r.status, 0) << r.err;
+    struct stat st {};
+    ASSERT_EQ(lstat(link.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_EQ(MessagesOf(good).size(), 1u);
+    r = RunCli({"send", "--out", "0", "90", "3C", "40", "--capture", "/dev/null"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    ASSERT_EQ(stat("/dev/null", &st), 0);
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
 }
 
 TEST(Cli, SignalsStopEveryCommandCleanlyWithTheirStatus)

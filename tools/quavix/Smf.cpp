@@ -7,7 +7,9 @@
 #include <cstring>
 #include <memory>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace qxsmf {
@@ -390,11 +392,22 @@ std::string Counted(size_t n, const std::string& noun)
 bool Write(const std::string& path, const File& file, std::string& error)
 {
     const std::vector<uint8_t> bytes = Serialize(file);
+    // A link is followed, so that the file it names is replaced and not the link; what
+    // is no regular file (/dev/null, a pipe) is written as it is, never replaced.
+    std::string target = path;
+    struct stat st {};
+    const bool bExists = stat(path.c_str(), &st) == 0;
+    if (bExists) {
+        std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), &std::free);
+        if (real) target = real.get();
+    }
+    const bool bInPlace = bExists && !S_ISREG(st.st_mode);
     // Opened with 0666 so that the umask gives the file the mode a new file gets.
     std::string temp;
     int fd = -1;
-    for (int attempt = 0; fd < 0 && attempt < 100; ++attempt) {
-        temp = path + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(attempt);
+    if (bInPlace) fd = open(target.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    for (int attempt = 0; !bInPlace && fd < 0 && attempt < 100; ++attempt) {
+        temp = target + ".tmp-" + std::to_string(getpid()) + "-" + std::to_string(attempt);
         fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (fd < 0 && errno != EEXIST) break;
     }
@@ -405,7 +418,7 @@ bool Write(const std::string& path, const File& file, std::string& error)
     auto failed = [&](const char* what) {
         error = std::string("cannot ") + what + " " + path + ": " + std::strerror(errno);
         if (fd >= 0) close(fd);
-        unlink(temp.c_str());
+        if (!temp.empty()) unlink(temp.c_str());
         return false;
     };
     // SIGXFSZ would kill the process where a file size limit stops the write; the
@@ -426,11 +439,11 @@ bool Write(const std::string& path, const File& file, std::string& error)
         done += static_cast<size_t>(n);
     }
     sigaction(SIGXFSZ, &old, nullptr);
-    if (fsync(fd) != 0) return failed("write");
+    if (!bInPlace && fsync(fd) != 0) return failed("write");
     const int closed = close(fd);
     fd = -1;
     if (closed != 0) return failed("write");
-    if (std::rename(temp.c_str(), path.c_str()) != 0) return failed("replace");
+    if (!bInPlace && std::rename(temp.c_str(), target.c_str()) != 0) return failed("replace");
     return true;
 }
 
