@@ -378,6 +378,75 @@ TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
 }
 
+
+namespace {
+
+// A position callback that controls its own stream while another thread stops it.
+struct SelfControl {
+    HMIDISTRM h = nullptr;
+    bool bStop = false; // stop from inside the callback, else pause
+    std::mutex mutex;
+    std::condition_variable cv;
+    int entered = 0, done = 0;
+};
+
+void CALLBACK SelfControlProc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR, DWORD_PTR)
+{
+    auto* c = reinterpret_cast<SelfControl*>(inst);
+    if (msg == MOM_POSITIONCB) {
+        {
+            std::lock_guard<std::mutex> lock(c->mutex);
+            ++c->entered;
+        }
+        c->cv.notify_all();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the other thread's stop waits now
+        if (c->bStop)
+            midiStreamStop(c->h);
+        else
+            midiStreamPause(c->h);
+    } else if (msg == MOM_DONE) {
+        std::lock_guard<std::mutex> lock(c->mutex);
+        ++c->done;
+        c->cv.notify_all();
+    }
+}
+
+} // namespace
+
+// Waiting for a position callback must not hold what the callback may need: it may
+// pause its stream while another thread stops it, or stop the stream itself.
+TEST(MidiStreamRace, APositionCallbackMayPauseOrStopItsOwnStream)
+{
+    qxplat::QXVirtualSetDevices(0, 1, 0, 0);
+    for (bool bStop : {false, true}) {
+        SelfControl c;
+        c.bStop = bStop;
+        UINT dev = 0;
+        ASSERT_EQ(midiStreamOpen(&c.h, &dev, 1, reinterpret_cast<DWORD_PTR>(SelfControlProc),
+                                 reinterpret_cast<DWORD_PTR>(&c), CALLBACK_FUNCTION),
+                  MMSYSERR_NOERROR);
+        Buffer b;
+        b.Ev(0, MEVT_F_CALLBACK | MEVT_F_LONG | (DWORD{MEVT_COMMENT} << 24) | 8, {1, 77}).Ev(500, 0x02000000u);
+        ASSERT_EQ(midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(c.h), b.Hdr(), sizeof(MIDIHDR)), 0u);
+        ASSERT_EQ(midiStreamOut(c.h, &b.hdr, sizeof(MIDIHDR)), 0u);
+        midiStreamRestart(c.h);
+        {
+            std::unique_lock<std::mutex> lock(c.mutex);
+            ASSERT_TRUE(c.cv.wait_for(lock, std::chrono::seconds(5), [&] { return c.entered > 0; }));
+        }
+        if (!bStop) {
+            EXPECT_EQ(midiStreamStop(c.h), MMSYSERR_NOERROR); // amid the callback
+        }
+        {
+            std::unique_lock<std::mutex> lock(c.mutex);
+            EXPECT_TRUE(c.cv.wait_for(lock, std::chrono::seconds(5), [&] { return c.done == 1; })) << bStop;
+        }
+        EXPECT_TRUE(b.hdr.dwFlags & MHDR_DONE);
+        EXPECT_EQ(midiStreamClose(c.h), MMSYSERR_NOERROR);
+    }
+    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+}
+
 #ifdef QUAVIX_HAVE_ALSA
 #include "platform/backends/alsa/QXAlsa.h"
 
