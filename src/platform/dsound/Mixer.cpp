@@ -610,6 +610,7 @@ Mixer::Mixer(DWORD dwRate, Resampler resampler)
     const uint64_t maxStep = (uint64_t{kMaxRate} << 32) / m_rate + 1;
     const uint64_t span = ((maxStep * m_blockFrames) >> 32) + static_cast<uint64_t>(m_history + m_lookahead) + 4;
     m_scratch.assign(span * 2, 0.0f);
+    m_ramped.assign(size_t{m_blockFrames} * 2, 0.0f);
     m_snapshot.reserve(kMaxVoices);
     m_voices.reserve(kMaxVoices);
 }
@@ -715,7 +716,13 @@ void Mixer::MixVoice(Voice& v, float* pOut, uint32_t nFrames)
         }
     }
 
-    if (n > 0 && (gl != 0.0f || gr != 0.0f)) {
+    // A volume or pan change moves the gains across one block instead of stepping.
+    const bool ramp = v.m_mixedGeneration == generation && (v.m_mixedL != gl || v.m_mixedR != gr);
+    const float startL = ramp ? v.m_mixedL : gl, startR = ramp ? v.m_mixedR : gr;
+    v.m_mixedL = gl;
+    v.m_mixedR = gr;
+    v.m_mixedGeneration = generation;
+    if (n > 0 && (gl != 0.0f || gr != 0.0f || startL != 0.0f || startR != 0.0f)) {
         // Convert the source frames the kernel reads into the scratch buffer.
         const int outCh = fmt.channels == 1 ? 1 : 2;
         const int64_t first = static_cast<int64_t>(pos >> 32) - m_history;
@@ -748,7 +755,19 @@ void Mixer::MixVoice(Voice& v, float* pOut, uint32_t nFrames)
             left -= run;
         }
         const uint64_t local = (uint64_t(m_history) << 32) | (pos & 0xFFFFFFFFu);
-        KernelFor(m_mode, outCh)(m_scratch.data(), local, step, n, gl, gr, pOut);
+        if (!ramp) {
+            KernelFor(m_mode, outCh)(m_scratch.data(), local, step, n, gl, gr, pOut);
+        } else {
+            float* tmp = m_ramped.data();
+            std::fill(tmp, tmp + size_t{n} * 2, 0.0f);
+            KernelFor(m_mode, outCh)(m_scratch.data(), local, step, n, 1.0f, 1.0f, tmp);
+            const float dl = (gl - startL) / static_cast<float>(n), dr = (gr - startR) / static_cast<float>(n);
+            for (uint32_t i = 0; i < n; ++i) {
+                const float k = static_cast<float>(i + 1);
+                pOut[2 * i] += tmp[2 * i] * (startL + dl * k);
+                pOut[2 * i + 1] += tmp[2 * i + 1] * (startR + dr * k);
+            }
+        }
     }
 
     const uint64_t newPos = pos + step * n;

@@ -100,6 +100,11 @@ private:
     std::vector<DSBPOSITIONNOTIFY> m_notes; // sorted, without the stop entry
     HANDLE m_stopEvent = nullptr;
     uint64_t m_publishCount = 0;
+
+    // The mixer's own: the gains the voice's last block ended with, and the generation
+    // it was mixed in (a gain change within one generation is ramped over a block).
+    float m_mixedL = 0.0f, m_mixedR = 0.0f;
+    uint32_t m_mixedGeneration = ~0u;
 };
 
 class Mixer {
@@ -146,6 +151,7 @@ private:
     int m_history; // source frames the resampler reads before the position
     int m_lookahead; // and after it
     std::vector<float> m_scratch; // converted source frames of one voice, stereo
+    std::vector<float> m_ramped;  // one voice's block at unity gain, for a gain ramp
     std::vector<Voice*> m_snapshot;
     std::atomic<uint64_t> m_framesMixed{0};
     std::atomic<float> m_masterL{1.0f}, m_masterR{1.0f};

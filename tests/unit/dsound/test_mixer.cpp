@@ -67,6 +67,16 @@ TEST(DSoundMixer, VolumeAndPanFollowTheDecibelLaw)
     RenderConstant(off, l, r);
     EXPECT_EQ(l, 0.0f);
     EXPECT_EQ(r, 0.0f);
+
+    // A change while playing glides over one block rather than stepping: no click.
+    ASSERT_EQ(mono->SetVolume(0), DS_OK);
+    off.Render(480);
+    ASSERT_EQ(mono->SetVolume(-2000), DS_OK);
+    const std::vector<float> glide = Channel(off.Render(480), 0);
+    const size_t block = 240;
+    EXPECT_NEAR(glide[0], 0.5f, 0.5f * 0.9f / block + 1e-6f);
+    for (size_t i = 1; i < block; ++i) EXPECT_LT(glide[i], glide[i - 1]);
+    for (size_t i = block - 1; i < glide.size(); ++i) EXPECT_NEAR(glide[i], 0.05f, 1e-6f);
     mono->Release();
 
     // A stereo source keeps its channels apart; pan attenuates one of them.
