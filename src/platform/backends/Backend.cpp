@@ -1,6 +1,17 @@
 // Chooses the process's backend from QUAVIX_BACKEND: a named backend is used whether or
-// not it finds devices (then it reports none); "auto" takes JACK when a server answers,
-// else ALSA when it finds a device, else the virtual backend.
+// not it finds devices (then it reports none).
+//
+// Audio follows the same one setting, so that a desktop user without JACK hears sound
+// with no setting at all:
+// - "jack": MIDI and audio are JACK ports.
+// - "alsa": the ALSA sequencer for MIDI; audio through PulseAudio (or PipeWire's pulse
+//   server) when one answers, else raw ALSA PCM when its "default" device opens, else
+//   PulseAudio again, which finds a server started later on its next device count.
+// - "auto" (the default): "jack" when a JACK server answers; else "alsa" when the
+//   sequencer has a MIDI device, a sound server answers or raw PCM opens; else virtual.
+// - "virtual": in-process devices and paced audio outputs.
+// There is no separate audio setting: the sound server is what a desktop routes through,
+// and raw PCM is what is left where none runs. The backend keeps the MIDI side's name.
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/virtual/QXVirtual.h"
 #ifdef QUAVIX_HAVE_JACK
@@ -8,6 +19,9 @@
 #endif
 #ifdef QUAVIX_HAVE_ALSA
 #include "platform/backends/alsa/QXAlsa.h"
+#endif
+#ifdef QUAVIX_HAVE_PULSE
+#include "platform/backends/pulse/QXPulse.h"
 #endif
 
 #include <atomic>
@@ -37,6 +51,49 @@ std::atomic<BackendEventProc> g_eventProc{nullptr};
     return VirtualBackend();
 }
 
+// MIDI devices from one backend, audio outputs from another.
+class WithAudio final : public Backend {
+public:
+    WithAudio(Backend& midi, Backend& audio) : m_midi(midi), m_audio(audio) {}
+    const char* Name() const override { return m_midi.Name(); }
+    int Count(DeviceKind kind) override { return Side(kind).Count(kind); }
+    std::string DeviceName(DeviceKind kind, int n) override { return Side(kind).DeviceName(kind, n); }
+    MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override { return m_midi.OpenMidiOut(n, port); }
+    MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) override
+    {
+        return m_midi.OpenMidiIn(n, pSink, port);
+    }
+    MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port) override { return m_audio.OpenAudioOut(n, port); }
+
+private:
+    Backend& Side(DeviceKind kind) { return kind == DeviceKind::WaveOut ? m_audio : m_midi; }
+    Backend& m_midi;
+    Backend& m_audio;
+};
+
+#ifdef QUAVIX_HAVE_ALSA
+// The ALSA sequencer with the desktop's audio; null when neither offers anything.
+Backend* AlsaWithAudio(bool bAlways)
+{
+    Backend* audio = nullptr;
+#ifdef QUAVIX_HAVE_PULSE
+    audio = PulseBackendIfServer();
+#endif
+    if (audio == nullptr) audio = AlsaPcmIfDevices();
+    Backend* midi = AlsaBackendIfDevices();
+    if (!bAlways && midi == nullptr && audio == nullptr) return nullptr;
+    if (audio == nullptr) {
+#ifdef QUAVIX_HAVE_PULSE
+        audio = &PulseBackendAlways();
+#else
+        audio = &AlsaPcmAlways();
+#endif
+    }
+    static WithAudio* s_backend = new WithAudio(AlsaBackendAlways(), *audio); // chosen once
+    return s_backend;
+}
+#endif
+
 Backend& Choose()
 {
     const char* want = std::getenv("QUAVIX_BACKEND");
@@ -54,7 +111,7 @@ Backend& Choose()
 #ifdef QUAVIX_HAVE_ALSA
         if (AlsaBackendIfDevices() == nullptr)
             std::fprintf(stderr, "quavix: the ALSA sequencer offers no MIDI device\n");
-        return AlsaBackendAlways();
+        return *AlsaWithAudio(true);
 #else
         return Unavailable(want);
 #endif
@@ -65,7 +122,7 @@ Backend& Choose()
     if (Backend* jack = JackBackendIfAvailable()) return *jack;
 #endif
 #ifdef QUAVIX_HAVE_ALSA
-    if (Backend* alsa = AlsaBackendIfDevices()) return *alsa;
+    if (Backend* alsa = AlsaWithAudio(false)) return *alsa;
 #endif
     return VirtualBackend();
 }

@@ -13,6 +13,11 @@ Backend* AlsaBackendIfDevices();
 // The ALSA backend whether or not a sequencer is there (then it has no devices).
 Backend& AlsaBackendAlways();
 
+// Raw PCM playback outputs (audio only): "default" first, then the devices ALSA's name
+// hints list. IfDevices: null when "default" cannot be opened for playback.
+Backend* AlsaPcmIfDevices();
+Backend& AlsaPcmAlways();
+
 // How an output addresses what it sends, and what its cancel takes back: kept apart so
 // that the two can be checked against each other without a sequencer. The sequencer
 // removes scheduled events by destination and tag, never by source port, so each

@@ -1,0 +1,472 @@
+// Audio outputs against a real PulseAudio server without hardware (null sinks, started
+// by tests/integration/pulse-server), recorded by parec from the sinks' monitors: the
+// tone that comes out is checked for frequency, level and an unbroken phase. Also raw
+// ALSA PCM, through the pulse ALSA plugin into the same server, and a server that dies.
+//
+// Environment (set by CTest): PULSE_SERVER names the fixture's server,
+// QUAVIX_PULSE_DIR its directory, QUAVIX_BACKEND=alsa.
+#include "platform/backends/QXBackend.h"
+#include "platform/dsound/QXDSound.h"
+#include "platform/dsound/QXMixer.h"
+#ifdef QUAVIX_HAVE_PULSE
+#include "platform/backends/pulse/QXPulse.h"
+#endif
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr double kPi = 3.14159265358979323846;
+
+std::string FixtureDir()
+{
+    const char* d = std::getenv("QUAVIX_PULSE_DIR");
+    return d != nullptr ? d : "";
+}
+
+// Runs a command, returns its exit status (-1 when it cannot start).
+int Command(std::vector<std::string> args)
+{
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid;
+    if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return -1;
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// parec recording a sink's monitor as float32 stereo, read by a thread of its own.
+class Recorder {
+public:
+    Recorder(const std::string& sink, unsigned rate) : m_rate(rate)
+    {
+        int fds[2];
+        if (pipe(fds) != 0) return;
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_adddup2(&fa, fds[1], 1);
+        posix_spawn_file_actions_addclose(&fa, fds[0]);
+        std::vector<std::string> args{"parec",         "-d",     sink + ".monitor", "--raw", "--format=float32le",
+                                      "--channels=2", "--rate=" + std::to_string(rate), "--latency-msec=10"};
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        if (posix_spawnp(&m_pid, "parec", &fa, nullptr, argv.data(), environ) != 0) m_pid = -1;
+        posix_spawn_file_actions_destroy(&fa);
+        close(fds[1]);
+        m_fd = fds[0];
+        m_thread = std::thread([this] { Read(); });
+    }
+
+    ~Recorder() { Stop(); }
+
+    // Frames recorded so far (stereo float).
+    std::vector<float> Take()
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_data;
+    }
+
+    bool WaitFrames(size_t frames, std::chrono::seconds limit)
+    {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (std::chrono::steady_clock::now() < end) {
+            {
+                std::lock_guard<std::mutex> lock(m_lock);
+                if (m_data.size() >= 2 * frames) return true;
+            }
+            std::this_thread::sleep_for(20ms);
+        }
+        return false;
+    }
+
+    void Stop()
+    {
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+            m_pid = -1;
+        }
+        if (m_thread.joinable()) m_thread.join();
+        if (m_fd >= 0) close(m_fd);
+        m_fd = -1;
+    }
+
+private:
+    void Read()
+    {
+        std::vector<char> partial;
+        char buf[8192];
+        for (;;) {
+            const ssize_t n = read(m_fd, buf, sizeof buf);
+            if (n <= 0) return;
+            partial.insert(partial.end(), buf, buf + n);
+            const size_t whole = partial.size() / sizeof(float) * sizeof(float);
+            std::lock_guard<std::mutex> lock(m_lock);
+            const size_t at = m_data.size();
+            m_data.resize(at + whole / sizeof(float));
+            std::memcpy(m_data.data() + at, partial.data(), whole);
+            partial.erase(partial.begin(), partial.begin() + static_cast<ptrdiff_t>(whole));
+        }
+    }
+
+    unsigned m_rate;
+    pid_t m_pid = -1;
+    int m_fd = -1;
+    std::thread m_thread;
+    std::mutex m_lock;
+    std::vector<float> m_data;
+};
+
+struct ToneReport {
+    bool found = false;
+    double frequency = 0;
+    double amplitude = 0;
+    double worstStep = 0; // largest deviation from the sine recurrence, relative to the amplitude
+    double rightToLeft = 0;
+};
+
+// Analyses the left channel from the first clearly audible frame on (skipping 50 ms of
+// onset): zero crossings give the frequency, RMS the amplitude, and the recurrence
+// x[n+1] = 2 cos(w) x[n] - x[n-1], which a pure sine meets exactly, finds any gap,
+// repeat or click.
+ToneReport Analyse(const std::vector<float>& st, unsigned rate, double nominalHz, double seconds)
+{
+    ToneReport r;
+    const size_t frames = st.size() / 2;
+    size_t first = 0;
+    while (first < frames && std::fabs(st[2 * first]) < 0.05) ++first;
+    const size_t begin = first + rate / 20, end = begin + static_cast<size_t>(seconds * rate);
+    if (first == frames || end > frames) return r;
+    r.found = true;
+    double sum = 0, sumR = 0;
+    double firstCross = -1, lastCross = -1;
+    int crossings = 0;
+    for (size_t i = begin; i < end; ++i) {
+        const double x = st[2 * i], y = st[2 * i + 1];
+        sum += x * x;
+        sumR += y * y;
+        const double p = st[2 * (i - 1)];
+        if (p < 0 && x >= 0) {
+            const double t = static_cast<double>(i - 1) + p / (p - x);
+            if (firstCross < 0) firstCross = t;
+            lastCross = t;
+            ++crossings;
+        }
+    }
+    r.amplitude = std::sqrt(2 * sum / static_cast<double>(end - begin));
+    r.rightToLeft = std::sqrt(sumR / sum);
+    if (crossings > 1) r.frequency = (crossings - 1) * rate / (lastCross - firstCross);
+    const double c = 2 * std::cos(2 * kPi * nominalHz / rate);
+    for (size_t i = begin + 1; i + 1 < end; ++i) {
+        const double e = st[2 * (i + 1)] - (c * st[2 * i] - st[2 * (i - 1)]);
+        r.worstStep = std::max(r.worstStep, std::fabs(e) / std::max(r.amplitude, 1e-6));
+    }
+    return r;
+}
+
+// A looping secondary buffer of one second of a 16-bit stereo sine.
+LPDIRECTSOUNDBUFFER ToneBuffer(LPDIRECTSOUND ds, unsigned rate, double hz, double amplitude)
+{
+    WAVEFORMATEX wfx{};
+    wfx.wFormatTag = WAVE_FORMAT_PCM;
+    wfx.nChannels = 2;
+    wfx.nSamplesPerSec = rate;
+    wfx.wBitsPerSample = 16;
+    wfx.nBlockAlign = 4;
+    wfx.nAvgBytesPerSec = rate * 4;
+    DSBUFFERDESC desc{};
+    desc.dwSize = sizeof desc;
+    desc.dwBufferBytes = rate * 4;
+    desc.lpwfxFormat = &wfx;
+    LPDIRECTSOUNDBUFFER b = nullptr;
+    if (ds->CreateSoundBuffer(&desc, &b, nullptr) != DS_OK) return nullptr;
+    void* p1 = nullptr;
+    void* p2 = nullptr;
+    DWORD n1 = 0, n2 = 0;
+    if (b->Lock(0, desc.dwBufferBytes, &p1, &n1, &p2, &n2, 0) != DS_OK) {
+        b->Release();
+        return nullptr;
+    }
+    auto* s = static_cast<int16_t*>(p1);
+    for (unsigned i = 0; i < rate; ++i) {
+        const auto v = static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * kPi * hz * i / rate)));
+        s[2 * i] = v;
+        s[2 * i + 1] = v;
+    }
+    b->Unlock(p1, n1, p2, n2);
+    return b;
+}
+
+struct Driver {
+    bool hasGuid;
+    GUID guid;
+    std::string description, module;
+};
+
+std::vector<Driver> Drivers()
+{
+    std::vector<Driver> out;
+    DirectSoundEnumerateA(
+        [](LPGUID g, LPCSTR d, LPCSTR m, LPVOID ctx) -> BOOL {
+            static_cast<std::vector<Driver>*>(ctx)->push_back({g != nullptr, g != nullptr ? *g : GUID{}, d, m});
+            return TRUE;
+        },
+        &out);
+    return out;
+}
+
+const Driver* Find(const std::vector<Driver>& ds, const std::string& description)
+{
+    for (const Driver& d : ds)
+        if (d.description == description) return &d;
+    return nullptr;
+}
+
+// Plays a tone through a driver (null: the default) and records it from a sink.
+ToneReport PlayAndRecord(const GUID* guid, const std::string& sink, unsigned sinkRate, double hz, double amplitude)
+{
+    LPDIRECTSOUND ds = nullptr;
+    EXPECT_EQ(DirectSoundCreate(guid, &ds, nullptr), DS_OK);
+    if (ds == nullptr) return {};
+    LPDIRECTSOUNDBUFFER b = ToneBuffer(ds, 48000, hz, amplitude);
+    EXPECT_NE(b, nullptr);
+    ToneReport r;
+    if (b != nullptr) {
+        Recorder rec(sink, sinkRate);
+        std::this_thread::sleep_for(200ms); // parec connected
+        EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+        EXPECT_TRUE(rec.WaitFrames(sinkRate * 3, 30s));
+        rec.Stop();
+        b->Stop();
+        b->Release();
+        r = Analyse(rec.Take(), sinkRate, hz, 2.0);
+        std::printf("tone on %s: %.3f Hz, amplitude %.4f, right/left %.4f, worst step %.5f\n", sink.c_str(),
+                    r.frequency, r.amplitude, r.rightToLeft, r.worstStep);
+    }
+    ds->Release();
+    return r;
+}
+
+TEST(Pulse, OutputsAreTheDefaultThenEachSinkByDescription)
+{
+    qxplat::Backend& b = qxplat::CurrentBackend();
+    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 0), "Default output (Quavix_A)");
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 1), "Quavix_A");
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 2), "Quavix_B");
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 3), "");
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, -1), "");
+
+    const std::vector<Driver> ds = Drivers();
+    ASSERT_EQ(ds.size(), 4u);
+    EXPECT_FALSE(ds[0].hasGuid); // the platform's own default entry
+    EXPECT_TRUE(ds[1].hasGuid);
+    EXPECT_EQ(ds[1].description, "Default output (Quavix_A)");
+    EXPECT_EQ(ds[3].description, "Quavix_B");
+
+    // Each output opens at its sink's rate; a number past the list does not open.
+    std::unique_ptr<qxplat::AudioOutPort> port;
+    ASSERT_EQ(b.OpenAudioOut(2, port), MMSYSERR_NOERROR);
+    EXPECT_EQ(port->Rate(), 44100u);
+    EXPECT_GT(port->TargetFrames(), 0u);
+    port.reset();
+    EXPECT_EQ(b.OpenAudioOut(3, port), MMSYSERR_BADDEVICEID);
+    EXPECT_EQ(b.OpenAudioOut(-1, port), MMSYSERR_BADDEVICEID);
+    EXPECT_EQ(port, nullptr);
+
+    // The default follows the server: after a change it names the other sink.
+    const std::string server = std::getenv("PULSE_SERVER");
+    ASSERT_EQ(Command({"pactl", "-s", server, "set-default-sink", "quavix_b"}), 0);
+    EXPECT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 0), "Default output (Quavix_B)");
+    Command({"pactl", "-s", server, "set-default-sink", "quavix_a"});
+}
+
+TEST(Pulse, ToneThroughTheDefaultDriverIsHeardWholeOnTheDefaultSink)
+{
+    const ToneReport r = PlayAndRecord(nullptr, "quavix_a", 48000, 1000.0, 0.5);
+    ASSERT_TRUE(r.found) << "no tone reached the default sink";
+    EXPECT_NEAR(r.frequency, 1000.0, 1.0);
+    EXPECT_NEAR(r.amplitude, 0.5, 0.02);
+    EXPECT_NEAR(r.rightToLeft, 1.0, 0.02);
+    // Same rate all the way: only 16-bit rounding remains.
+    EXPECT_LT(r.worstStep, 0.01) << "the phase jumps: a gap or a repeat in the output";
+}
+
+TEST(Pulse, ToneOnANamedSinkAtAnotherRateComesOutThereOnly)
+{
+    const std::vector<Driver> ds = Drivers();
+    const Driver* b = Find(ds, "Quavix_B");
+    ASSERT_NE(b, nullptr);
+    Recorder other("quavix_a", 48000);
+    const ToneReport r = PlayAndRecord(&b->guid, "quavix_b", 44100, 1000.0, 0.25);
+    other.Stop();
+    ASSERT_TRUE(r.found) << "no tone reached quavix_b";
+    EXPECT_NEAR(r.frequency, 1000.0, 1.0);
+    EXPECT_NEAR(r.amplitude, 0.25, 0.01);
+    // Resampled by the mixer from 48000 to the sink's 44100: still one unbroken sine.
+    EXPECT_LT(r.worstStep, 0.03);
+    float loudest = 0;
+    for (float x : other.Take()) loudest = std::max(loudest, std::fabs(x));
+    EXPECT_LT(loudest, 0.01f) << "the tone leaked to the default sink";
+}
+
+TEST(Pulse, UnderrunsAreCountedOnlyWhileTheRingRunsDryAndStopKeepsTheRing)
+{
+    qxplat::Backend& b = qxplat::CurrentBackend();
+    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
+    std::unique_ptr<qxplat::AudioOutPort> port;
+    ASSERT_EQ(b.OpenAudioOut(1, port), MMSYSERR_NOERROR);
+    const uint32_t rate = port->Rate();
+
+    // Fed by a mixer: the ring never runs dry for long on an idle machine; the bound is
+    // generous so that a busy build machine does not fail it.
+    {
+        qxplat::ds::Mixer mixer(rate, qxplat::Resampler::Cubic);
+        port->Start();
+        mixer.StartThread(port.get());
+        std::this_thread::sleep_for(2s);
+        mixer.StopThread();
+        port->Stop();
+        EXPECT_LT(port->UnderrunFrames(), rate / 5) << "a fed output ran dry";
+    }
+#ifdef QUAVIX_HAVE_PULSE
+    int64_t latencyUs = -1;
+    uint32_t underflows = 0;
+    EXPECT_TRUE(qxplat::PulseOutputLatency(port.get(), &latencyUs, &underflows));
+    EXPECT_GE(latencyUs, 0);
+    EXPECT_LT(latencyUs, 1'000'000);
+#endif
+
+    // Stopped: what is in the ring stays there.
+    const uint64_t before = port->UnderrunFrames();
+    qxplat::AudioRing& ring = port->Ring();
+    ring.Skip(ring.Readable());
+    std::vector<float> frames(2 * 1000, 0.1f);
+    ASSERT_EQ(ring.Write(frames.data(), 1000), 1000u);
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(ring.Readable(), 1000u);
+    EXPECT_EQ(port->UnderrunFrames(), before);
+
+    // Running with nothing more coming: those frames go, then every frame is an underrun.
+    port->Start();
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (port->UnderrunFrames() < before + rate / 10 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(ring.Readable(), 0u);
+    EXPECT_GE(port->UnderrunFrames(), before + rate / 10);
+    port->Stop();
+}
+
+std::atomic<int> g_lost{0};
+std::string g_lostServer;
+
+TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
+{
+    // A server of this test's own, so that the fixture's stays up for the others.
+    const std::string dir = FixtureDir() + "/lost";
+    ASSERT_EQ(Command({QUAVIX_PULSE_SCRIPT, "start", dir}), 0);
+    setenv("PULSE_SERVER", ("unix:" + dir + "/native").c_str(), 1);
+    qxplat::SetBackendEventProc([](qxplat::BackendEvent e, int, const char* server) {
+        if (e != qxplat::BackendEvent::ServerLost) return;
+        g_lostServer = server;
+        g_lost.fetch_add(1);
+    });
+    qxplat::Backend& backend = qxplat::CurrentBackend();
+    ASSERT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 3);
+
+    LPDIRECTSOUND ds = nullptr;
+    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER b = ToneBuffer(ds, 48000, 1000.0, 0.5);
+    ASSERT_NE(b, nullptr);
+    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    std::this_thread::sleep_for(300ms);
+
+    std::ifstream pidFile(dir + "/pid");
+    pid_t pid = 0;
+    pidFile >> pid;
+    ASSERT_GT(pid, 0);
+    kill(pid, SIGKILL);
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (g_lost.load() == 0 && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(g_lost.load(), 1);
+    EXPECT_EQ(g_lostServer, "PulseAudio");
+
+    // The application's calls still return; the output is gone from the list.
+    auto done = std::async(std::launch::async, [&] {
+        b->Stop();
+        b->Release();
+        ds->Release();
+    });
+    ASSERT_EQ(done.wait_for(10s), std::future_status::ready) << "releasing an output of a lost server hangs";
+    EXPECT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 0);
+    LPDIRECTSOUND again = nullptr;
+    EXPECT_EQ(DirectSoundCreate(nullptr, &again, nullptr), DSERR_NODRIVER);
+    EXPECT_EQ(again, nullptr);
+    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
+
+    // A server that comes back is found again.
+    ASSERT_EQ(Command({QUAVIX_PULSE_SCRIPT, "start", dir}), 0);
+    EXPECT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 3);
+    EXPECT_EQ(DirectSoundCreate(nullptr, &again, nullptr), DS_OK);
+    if (again != nullptr) again->Release();
+    Command({QUAVIX_PULSE_SCRIPT, "stop", dir});
+    const auto end2 = std::chrono::steady_clock::now() + 10s;
+    while (g_lost.load() < 2 && std::chrono::steady_clock::now() < end2) std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(g_lost.load(), 2) << "the second server's end is reported as well";
+}
+
+// Raw ALSA PCM where no server answers libpulse: "default" is the pulse ALSA plugin,
+// pointed at the fixture's server by an ALSA configuration of the test's own.
+TEST(AlsaPcm, ToneThroughRawPcmIsHeardWhole)
+{
+    const std::string server = std::getenv("PULSE_SERVER");
+    const std::string conf = FixtureDir() + "/alsa-test.conf";
+    {
+        std::ofstream f(conf);
+        f << "pcm.!default { type pulse; server \"" << server << "\"; device \"quavix_b\" }\n";
+    }
+    setenv("ALSA_CONFIG_PATH", ("/usr/share/alsa/alsa.conf:" + conf).c_str(), 1);
+    setenv("PULSE_SERVER", "unix:/nonexistent/quavix", 1); // libpulse itself finds no server
+    qxplat::Backend& backend = qxplat::CurrentBackend();
+    const int count = backend.Count(qxplat::DeviceKind::WaveOut);
+    ASSERT_GE(count, 1);
+    EXPECT_EQ(backend.DeviceName(qxplat::DeviceKind::WaveOut, 0), "Default ALSA output");
+    for (int n = 1; n < count; ++n) EXPECT_NE(backend.DeviceName(qxplat::DeviceKind::WaveOut, n), "");
+
+    unsetenv("PULSE_SERVER");
+    setenv("PULSE_SERVER", server.c_str(), 1); // for parec
+    const ToneReport r = PlayAndRecord(nullptr, "quavix_b", 44100, 1000.0, 0.5);
+    ASSERT_TRUE(r.found) << "no tone came through raw ALSA";
+    EXPECT_NEAR(r.frequency, 1000.0, 1.0);
+    EXPECT_NEAR(r.amplitude, 0.5, 0.02);
+    EXPECT_LT(r.worstStep, 0.03);
+}
+
+} // namespace
