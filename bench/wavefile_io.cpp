@@ -1,11 +1,18 @@
 // Throughput of the wave file devices beside plain read(2)/write(2) loops of the same
 // piece sizes, in the same run and on the same files: writing in half-second pieces
 // (44.1 kHz stereo 16-bit, 88,200 bytes) through CWaveFileWrite::Write, reading in
-// 8192-byte pieces through CWaveFileRead::Read. Files live in /tmp and are removed.
+// 8192-byte pieces through CWaveFileRead::Read and, where it is installed, libsndfile's
+// sf_read_raw. The file is read right after it is written, so the page cache is warm.
+// Each round is printed, then the median, the slowest and the fastest round of each
+// column, and the ratios. Files live in /tmp and are removed.
 //
 //   wavefile_io [--mb N] [--rounds N]
 
 #include <quavix/QXWaveFile.h>
+
+#if QUAVIX_HAVE_SNDFILE
+#include <sndfile.h>
+#endif
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -113,6 +120,22 @@ double OurRead(size_t* pBytes)
     return Seconds(t0);
 }
 
+#if QUAVIX_HAVE_SNDFILE
+double SndfileRead(size_t* pBytes)
+{
+    std::vector<char> buf(kReadPiece);
+    const auto t0 = Clock::now();
+    SF_INFO info{};
+    SNDFILE* f = sf_open(g_ours.c_str(), SFM_READ, &info);
+    if (f == nullptr) Die("libsndfile cannot open the wave file");
+    size_t total = 0;
+    for (sf_count_t n; (n = sf_read_raw(f, buf.data(), kReadPiece)) > 0;) total += size_t(n);
+    sf_close(f);
+    *pBytes = total;
+    return Seconds(t0);
+}
+#endif
+
 double Median(std::vector<double> v)
 {
     std::sort(v.begin(), v.end());
@@ -124,7 +147,7 @@ double Median(std::vector<double> v)
 int main(int argc, char** argv)
 {
     long mb = 200;
-    int rounds = 5;
+    int rounds = 7;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--mb") == 0 && i + 1 < argc) {
             mb = std::strtol(argv[++i], nullptr, 10);
@@ -150,10 +173,19 @@ int main(int argc, char** argv)
     const size_t pieces = (size_t(mb) * 1000000 + kWritePiece - 1) / kWritePiece;
     const double writeMB = double(pieces * kWritePiece) / 1e6;
 
-    std::vector<double> pw, ow, pr, orr;
-    std::printf("%zu MB, %d rounds: writes of %zu bytes, reads of %d bytes (MB/s)\n", size_t(writeMB), rounds,
-                kWritePiece, kReadPiece);
-    std::printf("round  write(2)  Write  ratio   read(2)  Read  ratio\n");
+    std::vector<double> pw, ow, pr, orr, sr;
+#if QUAVIX_HAVE_SNDFILE
+    const bool sndfile = true;
+#else
+    const bool sndfile = false;
+#endif
+    std::printf("%zu MB, %d rounds: writes of %zu bytes, reads of %d bytes (MB/s)%s\n", size_t(writeMB), rounds,
+                kWritePiece, kReadPiece, sndfile ? "" : "; libsndfile not built in");
+    std::printf("round  write(2)  Write  ratio |  read(2)   Read  sf_read_raw | Read/read sf/read Read/sf\n");
+    auto row = [&](const char* label, double a, double b, double c, double d, double e) {
+        std::printf("%-6s %8.0f %6.0f %5.0f%% | %8.0f %6.0f %12.0f | %8.0f%% %6.0f%% %6.0f%%\n", label, a, b,
+                    100 * b / a, c, d, e, 100 * d / c, 100 * e / c, e > 0 ? 100 * d / e : 0.0);
+    };
     for (int round = 0; round < rounds; ++round) {
         // Alternate the order so that neither side always meets a warmer cache.
         double tPlainW, tOurW;
@@ -164,30 +196,36 @@ int main(int argc, char** argv)
             tOurW = OurWrite(piece, pieces);
             tPlainW = PlainWrite(piece, pieces);
         }
-        size_t plainBytes = 0, ourBytes = 0;
-        double tPlainR, tOurR;
-        if (round % 2 == 0) {
-            tPlainR = PlainRead(&plainBytes);
-            tOurR = OurRead(&ourBytes);
-        } else {
-            tOurR = OurRead(&ourBytes);
-            tPlainR = PlainRead(&plainBytes);
+        size_t plainBytes = 0, ourBytes = 0, sfBytes = 0;
+        double tPlainR = 0, tOurR = 0, tSfR = 0;
+        // Three readers in a rotating order.
+        for (int k = 0; k < 3; ++k) {
+            switch ((round + k) % 3) {
+            case 0: tPlainR = PlainRead(&plainBytes); break;
+            case 1: tOurR = OurRead(&ourBytes); break;
+            default:
+#if QUAVIX_HAVE_SNDFILE
+                tSfR = SndfileRead(&sfBytes);
+#endif
+                break;
+            }
         }
         if (ourBytes != pieces * kWritePiece) Die("Read did not deliver every sample byte");
+        if (sndfile && sfBytes != ourBytes) Die("libsndfile and Read delivered different counts");
         pw.push_back(writeMB / tPlainW);
         ow.push_back(writeMB / tOurW);
         pr.push_back(double(plainBytes) / 1e6 / tPlainR);
         orr.push_back(double(ourBytes) / 1e6 / tOurR);
-        std::printf("%5d %9.0f %6.0f %5.0f%% %9.0f %5.0f %5.0f%%\n", round + 1, pw.back(), ow.back(),
-                    100 * ow.back() / pw.back(), pr.back(), orr.back(), 100 * orr.back() / pr.back());
+        sr.push_back(tSfR > 0 ? double(sfBytes) / 1e6 / tSfR : 0.0);
+        row(std::to_string(round + 1).c_str(), pw.back(), ow.back(), pr.back(), orr.back(), sr.back());
     }
-    std::printf("median %8.0f %6.0f %5.0f%% %9.0f %5.0f %5.0f%%\n", Median(pw), Median(ow),
-                100 * Median(ow) / Median(pw), Median(pr), Median(orr), 100 * Median(orr) / Median(pr));
-    // Other work on the machine only ever slows a pass down: the best pass of each is
-    // the least disturbed.
+    row("median", Median(pw), Median(ow), Median(pr), Median(orr), Median(sr));
+    // Other work on the machine only ever slows a round down: the fastest round of each
+    // is the least disturbed, the slowest shows the spread.
     auto best = [](const std::vector<double>& v) { return *std::max_element(v.begin(), v.end()); };
-    std::printf("best   %8.0f %6.0f %5.0f%% %9.0f %5.0f %5.0f%%\n", best(pw), best(ow), 100 * best(ow) / best(pw),
-                best(pr), best(orr), 100 * best(orr) / best(pr));
+    auto worst = [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); };
+    row("slow", worst(pw), worst(ow), worst(pr), worst(orr), worst(sr));
+    row("fast", best(pw), best(ow), best(pr), best(orr), best(sr));
     RemoveFiles();
     return 0;
 }

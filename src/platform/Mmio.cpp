@@ -205,11 +205,13 @@ LONG ReadBytes(MmioFile& f, char* pch, LONG cch)
             done += n;
             continue;
         }
-        // Once the buffer is spent, whole buffers' worth go straight to the caller.
-        if (want - done >= i.cchBuffer) {
+        // Once the buffer is spent, a caller who asked for a buffer's worth or more gets
+        // all the rest straight from the file: one copy instead of two, and the next
+        // such call starts with an empty buffer again instead of its leftover.
+        if (want >= i.cchBuffer) {
             if (Flush(f) != MMSYSERR_NOERROR) return -1;
             const int64_t at = Pos(f);
-            const int64_t ask = (want - done) / i.cchBuffer * i.cchBuffer;
+            const int64_t ask = want - done;
             const int64_t n = PreadAll(f.fd, pch + done, ask, at);
             if (n < 0) return -1;
             done += n;

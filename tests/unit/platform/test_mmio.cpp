@@ -230,3 +230,30 @@ TEST_F(Mmio, DirectBufferAccessAndBufferChanges)
         EXPECT_EQ(mmioGetInfo(bad, &info, 0), UINT(MMSYSERR_INVALHANDLE));
     }
 }
+
+TEST_F(Mmio, ReadsOfABufferOrMoreGoStraightToTheCaller)
+{
+    // Every read of a buffer's worth or more takes what the buffer holds and then
+    // reads the rest past it, leaving it empty, whatever the alignment; smaller reads
+    // refill it. The bytes are the file's either way.
+    const std::string data = Pattern(100000);
+    const std::string path = Make("f.bin", data);
+    HMMIO h = Open(path, MMIO_READ | MMIO_ALLOCBUF);
+    ASSERT_NE(h, nullptr);
+    MMIOINFO info{};
+    std::string got = ReadN(h, 46);
+    for (LONG piece : {8192L, 8192L, 9000L, 100L, 8192L, 20000L, 8192L}) {
+        got += ReadN(h, piece);
+        ASSERT_EQ(mmioGetInfo(h, &info, 0), 0u);
+        if (piece >= MMIO_DEFAULTBUFFER) {
+            EXPECT_EQ(info.pchNext, info.pchEndRead) << piece;
+        } else {
+            EXPECT_GT(info.pchEndRead - info.pchNext, 0) << piece;
+        }
+        EXPECT_EQ(info.lBufOffset + (info.pchNext - info.pchBuffer), LONG(got.size()));
+    }
+    got += ReadN(h, 100000); // past the end: what is there
+    EXPECT_TRUE(got == data);
+    EXPECT_EQ(ReadN(h, 8192), "");
+    EXPECT_EQ(mmioClose(h, 0), 0u);
+}

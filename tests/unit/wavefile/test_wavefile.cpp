@@ -334,25 +334,27 @@ TEST_F(WaveFile, LengthsThatTheFileDoesNotHoldReadToItsEnd)
 
 TEST_F(WaveFile, AFileCutWhileReadIsReadToItsLastByteThenEnds)
 {
-    const std::string data = Pattern(30000);
-    for (int piece : {1000, 8192, 20000}) {
+    // Longer than the reader's buffer, so that the cut is met by reading, not
+    // hidden by what the buffer already holds; pieces smaller and larger than it.
+    const std::string data = Pattern(300000);
+    for (int piece : {1000, 8192, 70000}) {
         CWaveFileRead r;
         OpenReader(r, Riff(Fmt(1, 8000, 8) + Chunk("data", data)));
         ASSERT_EQ(Read(r, 3000), data.substr(0, 3000));
-        // Another program cuts the file to 10,000 sample bytes.
-        ASSERT_EQ(truncate(r.GetFilename().c_str(), 44 + 10000), 0);
+        // Another program cuts the file to 100,000 sample bytes.
+        ASSERT_EQ(truncate(r.GetFilename().c_str(), 44 + 100000), 0);
         Reports reports;
         std::string got = data.substr(0, 3000);
         int n = 1, calls = 0;
-        for (; n > 0 && calls < 100; ++calls) {
+        for (; n > 0 && calls < 1000; ++calls) {
             const std::string buf = Read(r, piece, &n);
             ASSERT_GE(n, 0);
             got += buf.substr(0, size_t(n));
             // Whatever is not sample data is silence, also on the call that meets the end.
             EXPECT_EQ(buf.substr(size_t(n)), std::string(size_t(piece - n), '\x80')) << piece;
         }
-        EXPECT_TRUE(got == data.substr(0, 10000)) << piece << ": " << got.size();
-        EXPECT_EQ(r.GetFilePosition(), 10000);
+        EXPECT_TRUE(got == data.substr(0, 100000)) << piece << ": " << got.size();
+        EXPECT_EQ(r.GetFilePosition(), 100000);
         Read(r, piece, &n); // and it stays at the end
         EXPECT_EQ(n, 0);
         EXPECT_TRUE(reports.Take().empty());
@@ -508,7 +510,7 @@ TEST_F(WaveFile, WhatTheWriterWritesTheReaderReads)
 
 TEST_F(WaveFile, EachFailingFileCallIsReported)
 {
-    const std::string path = Make("in.wav", Riff(Fmt(1, 8000, 8) + Chunk("data", Pattern(20000))));
+    const std::string path = Make("in.wav", Riff(Fmt(1, 8000, 8) + Chunk("data", Pattern(200000))));
     Reports reports;
     for (auto [op, code, value] :
          {std::tuple{"mmioOpenA", QXN_FILE_OPENREAD, 0}, {"mmioSeek", QXN_FILE_SEEK, 0},
@@ -520,21 +522,23 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
         EXPECT_EQ(reports.Take(), (Got{{code, DWORD(value)}})) << op;
     }
     // While reading: -1, the position kept.
-    // A read of less than a buffer refills the buffer; one of a buffer or more goes
-    // straight into the caller's buffer, and its failure counts as a failed refill.
+    // A read of less than the reader's 64 KiB buffer refills the buffer; one of a
+    // buffer or more goes straight into the caller's buffer, and its failure counts
+    // as a failed refill.
     for (auto [op, call, size, code, value] :
          {std::tuple{"mmioGetInfo", 1, 1000, QXN_FILE_GETINFO, 88}, {"mmioGetInfo", 2, 1000, QXN_FILE_GETINFO, 88},
           {"mmioAdvance", 1, 1000, QXN_FILE_ADVANCE, 88}, {"mmioSetInfo", 2, 1000, QXN_FILE_SETINFO, 88},
-          {"mmioRead", 1, 9000, QXN_FILE_ADVANCE, DWORD(MMIOERR_CANNOTREAD)}}) {
+          {"mmioRead", 1, 70000, QXN_FILE_ADVANCE, DWORD(MMIOERR_CANNOTREAD)}}) {
         CWaveFileRead r;
         r.SetFilename(path.c_str());
         ASSERT_EQ(r.Open(0), 1);
-        Read(r, 8000); // the next read needs a refill
-        QXFaultInject(op, 88, call);
         int n = 0;
+        Read(r, 65000, &n); // the next read needs a refill
+        ASSERT_EQ(n, 65000);
+        QXFaultInject(op, 88, call);
         Read(r, size, &n);
         EXPECT_EQ(n, -1) << op;
-        EXPECT_EQ(r.GetFilePosition(), 8000);
+        EXPECT_EQ(r.GetFilePosition(), 65000);
         EXPECT_EQ(reports.Take(), (Got{{code, value}})) << op;
         QXFaultClear();
         // A close that fails is reported, and lets go of the file all the same.
