@@ -163,7 +163,8 @@ PathResult Measure(const std::vector<Arrival>& arrivals, const std::vector<DWORD
     const double median = Quantile(sorted, 0.5);
     double worst = -1;
     for (auto& o : offsets) {
-        const double e = std::fabs(o.second - median);
+        // Rounded to a nanosecond: frames and milliseconds do not divide exactly in binary.
+        const double e = std::round(std::fabs(o.second - median) * 1000.0) / 1000.0;
         r.absErrUs.push_back(e);
         if (e > worst) {
             worst = e;
@@ -253,7 +254,7 @@ bool Round(int seconds, PathResult out[kPaths], int& xruns)
 
 void Ratio(const char* what, double ours, double base)
 {
-    if (ours > 0) std::printf("  %-8s %9.1f us %9.1f us   %6.1fx\n", what, ours, base, base / ours);
+    if (ours > 0.05) std::printf("  %-8s %9.1f us %9.1f us   %6.1fx\n", what, ours, base, base / ours);
     else std::printf("  %-8s %9.1f us %9.1f us   (ours exact)\n", what, ours, base);
 }
 
