@@ -6,6 +6,7 @@
 #include "platform/QXMmio.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -15,28 +16,56 @@ constexpr int kWaveInDefaultFormat = 8; // what a wave input records unless told
 // One second of a format no device records could be gigabytes: the buffer stops here.
 constexpr double kMaxBuffer = 16.0 * 1024 * 1024;
 
-// One buffer time of audio in bytes: the size of the file buffer, and how much audio
-// goes by between two refreshes of the header's lengths. A format without a byte rate
-// keeps the service's default buffer.
+// One buffer time of audio in bytes: the size of the file buffer, and so how much
+// audio goes by between two refreshes of the header's lengths. A format without a
+// byte rate keeps the service's default buffer.
 LONG BufferBytes(const QX_DevFormat& format, int nBufferTime)
 {
     const double bytes = nBufferTime / 1000.0 * format.nAvgBytesPerSec;
     return bytes < 1.0 ? MMIO_DEFAULTBUFFER : LONG(bytes < kMaxBuffer ? bytes : kMaxBuffer);
 }
 
-bool PutLe32(HMMIO hFile, LONG lAt, DWORD dwValue)
+void Le32(char* p, DWORD v)
 {
-    const char le[4] = {char(dwValue), char(dwValue >> 8), char(dwValue >> 16), char(dwValue >> 24)};
-    return mmioSeek(hFile, lAt, SEEK_SET) == lAt && mmioWrite(hFile, le, 4) == 4;
+    p[0] = char(v);
+    p[1] = char(v >> 8);
+    p[2] = char(v >> 16);
+    p[3] = char(v >> 24);
+}
+
+bool PutBytes(HMMIO hFile, LONG lAt, const char* p, LONG cb)
+{
+    return mmioSeek(hFile, lAt, SEEK_SET) == lAt && mmioWrite(hFile, p, cb) == cb;
 }
 
 // Writes the RIFF and data lengths into their chunk headers, then goes back to lResume
 // (when not negative). Seeking away writes out what the file buffer holds first, so
-// the lengths never claim bytes that are still only in memory.
-bool PutSizes(HMMIO hFile, const MMCKINFO& ckRiff, const MMCKINFO& ckData, DWORD dwRiff, DWORD dwData, LONG lResume)
+// the lengths never claim bytes that are still only in memory. The header this writer
+// lays out keeps the two lengths 38 bytes apart, with the form type, the format chunk
+// and the data chunk's name between them: one write of those 42 bytes costs one small
+// system call instead of two. Without the format record only the lengths are written.
+bool PutSizes(HMMIO hFile, const MMCKINFO& ckRiff, const MMCKINFO& ckFmt, const MMCKINFO& ckData,
+              const QX_DevFormat* pFormat, DWORD dwRiff, DWORD dwData, LONG lResume)
 {
-    bool ok = PutLe32(hFile, LONG(ckRiff.dwDataOffset) - 4, dwRiff) &&
-              PutLe32(hFile, LONG(ckData.dwDataOffset) - 4, dwData);
+    const LONG lRiffSize = LONG(ckRiff.dwDataOffset) - 4, lDataSize = LONG(ckData.dwDataOffset) - 4;
+    bool ok;
+    if (pFormat != nullptr && ckFmt.cksize == sizeof(QX_DevFormat) && ckFmt.dwDataOffset == ckRiff.dwDataOffset + 12 &&
+        ckData.dwDataOffset == ckFmt.dwDataOffset + sizeof(QX_DevFormat) + 8) {
+        char block[4 + 4 + 8 + sizeof(QX_DevFormat) + 8];
+        Le32(block, dwRiff);
+        Le32(block + 4, ckRiff.fccType);
+        Le32(block + 8, ckFmt.ckid);
+        Le32(block + 12, ckFmt.cksize);
+        std::memcpy(block + 16, pFormat, sizeof(QX_DevFormat));
+        Le32(block + 16 + sizeof(QX_DevFormat), ckData.ckid);
+        Le32(block + 20 + sizeof(QX_DevFormat), dwData);
+        ok = PutBytes(hFile, lRiffSize, block, LONG(sizeof(block)));
+    } else {
+        char riff[4], data[4];
+        Le32(riff, dwRiff);
+        Le32(data, dwData);
+        ok = PutBytes(hFile, lRiffSize, riff, 4) && PutBytes(hFile, lDataSize, data, 4);
+    }
     if (lResume >= 0) ok = mmioSeek(hFile, lResume, SEEK_SET) == lResume && ok;
     return ok;
 }
@@ -107,9 +136,15 @@ long CWaveFileWrite::Write(WAVEHDR* pHeader)
     if (!TestState(QX_STATE_OPEN) || pHeader == nullptr || pHeader->dwBytesRecorded == 0) return 0;
     const DWORD_PTR name = reinterpret_cast<DWORD_PTR>(m_strFilename.c_str());
     HMMIO hFile = File();
+    MMIOINFO info;
+    if (mmioGetInfo(hFile, &info, 0) != MMSYSERR_NOERROR) {
+        QXNotifyShared(QXN_FILE_WRITE, 0, name);
+        return -1;
+    }
     // A failed write may have left part of itself in the file buffer: the next bytes
     // go after the last ones counted, over it.
-    if (mmioSeek(hFile, 0, SEEK_CUR) != m_lFilePosition && mmioSeek(hFile, m_lFilePosition, SEEK_SET) < 0) {
+    const int64_t llHere = int64_t(info.lBufOffset) + (info.pchNext - info.pchBuffer);
+    if (llHere != m_lFilePosition && mmioSeek(hFile, m_lFilePosition, SEEK_SET) < 0) {
         QXNotifyShared(QXN_FILE_WRITE, 0, name);
         return -1;
     }
@@ -121,16 +156,16 @@ long CWaveFileWrite::Write(WAVEHDR* pHeader)
     const LONG lBefore = m_lDataSize;
     m_lDataSize += n;
     m_lFilePosition += n;
-    // Once per buffer time of audio the header gets the lengths written so far, so
-    // that a recorder that is killed, or that runs out of disk, leaves a file every
-    // reader takes. When the buffer is full this costs two small writes: the seek away
-    // writes out the buffer, which was due anyway. A refresh that fails is not
-    // reported: the data is still in the buffer, and the next Write or Close meets
-    // the same failure and reports it.
-    const LONG lEvery = BufferBytes(*m_pFormat, m_nBufferTime);
+    // Once per file buffer (one buffer time of audio) the header gets the lengths
+    // written so far, so that a recorder that is killed, or that runs out of disk,
+    // leaves a file every reader takes. Once the buffer is full this costs one small
+    // write: the seek away writes out the buffer, which was due anyway. A refresh that
+    // fails is not reported: the data is still in the buffer, and the next Write or
+    // Close meets the same failure and reports it.
+    const LONG lEvery = info.cchBuffer > 0 ? info.cchBuffer : MMIO_DEFAULTBUFFER;
     if (lBefore / lEvery != m_lDataSize / lEvery)
-        PutSizes(hFile, m_ckRiff, m_ckData, DWORD(m_lFilePosition) - m_ckRiff.dwDataOffset, DWORD(m_lDataSize),
-                 m_lFilePosition);
+        PutSizes(hFile, m_ckRiff, m_ckFmt, m_ckData, m_pFormat, DWORD(m_lFilePosition) - m_ckRiff.dwDataOffset,
+                 DWORD(m_lDataSize), m_lFilePosition);
     return n;
 }
 
@@ -168,7 +203,8 @@ int CWaveFileWrite::DevClose()
             if (lEnd >= lData0) {
                 const LONG lData = std::min(lEnd - lData0, m_lDataSize);
                 const LONG lRiffEnd = std::min(lEnd, lData0 + lData + (lData & 1));
-                PutSizes(hFile, m_ckRiff, m_ckData, DWORD(lRiffEnd) - m_ckRiff.dwDataOffset, DWORD(lData), -1);
+                PutSizes(hFile, m_ckRiff, m_ckFmt, m_ckData, m_pFormat, DWORD(lRiffEnd) - m_ckRiff.dwDataOffset,
+                         DWORD(lData), -1);
             }
             mmioClose(hFile, 0);
         }

@@ -141,6 +141,36 @@ TEST_F(Recording, TheHeaderKeepsUpWithTheDataWhileRecording)
     }
 }
 
+TEST_F(Recording, DroppingTheFormatWhileRecordingKeepsTheHeaderTrue)
+{
+    // The refresh rewrites the header from the format record; without one it writes
+    // the two lengths alone, and the format already in the file stays.
+    const std::string path = Path("drop.wav");
+    QX_DevFormat format = Format8k();
+    const std::string data = Pattern(40000, 9);
+    CWaveFileWrite w;
+    w.SetFilename(path.c_str());
+    w.SetFormat(&format);
+    ASSERT_EQ(w.Open(0), 1);
+    for (size_t at = 0; at < data.size(); at += 5000) {
+        if (at == 15000) w.SetFormat(nullptr);
+        std::string bytes = data.substr(at, 5000);
+        WAVEHDR h{};
+        h.lpData = bytes.data();
+        h.dwBytesRecorded = DWORD(bytes.size());
+        ASSERT_EQ(w.Write(&h), 5000);
+        const std::string file = Slurp(path);
+        EXPECT_GE(HeaderLe32(file, 42) + kRate, at + 5000);
+        EXPECT_EQ(HeaderLe32(file, 4), HeaderLe32(file, 42) == 0 ? 0 : HeaderLe32(file, 42) + 38);
+    }
+    EXPECT_EQ(w.GetDuration(), 0);
+    ASSERT_EQ(w.Close(), 1);
+    QX_DevFormat back{};
+    ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
+    EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
+    EXPECT_TRUE(ReadWhole(path) == data);
+}
+
 TEST_F(Recording, AWriterKilledMidRecordingLeavesAFileEveryoneReads)
 {
     QX_DevFormat format = Format8k();
