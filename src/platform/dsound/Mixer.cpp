@@ -636,7 +636,12 @@ void Mixer::RemoveVoice(Voice* pVoice)
         *it = m_voices.back();
         m_voices.pop_back();
     }
-    m_blockDone.wait(lock, [this] { return !m_inBlock; });
+    // Only the block in progress can hold the voice; later ones took their list after it
+    // went, so waiting for that one block is enough (no starving behind a busy mixer).
+    if (m_inBlock) {
+        const uint64_t serial = m_blocksDone;
+        m_blockDone.wait(lock, [this, serial] { return m_blocksDone != serial; });
+    }
 }
 
 size_t Mixer::VoiceCount() const
@@ -680,6 +685,7 @@ void Mixer::MixBlock(float* pOut, uint32_t nFrames)
     {
         std::lock_guard<std::mutex> lock(m_listLock);
         m_inBlock = false;
+        ++m_blocksDone;
     }
     m_blockDone.notify_all();
     m_framesMixed.fetch_add(nFrames, std::memory_order_relaxed);

@@ -160,6 +160,7 @@ private:
     std::condition_variable m_blockDone;
     std::vector<Voice*> m_voices; // under m_listLock
     bool m_inBlock = false;       // under m_listLock
+    uint64_t m_blocksDone = 0;    // under m_listLock
 
     std::mutex m_threadLock;
     std::condition_variable m_threadWake;
