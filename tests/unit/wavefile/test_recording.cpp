@@ -286,31 +286,3 @@ TEST_F(Recording, AFullDiskLeavesTrueLengths)
     }
     if (tmpfs == 77) GTEST_SKIP() << "tmpfs not mountable here: the full disk was checked with a file size limit only";
 }
-
-TEST_F(Recording, FailuresWhileFinishingStillLeaveTrueLengths)
-{
-    // Injected: the write and both ascents at close fail. The file is reopened and its
-    // lengths are set to what it holds and what was counted as written.
-    const std::string out = Path("w.wav");
-    for (std::string tail : {std::string("12345"), std::string("123456")}) {
-        Reports reports;
-        CWaveFileWrite w;
-        w.SetFilename(out.c_str());
-        ASSERT_EQ(w.Open(0), 1);
-        WAVEHDR h{};
-        h.lpData = tail.data();
-        h.dwBytesRecorded = DWORD(tail.size());
-        ASSERT_EQ(w.Write(&h), long(tail.size()));
-        QXFaultInject("mmioWrite", 1);
-        EXPECT_EQ(w.Write(&h), -1);
-        QXFaultInject("mmioAscend", 77, 1);
-        QXFaultInject("mmioAscend", 78, 2);
-        EXPECT_EQ(w.Close(), 1);
-        EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_WRITE, 0}, {QXN_FILE_ASCEND, 77}, {QXN_FILE_ASCEND, 78}}));
-        const std::string file = Slurp(out);
-        EXPECT_EQ(file.substr(46), tail);
-        EXPECT_EQ(HeaderLe32(file, 4), 38 + tail.size());
-        EXPECT_EQ(HeaderLe32(file, 42), tail.size());
-        EXPECT_EQ(ReadWhole(out), tail);
-    }
-}
