@@ -72,6 +72,21 @@ std::string TempName(const char* what)
     return "/tmp/quavix-jack-" + std::string(what) + "-" + std::to_string(getpid()) + ".txt";
 }
 
+// The one port connected to a port, or "" (a new connection shows from the next cycle).
+std::string OnlyConnection(jack_client_t* c, const char* port)
+{
+    jack_port_t* p = jack_port_by_name(c, port);
+    for (int i = 0; i < 100 && p != nullptr; ++i) {
+        if (const char** names = jack_port_get_all_connections(c, p)) {
+            std::string name = names[0];
+            jack_free(names);
+            return name;
+        }
+        Sleep(20);
+    }
+    return {};
+}
+
 std::string Slurp(const std::string& path)
 {
     std::ifstream f(path);
@@ -94,7 +109,9 @@ int FindDevice(CQuavix* q, int dir, const std::string& port)
 
 bool WaitForPort(const char* name)
 {
-    jack_client_t* c = jack_client_open("qxprobe", JackNoStartServer, nullptr);
+    jack_client_t* c = nullptr;
+    for (int i = 0; i < 100 && c == nullptr; ++i) // a server just started may not answer yet
+        if ((c = jack_client_open("qxprobe", JackNoStartServer, nullptr)) == nullptr) Sleep(50);
     if (c == nullptr) return false;
     bool found = false;
     for (int i = 0; i < 100 && !found; ++i) {
@@ -248,6 +265,37 @@ private:
     std::atomic<int64_t> m_maxBackUs{0};
 };
 
+// A source that sends nothing, for an input to be opened on.
+class Silent {
+public:
+    Silent()
+    {
+        m_client = jack_client_open("qxsilent", JackNoStartServer, nullptr);
+        if (m_client == nullptr) return;
+        m_port = jack_port_register(m_client, "out", JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
+        jack_set_process_callback(
+            m_client,
+            [](jack_nframes_t n, void* a) {
+                jack_midi_clear_buffer(jack_port_get_buffer(static_cast<Silent*>(a)->m_port, n));
+                return 0;
+            },
+            this);
+        if (m_port == nullptr || jack_activate(m_client) != 0) {
+            jack_client_close(m_client);
+            m_client = nullptr;
+        }
+    }
+    ~Silent()
+    {
+        if (m_client != nullptr) jack_client_close(m_client);
+    }
+    jack_client_t* Client() const { return m_client; }
+
+private:
+    jack_client_t* m_client = nullptr;
+    jack_port_t* m_port = nullptr;
+};
+
 struct Score {
     std::vector<std::pair<DWORD, DWORD>> notes; // time, message
     int output = 0;
@@ -301,11 +349,16 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
     q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, QX_ALL_DEVICES, 0);
     q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, out, 1);
     EXPECT_EQ(q->OpenDevices(), 1); // queues the first periods: the engine's clock
+    Watch watch;
+    const int xrunsBefore = watch.Xruns();
     q->StartDevices();
     for (int i = 0; i < 100 && q->IsActive(); ++i) Sleep(50);
     Sleep(500);
     q->CloseDevices();
     dump.Stop();
+    // An xrun costs the frame clock the time the server fell behind (our output follows
+    // the wall clock across it), and a late client may miss a cycle's events.
+    const bool xruns = watch.Xruns() != xrunsBefore;
 
     std::regex line(R"(^\s*(\d+): ([0-9a-f]{2}) ([0-9a-f]{2}) ([0-9a-f]{2}))");
     std::vector<std::pair<long, std::string>> got;
@@ -313,6 +366,24 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
     for (std::string l; std::getline(in, l);) {
         std::smatch m;
         if (std::regex_search(l, m, line)) got.push_back({std::stol(m[1]), m[2].str() + m[3].str() + m[4].str()});
+    }
+    if (xruns) {
+        std::printf("xruns while it played: order and bytes checked, not frames\n");
+        size_t k = 0; // what arrived is the score in order, with gaps and repeats at most
+        std::string last;
+        for (auto& g : got) {
+            char expect[8];
+            if (g.second == last) continue; // a late client may read one cycle's buffer twice
+            last = g.second;
+            for (; k < score.notes.size(); ++k) {
+                DWORD msg = score.notes[k].second;
+                std::snprintf(expect, sizeof expect, "%02x%02x%02x", msg & 0xFF, (msg >> 8) & 0xFF, (msg >> 16) & 0xFF);
+                if (g.second == expect) break;
+            }
+            ASSERT_LT(k++, score.notes.size()) << g.second << " out of order or not sent";
+        }
+        EXPECT_GE(got.size(), score.notes.size() / 2);
+        return;
     }
     ASSERT_EQ(got.size(), score.notes.size()) << "every event arrives";
     for (size_t i = 0; i < got.size(); ++i) {
@@ -345,9 +416,15 @@ TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacing)
         },
         0, 0);
     q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in);
+    Watch watch;
+    const int xrunsBefore = watch.Xruns();
     q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in);
     Sleep(1600);
     q->CloseDevices();
+    // Time stamps come from JACK's time of each frame, which jumps in the cycles after
+    // an xrun; then only the alternation is checked.
+    const bool xruns = watch.Xruns() != xrunsBefore;
+    if (xruns) std::printf("xruns while it recorded: spacing not checked\n");
     std::lock_guard<std::mutex> lock(mutex);
     std::vector<std::pair<DWORD, DWORD>> ons;
     for (auto& s : seen)
@@ -355,7 +432,9 @@ TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacing)
     ASSERT_GE(ons.size(), 4u);
     for (size_t i = 1; i < ons.size(); ++i) {
         EXPECT_NE(ons[i].first & 0xFF00, ons[i - 1].first & 0xFF00) << "60 and 63 alternate";
-        EXPECT_NEAR(static_cast<double>(ons[i].second - ons[i - 1].second), 250.0, 1.5) << i;
+        if (!xruns) {
+            EXPECT_NEAR(static_cast<double>(ons[i].second - ons[i - 1].second), 250.0, 1.5) << i;
+        }
     }
 }
 
@@ -375,33 +454,30 @@ TEST_F(JackTest, ThruLatencyMeasuredByJackMidiLatencyTest)
     bool complete = false;
     while (!complete && total < 400 && std::chrono::steady_clock::now() - begin < std::chrono::seconds(60)) {
         ++runs;
-        Child tester({"jack_midi_latency_test", "-s", "200", "-t", "5"}, file);
-        ASSERT_TRUE(WaitForPort("jack_midi_latency_test:in"));
+        // Our input is opened on a silent source and our thru on the watch, so that both
+        // are open and the watch sees every reply before the tool, given our port names,
+        // connects itself to them and starts.
         Watch watch;
+        Silent silent;
         ASSERT_NE(watch.Client(), nullptr);
+        ASSERT_NE(silent.Client(), nullptr);
         CQuavix* q = Manager();
-        const int in = FindDevice(q, QX_DEVDIR_IN, "jack_midi_latency_test:out");
-        const int out = FindDevice(q, QX_DEVDIR_OUT, "jack_midi_latency_test:in");
+        const int in = FindDevice(q, QX_DEVDIR_IN, "qxsilent:out");
+        const int out = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:thru");
         ASSERT_GE(in, 0);
         ASSERT_GE(out, 0);
         q->EnableMidiThru(1);
         q->ConnectMidiThru(out, -1);
-        // The tool starts once both of its ports are connected: the input listens by then.
         ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in), 1);
         ASSERT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in), 1);
-        ASSERT_TRUE(watch.Connect("jack_midi_latency_test:out", 0));
         ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, out), 1);
-        // A new connection shows in the graph from the next cycle on.
-        const char** ours = nullptr;
-        jack_port_t* toolIn = jack_port_by_name(watch.Client(), "jack_midi_latency_test:in");
-        for (int i = 0; i < 100 && ours == nullptr; ++i)
-            if ((ours = jack_port_get_all_connections(watch.Client(), toolIn)) == nullptr) Sleep(20);
-        ASSERT_NE(ours, nullptr) << "our output is connected to the tool";
-        const bool watching = watch.Connect(ours[0], 1);
-        jack_free(ours);
-        ASSERT_TRUE(watching);
-        // Messages the tool sent before our thru port was watched are not judged.
-        const jack_nframes_t judgeFrom = jack_frame_time(watch.Client()) + 2 * jack_get_buffer_size(watch.Client());
+        std::string ourIn = OnlyConnection(watch.Client(), "qxsilent:out");
+        std::string ourOut = OnlyConnection(watch.Client(), "qxwatch:thru");
+        ASSERT_FALSE(ourIn.empty());
+        ASSERT_FALSE(ourOut.empty());
+        Child tester({"jack_midi_latency_test", "-s", "200", "-t", "5", ourIn, ourOut}, file);
+        ASSERT_TRUE(WaitForPort("jack_midi_latency_test:out"));
+        ASSERT_TRUE(watch.Connect("jack_midi_latency_test:out", 0));
         const int xrunsBefore = watch.Xruns(); // connecting clients costs xruns of its own
         tester.Wait();
         Sleep(200); // the last message may still be on its way through
@@ -426,15 +502,13 @@ TEST_F(JackTest, ThruLatencyMeasuredByJackMidiLatencyTest)
             << "the tool stopped early on a clock that kept time, with no xruns:\n" << report;
 
         // Sent and thru events alternate: the tool sends the next only after the last came back.
-        std::vector<Watch::Event> ev = watch.Take();
-        std::vector<Watch::Event> judged;
-        for (const auto& e : ev)
-            if (static_cast<int32_t>(e.frame - judgeFrom) >= 0) judged.push_back(e);
+        std::vector<Watch::Event> judged = watch.Take();
         if (!complete && !judged.empty())
             std::printf("  the tool's last message %s out of our thru\n",
                         judged.back().port == 1 ? "came" : "was not seen coming");
         if (xruns != 0) continue; // JACK may skip a late client's cycle: its view has gaps
-        if (!judged.empty() && judged.front().port == 1) judged.erase(judged.begin()); // an earlier one's
+        // Replies to messages sent before the watch listened to the tool.
+        while (!judged.empty() && judged.front().port == 1) judged.erase(judged.begin());
         for (size_t i = 0; i < judged.size(); ++i) {
             const int port = static_cast<int>(i % 2);
             ASSERT_EQ(judged[i].port, port) << (port == 1 ? "a message did not come out of thru" : "thru sent one twice")
