@@ -31,7 +31,7 @@ constexpr DWORD kOutRate = 48000;
 constexpr DWORD kBlock = 240; // 5 ms
 const DWORD kRates[] = {8000, 11025, 16000, 22050, 32000, 44100, 48000, 96000};
 
-struct VoiceSpec {
+struct VoiceSetup {
     DWORD rate = 22050;
     int channels = 1;
     double tone = 1000.0;
@@ -39,11 +39,11 @@ struct VoiceSpec {
     std::vector<int16_t> pcm; // one second, interleaved
 };
 
-std::vector<VoiceSpec> MakeVoices(int n)
+std::vector<VoiceSetup> MakeVoices(int n)
 {
-    std::vector<VoiceSpec> v;
+    std::vector<VoiceSetup> v;
     for (int i = 0; i < n; ++i) {
-        VoiceSpec s;
+        VoiceSetup s;
         s.rate = kRates[i % 8];
         s.channels = 1 + (i / 8) % 2;
         s.tone = 110.0 * (1 + i % 13);
@@ -99,10 +99,10 @@ struct Ours {
     LPDIRECTSOUND ds = nullptr;
     std::vector<LPDIRECTSOUNDBUFFER> bufs;
 
-    Ours(const std::vector<VoiceSpec>& voices, qxplat::Resampler mode)
+    Ours(const std::vector<VoiceSetup>& voices, qxplat::Resampler mode)
     {
         if (qxplat::DirectSoundCreateOffline(kOutRate, mode, &ds) != DS_OK) std::abort();
-        for (const VoiceSpec& s : voices) {
+        for (const VoiceSetup& s : voices) {
             WAVEFORMATEX f{};
             f.wFormatTag = WAVE_FORMAT_PCM;
             f.nChannels = static_cast<WORD>(s.channels);
@@ -149,7 +149,7 @@ struct OpenAl {
     std::vector<ALuint> sources, buffers;
     bool ok = false;
 
-    OpenAl(const std::vector<VoiceSpec>& voices, const char* resampler)
+    OpenAl(const std::vector<VoiceSetup>& voices, const char* resampler)
     {
         p_alcLoopbackOpenDeviceSOFT = reinterpret_cast<LPALCLOOPBACKOPENDEVICESOFT>(
             alcGetProcAddress(nullptr, "alcLoopbackOpenDeviceSOFT"));
@@ -174,7 +174,7 @@ struct OpenAl {
             std::printf("OpenAL Soft has no resampler \"%s\"\n", resampler);
             return;
         }
-        for (const VoiceSpec& s : voices) {
+        for (const VoiceSetup& s : voices) {
             ALuint buf = 0, src = 0;
             alGenBuffers(1, &buf);
             alBufferData(buf, s.channels == 1 ? AL_FORMAT_MONO16 : AL_FORMAT_STEREO16, s.pcm.data(),
@@ -251,7 +251,7 @@ double ToneSnr(const std::vector<float>& x, double freq, double rate, double* pF
 template <class Engine, class... Args>
 double QualityOf(double tone, double* pFound, Args&&... args)
 {
-    VoiceSpec s;
+    VoiceSetup s;
     s.rate = 22050;
     s.channels = 1;
     s.volume = 0;
@@ -303,15 +303,15 @@ int main(int argc, char** argv)
     for (const Mode& m : modes) {
         for (int voices : {1, 16, 64, 256, 512}) {
             if (m.ours == qxplat::Resampler::Sinc && voices != 64) continue; // the sinc mode is for few voices
-            const std::vector<VoiceSpec> specs = MakeVoices(voices);
+            const std::vector<VoiceSetup> setups = MakeVoices(voices);
             Result ours;
             {
-                Ours e(specs, m.ours);
+                Ours e(setups, m.ours);
                 ours = TimeRender(voices, seconds, [&](float* out, DWORD n) { e.Render(out, n); });
             }
             PrintResult("quavix", m.name, voices, ours);
 #ifdef QUAVIX_HAVE_OPENAL
-            OpenAl al(specs, m.openal);
+            OpenAl al(setups, m.openal);
             if (al.ok) {
                 const Result theirs = TimeRender(voices, seconds, [&](float* out, DWORD n) { al.Render(out, n); });
                 PrintResult("openal", m.name, voices, theirs);
