@@ -36,7 +36,7 @@ GUID DriverGuid(const char* backend, int n)
     g.Data1 = 0x9A17E000u + static_cast<uint32_t>(n);
     g.Data2 = 0x5158;
     g.Data3 = 0x0D50;
-    std::strncpy(reinterpret_cast<char*>(g.Data4), backend, 8);
+    for (int i = 0; i < 8 && backend[i] != '\0'; ++i) g.Data4[i] = static_cast<uint8_t>(backend[i]);
     return g;
 }
 
