@@ -572,9 +572,16 @@ TEST(JackGone, AServerThatGoesAwayGivesNotificationsAndCleanFailures)
     Receiver recv;
     CQuavix* q = CQuavix::InitQuavix();
     q->Initialize(QX_INIT_MIDI);
+    // Notifications come from the library's threads too (the server lost, a peer gone).
+    static std::mutex mutex;
     static std::vector<DWORD> codes;
     codes.clear();
-    q->SetNotificationCallback([](DWORD c, DWORD, DWORD_PTR) { codes.push_back(c); }, 0);
+    q->SetNotificationCallback(
+        [](DWORD c, DWORD, DWORD_PTR) {
+            std::lock_guard<std::mutex> lock(mutex);
+            codes.push_back(c);
+        },
+        0);
     int out = FindDevice(q, QX_DEVDIR_OUT, "qxrecv:in");
     ASSERT_GE(out, 0);
     q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, QX_ALL_DEVICES, 0);
@@ -584,7 +591,10 @@ TEST(JackGone, AServerThatGoesAwayGivesNotificationsAndCleanFailures)
     server.Stop(); // the server goes away while the engine runs
     Sleep(500);
     q->SendMidiMsg(static_cast<UINT>(out), 0x00403C90, 0);
-    EXPECT_NE(std::find(codes.begin(), codes.end(), DWORD{QXN_MIDIOUT_SHORTMSG}), codes.end());
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_NE(std::find(codes.begin(), codes.end(), DWORD{QXN_MIDIOUT_SHORTMSG}), codes.end());
+    }
     // Nothing hangs on the way down.
     q->CloseDevices();
     CQuavix::ExitQuavix();
