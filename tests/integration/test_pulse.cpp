@@ -8,9 +8,8 @@
 #include "platform/backends/QXBackend.h"
 #include "platform/dsound/QXDSound.h"
 #include "platform/dsound/QXMixer.h"
-#ifdef QUAVIX_HAVE_PULSE
+#include "platform/backends/alsa/QXAlsa.h"
 #include "platform/backends/pulse/QXPulse.h"
-#endif
 
 #include <gtest/gtest.h>
 
@@ -22,6 +21,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -58,6 +58,27 @@ int Command(std::vector<std::string> args)
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The rate a sink of the fixture's server runs at now (the server may switch a sink
+// between its default and alternate rates while nothing plays on it).
+unsigned SinkRate(const std::string& sink)
+{
+    const std::string cmd = "pactl list short sinks 2>/dev/null";
+    FILE* f = popen(cmd.c_str(), "r");
+    if (f == nullptr) return 0;
+    char line[512];
+    unsigned rate = 0;
+    while (std::fgets(line, sizeof line, f) != nullptr) {
+        const std::string l = line;
+        if (l.find("\t" + sink + "\t") == std::string::npos) continue;
+        const size_t hz = l.find("Hz");
+        size_t at = hz;
+        while (at > 0 && std::isdigit(static_cast<unsigned char>(l[at - 1]))) --at;
+        if (hz != std::string::npos) rate = static_cast<unsigned>(std::stoul(l.substr(at, hz - at)));
+    }
+    pclose(f);
+    return rate;
 }
 
 // parec recording a sink's monitor as float32 stereo, read by a thread of its own.
@@ -249,8 +270,13 @@ const Driver* Find(const std::vector<Driver>& ds, const std::string& description
 }
 
 // Plays a tone through a driver (null: the default) and records it from a sink.
-ToneReport PlayAndRecord(const GUID* guid, const std::string& sink, unsigned sinkRate, double hz, double amplitude)
+// underruns: a process-wide count of underrun frames of the kind of output played.
+ToneReport PlayAndRecord(const GUID* guid, const std::string& sink, double hz, double amplitude,
+                         uint64_t (*underruns)(), uint64_t* pUnderrunFrames)
 {
+    const unsigned sinkRate = SinkRate(sink);
+    EXPECT_GT(sinkRate, 0u) << "pactl does not list " << sink;
+    if (sinkRate == 0) return {};
     LPDIRECTSOUND ds = nullptr;
     EXPECT_EQ(DirectSoundCreate(guid, &ds, nullptr), DS_OK);
     if (ds == nullptr) return {};
@@ -260,17 +286,36 @@ ToneReport PlayAndRecord(const GUID* guid, const std::string& sink, unsigned sin
     if (b != nullptr) {
         Recorder rec(sink, sinkRate);
         std::this_thread::sleep_for(200ms); // parec connected
+        const uint64_t before = underruns();
         EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
         EXPECT_TRUE(rec.WaitFrames(sinkRate * 3, 30s));
         rec.Stop();
+        *pUnderrunFrames = underruns() - before;
         b->Stop();
         b->Release();
         r = Analyse(rec.Take(), sinkRate, hz, 2.0);
-        std::printf("tone on %s: %.3f Hz, amplitude %.4f, right/left %.4f, worst step %.5f\n", sink.c_str(),
-                    r.frequency, r.amplitude, r.rightToLeft, r.worstStep);
+        std::printf("tone on %s at %u Hz: %.3f Hz, amplitude %.4f, right/left %.4f, worst step %.5f, %llu underrun "
+                    "frames\n",
+                    sink.c_str(), sinkRate, r.frequency, r.amplitude, r.rightToLeft, r.worstStep,
+                    static_cast<unsigned long long>(*pUnderrunFrames));
     }
     ds->Release();
     return r;
+}
+
+// A gap in what the sink heard must have been counted as an underrun: without one the
+// sine is whole. A machine loaded so that the output did run dry only lets the tone's
+// presence be checked (the count says why).
+void ExpectWholeUnlessCounted(const ToneReport& r, uint64_t underrunFrames, double maxStep)
+{
+    if (underrunFrames == 0) {
+        EXPECT_NEAR(r.frequency, 1000.0, 1.0);
+        EXPECT_LT(r.worstStep, maxStep) << "the phase jumps, and no underrun was counted: a gap or a repeat";
+    } else {
+        std::printf("the output ran dry for %llu frames (a loaded machine): continuity not checked\n",
+                    static_cast<unsigned long long>(underrunFrames));
+        EXPECT_NEAR(r.frequency, 1000.0, 50.0);
+    }
 }
 
 TEST(Pulse, OutputsAreTheDefaultThenEachSinkByDescription)
@@ -293,7 +338,7 @@ TEST(Pulse, OutputsAreTheDefaultThenEachSinkByDescription)
     // Each output opens at its sink's rate; a number past the list does not open.
     std::unique_ptr<qxplat::AudioOutPort> port;
     ASSERT_EQ(b.OpenAudioOut(2, port), MMSYSERR_NOERROR);
-    EXPECT_EQ(port->Rate(), 44100u);
+    EXPECT_EQ(port->Rate(), SinkRate("quavix_b"));
     EXPECT_GT(port->TargetFrames(), 0u);
     port.reset();
     EXPECT_EQ(b.OpenAudioOut(3, port), MMSYSERR_BADDEVICEID);
@@ -310,28 +355,27 @@ TEST(Pulse, OutputsAreTheDefaultThenEachSinkByDescription)
 
 TEST(Pulse, ToneThroughTheDefaultDriverIsHeardWholeOnTheDefaultSink)
 {
-    const ToneReport r = PlayAndRecord(nullptr, "quavix_a", 48000, 1000.0, 0.5);
+    uint64_t underruns = 0;
+    const ToneReport r = PlayAndRecord(nullptr, "quavix_a", 1000.0, 0.5, qxplat::PulseUnderrunFramesAll, &underruns);
     ASSERT_TRUE(r.found) << "no tone reached the default sink";
-    EXPECT_NEAR(r.frequency, 1000.0, 1.0);
     EXPECT_NEAR(r.amplitude, 0.5, 0.02);
     EXPECT_NEAR(r.rightToLeft, 1.0, 0.02);
-    // Same rate all the way: only 16-bit rounding remains.
-    EXPECT_LT(r.worstStep, 0.01) << "the phase jumps: a gap or a repeat in the output";
+    // At the sink's own rate only 16-bit rounding remains; resampled, a little more.
+    ExpectWholeUnlessCounted(r, underruns, SinkRate("quavix_a") == 48000 ? 0.01 : 0.05);
 }
 
-TEST(Pulse, ToneOnANamedSinkAtAnotherRateComesOutThereOnly)
+TEST(Pulse, ToneOnANamedSinkComesOutThereOnly)
 {
     const std::vector<Driver> ds = Drivers();
     const Driver* b = Find(ds, "Quavix_B");
     ASSERT_NE(b, nullptr);
-    Recorder other("quavix_a", 48000);
-    const ToneReport r = PlayAndRecord(&b->guid, "quavix_b", 44100, 1000.0, 0.25);
+    Recorder other("quavix_a", SinkRate("quavix_a"));
+    uint64_t underruns = 0;
+    const ToneReport r = PlayAndRecord(&b->guid, "quavix_b", 1000.0, 0.25, qxplat::PulseUnderrunFramesAll, &underruns);
     other.Stop();
     ASSERT_TRUE(r.found) << "no tone reached quavix_b";
-    EXPECT_NEAR(r.frequency, 1000.0, 1.0);
     EXPECT_NEAR(r.amplitude, 0.25, 0.01);
-    // Resampled by the mixer from 48000 to the sink's 44100: still one unbroken sine.
-    EXPECT_LT(r.worstStep, 0.03);
+    ExpectWholeUnlessCounted(r, underruns, SinkRate("quavix_b") == 48000 ? 0.01 : 0.05);
     float loudest = 0;
     for (float x : other.Take()) loudest = std::max(loudest, std::fabs(x));
     EXPECT_LT(loudest, 0.01f) << "the tone leaked to the default sink";
@@ -354,12 +398,14 @@ TEST(Pulse, UnderrunsAreCountedOnlyWhileTheRingRunsDryAndStopKeepsTheRing)
         std::this_thread::sleep_for(2s);
         mixer.StopThread();
         port->Stop();
+        std::printf("fed for 2 s: %llu frames of underrun\n", static_cast<unsigned long long>(port->UnderrunFrames()));
         EXPECT_LT(port->UnderrunFrames(), rate / 5) << "a fed output ran dry";
     }
 #ifdef QUAVIX_HAVE_PULSE
     int64_t latencyUs = -1;
     uint32_t underflows = 0;
     EXPECT_TRUE(qxplat::PulseOutputLatency(port.get(), &latencyUs, &underflows));
+    std::printf("stream latency %lld us, %u underflows\n", static_cast<long long>(latencyUs), underflows);
     EXPECT_GE(latencyUs, 0);
     EXPECT_LT(latencyUs, 1'000'000);
 #endif
@@ -450,7 +496,8 @@ TEST(AlsaPcm, ToneThroughRawPcmIsHeardWhole)
     const std::string conf = FixtureDir() + "/alsa-test.conf";
     {
         std::ofstream f(conf);
-        f << "pcm.!default { type pulse; server \"" << server << "\"; device \"quavix_b\" }\n";
+        // handle_underrun: the plugin reports the server's underruns as ALSA's.
+        f << "pcm.!default { type pulse; server \"" << server << "\"; device \"quavix_b\"; handle_underrun true }\n";
     }
     setenv("ALSA_CONFIG_PATH", ("/usr/share/alsa/alsa.conf:" + conf).c_str(), 1);
     setenv("PULSE_SERVER", "unix:/nonexistent/quavix", 1); // libpulse itself finds no server
@@ -460,13 +507,13 @@ TEST(AlsaPcm, ToneThroughRawPcmIsHeardWhole)
     EXPECT_EQ(backend.DeviceName(qxplat::DeviceKind::WaveOut, 0), "Default ALSA output");
     for (int n = 1; n < count; ++n) EXPECT_NE(backend.DeviceName(qxplat::DeviceKind::WaveOut, n), "");
 
-    unsetenv("PULSE_SERVER");
-    setenv("PULSE_SERVER", server.c_str(), 1); // for parec
-    const ToneReport r = PlayAndRecord(nullptr, "quavix_b", 44100, 1000.0, 0.5);
+    setenv("PULSE_SERVER", server.c_str(), 1); // for parec and pactl
+    uint64_t underruns = 0;
+    const ToneReport r = PlayAndRecord(nullptr, "quavix_b", 1000.0, 0.5, qxplat::AlsaPcmUnderrunFramesAll, &underruns);
     ASSERT_TRUE(r.found) << "no tone came through raw ALSA";
-    EXPECT_NEAR(r.frequency, 1000.0, 1.0);
     EXPECT_NEAR(r.amplitude, 0.5, 0.02);
-    EXPECT_LT(r.worstStep, 0.03);
+    // The plugin's server resamples to the sink's rate when it is not 48000.
+    ExpectWholeUnlessCounted(r, underruns, 0.05);
 }
 
 } // namespace

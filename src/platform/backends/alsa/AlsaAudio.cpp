@@ -29,6 +29,10 @@ constexpr unsigned kPeriods = 3;        // periods in its buffer: 30 ms
 constexpr int kWaitMs = 50;             // how long the thread waits for the device at most
 constexpr uint32_t kPreferredRate = 48000;
 
+std::atomic<uint64_t> g_underrunFramesAll{0};
+
+void SilentError(const char*, int, const char*, int, const char*, ...) {}
+
 struct PcmEntry {
     std::string name;
     std::string description;
@@ -169,7 +173,7 @@ private:
             const uint32_t got = m_ring.Read(m_mix.data(), m_periodFrames);
             if (got < m_periodFrames) {
                 std::fill(m_mix.begin() + 2 * got, m_mix.end(), 0.0f);
-                if (m_primed) m_underrunFrames.fetch_add(m_periodFrames - got);
+                if (m_primed) Underrun(m_periodFrames - got);
             }
             if (got > 0) m_primed = true;
             Convert();
@@ -188,6 +192,12 @@ private:
             }
         }
         if (m_dead.load()) Lost();
+    }
+
+    void Underrun(uint32_t frames)
+    {
+        m_underrunFrames.fetch_add(frames);
+        g_underrunFramesAll.fetch_add(frames);
     }
 
     // Clips the mix into the device's format.
@@ -214,7 +224,7 @@ private:
     bool Recover(int err)
     {
         if (err == -EPIPE) {
-            m_underrunFrames.fetch_add(m_periodFrames);
+            Underrun(m_periodFrames);
             return snd_pcm_prepare(m_pcm) == 0;
         }
         if (err == -ESTRPIPE) {
@@ -313,9 +323,17 @@ AlsaPcmBackend& PcmInstance()
 Backend* AlsaPcmIfDevices()
 {
     snd_pcm_t* pcm = nullptr;
-    if (snd_pcm_open(&pcm, "default", SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0) return nullptr;
+    snd_lib_error_set_handler(SilentError); // a machine without sound cards is no error
+    const int r = snd_pcm_open(&pcm, "default", SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK);
+    snd_lib_error_set_handler(nullptr);
+    if (r < 0) return nullptr;
     snd_pcm_close(pcm);
     return &PcmInstance();
+}
+
+uint64_t AlsaPcmUnderrunFramesAll()
+{
+    return g_underrunFramesAll.load();
 }
 
 Backend& AlsaPcmAlways()

@@ -17,6 +17,8 @@ Backend& AlsaBackendAlways();
 // hints list. IfDevices: null when "default" cannot be opened for playback.
 Backend* AlsaPcmIfDevices();
 Backend& AlsaPcmAlways();
+// The UnderrunFrames of every raw PCM output this process opened, summed.
+uint64_t AlsaPcmUnderrunFramesAll();
 
 // How an output addresses what it sends, and what its cancel takes back: kept apart so
 // that the two can be checked against each other without a sequencer. The sequencer

@@ -22,6 +22,8 @@ namespace {
 constexpr pa_usec_t kWaitUs = 3'000'000; // a server that answers does so well within this
 constexpr uint32_t kBytesPerFrame = 2 * sizeof(float);
 
+std::atomic<uint64_t> g_underrunFramesAll{0};
+
 struct SinkEntry {
     std::string name; // empty: the server's default
     std::string description;
@@ -344,8 +346,10 @@ private:
             const uint32_t got = running ? self->m_ring.Read(out, frames) : 0;
             if (got < frames) {
                 std::memset(out + size_t{got} * 2, 0, size_t{frames - got} * kBytesPerFrame);
-                if (running && self->m_primed.load(std::memory_order_relaxed))
+                if (running && self->m_primed.load(std::memory_order_relaxed)) {
                     self->m_underrunFrames.fetch_add(frames - got, std::memory_order_relaxed);
+                    g_underrunFramesAll.fetch_add(frames - got, std::memory_order_relaxed);
+                }
             }
             if (got > 0) {
                 self->m_primed.store(true, std::memory_order_relaxed);
@@ -362,6 +366,7 @@ private:
         if (!self->m_running.load(std::memory_order_relaxed) || !self->m_primed.load(std::memory_order_relaxed)) return;
         self->m_underflows.fetch_add(1, std::memory_order_relaxed);
         self->m_underrunFrames.fetch_add(self->m_requestFrames, std::memory_order_relaxed);
+        g_underrunFramesAll.fetch_add(self->m_requestFrames, std::memory_order_relaxed);
     }
 
     std::shared_ptr<Connection> m_conn;
@@ -461,6 +466,11 @@ Backend* PulseBackendIfServer()
 Backend& PulseBackendAlways()
 {
     return Instance();
+}
+
+uint64_t PulseUnderrunFramesAll()
+{
+    return g_underrunFramesAll.load();
 }
 
 bool PulseOutputLatency(AudioOutPort* pPort, int64_t* pLatencyUs, uint32_t* pUnderflows)

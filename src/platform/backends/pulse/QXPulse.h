@@ -32,7 +32,7 @@
 
 namespace qxplat {
 
-constexpr uint32_t kPulseTargetMs = 30;
+constexpr uint32_t kPulseTargetMs = 40;
 constexpr uint32_t kPulseRequestMs = 10;
 
 // The PulseAudio outputs when a server answers now, else null.
@@ -45,6 +45,8 @@ Backend& PulseBackendAlways();
 // writes now (the server's buffer and the sink's), and the server's underflows. False
 // for a port that is not a PulseAudio output or whose stream is gone.
 bool PulseOutputLatency(AudioOutPort* pPort, int64_t* pLatencyUs, uint32_t* pUnderflows);
+// The UnderrunFrames of every PulseAudio output this process opened, summed.
+uint64_t PulseUnderrunFramesAll();
 
 } // namespace qxplat
 
