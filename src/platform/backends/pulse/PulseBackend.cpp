@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -430,6 +431,20 @@ public:
         return MMSYSERR_NOERROR;
     }
 
+    // At exit: the connection's threads are ended and joined. Outputs still open keep
+    // theirs; a later question connects anew.
+    void Shutdown()
+    {
+        std::shared_ptr<Connection> last;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            last = std::move(m_conn);
+        }
+        // Released outside the lock: a ServerLost handler running on the connection's
+        // reporter may be asking us something.
+        last.reset();
+    }
+
     bool Answers()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -452,7 +467,11 @@ private:
 
 PulseBackend& Instance()
 {
-    static PulseBackend* s_backend = new PulseBackend; // reachable from threads during exit
+    static PulseBackend* s_backend = [] {
+        auto* b = new PulseBackend; // reachable from threads during exit
+        std::atexit([] { Instance().Shutdown(); });
+        return b;
+    }();
     return *s_backend;
 }
 
