@@ -353,6 +353,20 @@ TEST(Pulse, OutputsAreTheDefaultThenEachSinkByDescription)
     Command({"pactl", "-s", server, "set-default-sink", "quavix_a"});
 }
 
+// With no setting beyond the default, a machine without JACK plays through the sound
+// server; the backend keeps the MIDI side's name.
+TEST(Pulse, AutoChoosesTheSoundServerWhenNoJackServerAnswers)
+{
+    setenv("QUAVIX_BACKEND", "auto", 1); // CTest names no JACK server that exists
+    qxplat::Backend& b = qxplat::CurrentBackend();
+    EXPECT_STREQ(b.Name(), "alsa");
+    EXPECT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 2), "Quavix_B");
+    const std::vector<Driver> ds = Drivers();
+    ASSERT_EQ(ds.size(), 4u);
+    EXPECT_EQ(ds[2].module, "alsa");
+}
+
 TEST(Pulse, ToneThroughTheDefaultDriverIsHeardWholeOnTheDefaultSink)
 {
     uint64_t underruns = 0;
