@@ -8,7 +8,7 @@
 
 #include "BenchStats.h"
 #include "platform/QXPlatform.h"
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
 #include <algorithm>

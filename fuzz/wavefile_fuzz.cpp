@@ -7,7 +7,7 @@
 #include <quavix/QXNotify.h>
 #include <quavix/QXWaveFile.h>
 
-#include "platform/QXMmio.h"
+#include "platform/mmio/QXMmio.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -3,7 +3,7 @@
 #include <quavix/QXNotify.h>
 #include <quavix/QXWaveFile.h>
 
-#include "platform/QXMmio.h"
+#include "platform/mmio/QXMmio.h"
 
 #include <algorithm>
 #include <cstdint>

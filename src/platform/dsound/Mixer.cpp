@@ -1,7 +1,7 @@
 #include "platform/dsound/QXMixer.h"
 
 #include "platform/QXPlatform.h"
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 #include "platform/backends/QXBackend.h"
 
 #include <algorithm>

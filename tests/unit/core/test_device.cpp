@@ -1,9 +1,9 @@
 #include <quavix/QXDevice.h>
 
 #include "platform/QXFaults.h"
-#include "platform/QXKernel.h"
+#include "platform/kernel/QXKernel.h"
 #include "platform/QXPlatform.h"
-#include "platform/QXWindow.h"
+#include "platform/kernel/QXWindow.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // application's calls racing the mixer thread.
 #include "DSTestUtil.h"
 
-#include "platform/QXMmio.h"
+#include "platform/mmio/QXMmio.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
 #include <unistd.h>

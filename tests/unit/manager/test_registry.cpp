@@ -1,7 +1,7 @@
 #include "ManagerFixture.h"
 
-#include "platform/QXKernel.h"
-#include "platform/QXWindow.h"
+#include "platform/kernel/QXKernel.h"
+#include "platform/kernel/QXWindow.h"
 
 #include <cstring>
 

@@ -1,5 +1,5 @@
 #include "platform/QXPlatform.h"
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 #include "platform/QXFaults.h"
-#include "platform/QXKernel.h"
+#include "platform/kernel/QXKernel.h"
 #include "platform/QXPlatform.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/QXMmio.h"
+#include "platform/mmio/QXMmio.h"
 
 #include "unit/wavefile/WaveTestUtil.h"
 

@@ -1,6 +1,6 @@
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
-#include "platform/QXWindow.h"
+#include "platform/kernel/QXWindow.h"
 
 #include <gtest/gtest.h>
 

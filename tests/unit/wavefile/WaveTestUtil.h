@@ -6,7 +6,7 @@
 #include <quavix/QXNotify.h>
 
 #include "platform/QXFaults.h"
-#include "platform/QXMmio.h"
+#include "platform/mmio/QXMmio.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 // so Stop never waits for a device that stopped moving.
 #include "platform/backends/alsa/QXAlsa.h"
 
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 
 #include <alsa/asoundlib.h>
 

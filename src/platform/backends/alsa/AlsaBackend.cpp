@@ -5,7 +5,7 @@
 // and one reads, since a sequencer handle must not be used from two threads at once.
 #include "platform/backends/alsa/QXAlsa.h"
 
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 
 #include <alsa/asoundlib.h>
 #include <poll.h>

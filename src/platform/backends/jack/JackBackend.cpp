@@ -6,7 +6,7 @@
 // that it drains, and input reaches the library through a ring and a semaphore.
 #include "platform/backends/jack/QXJack.h"
 
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 
 #include <jack/jack.h>
 #include <jack/midiport.h>

@@ -1,6 +1,6 @@
 #include "platform/backends/pulse/QXPulse.h"
 
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 
 #include <pulse/pulseaudio.h>
 #include <pulse/rtclock.h>

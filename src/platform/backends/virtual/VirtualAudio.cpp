@@ -1,7 +1,7 @@
 #include "platform/backends/virtual/QXVirtualAudio.h"
 
-#include "platform/QXMmio.h"
-#include "platform/QXRealtime.h"
+#include "platform/mmio/QXMmio.h"
+#include "platform/kernel/QXRealtime.h"
 
 #include <algorithm>
 #include <atomic>

@@ -2,7 +2,7 @@
 // inputs deliver on a thread of their own, as a device driver's callback would.
 #include "platform/backends/virtual/QXVirtualPorts.h"
 
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 
 #include <condition_variable>
 #include <deque>

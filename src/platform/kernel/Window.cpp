@@ -2,10 +2,10 @@
 // that created them. Each thread gets a message queue the first time it asks for one;
 // windows and queues are reached only through tables keyed by never-reused handles,
 // so posting to a destroyed window, or to one whose thread has ended, fails cleanly.
-#include "platform/QXWindow.h"
+#include "platform/kernel/QXWindow.h"
 
 #include "platform/QXFaults.h"
-#include "platform/QXKernel.h"
+#include "platform/kernel/QXKernel.h"
 #include "platform/QXPlatform.h"
 
 #include <unistd.h>

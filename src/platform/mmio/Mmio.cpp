@@ -5,7 +5,7 @@
 // that whole span has to be written back before the buffer moves. Unbuffered files
 // have no buffer and keep their position in lBufOffset. All transfers use pread and
 // pwrite at explicit offsets, so the descriptor's own offset never matters.
-#include "platform/QXMmio.h"
+#include "platform/mmio/QXMmio.h"
 
 #include "platform/QXFaults.h"
 

@@ -4,7 +4,7 @@
 // accumulate drift however long the run; a pause shifts the origin by its length.
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 #include "platform/backends/QXBackend.h"
 
 #include <condition_variable>

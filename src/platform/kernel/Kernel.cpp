@@ -1,7 +1,7 @@
 // Kernel objects behind opaque handles: events, threads, waits, critical sections and
 // zero-filled virtual memory. Handles are never reused, so a stale or closed handle is
 // refused (WAIT_FAILED, FALSE) instead of reaching freed memory.
-#include "platform/QXKernel.h"
+#include "platform/kernel/QXKernel.h"
 
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"

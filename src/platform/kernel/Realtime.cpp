@@ -1,4 +1,4 @@
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 
 #include <pthread.h>
 #include <sched.h>

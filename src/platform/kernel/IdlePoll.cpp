@@ -1,6 +1,6 @@
 // Idle-priority CPU pollers: the guest-side stand-in for halt polling, which keeps a
 // virtual CPU runnable so that timers due on it fire on time.
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 
 #include <atomic>
 #include <cstdlib>

@@ -2,7 +2,7 @@
 // one high-priority thread from a deadline heap.
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
-#include "platform/QXRealtime.h"
+#include "platform/kernel/QXRealtime.h"
 
 #include <time.h>
 

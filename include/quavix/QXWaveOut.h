@@ -1,0 +1,115 @@
+// A DirectSound wave output: the driver registry shared by every output, and the device
+// that keeps its driver's primary buffer running and knows the performances, tracks and
+// streaming players that sound on it.
+#ifndef QUAVIX_QXWAVEOUT_H
+#define QUAVIX_QXWAVEOUT_H
+
+#include <quavix/QXDevice.h>
+#include <quavix/QXWinTypes.h>
+
+#include <string>
+#include <vector>
+
+struct IDirectSound;
+struct IDirectSoundBuffer;
+class CWavePlay;
+
+struct DSDevice {
+    GUID guid;
+    std::string strDescription;
+    std::string strModule;
+    IDirectSound* pDirectSound;
+    IDirectSoundBuffer* pPrimaryBuffer;
+    void* pUnkOuter;
+};
+
+struct DSTrack {
+    int nTrack;
+    CWavePlay* pWavePlay;
+    LONG lPan;
+    LONG lVolume;
+    LONG lFrequency;
+};
+
+struct DSPerformance {
+    int nPerformance;
+    CQXPtrList<DSTrack> tracks{10};
+};
+
+class CWaveOut : public CQXDevice {
+public:
+    CWaveOut();
+    ~CWaveOut() override;
+
+    // The driver registry.
+    static int DSInit();
+    static int DSExit();
+    static int DSNumDrivers();
+    static const char* DSGetDescription(int n);
+    static const char* DSGetModule(int n);
+    static IDirectSound* DSGetDevice(int n);
+    // Fills the record with the driver's DSCAPS (as many bytes as the record holds) and
+    // returns 1; 0 when the driver has no device object.
+    static int GetDeviceCaps(int n, QX_DevCaps* pCaps);
+    static int GetDefaultFormat() { return 9; }
+    static int GetRecommendedTrackCount();
+
+    int SetFormat(QX_DevFormat* pFormat) override;
+    int PlayData(CQXEventList* pEvents, DWORD dwStart, DWORD dwEnd) override;
+    void SetWaveParams(QX_WaveParams* pParams);
+    int IsActive();
+    DSPerformance* GetPerformance(int nPerformance);
+    void DeletePerformance(int nPerformance, int bDeletePlayers);
+    DSTrack* GetTrack(DSPerformance* pPerformance, int nTrack);
+    void DeleteTrack(DSPerformance* pPerformance, int nTrack, int bDeletePlayers);
+
+    // What a CWavePlay asks of the output it plays on. The output knows every player
+    // prepared on it, whether or not it has started; a player is destroyed by whoever
+    // takes it out of that set (the output for a deleted track or at close, the
+    // player itself when it deletes itself), so no player is freed twice or while the
+    // output can still reach it. The output never calls into a player while it holds
+    // its own lock.
+    //
+    // Prepare: makes the performance and track records and adds the player to the set.
+    DSTrack* _AddPlayer(CWavePlay* pPlayer, int nPerformance, int nTrack);
+    // Start: the player becomes its track's current player, with the track's lPan,
+    // lVolume and lFrequency set from params. Returns the player it displaces, now out
+    // of the set (the caller destroys it), or null. *pbAttached is 0 when the player is
+    // no longer in the set or its track is gone (the caller must not start it).
+    CWavePlay* _AttachPlayer(CWavePlay* pPlayer, const QX_DSParams& params, int* pbAttached);
+    // Takes the player out of the set and off its track: 1 when it was in the set (the
+    // caller may destroy it), 0 when someone else took it (and destroys it).
+    int _RemovePlayer(CWavePlay* pPlayer);
+    // The output that wave output n is, or null (also when the manager has none).
+    static CWaveOut* _GetOutput(int nDevice);
+
+protected:
+    int DevOpen() override;
+    int DevStart() override;
+    int DevPause() override;
+    int DevStop() override;
+    int DevClose() override;
+
+    static BOOL CALLBACK _DSEnumCallback(LPGUID pGuid, LPCSTR pszDescription, LPCSTR pszModule, LPVOID pContext);
+
+    struct PlayerEntry {
+        CWavePlay* pPlayer;
+        int nPerformance;
+        int nTrack;
+    };
+    // Takes the players of the matching tracks (current and still to start) out of the
+    // set into pDoomed; with the lock held.
+    void _ClaimPlayers(int nPerformance, int nTrack, std::vector<CWavePlay*>& pDoomed);
+    void _DeleteTrackLocked(DSPerformance* pPerformance, int nTrack, int bDeletePlayers,
+                            std::vector<CWavePlay*>& pDoomed);
+    static void _DestroyPlayers(std::vector<CWavePlay*>& pDoomed);
+
+    DSDevice* m_pDSDevice = nullptr;
+    CQXPtrList<DSPerformance> m_Performances{10};
+    // Guards m_Performances, every track record and m_Players. Taken after the manager's
+    // device lock and after a player's own lock; nothing is called with it held.
+    CRITICAL_SECTION m_csPerformances{};
+    std::vector<PlayerEntry> m_Players;
+};
+
+#endif // QUAVIX_QXWAVEOUT_H
