@@ -73,6 +73,7 @@ struct QX_DELAYSTART {
 };
 
 typedef std::vector<CQXDevice*> CQXDeviceArray;
+struct DSDevice;
 
 class CQuavix {
 public:
@@ -136,6 +137,9 @@ public:
     int StartPerformance(QX_PerformanceProc pCallback, DWORD_PTR dwUser, int bActive, int nTag);
     void StopPerformance(int nTag);
     void PlayBuffer(CQXEventList& events);
+    // Applies pan, volume and rate to the player sounding on that performance's track on
+    // every wave output.
+    int SetWaveParams(QX_WaveParams* pParams);
     DWORD GetBufferTime() const { return m_dwBufferTime; }
     DWORD GetPerformanceGranularity() const { return QX_PERFORMANCE_GRANULARITY; }
     int GetPrefetchBufferCount() const { return m_nPrefetchBuffers; }
@@ -173,6 +177,8 @@ public:
 
     static std::atomic<CQuavix*> s_pSharedQuavix;
     static int s_bRegistered;
+    // The DirectSound driver registry (see CWaveOut); its records are owned here.
+    static std::vector<DSDevice*> s_DSDevices;
 
 protected:
     CQXDeviceArray* _GetDeviceArray(int nType, int nDir);
@@ -231,6 +237,8 @@ private:
     template <class Fn> void _ForEachDevice(Fn fn);
     template <class Fn> void _WalkPerformances(Fn fn);
     void _RemoveEndedPerformances();
+    // Every wave output forgets the performance and destroys its players.
+    void _DeleteWavePerformance(int nTag);
     void _ApplyStoppedRecordings();
     int _ChosenMidiOutput(int nDevice) const;
 

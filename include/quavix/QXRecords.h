@@ -52,6 +52,7 @@ union QX_DevCaps {
     MIDIINCAPSA midiIn;
     MIDIOUTCAPSA midiOut;
     WAVEINCAPSA waveIn;
+    DSCAPS dsOut; // a DirectSound output: its driver's capabilities
     BYTE raw[256];
 };
 static_assert(sizeof(QX_DevCaps) >= 52, "QX_DevCaps holds a MIDIOUTCAPSA");

@@ -77,6 +77,11 @@ public:
     // of the set (the caller destroys it), or null. *pbAttached is 0 when the player is
     // no longer in the set or its track is gone (the caller must not start it).
     CWavePlay* _AttachPlayer(CWavePlay* pPlayer, const QX_DSParams& params, int* pbAttached);
+    // Stop, first of all (before the buffer or the file is released): takes the player
+    // off its track, so that the output no longer applies parameters to it. The output
+    // calls SetBufferParameters on a track's current player with its own lock held, so
+    // SetBufferParameters must take no player lock.
+    void _DetachPlayer(CWavePlay* pPlayer);
     // Takes the player out of the set and off its track: 1 when it was in the set (the
     // caller may destroy it), 0 when someone else took it (and destroys it).
     int _RemovePlayer(CWavePlay* pPlayer);
@@ -90,6 +95,8 @@ protected:
     int DevStop() override;
     int DevClose() override;
 
+    // Registry record n, or null.
+    static DSDevice* _DSGetRecord(int n);
     static BOOL CALLBACK _DSEnumCallback(LPGUID pGuid, LPCSTR pszDescription, LPCSTR pszModule, LPVOID pContext);
 
     struct PlayerEntry {

@@ -7,6 +7,8 @@
 #include <quavix/QXRecords.h>
 #include <quavix/QXWinTypes.h>
 
+#include <atomic>
+
 struct IDirectSound;
 struct IDirectSoundBuffer;
 struct IDirectSoundNotify;
@@ -41,6 +43,21 @@ public:
 
 protected:
     void _InitWavePlay();
+    // The prepare thread's work once it has the device object: open, create, fill the
+    // first seven segments, apply the parameters; 1 when prepared.
+    int _PrepareBuffer();
+    // Start's work under m_cs: 1 started, 0 nothing to do, -1 failed (the caller stops
+    // the player once it may). A player it displaces from the track goes to *ppDisplaced.
+    int _StartLocked(bool bFromTimer, CWavePlay** ppDisplaced);
+    void _Start(bool bFromTimer);
+    // Both are called with m_cs held once more than the caller's own hold, and let go
+    // of that once while they wait for the thread to end.
+    void _EndPrepareThread();
+    void _EndNotifyThread();
+    bool _IsNotifyThread() const;
+    // Events, reader and sound interfaces.
+    void _Release();
+    static void _SignalProc(void* pPlayer);
     int _CheckStatus();
     void _SetFrequency(int nValue);
     void _SetVolume(int nValue);
@@ -64,13 +81,13 @@ protected:
     int m_nDevice;
     int m_bWait;
     int m_bEndOfData;
-    int m_bPrepared;
+    std::atomic<int> m_bPrepared; // written by the prepare thread, read without a lock
     int m_bAutoDelete;
     int m_bDestroying;
-    int m_bStopping;
+    std::atomic<int> m_bStopping; // read by the notification thread without a lock
     QX_WaveParams m_WaveParams;
     UINT m_uStartTimerID;
-    HANDLE m_hStartEvent;
+    std::atomic<HANDLE> m_hStartEvent; // SignalStart reads it from a MIDI callback, lock-free
     HANDLE m_hPreparedEvent;
     HANDLE m_hNotifyEvents[3];
     HANDLE m_hPrepareThread;
@@ -85,6 +102,12 @@ protected:
     DWORD_PTR m_dwDoneUser;
     CRITICAL_SECTION m_cs;
     DWORD m_dwHandle;
+    // Segment-end notifications the notification thread has handled in this run.
+    std::atomic<int> m_nSegmentEnds;
+    // Set while Play holds m_cs: a self-deleting player stopped inside Play is deleted
+    // by Play once it has let go of the lock (m_bDeleteAfterPlay).
+    int m_bInPlay;
+    int m_bDeleteAfterPlay;
 };
 
 #endif // QUAVIX_QXWAVEPLAY_H

@@ -14,5 +14,7 @@
 #include <quavix/QXMidiOut.h>
 #include <quavix/QXPlayerRegistry.h>
 #include <quavix/QXWaveFile.h>
+#include <quavix/QXWaveOut.h>
+#include <quavix/QXWavePlay.h>
 
 #endif // QUAVIX_QUAVIX_H

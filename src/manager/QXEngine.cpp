@@ -1,6 +1,7 @@
 // The performance engine: performances fill 100 ms periods ahead of the sound; their
 // events are merged per output in time order and handed to the outputs period by period.
 #include <quavix/QXQuavix.h>
+#include <quavix/QXWaveOut.h>
 
 #include "manager/QXManagerWalk.h"
 #include "platform/QXPlatform.h"
@@ -36,8 +37,29 @@ void CQuavix::StopPerformance(int nTag)
         QX_PerformanceRec* pRec = m_Performances.GetNext(pos);
         if (nTag == -1 || pRec->nTag == nTag) pRec->bEnded = 1;
     }
+    _DeleteWavePerformance(nTag);
     if (m_nWalkDepth == 0) _RemoveEndedPerformances();
     LeaveCriticalSection(&m_csDevices);
+}
+
+// With the device lock held, as every caller of the outputs' performance lists.
+void CQuavix::_DeleteWavePerformance(int nTag)
+{
+    for (int n = 0; n < m_nDeviceCount[QX_DEVTYPE_WAVE][QX_DEVDIR_OUT]; ++n)
+        if (auto* pOut = dynamic_cast<CWaveOut*>(GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, n)))
+            pOut->DeletePerformance(nTag, 1);
+}
+
+int CQuavix::SetWaveParams(QX_WaveParams* pParams)
+{
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return 0;
+    EnterCriticalSection(&m_csDevices);
+    for (int n = 0; n < m_nDeviceCount[QX_DEVTYPE_WAVE][QX_DEVDIR_OUT]; ++n)
+        if (auto* pOut = dynamic_cast<CWaveOut*>(GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, n)))
+            pOut->SetWaveParams(pParams);
+    LeaveCriticalSection(&m_csDevices);
+    return 1;
 }
 
 void CQuavix::_RemoveEndedPerformances()
@@ -95,7 +117,10 @@ void CQuavix::_PollLocked()
 {
     const DWORD dwStart = m_dwBufferTime, dwEnd = _GetNextBufferTime();
     _WalkPerformances([&](QX_PerformanceRec* pRec) {
-        if (pRec->pCallback(pRec->dwUser, pRec->nTag, dwStart, dwEnd) == 0) pRec->bEnded = 1;
+        if (pRec->pCallback(pRec->dwUser, pRec->nTag, dwStart, dwEnd) == 0) {
+            pRec->bEnded = 1;
+            _DeleteWavePerformance(pRec->nTag);
+        }
     });
     _WriteBuffers();
 }

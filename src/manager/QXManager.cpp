@@ -2,6 +2,7 @@
 #include <quavix/QXMidiIn.h>
 #include <quavix/QXMidiOut.h>
 #include <quavix/QXQuavix.h>
+#include <quavix/QXWaveOut.h>
 
 #include "manager/QXDeviceFactory.h"
 #include "platform/QXPlatform.h"
@@ -187,6 +188,12 @@ void CQuavix::Initialize(DWORD dwFlags)
     InitializeCriticalSection(&m_csDevices);
     InitializeCriticalSection(&m_csRecording);
     ThreadStart();
+    // The manager's window stands in for the host's main window, which DirectSound's
+    // cooperative level names; an application's own registration is left as it is. A
+    // destroyed window stops counting (windows are never reused), so nothing is undone.
+    QXOfferHostMainWindow(m_hWnd.load());
+    // Its result is not examined: without drivers there are simply no wave outputs.
+    if (dwFlags & QX_INIT_WAVE) CWaveOut::DSInit();
 
     if (dwFlags & QX_INIT_MIDI) {
         m_nDeviceCount[QX_DEVTYPE_MIDI][QX_DEVDIR_IN] = static_cast<int>(midiInGetNumDevs());
@@ -194,9 +201,7 @@ void CQuavix::Initialize(DWORD dwFlags)
     }
     if (dwFlags & QX_INIT_WAVE) {
         m_nDeviceCount[QX_DEVTYPE_WAVE][QX_DEVDIR_IN] = static_cast<int>(waveInGetNumDevs());
-        // The wave outputs are the drivers of the DirectSound registry, which comes with
-        // the wave output device; until then there are none.
-        m_nDeviceCount[QX_DEVTYPE_WAVE][QX_DEVDIR_OUT] = 0;
+        m_nDeviceCount[QX_DEVTYPE_WAVE][QX_DEVDIR_OUT] = CWaveOut::DSNumDrivers();
     }
 
     int nMidiOut = m_nDeviceCount[QX_DEVTYPE_MIDI][QX_DEVDIR_OUT];
@@ -221,7 +226,8 @@ CQXDevice* CQuavix::_CreateDevice(int nType, int nDir)
     if (QX_DeviceFactory pFactory = g_pDeviceFactory.load()) return pFactory(nType, nDir);
     if (nType == QX_DEVTYPE_MIDI && nDir == QX_DEVDIR_IN) return new (std::nothrow) CMidiIn;
     if (nType == QX_DEVTYPE_MIDI && nDir == QX_DEVDIR_OUT) return new (std::nothrow) CMidiOut;
-    // The wave devices join here as they come.
+    if (nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_OUT) return new (std::nothrow) CWaveOut;
+    // The wave input joins here when it comes.
     return nullptr;
 }
 
@@ -258,7 +264,7 @@ int CQuavix::GetDeviceCaps(int nType, int nDir, int nDevice, QX_DevCaps* pCaps) 
     if (nType == QX_DEVTYPE_MIDI) {
         return nDir == QX_DEVDIR_IN ? CMidiIn::GetDeviceCaps(nDevice, pCaps) : CMidiOut::GetDeviceCaps(nDevice, pCaps);
     }
-    if (nDir == QX_DEVDIR_OUT) return 0; // no wave outputs yet
+    if (nDir == QX_DEVDIR_OUT) return CWaveOut::GetDeviceCaps(nDevice, pCaps);
     MMRESULT r = waveInGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->waveIn, sizeof(WAVEINCAPSA));
     if (r != MMSYSERR_NOERROR) {
         QXNotifyShared(QXN_WAVEIN_GETCAPS, r, static_cast<DWORD_PTR>(nDevice));

@@ -1,6 +1,7 @@
 // Recordings and the MIDI thru settings.
 #include <quavix/QXMidiOut.h>
 #include <quavix/QXQuavix.h>
+#include <quavix/QXWavePlay.h>
 
 #include "platform/QXPlatform.h"
 
@@ -202,9 +203,21 @@ void CQuavix::SendSysExMsg(UINT nDevice, const BYTE* pData, int nLength, int bQu
     LeaveCriticalSection(&m_csDevices);
 }
 
-int CQuavix::PlayWaveFile(const char*, int, void (*)(DWORD_PTR, DWORD), DWORD_PTR)
+int CQuavix::PlayWaveFile(const char* pszFileName, int nDevice, void (*pCallback)(DWORD_PTR, DWORD),
+                          DWORD_PTR dwUser)
 {
-    // No wave output can play a file yet; the tag is not spent on a failure.
+    CallScope scope(this);
+    if (!scope.Live() || !m_bInitialized) return 0;
+    const int nTag = GetUniqueTag();
+    QX_WaveParams params{};
+    params.nPerformance = nTag;
+    params.nTrack = 0;
+    params.dsParams.lpszFileName = pszFileName;
+    auto* pPlayer = new (std::nothrow) CWavePlay;
+    if (pPlayer == nullptr) return 0;
+    // A self-deleting player: once Play succeeds it is its own, and is not touched here.
+    if (pPlayer->Play(&params, nDevice, 0, pCallback, dwUser, 1)) return nTag;
+    delete pPlayer;
     return 0;
 }
 

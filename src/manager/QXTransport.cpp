@@ -1,6 +1,8 @@
 // The manager's thread and window, its private messages, and the transport of devices
 // one by one and as a group.
 #include <quavix/QXQuavix.h>
+#include <quavix/QXWaveOut.h>
+#include <quavix/QXWavePlay.h>
 
 #include "core/QXMessageLoop.h"
 #include "manager/QXManagerWalk.h"
@@ -135,6 +137,11 @@ LRESULT CQuavix::WndProc(UINT uMsg, WPARAM wParam, LPARAM lParam)
         return 0;
     case QXM_SYNCCLOCK:
         if (bSlave) _SyncPerformances(QX_SYNC_CLOCK, static_cast<DWORD>(wParam), static_cast<DWORD>(lParam));
+        return 0;
+    case QXM_WAVEPLAY:
+        // wParam is the player's registry handle: a player stopped or destroyed since
+        // its timer fired resolves to nothing.
+        CWavePlay::StartFromHandle(static_cast<DWORD>(wParam));
         return 0;
     default:
         return DefWindowProcA(m_hWnd, uMsg, wParam, lParam);
@@ -297,7 +304,18 @@ int CQuavix::StartDevices()
         m_dwPlayStartTime = timeGetTime();
     }
     if (m_dwRecordStartTime == 0) m_dwRecordStartTime = m_dwPlayStartTime.load();
-    if (bResult) _ForEachDevice([this](int nType, int nDir, int n) { StartDevice(nType, nDir, n); });
+    if (bResult) {
+        _ForEachDevice([this](int nType, int nDir, int n) { StartDevice(nType, nDir, n); });
+        // Wave events of the periods written before the start waited in their outputs'
+        // lists; each now starts at its time from the play start just taken.
+        for (int n = 0; n < m_nDeviceCount[QX_DEVTYPE_WAVE][QX_DEVDIR_OUT]; ++n) {
+            CQXEventList* pList = _GetEventList(QX_DEVTYPE_WAVE, n);
+            CQXDevice* pDevice = GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, n);
+            if (pList != nullptr && !pList->IsEmpty() && pDevice != nullptr && IsDeviceEnabled(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, n) &&
+                (pDevice->GetState() & QX_STATE_STARTED))
+                pDevice->PlayData(pList, m_dwBufferTime, m_dwBufferTime);
+        }
+    }
     LeaveCriticalSection(&m_csDevices);
     return bResult;
 }
@@ -339,6 +357,8 @@ int CQuavix::CloseDevices()
     StopDevices();
     EnterCriticalSection(&m_csDevices);
     _ForEachDevice([this](int nType, int nDir, int n) { CloseDevice(nType, nDir, n); });
+    // Every output is closed, so no player is left to reach a driver.
+    CWaveOut::DSExit();
     LeaveCriticalSection(&m_csDevices);
     return 1;
 }

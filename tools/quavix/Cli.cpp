@@ -330,6 +330,14 @@ void Session::KeepOnly(std::initializer_list<std::array<int, 3>> keep)
 std::string Session::DeviceName(int nType, int nDir, int nDevice) const
 {
     QX_DevCaps caps{};
+    if (nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_OUT) {
+        // A wave output is a DirectSound driver: its description, and the backend that
+        // carries it as its module.
+        const char* description = CWaveOut::DSGetDescription(nDevice);
+        const char* module = CWaveOut::DSGetModule(nDevice);
+        if (description == nullptr) return "?";
+        return std::string(description) + (module != nullptr && *module ? std::string(" [") + module + "]" : "");
+    }
     if (!m_q->GetDeviceCaps(nType, nDir, nDevice, &caps)) return "?";
     const char* name = nType == QX_DEVTYPE_MIDI ? (nDir == QX_DEVDIR_IN ? caps.midiIn.szPname : caps.midiOut.szPname)
                                                  : caps.waveIn.szPname;

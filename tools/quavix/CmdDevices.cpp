@@ -26,9 +26,7 @@ int RunDevices(int argc, char** argv)
             for (int i = 0; i < n; ++i) {
                 std::string name = "-";
                 QX_DevCaps caps{};
-                // Wave outputs have no name record of their own yet.
-                if (!(t == QX_DEVTYPE_WAVE && d == QX_DEVDIR_OUT) && session->GetDeviceCaps(t, d, i, &caps))
-                    name = session.DeviceName(t, d, i);
+                if (session->GetDeviceCaps(t, d, i, &caps)) name = session.DeviceName(t, d, i);
                 const char* enabled = session->GetDevice(t, d, i) == nullptr ? "n/a"
                                       : session->IsDeviceEnabled(t, d, i)   ? "yes"
                                                                              : "no";

@@ -749,6 +749,13 @@ bool DirectSoundRenderOffline(LPDIRECTSOUND pDS, float* pOut, DWORD nFrames)
     return true;
 }
 
+bool DirectSoundSetPaused(LPDIRECTSOUND pDS, bool bPaused)
+{
+    if (pDS == nullptr) return false;
+    AsOurs(pDS)->Mixer().SetPaused(bPaused);
+    return true;
+}
+
 size_t LiveDirectSoundObjects()
 {
     return g_liveObjects.load();

@@ -674,7 +674,8 @@ void Mixer::MixBlock(float* pOut, uint32_t nFrames)
         m_inBlock = true;
     }
     std::fill(pOut, pOut + size_t{nFrames} * 2, 0.0f);
-    for (Voice* v : m_snapshot) MixVoice(*v, pOut, nFrames);
+    if (!m_paused.load(std::memory_order_relaxed))
+        for (Voice* v : m_snapshot) MixVoice(*v, pOut, nFrames);
     const float ml = m_masterL.load(std::memory_order_relaxed), mr = m_masterR.load(std::memory_order_relaxed);
     if (ml != 1.0f || mr != 1.0f) {
         for (uint32_t i = 0; i < nFrames; ++i) {

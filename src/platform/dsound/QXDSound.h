@@ -105,6 +105,10 @@ HRESULT DirectSoundCreateOffline(DWORD dwRate, Resampler resampler, LPDIRECTSOUN
 // False for a device that is not offline.
 bool DirectSoundRenderOffline(LPDIRECTSOUND pDS, float* pOut, DWORD nFrames);
 
+// Holds a device's whole mix (no cursor moves, no notification fires; the sink hears
+// silence) or lets it go on. Not a DirectSound call: it is how an output pauses.
+bool DirectSoundSetPaused(LPDIRECTSOUND pDS, bool bPaused);
+
 // Device objects and buffers alive in the whole process, for tests that check that
 // nothing is left behind.
 size_t LiveDirectSoundObjects();

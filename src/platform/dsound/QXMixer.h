@@ -130,6 +130,9 @@ public:
     void Render(float* pOut, uint32_t nFrames);
     // Master gain applied to the whole mix (the primary buffer's volume and pan).
     void SetMasterGains(float left, float right);
+    // A paused mixer renders silence and moves no voice: cursors and notifications wait.
+    void SetPaused(bool bPaused) { m_paused.store(bPaused, std::memory_order_relaxed); }
+    bool Paused() const { return m_paused.load(std::memory_order_relaxed); }
     // Frames mixed so far.
     uint64_t FramesMixed() const { return m_framesMixed.load(std::memory_order_relaxed); }
 
@@ -155,6 +158,7 @@ private:
     std::vector<Voice*> m_snapshot;
     std::atomic<uint64_t> m_framesMixed{0};
     std::atomic<float> m_masterL{1.0f}, m_masterR{1.0f};
+    std::atomic<bool> m_paused{false};
 
     mutable std::mutex m_listLock;
     std::condition_variable m_blockDone;

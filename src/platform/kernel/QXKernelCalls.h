@@ -92,4 +92,48 @@ BOOL VirtualFree(LPVOID lpAddress, size_t dwSize, DWORD dwFreeType);
 BOOL VirtualLock(LPVOID lpAddress, size_t dwSize);
 BOOL VirtualUnlock(LPVOID lpAddress, size_t dwSize);
 
+// ---- System version and processor ----
+#define VER_PLATFORM_WIN32_NT 2u
+#define PROCESSOR_ARCHITECTURE_INTEL 0
+#define PROCESSOR_ARCHITECTURE_AMD64 9
+#define PROCESSOR_ARCHITECTURE_ARM64 12
+#define PROCESSOR_ARCHITECTURE_UNKNOWN 0xFFFF
+#define PROCESSOR_AMD_X8664 8664u
+struct OSVERSIONINFOA {
+    DWORD dwOSVersionInfoSize;
+    DWORD dwMajorVersion;
+    DWORD dwMinorVersion;
+    DWORD dwBuildNumber;
+    DWORD dwPlatformId;
+    CHAR szCSDVersion[128];
+};
+struct SYSTEM_INFO {
+    WORD wProcessorArchitecture;
+    WORD wReserved;
+    DWORD dwPageSize;
+    LPVOID lpMinimumApplicationAddress;
+    LPVOID lpMaximumApplicationAddress;
+    DWORD_PTR dwActiveProcessorMask;
+    DWORD dwNumberOfProcessors;
+    DWORD dwProcessorType;
+    DWORD dwAllocationGranularity;
+    WORD wProcessorLevel;
+    WORD wProcessorRevision;
+};
+// Linux answers as an NT-family system: the kernel's version numbers, the machine's
+// architecture (AMD64 on x86-64, ARM64 on aarch64) and the CPU family as the level.
+BOOL GetVersionExA(OSVERSIONINFOA* lpVersionInformation);
+void GetSystemInfo(SYSTEM_INFO* lpSystemInfo);
+// Tests make the two answer as another machine would; null restores the real answers.
+void QXSetSystemInfoOverride(const OSVERSIONINFOA* pVersion, const SYSTEM_INFO* pInfo);
+
+// ---- The host application's main window ----
+// DirectSound's cooperative level names the host's main window. A library has no GUI,
+// so a window registered here stands in for it (the manager registers its own); null
+// when none is registered or it was destroyed.
+HWND QXGetHostMainWindow();
+void QXSetHostMainWindow(HWND hWnd);
+// Registers hWnd only where no live window is registered yet.
+void QXOfferHostMainWindow(HWND hWnd);
+
 #endif // QUAVIX_PLATFORM_KERNEL_QXKERNELCALLS_H

@@ -5,6 +5,15 @@
 //
 // | code | name                      | provoked and checked by                                        |
 // |------|---------------------------|----------------------------------------------------------------|
+// | 100  | QXN_DS_CREATE             | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
+// | 101  | QXN_DS_SETCOOPLEVEL       | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
+// | 102  | QXN_DS_CREATEBUFFER       | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber   |
+// |      |                           |   (waveout: the primary buffer)                                |
+// | 103  | QXN_DS_START              | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber   |
+// | 104  | QXN_DS_STOP               | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber   |
+// | 105  | QXN_DS_SETFORMAT          | WaveOutTest.PrimaryBufferFollowsTheFormatAndTheTransport,      |
+// |      |                           |   WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber |
+// | 109  | QXN_DS_GETCAPS            | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
 // | 200  | QXN_MIDIIN_OPEN           | Failures.MidiInputReportsEveryFailingCall                      |
 // | 201  | QXN_MIDIIN_START          | Failures.MidiInputReportsEveryFailingCall                      |
 // | 202  | QXN_MIDIIN_STOP           | Failures.MidiInputReportsEveryFailingCall (by stop and pause)  |

@@ -152,7 +152,7 @@ protected:
         QXFaultClear();
         FakeDevice::ClearLog();
         QXSetDeviceFactory([](int t, int d) -> CQXDevice* { return new FakeDevice(t, d); });
-        qxplat::QXVirtualSetDevices(2, 3, 1, 1);
+        qxplat::QXVirtualSetDevices(2, 3, 1, 0);
     }
     void TearDown() override
     {

@@ -1,0 +1,479 @@
+// The DirectSound driver registry, the wave output device and the manager's share of
+// them, on the virtual backend's real-time outputs.
+#include <quavix/Quavix.h>
+
+#include "platform/QXFaults.h"
+#include "platform/QXPlatform.h"
+#include "platform/backends/virtual/QXVirtual.h"
+#include "platform/dsound/QXDSound.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
+
+struct Report {
+    DWORD code;
+    DWORD value;
+    DWORD_PTR device;
+};
+std::mutex g_reportsMutex;
+std::vector<Report> g_reports;
+
+void Collect(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
+{
+    std::lock_guard<std::mutex> lock(g_reportsMutex);
+    g_reports.push_back({dwCode, dwValue, dwDevice});
+}
+
+std::vector<Report> Reports()
+{
+    std::lock_guard<std::mutex> lock(g_reportsMutex);
+    return g_reports;
+}
+
+bool Reported(DWORD code, DWORD value, DWORD_PTR device)
+{
+    for (const Report& r : Reports())
+        if (r.code == code && r.value == value && r.device == device) return true;
+    return false;
+}
+
+// A manager made for wave devices with nWaveOut virtual outputs, torn down after.
+class WaveOutTest : public ::testing::Test {
+protected:
+    void Make(int nWaveOut, DWORD dwFlags = QX_INIT_WAVE)
+    {
+        (void)kVirtual;
+        qxplat::QXVirtualSetDevices(1, 1, 1, nWaveOut);
+        {
+            std::lock_guard<std::mutex> lock(g_reportsMutex);
+            g_reports.clear();
+        }
+        q = CQuavix::InitQuavix();
+        q->SetNotificationCallback(Collect, 0);
+        q->Initialize(dwFlags);
+    }
+    void TearDown() override
+    {
+        QXFaultClear();
+        CQuavix::ExitQuavix();
+        qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+        EXPECT_EQ(CWaveOut::DSNumDrivers(), 0);
+        EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
+    }
+    CWaveOut* Out(int n) { return dynamic_cast<CWaveOut*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, n)); }
+
+    CQuavix* q = nullptr;
+};
+
+WAVEFORMATEX PrimaryFormat(int n)
+{
+    WAVEFORMATEX f{};
+    CQuavix::s_DSDevices.at(static_cast<size_t>(n))->pPrimaryBuffer->GetFormat(&f, sizeof f, nullptr);
+    return f;
+}
+
+} // namespace
+
+TEST_F(WaveOutTest, RegistryHasOneDriverPerOutputAndIsFilledOnce)
+{
+    Make(3);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 3);
+    ASSERT_EQ(CWaveOut::DSNumDrivers(), 3);
+    for (int n = 0; n < 3; ++n) {
+        ASSERT_NE(Out(n), nullptr);
+        EXPECT_NE(CWaveOut::DSGetDevice(n), nullptr);
+        EXPECT_STREQ(CWaveOut::DSGetModule(n), "virtual");
+    }
+    EXPECT_EQ(CWaveOut::DSGetDescription(-1), nullptr);
+    EXPECT_EQ(CWaveOut::DSGetDescription(3), nullptr);
+    ASSERT_NE(CWaveOut::DSGetDescription(2), nullptr);
+    EXPECT_NE(std::string(CWaveOut::DSGetDescription(2)), CWaveOut::DSGetDescription(1));
+    EXPECT_EQ(CWaveOut::GetDefaultFormat(), 9);
+
+    // A filled registry answers at once: an enumeration that would fail is not made.
+    QXFaultInject("DirectSoundEnumerateA", static_cast<DWORD>(DSERR_GENERIC));
+    EXPECT_EQ(CWaveOut::DSInit(), 1);
+    QXFaultClear();
+
+    // Emptied, it enumerates anew on the next DSInit, and only then.
+    EXPECT_EQ(CWaveOut::DSExit(), 1);
+    EXPECT_EQ(CWaveOut::DSNumDrivers(), 0);
+    EXPECT_EQ(CWaveOut::DSGetDevice(0), nullptr); // out of range: no enumeration starts
+    EXPECT_EQ(CWaveOut::DSExit(), 1);
+    QXFaultInject("DirectSoundEnumerateA", static_cast<DWORD>(DSERR_GENERIC));
+    EXPECT_EQ(CWaveOut::DSInit(), 0);
+    EXPECT_EQ(CWaveOut::DSInit(), 1);
+    EXPECT_EQ(CWaveOut::DSNumDrivers(), 3);
+    EXPECT_NE(CWaveOut::DSGetDevice(2), nullptr);
+}
+
+TEST_F(WaveOutTest, NoDriverMeansNoWaveOutputAndMidiAloneLeavesDirectSoundAlone)
+{
+    Make(0); // only the default driver without a GUID is reported
+    EXPECT_EQ(CWaveOut::DSNumDrivers(), 0);
+    EXPECT_EQ(CWaveOut::DSInit(), 0);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 0);
+    EXPECT_EQ(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), nullptr);
+    CQuavix::ExitQuavix();
+
+    Make(2, QX_INIT_MIDI);
+    EXPECT_EQ(CWaveOut::DSNumDrivers(), 0);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 0);
+    // A later wave initialisation of the same manager changes nothing.
+    q->Initialize(QX_INIT_WAVE);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 0);
+}
+
+TEST_F(WaveOutTest, FailuresOfTheRegistryAreReportedPerDriver)
+{
+    // Driver 1's device object cannot be made; driver 0 refuses the cooperative level
+    // and is used all the same.
+    qxplat::QXVirtualSetDevices(1, 1, 1, 2);
+    q = CQuavix::InitQuavix();
+    q->SetNotificationCallback(Collect, 0);
+    QXFaultInject("IDirectSound::SetCooperativeLevel", static_cast<DWORD>(DSERR_GENERIC), 1);
+    QXFaultInject("DirectSoundCreate", static_cast<DWORD>(DSERR_NODRIVER), 2);
+    q->Initialize(QX_INIT_WAVE);
+    EXPECT_TRUE(Reported(QXN_DS_SETCOOPLEVEL, static_cast<DWORD>(DSERR_GENERIC), 0));
+    EXPECT_TRUE(Reported(QXN_DS_CREATE, static_cast<DWORD>(DSERR_NODRIVER), 1));
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 2);
+    EXPECT_NE(CWaveOut::DSGetDevice(0), nullptr);
+    EXPECT_EQ(CWaveOut::DSGetDevice(1), nullptr);
+    QX_DevCaps caps{};
+    EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1, &caps), 0);
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 0);
+    // Without the priority level the primary buffer's format cannot be set, as on
+    // DirectSound itself: the output does not open.
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 0);
+    EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, static_cast<DWORD>(DSERR_PRIOLEVELNEEDED), 0));
+
+    // The capabilities of a working driver are its DSCAPS.
+    ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0, &caps), 1);
+    EXPECT_EQ(caps.dsOut.dwSize, sizeof(DSCAPS));
+    EXPECT_NE(caps.dsOut.dwFlags & DSCAPS_CONTINUOUSRATE, 0u);
+    EXPECT_EQ(caps.dsOut.dwMaxSecondarySampleRate, 100000u);
+    QXFaultInject("IDirectSound::GetCaps", static_cast<DWORD>(DSERR_GENERIC));
+    EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0, &caps), 0);
+    EXPECT_TRUE(Reported(QXN_DS_GETCAPS, static_cast<DWORD>(DSERR_GENERIC), 0));
+}
+
+TEST_F(WaveOutTest, WithoutAMainWindowTheDriversStayUnmadeUntilTheRegistryIsEmptied)
+{
+    qxplat::QXVirtualSetDevices(1, 1, 1, 2);
+    q = CQuavix::InitQuavix();
+    QXFaultInject("QXGetHostMainWindow", 0);
+    q->Initialize(QX_INIT_WAVE);
+    // The records stay, so the outputs exist, but no driver has a device object.
+    EXPECT_EQ(CWaveOut::DSNumDrivers(), 2);
+    EXPECT_EQ(CWaveOut::DSInit(), 1);
+    EXPECT_EQ(CWaveOut::DSGetDevice(0), nullptr);
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 0);
+    // CloseDevices empties the registry; the next open enumerates and makes them.
+    q->CloseDevices();
+    EXPECT_EQ(CWaveOut::DSNumDrivers(), 0);
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    EXPECT_NE(CWaveOut::DSGetDevice(0), nullptr);
+}
+
+TEST(WaveOutTracks, RecommendedTrackCountFollowsTheMachine)
+{
+    // This machine: an NT-family answer on AMD64 or ARM64, not an Intel row.
+    SYSTEM_INFO real{};
+    GetSystemInfo(&real);
+    if (real.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_AMD64 ||
+        real.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_ARM64) {
+        EXPECT_EQ(CWaveOut::GetRecommendedTrackCount(), 16);
+    }
+
+    struct Row {
+        DWORD platform;
+        WORD arch;
+        WORD level;
+        DWORD type;
+        int expected;
+    };
+    const Row rows[] = {
+        {2, 0, 3, 0, 2},    {2, 0, 4, 0, 4},  {2, 0, 5, 0, 8},   {2, 0, 6, 0, 12}, {2, 3, 0, 0, 12},
+        {2, 2, 0, 0, 16},   {2, 9, 6, 0, 16}, {1, 0, 5, 386, 2}, {1, 9, 0, 486, 4}, {1, 0, 0, 586, 8},
+        {1, 0, 0, 8664, 12},
+    };
+    for (const Row& r : rows) {
+        OSVERSIONINFOA v{};
+        v.dwPlatformId = r.platform;
+        SYSTEM_INFO s{};
+        s.wProcessorArchitecture = r.arch;
+        s.wProcessorLevel = r.level;
+        s.dwProcessorType = r.type;
+        QXSetSystemInfoOverride(&v, &s);
+        EXPECT_EQ(CWaveOut::GetRecommendedTrackCount(), r.expected)
+            << "platform " << r.platform << " arch " << r.arch << " level " << r.level << " type " << r.type;
+    }
+    QXSetSystemInfoOverride(nullptr, nullptr);
+}
+
+TEST_F(WaveOutTest, PerformancesAndTracksAreMadeOnDemandAndDeletedByNumber)
+{
+    Make(1);
+    CWaveOut* out = Out(0);
+    ASSERT_NE(out, nullptr);
+    EXPECT_EQ(out->IsActive(), 0);
+    QX_WaveParams params{};
+    params.nPerformance = 42;
+    params.nTrack = 3;
+    EXPECT_EQ(q->SetWaveParams(&params), 1); // no player there: only empty records remain
+    EXPECT_EQ(out->IsActive(), 1);
+
+    EXPECT_EQ(out->GetTrack(nullptr, 1), nullptr);
+    DSPerformance* p7 = out->GetPerformance(7);
+    ASSERT_NE(p7, nullptr);
+    EXPECT_EQ(out->GetPerformance(7), p7);
+    DSTrack* t1 = out->GetTrack(p7, 1);
+    DSTrack* t2 = out->GetTrack(p7, 2);
+    ASSERT_NE(t1, nullptr);
+    EXPECT_EQ(out->GetTrack(p7, 1), t1);
+    EXPECT_EQ(t2->nTrack, 2);
+    EXPECT_EQ(t2->pWavePlay, nullptr);
+    EXPECT_EQ(t2->lVolume, 0);
+    out->DeleteTrack(p7, 2, 1);
+    EXPECT_EQ(p7->tracks.GetCount(), 1);
+    DSTrack* t2again = out->GetTrack(p7, 2);
+    EXPECT_EQ(t2again->nTrack, 2);
+    EXPECT_EQ(p7->tracks.GetCount(), 2);
+
+    out->GetPerformance(8);
+    out->DeletePerformance(5, 1); // none: nothing changes
+    EXPECT_EQ(out->GetPerformance(7), p7);
+    out->DeletePerformance(7, 1);
+    EXPECT_EQ(out->IsActive(), 1); // 42 and 8 remain
+    q->StopPerformance(42);        // a stopped performance leaves every output
+    q->StopPerformance(8);
+    EXPECT_EQ(out->IsActive(), 0);
+
+    out->GetPerformance(1);
+    out->GetPerformance(2);
+    out->GetPerformance(3);
+    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    ASSERT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    EXPECT_EQ(out->IsActive(), 0);
+}
+
+TEST_F(WaveOutTest, PrimaryBufferFollowsTheFormatAndTheTransport)
+{
+    Make(2);
+    CWaveOut* out = Out(0);
+    ASSERT_NE(out, nullptr);
+    QX_DevFormat f{};
+    CQXDevice::FillFormat(reinterpret_cast<WAVEFORMATEX*>(&f), 13);
+    EXPECT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0, &f), 1);
+    EXPECT_EQ(out->SetFormat(nullptr), 0); // the format goes; open uses the default
+    EXPECT_EQ(out->GetFormat(), nullptr);
+    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    WAVEFORMATEX pf = PrimaryFormat(0);
+    EXPECT_EQ(pf.nSamplesPerSec, 22050u);
+    EXPECT_EQ(pf.wBitsPerSample, 16);
+    EXPECT_EQ(pf.nChannels, 2);
+
+    // An open output passes a new format on; a refused one is reported and kept.
+    EXPECT_EQ(out->SetFormat(&f), 1);
+    EXPECT_EQ(PrimaryFormat(0).nSamplesPerSec, 44100u);
+    QXFaultInject("IDirectSoundBuffer::SetFormat", static_cast<DWORD>(DSERR_BADFORMAT));
+    EXPECT_EQ(out->SetFormat(&f), 0);
+    EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, static_cast<DWORD>(DSERR_BADFORMAT), 0));
+    ASSERT_NE(out->GetFormat(), nullptr);
+
+    // Open but not started: the events wait in the list for the start; a closed output
+    // refuses them, and the manager then discards them.
+    CQXEventList events;
+    auto* pEvent = new CQXEventData;
+    pEvent->SetMidiData(0x90);
+    events.AddTail(pEvent);
+    EXPECT_EQ(out->PlayData(&events, 0, 100), 1);
+    EXPECT_EQ(events.GetCount(), 1);
+    EXPECT_EQ(Out(1)->PlayData(&events, 0, 100), 0);
+    EXPECT_EQ(events.GetCount(), 1);
+    delete events.RemoveHead();
+
+    DWORD status = 0;
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    CQuavix::s_DSDevices[0]->pPrimaryBuffer->GetStatus(&status);
+    EXPECT_NE(status & DSBSTATUS_PLAYING, 0u);
+    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    CQuavix::s_DSDevices[0]->pPrimaryBuffer->GetStatus(&status);
+    EXPECT_EQ(status & DSBSTATUS_PLAYING, 0u);
+}
+
+TEST_F(WaveOutTest, TransportFailuresAreReportedWithTheOutputsNumber)
+{
+    Make(2);
+    QXFaultInject("IDirectSound::CreateSoundBuffer", static_cast<DWORD>(DSERR_OUTOFMEMORY));
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 0);
+    EXPECT_TRUE(Reported(QXN_DS_CREATEBUFFER, static_cast<DWORD>(DSERR_OUTOFMEMORY), 1));
+
+    // A format refused at open leaves the primary buffer in the record; a second open
+    // takes it up instead of making another.
+    QXFaultInject("IDirectSoundBuffer::SetFormat", static_cast<DWORD>(DSERR_BADFORMAT));
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 0);
+    EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, static_cast<DWORD>(DSERR_BADFORMAT), 1));
+    EXPECT_NE(CQuavix::s_DSDevices[1]->pPrimaryBuffer, nullptr);
+    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 1);
+
+    QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
+    EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 0);
+    EXPECT_TRUE(Reported(QXN_DS_START, static_cast<DWORD>(DSERR_BUFFERLOST), 1));
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 1);
+    QXFaultInject("IDirectSoundBuffer::Stop", static_cast<DWORD>(DSERR_GENERIC));
+    EXPECT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 0);
+    EXPECT_TRUE(Reported(QXN_DS_STOP, static_cast<DWORD>(DSERR_GENERIC), 1));
+}
+
+TEST_F(WaveOutTest, APausedOutputHoldsItsMixAndGoesOnWhereItWas)
+{
+    Make(1);
+    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    IDirectSound* ds = CWaveOut::DSGetDevice(0);
+    ASSERT_NE(ds, nullptr);
+    WAVEFORMATEX wf{};
+    CQXDevice::FillFormat(&wf, 9);
+    DSBUFFERDESC desc{};
+    desc.dwSize = sizeof desc;
+    desc.dwFlags = DSBCAPS_GETCURRENTPOSITION2;
+    desc.dwBufferBytes = 88200; // one second
+    desc.lpwfxFormat = &wf;
+    IDirectSoundBuffer* b = nullptr;
+    ASSERT_EQ(ds->CreateSoundBuffer(&desc, &b, nullptr), DS_OK);
+    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    auto cursor = [&] {
+        DWORD play = 0, write = 0;
+        b->GetCurrentPosition(&play, &write);
+        return play;
+    };
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_EQ(q->PauseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30)); // the block in flight
+    const DWORD held = cursor();
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ(cursor(), held);
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (cursor() == held && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_NE(cursor(), held);
+    b->Stop();
+    b->Release();
+}
+
+namespace {
+
+// Five seconds of a 440 Hz tone, 22050 Hz 16-bit mono.
+std::string WriteTone(const char* pszName)
+{
+    std::string path = std::string("/tmp/quavix-waveout-") + std::to_string(getpid()) + "-" + pszName + ".wav";
+    const DWORD rate = 22050, frames = rate * 5;
+    std::string data;
+    for (DWORD i = 0; i < frames; ++i) {
+        auto s = static_cast<int16_t>(12000 * std::sin(2 * M_PI * 440.0 * i / rate));
+        data += static_cast<char>(s & 0xFF);
+        data += static_cast<char>((s >> 8) & 0xFF);
+    }
+    auto le = [](DWORD v, int n) {
+        std::string s;
+        for (int i = 0; i < n; ++i) s += static_cast<char>((v >> (8 * i)) & 0xFF);
+        return s;
+    };
+    std::string fmt = le(1, 2) + le(1, 2) + le(rate, 4) + le(rate * 2, 4) + le(2, 2) + le(16, 2);
+    std::string body = "WAVE" + std::string("fmt ") + le(16, 4) + fmt + "data" + le(static_cast<DWORD>(data.size()), 4) + data;
+    FILE* f = std::fopen(path.c_str(), "wb");
+    std::string riff = "RIFF" + le(static_cast<DWORD>(body.size()), 4) + body;
+    std::fwrite(riff.data(), 1, riff.size(), f);
+    std::fclose(f);
+    return path;
+}
+
+struct WaveScript {
+    std::string path;
+    std::atomic<int> calls{0};
+    std::atomic<int> endAt{1000};
+};
+
+// Hands one wave data event (track 1) at the start of the first period it is asked for,
+// then ends when told.
+int WavePerformance(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD)
+{
+    auto* s = reinterpret_cast<WaveScript*>(dwUser);
+    if (nTag < 0) return 1;
+    const int n = ++s->calls;
+    if (n == 1) {
+        auto* params = new QX_WaveParams{};
+        params->nPerformance = nTag;
+        params->nTrack = 1;
+        params->dsParams.lpszFileName = s->path.c_str();
+        auto* e = new CQXEventData;
+        e->SetWaveData(params);
+        e->SetTimeStamp(dwStart);
+        e->SetDevice(0);
+        CQXEventList events;
+        events.AddTail(e);
+        CQuavix::GetQuavix()->PlayBuffer(events);
+    }
+    return n < s->endAt ? 1 : 0;
+}
+
+bool Eventually(const std::function<bool()>& pred)
+{
+    for (int i = 0; i < 5000 && !pred(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return pred();
+}
+
+} // namespace
+
+TEST_F(WaveOutTest, APerformancesWaveEventPlaysOnItsTrackAndLeavesWithThePerformance)
+{
+    Make(1);
+    WaveScript script;
+    script.path = WriteTone("perf");
+    const int nTag = q->StartPerformance(WavePerformance, reinterpret_cast<DWORD_PTR>(&script), 1, 0);
+    ASSERT_NE(nTag, 0);
+    ASSERT_EQ(q->OpenDevices(), 1);
+    ASSERT_EQ(q->StartDevices(), 1);
+    CWaveOut* out = Out(0);
+    // The event's player takes over track 1 of the performance when it starts.
+    ASSERT_TRUE(Eventually([&] {
+        DSPerformance* p = out->IsActive() ? out->GetPerformance(nTag) : nullptr;
+        return p != nullptr && out->GetTrack(p, 1)->pWavePlay != nullptr;
+    }));
+    // A parameter change reaches the player there, and is what it now holds.
+    QX_WaveParams change{};
+    change.nPerformance = nTag;
+    change.nTrack = 1;
+    change.dsParams.lVolume = -600;
+    change.dsParams.lPan = 2500;
+    ASSERT_EQ(q->SetWaveParams(&change), 1);
+    {
+        DSTrack* t = out->GetTrack(out->GetPerformance(nTag), 1);
+        ASSERT_NE(t->pWavePlay, nullptr);
+        EXPECT_EQ(t->pWavePlay->GetBufferParameters().lVolume, -600);
+        EXPECT_EQ(t->pWavePlay->GetBufferParameters().lPan, 2500);
+    }
+    // The performance ends: its records and players leave the output.
+    script.endAt = script.calls + 1;
+    EXPECT_TRUE(Eventually([&] { return out->IsActive() == 0; }));
+    q->CloseDevices();
+    std::remove(script.path.c_str());
+}
