@@ -62,6 +62,11 @@ public:
     void DeletePerformance(int nPerformance, int bDeletePlayers);
     DSTrack* GetTrack(DSPerformance* pPerformance, int nTrack);
     void DeleteTrack(DSPerformance* pPerformance, int nTrack, int bDeletePlayers);
+    // What an application may ask from any thread while players come and go (the
+    // records themselves belong to the engine's thread): copies the pan, volume and rate
+    // in force on that track's current player and returns 1; 0 when no player sounds
+    // there. Makes no record.
+    int GetTrackParameters(int nPerformance, int nTrack, QX_DSParams* pParams);
 
     // What a CWavePlay asks of the output it plays on. The output knows every player
     // prepared on it, whether or not it has started; a player is destroyed by whoever

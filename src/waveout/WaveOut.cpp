@@ -133,6 +133,22 @@ int CWaveOut::IsActive()
     return m_Performances.IsEmpty() ? 0 : 1;
 }
 
+int CWaveOut::GetTrackParameters(int nPerformance, int nTrack, QX_DSParams* pParams)
+{
+    Locked lock(&m_csPerformances);
+    for (POSITION pos = m_Performances.GetHeadPosition(); pos != nullptr;) {
+        DSPerformance* p = m_Performances.GetNext(pos);
+        if (p->nPerformance != nPerformance) continue;
+        for (POSITION tpos = p->tracks.GetHeadPosition(); tpos != nullptr;) {
+            DSTrack* t = p->tracks.GetNext(tpos);
+            if (t->nTrack != nTrack || t->pWavePlay == nullptr) continue;
+            if (pParams != nullptr) *pParams = t->pWavePlay->GetBufferParameters();
+            return 1;
+        }
+    }
+    return 0;
+}
+
 DSPerformance* CWaveOut::GetPerformance(int nPerformance)
 {
     Locked lock(&m_csPerformances);

@@ -454,10 +454,7 @@ TEST_F(WaveOutTest, APerformancesWaveEventPlaysOnItsTrackAndLeavesWithThePerform
     ASSERT_EQ(q->StartDevices(), 1);
     CWaveOut* out = Out(0);
     // The event's player takes over track 1 of the performance when it starts.
-    ASSERT_TRUE(Eventually([&] {
-        DSPerformance* p = out->IsActive() ? out->GetPerformance(nTag) : nullptr;
-        return p != nullptr && out->GetTrack(p, 1)->pWavePlay != nullptr;
-    }));
+    ASSERT_TRUE(Eventually([&] { return out->GetTrackParameters(nTag, 1, nullptr) == 1; }));
     // A parameter change reaches the player there, and is what it now holds.
     QX_WaveParams change{};
     change.nPerformance = nTag;
@@ -465,12 +462,12 @@ TEST_F(WaveOutTest, APerformancesWaveEventPlaysOnItsTrackAndLeavesWithThePerform
     change.dsParams.lVolume = -600;
     change.dsParams.lPan = 2500;
     ASSERT_EQ(q->SetWaveParams(&change), 1);
-    {
-        DSTrack* t = out->GetTrack(out->GetPerformance(nTag), 1);
-        ASSERT_NE(t->pWavePlay, nullptr);
-        EXPECT_EQ(t->pWavePlay->GetBufferParameters().lVolume, -600);
-        EXPECT_EQ(t->pWavePlay->GetBufferParameters().lPan, 2500);
-    }
+    QX_DSParams now{};
+    ASSERT_EQ(out->GetTrackParameters(nTag, 1, &now), 1);
+    EXPECT_EQ(now.lVolume, -600);
+    EXPECT_EQ(now.lPan, 2500);
+    EXPECT_EQ(now.lFrequency, 0);
+    EXPECT_EQ(out->GetTrackParameters(nTag, 2, &now), 0);
     // The performance ends: its records and players leave the output.
     script.endAt = script.calls + 1;
     EXPECT_TRUE(Eventually([&] { return out->IsActive() == 0; }));
