@@ -816,6 +816,10 @@ void Mixer::StopThread()
     m_thread.join();
 }
 
+namespace {
+constexpr uint32_t kMinMixFrames = 64;
+} // namespace
+
 void Mixer::ThreadMain(AudioOutPort* pPort)
 {
     MakeRealtimeThread("qx-mixer");
@@ -825,10 +829,14 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
     const auto nap = std::chrono::microseconds(std::max<int64_t>(500, int64_t{m_blockFrames} * 500000 / m_rate));
     std::unique_lock<std::mutex> lock(m_threadLock);
     while (!m_quit) {
-        if (ring.Readable() < target) {
+        const uint32_t readable = ring.Readable();
+        if (readable < target) {
+            // Only what the target lacks (in steps of at least a few dozen frames): a
+            // whole block on top of a nearly full ring would add up to 5 ms of latency.
+            const uint32_t n = std::min(m_blockFrames, std::max(target - readable, std::min(kMinMixFrames, m_blockFrames)));
             lock.unlock();
-            MixBlock(block.data(), m_blockFrames);
-            ring.Write(block.data(), m_blockFrames);
+            MixBlock(block.data(), n);
+            ring.Write(block.data(), n);
             lock.lock();
             continue;
         }

@@ -4,6 +4,10 @@
 // the start of the next period), so the stream engine hands them over ahead of time.
 // The process callback never allocates, locks or blocks: producers fill lock-free rings
 // that it drains, and input reaches the library through a ring and a semaphore.
+//
+// Audio: one output while the server answers. Opening it registers a stereo pair of our
+// own float ports, connected to the first two physical playback ports when there are any;
+// the mixer feeds it through an AudioRing that the process callback de-interleaves.
 #include "platform/backends/jack/QXJack.h"
 
 #include "platform/kernel/QXRealtime.h"
@@ -13,6 +17,7 @@
 #include <jack/ringbuffer.h>
 #include <semaphore.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -30,6 +35,11 @@ namespace {
 
 constexpr size_t kRingBytes = size_t{1} << 20;
 constexpr int kMaxPorts = 64;
+constexpr int kMaxAudioOuts = 8;
+// Room for the largest period a server is likely to switch to while an output is open.
+constexpr uint32_t kAudioRingFrames = 16384;
+
+std::atomic<uint64_t> g_audioUnderrunFramesAll{0};
 
 struct Header {
     int64_t timeUs; // JACK time: due time out, arrival time in
@@ -38,6 +48,14 @@ struct Header {
 
 class JackBackend;
 JackBackend* Instance();
+
+struct AudioSlot {
+    jack_port_t* ports[2] = {nullptr, nullptr};
+    AudioRing ring{kAudioRingFrames};
+    std::atomic<bool> running{false};
+    std::atomic<bool> primed{false}; // the ring has delivered since Start
+    std::atomic<uint64_t> underrunFrames{0};
+};
 
 struct OutSlot {
     // The frame a due time falls on: one linear mapping per port, so that distances
@@ -75,6 +93,13 @@ public:
         if (m_client == nullptr) return;
         m_name = jack_get_client_name(m_client);
         jack_set_process_callback(m_client, &JackBackend::Process, this);
+        jack_set_buffer_size_callback(
+            m_client,
+            [](jack_nframes_t n, void* arg) {
+                static_cast<JackBackend*>(arg)->m_period.store(n);
+                return 0;
+            },
+            this);
         jack_on_info_shutdown(m_client, &JackBackend::Shutdown, this);
         jack_set_client_registration_callback(m_client, &JackBackend::ClientRegistration, this);
         if (jack_activate(m_client) != 0) {
@@ -83,6 +108,7 @@ public:
             return;
         }
         m_rate = jack_get_sample_rate(m_client);
+        m_period.store(jack_get_buffer_size(m_client));
         // A client that vanishes without closing stalls the server on its notifications
         // (xruns for every other client), so the process closes it on its way out.
         std::atexit([] { Instance()->CloseClient(); });
@@ -102,8 +128,9 @@ public:
 
     int Count(DeviceKind kind) override
     {
-        if (kind != DeviceKind::MidiIn && kind != DeviceKind::MidiOut) return 0;
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (kind == DeviceKind::WaveOut) return Available() ? 1 : 0;
+        if (kind != DeviceKind::MidiIn && kind != DeviceKind::MidiOut) return 0;
         auto& list = kind == DeviceKind::MidiOut ? m_outPeers : m_inPeers;
         list = Peers(kind == DeviceKind::MidiOut ? JackPortIsInput : JackPortIsOutput);
         return static_cast<int>(list.size());
@@ -112,6 +139,7 @@ public:
     std::string DeviceName(DeviceKind kind, int n) override
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (kind == DeviceKind::WaveOut) return n == 0 && Available() ? AudioOutName() : std::string();
         if (kind != DeviceKind::MidiIn && kind != DeviceKind::MidiOut) return {};
         auto& list = kind == DeviceKind::MidiOut ? m_outPeers : m_inPeers;
         if (n < 0 || static_cast<size_t>(n) >= list.size()) return {};
@@ -120,6 +148,21 @@ public:
 
     MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override;
     MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) override;
+    MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port) override;
+
+    // The server's name as the user knows it (JACK_DEFAULT_SERVER picks it).
+    static std::string AudioOutName()
+    {
+        const char* server = std::getenv("JACK_DEFAULT_SERVER");
+        return std::string("JACK (") + (server != nullptr && *server != '\0' ? server : "default") + ")";
+    }
+    std::string ClientName()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return Available() ? m_name : std::string();
+    }
+    jack_nframes_t Rate() const { return m_rate; }
+    jack_nframes_t Period() const { return m_period.load(); }
 
     // JACK's clock and the steady clock drift apart slowly (tens of ppm: one is not
     // slewed by NTP), so times are carried over relative to now on both.
@@ -158,6 +201,7 @@ public:
 
     std::array<std::atomic<OutSlot*>, kMaxPorts> m_outs{};
     std::array<std::atomic<InSlot*>, kMaxPorts> m_ins{};
+    std::array<std::atomic<AudioSlot*>, kMaxAudioOuts> m_audio{};
     std::mutex m_mutex; // enumeration, port registration and slot allocation
 
 private:
@@ -210,6 +254,7 @@ private:
     jack_client_t* m_client = nullptr;
     std::string m_name;
     jack_nframes_t m_rate = 48000;
+    std::atomic<jack_nframes_t> m_period{1024};
     std::atomic<bool> m_dead{false};
     std::atomic<uint64_t> m_cycles{0};
     std::vector<std::string> m_outPeers, m_inPeers;
@@ -257,6 +302,37 @@ void Drain(OutSlot* out, jack_ringbuffer_t* ring, void* buf, jack_nframes_t nfra
     }
 }
 
+// Copies what the ring holds into the two port buffers, clipped (the mix's one clip), and
+// pads with silence; a shortfall while running counts as underrun once the ring has
+// delivered since Start (the mixer's first blocks may miss the first cycle).
+void PlayAudio(AudioSlot* a, float* left, float* right, jack_nframes_t nframes)
+{
+    const bool running = a->running.load(std::memory_order_relaxed);
+    jack_nframes_t done = 0;
+    if (running) {
+        float chunk[2 * 256];
+        while (done < nframes) {
+            const uint32_t want = std::min<uint32_t>(nframes - done, 256);
+            const uint32_t got = a->ring.Read(chunk, want);
+            for (uint32_t i = 0; i < got; ++i) {
+                left[done + i] = std::clamp(chunk[2 * i], -1.0f, 1.0f);
+                right[done + i] = std::clamp(chunk[2 * i + 1], -1.0f, 1.0f);
+            }
+            done += got;
+            if (got < want) break;
+        }
+    }
+    if (done < nframes) {
+        std::fill(left + done, left + nframes, 0.0f);
+        std::fill(right + done, right + nframes, 0.0f);
+        if (running && a->primed.load(std::memory_order_relaxed)) {
+            a->underrunFrames.fetch_add(nframes - done, std::memory_order_relaxed);
+            g_audioUnderrunFramesAll.fetch_add(nframes - done, std::memory_order_relaxed);
+        }
+    }
+    if (done > 0) a->primed.store(true, std::memory_order_relaxed);
+}
+
 int JackBackend::Process(jack_nframes_t nframes, void* arg)
 {
     auto* self = static_cast<JackBackend*>(arg);
@@ -295,6 +371,12 @@ int JackBackend::Process(jack_nframes_t nframes, void* arg)
             any = true;
         }
         if (any) sem_post(&in->ready);
+    }
+    for (auto& s : self->m_audio) {
+        AudioSlot* a = s.load(std::memory_order_acquire);
+        if (a == nullptr) continue;
+        PlayAudio(a, static_cast<float*>(jack_port_get_buffer(a->ports[0], nframes)),
+                  static_cast<float*>(jack_port_get_buffer(a->ports[1], nframes)), nframes);
     }
     self->m_cycles.fetch_add(1, std::memory_order_release);
     return 0;
@@ -394,10 +476,10 @@ private:
     int m_index;
 };
 
-template <class Slot>
-int FreeIndex(std::array<std::atomic<Slot*>, kMaxPorts>& slots)
+template <class Slot, size_t N>
+int FreeIndex(std::array<std::atomic<Slot*>, N>& slots)
 {
-    for (int i = 0; i < kMaxPorts; ++i)
+    for (int i = 0; i < static_cast<int>(N); ++i)
         if (slots[static_cast<size_t>(i)].load() == nullptr) return i;
     return -1;
 }
@@ -459,6 +541,93 @@ MMRESULT JackBackend::OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiI
     return MMSYSERR_NOERROR;
 }
 
+class JackAudioOut final : public AudioOutPort {
+public:
+    JackAudioOut(JackBackend* b, AudioSlot* slot, int index) : m_b(b), m_slot(slot), m_index(index) {}
+
+    // The same scheme as the MIDI ports: out of the callback's sight, a full cycle, then
+    // unregistered (not at all once the server is gone: the client is dead).
+    ~JackAudioOut() override
+    {
+        m_slot->running.store(false);
+        m_b->m_audio[static_cast<size_t>(m_index)].store(nullptr, std::memory_order_release);
+        m_b->WaitCycles(2);
+        std::lock_guard<std::mutex> lock(m_b->m_mutex);
+        if (!m_b->Dead())
+            for (jack_port_t* p : m_slot->ports) jack_port_unregister(m_b->Client(), p);
+        delete m_slot;
+    }
+
+    DWORD Rate() const override { return m_b->Rate(); }
+    // The mixer tops the ring up soon after each cycle has taken its period, looking every
+    // 2.5 ms or so: the ring must carry every cycle that can come before its next look, and
+    // 1 ms for its wake-up. That is the fewest whole periods covering 3.5 ms (one period from
+    // 256 frames at 48 kHz up); anything beyond adds to the latency. The cost: a cycle that
+    // comes late and is followed at once by the next (the server catching up) finds the
+    // ring short and is padded (counted as underrun); a longer period is the cure, as for
+    // the server's own xruns.
+    uint32_t TargetFrames() const override
+    {
+        const uint32_t period = std::max<uint32_t>(m_b->Period(), 1), cover = m_b->Rate() * 7 / 2000;
+        return std::min<uint32_t>((cover + period - 1) / period * period, kAudioRingFrames / 2);
+    }
+    AudioRing& Ring() override { return m_slot->ring; }
+
+    void Start() override
+    {
+        if (m_slot->running.load()) return;
+        m_slot->primed.store(false);
+        m_slot->running.store(true);
+    }
+    void Stop() override { m_slot->running.store(false); }
+    uint64_t UnderrunFrames() const override { return m_slot->underrunFrames.load(); }
+
+private:
+    JackBackend* m_b;
+    AudioSlot* m_slot;
+    int m_index;
+};
+
+MMRESULT JackBackend::OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!Available()) return MMSYSERR_NODRIVER;
+    if (n != 0) return MMSYSERR_BADDEVICEID;
+    const int index = FreeIndex(m_audio);
+    if (index < 0) return MMSYSERR_ALLOCATED;
+    AudioSlot* slot = nullptr;
+    try {
+        slot = new AudioSlot;
+    } catch (const std::bad_alloc&) {
+        return MMSYSERR_NOMEM;
+    }
+    // out_1/out_2 for the first output open at a time, out2_1/out2_2 for a second, ...
+    const std::string stem = index == 0 ? "out_" : "out" + std::to_string(index + 1) + "_";
+    for (int ch = 0; ch < 2; ++ch) {
+        const std::string name = stem + std::to_string(ch + 1);
+        slot->ports[ch] = jack_port_register(m_client, name.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsOutput, 0);
+    }
+    if (slot->ports[0] == nullptr || slot->ports[1] == nullptr) {
+        for (jack_port_t* p : slot->ports)
+            if (p != nullptr) jack_port_unregister(m_client, p);
+        delete slot;
+        return MMSYSERR_ERROR;
+    }
+    // Heard at once where there is hardware; elsewhere the user connects the ports. A
+    // single playback port takes both channels.
+    if (const char** phys =
+            jack_get_ports(m_client, nullptr, JACK_DEFAULT_AUDIO_TYPE, JackPortIsPhysical | JackPortIsInput)) {
+        if (phys[0] != nullptr) {
+            jack_connect(m_client, jack_port_name(slot->ports[0]), phys[0]);
+            jack_connect(m_client, jack_port_name(slot->ports[1]), phys[1] != nullptr ? phys[1] : phys[0]);
+        }
+        jack_free(phys);
+    }
+    m_audio[static_cast<size_t>(index)].store(slot, std::memory_order_release);
+    port = std::make_unique<JackAudioOut>(this, slot, index);
+    return MMSYSERR_NOERROR;
+}
+
 JackBackend* Instance()
 {
     static JackBackend* s = new JackBackend; // reachable from JACK's threads until exit
@@ -481,6 +650,16 @@ Backend& JackBackendAlways()
 int64_t JackToSteadyNs(int64_t jackUs)
 {
     return Instance()->ToSteadyNs(jackUs);
+}
+
+std::string JackClientName()
+{
+    return Instance()->ClientName();
+}
+
+uint64_t JackAudioUnderrunFramesAll()
+{
+    return g_audioUnderrunFramesAll.load();
 }
 
 } // namespace qxplat

@@ -4,6 +4,9 @@
 
 #include "platform/backends/QXBackend.h"
 
+#include <cstdint>
+#include <string>
+
 namespace qxplat {
 
 // The JACK backend when a server answers, else null.
@@ -12,6 +15,10 @@ Backend* JackBackendIfAvailable();
 Backend& JackBackendAlways();
 // A JACK time (microseconds of jack_get_time) on the steady clock, in ns.
 int64_t JackToSteadyNs(int64_t jackUs);
+// Our client's name on the server (its ports are NAME:out_1 ...); empty without one.
+std::string JackClientName();
+// Frames all audio outputs of the process padded with silence while running dry.
+uint64_t JackAudioUnderrunFramesAll();
 
 } // namespace qxplat
 

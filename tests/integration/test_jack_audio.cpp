@@ -1,0 +1,517 @@
+// Audio output on a real JACK server (dummy driver), played through the DirectSound calls
+// and recorded from our own ports by jack_rec: the tone that comes out is checked for
+// frequency, level and an unbroken phase. Also the output's port contract and a server
+// that goes away while the output plays.
+//
+// Environment (set by CTest): JACK_DEFAULT_SERVER names the fixture's server,
+// QUAVIX_BACKEND=jack.
+#include "platform/backends/QXBackend.h"
+#include "platform/backends/jack/QXJack.h"
+#include "platform/dsound/QXDSound.h"
+#include "platform/dsound/QXMixer.h"
+
+#include <gtest/gtest.h>
+#include <jack/jack.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr double kPi = 3.14159265358979323846;
+
+// A program run for the length of a test, its output going to a file.
+class Child {
+public:
+    Child(std::vector<std::string> argv, const std::string& outFile)
+    {
+        std::vector<char*> args;
+        for (auto& a : argv) args.push_back(a.data());
+        args.push_back(nullptr);
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_adddup2(&fa, 1, 2);
+        if (posix_spawnp(&m_pid, args[0], &fa, nullptr, args.data(), environ) != 0) m_pid = -1;
+        posix_spawn_file_actions_destroy(&fa);
+    }
+    ~Child() { Stop(); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    // Its exit status, or -1 when it did not end by itself within the limit (then killed).
+    int Wait(std::chrono::seconds limit)
+    {
+        if (m_pid <= 0) return -1;
+        const auto end = std::chrono::steady_clock::now() + limit;
+        int status = 0;
+        while (waitpid(m_pid, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() > end) {
+                Stop();
+                return -1;
+            }
+            std::this_thread::sleep_for(20ms);
+        }
+        m_pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    void Stop()
+    {
+        if (m_pid <= 0) return;
+        kill(m_pid, SIGTERM);
+        waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+    bool Started() const { return m_pid > 0; }
+
+private:
+    pid_t m_pid = -1;
+};
+
+std::string TempName(const char* what, const char* ext)
+{
+    return "/tmp/quavix-jack-audio-" + std::string(what) + "-" + std::to_string(getpid()) + ext;
+}
+
+// A client of the test's own: counts the server's xruns, and answers questions about
+// ports and connections.
+class Probe {
+public:
+    Probe()
+    {
+        for (int i = 0; i < 100 && m_client == nullptr; ++i) // a server just started may not answer yet
+            if ((m_client = jack_client_open("qxprobe", JackNoStartServer, nullptr)) == nullptr)
+                std::this_thread::sleep_for(50ms);
+        if (m_client == nullptr) return;
+        jack_set_xrun_callback(
+            m_client, [](void* a) { return static_cast<Probe*>(a)->m_xruns.fetch_add(1), 0; }, this);
+        if (jack_activate(m_client) != 0) {
+            jack_client_close(m_client);
+            m_client = nullptr;
+        }
+    }
+    ~Probe()
+    {
+        if (m_client != nullptr) jack_client_close(m_client);
+    }
+    Probe(const Probe&) = delete;
+    Probe& operator=(const Probe&) = delete;
+
+    jack_client_t* Client() const { return m_client; }
+    int Xruns() const { return m_xruns.load(); }
+    bool Exists(const std::string& port) const { return jack_port_by_name(m_client, port.c_str()) != nullptr; }
+    // The ports a port is connected to (a new connection shows from the next cycle).
+    std::vector<std::string> Connections(const std::string& port) const
+    {
+        std::vector<std::string> out;
+        jack_port_t* p = jack_port_by_name(m_client, port.c_str());
+        for (int i = 0; i < 50 && p != nullptr && out.empty(); ++i) {
+            if (const char** names = jack_port_get_all_connections(m_client, p)) {
+                for (const char** n = names; *n != nullptr; ++n) out.emplace_back(*n);
+                jack_free(names);
+            } else {
+                std::this_thread::sleep_for(20ms);
+            }
+        }
+        return out;
+    }
+
+private:
+    jack_client_t* m_client = nullptr;
+    std::atomic<int> m_xruns{0};
+};
+
+// The stereo frames of a PCM WAV file (16/24/32-bit, as jack_rec writes them), as float.
+bool ReadWav(const std::string& path, unsigned& rate, std::vector<float>& stereo)
+{
+    std::ifstream f(path, std::ios::binary);
+    const std::vector<unsigned char> d((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    auto u16 = [&](size_t at) { return static_cast<unsigned>(d[at] | d[at + 1] << 8); };
+    auto u32 = [&](size_t at) { return uint32_t{u16(at)} | uint32_t{u16(at + 2)} << 16; };
+    if (d.size() < 12 || std::memcmp(d.data(), "RIFF", 4) != 0 || std::memcmp(d.data() + 8, "WAVE", 4) != 0)
+        return false;
+    unsigned channels = 0, bits = 0;
+    for (size_t at = 12; at + 8 <= d.size();) {
+        const uint32_t size = u32(at + 4);
+        const size_t body = at + 8, end = std::min(d.size(), body + size);
+        if (std::memcmp(&d[at], "fmt ", 4) == 0 && size >= 16) {
+            channels = u16(body + 2);
+            rate = u32(body + 4);
+            bits = u16(body + 14);
+        } else if (std::memcmp(&d[at], "data", 4) == 0) {
+            if (channels != 2 || (bits != 16 && bits != 24 && bits != 32)) return false;
+            const unsigned bytes = bits / 8;
+            stereo.clear();
+            for (size_t p = body; p + bytes <= end; p += bytes) {
+                int32_t v = 0;
+                for (unsigned k = 0; k < bytes; ++k) v |= static_cast<int32_t>(d[p + k]) << (8 * (4 - bytes + k));
+                stereo.push_back(static_cast<float>(v / 2147483648.0));
+            }
+            return true;
+        }
+        at = body + size + (size & 1);
+    }
+    return false;
+}
+
+struct ToneReport {
+    bool found = false;
+    double frequency = 0;
+    double amplitude = 0;    // left channel
+    double rightToLeft = 0;
+    double worstStep = 0;    // largest deviation from the sine recurrence, relative to the amplitude
+    size_t longestQuiet = 0; // longest run of frames below 1 % of the amplitude
+    int jumps = 0;           // deviations of more than 2 % of the amplitude
+    int jumpsBesidePadding = 0; // of them, those next to frames of exact silence
+};
+
+// The left channel from the first clearly audible frame on (skipping 50 ms of onset), over
+// `seconds`: zero crossings give the frequency, RMS the amplitude, and the recurrence
+// x[n+1] = 2 cos(w) x[n] - x[n-1], which a pure sine meets exactly, finds any gap, repeat
+// or click.
+ToneReport Analyse(const std::vector<float>& st, unsigned rate, double nominalHz, double seconds)
+{
+    ToneReport r;
+    const size_t frames = st.size() / 2;
+    size_t first = 0;
+    while (first < frames && std::fabs(st[2 * first]) < 0.02) ++first;
+    const size_t begin = first + rate / 20, end = begin + static_cast<size_t>(seconds * rate);
+    if (first == frames || end > frames) return r;
+    r.found = true;
+    double sum = 0, sumR = 0, firstCross = -1, lastCross = -1;
+    int crossings = 0;
+    for (size_t i = begin; i < end; ++i) {
+        const double x = st[2 * i], y = st[2 * i + 1], p = st[2 * (i - 1)];
+        sum += x * x;
+        sumR += y * y;
+        if (p < 0 && x >= 0) {
+            const double t = static_cast<double>(i - 1) + p / (p - x);
+            if (firstCross < 0) firstCross = t;
+            lastCross = t;
+            ++crossings;
+        }
+    }
+    r.amplitude = std::sqrt(2 * sum / static_cast<double>(end - begin));
+    r.rightToLeft = std::sqrt(sumR / sum);
+    if (crossings > 1) r.frequency = (crossings - 1) * rate / (lastCross - firstCross);
+    const double c = 2 * std::cos(2 * kPi * nominalHz / rate);
+    size_t quiet = 0;
+    for (size_t i = begin + 1; i + 1 < end; ++i) {
+        const double e = st[2 * (i + 1)] - (c * st[2 * i] - st[2 * (i - 1)]);
+        const double step = std::fabs(e) / std::max(r.amplitude, 1e-6);
+        r.worstStep = std::max(r.worstStep, step);
+        if (step > 0.02) {
+            ++r.jumps;
+            bool padded = false;
+            for (size_t k = i - 1; k <= i + 2 && k < frames; ++k) padded = padded || st[2 * k] == 0.0f;
+            r.jumpsBesidePadding += padded ? 1 : 0;
+        }
+        quiet = std::fabs(st[2 * i]) < 0.01 * r.amplitude ? quiet + 1 : 0;
+        r.longestQuiet = std::max(r.longestQuiet, quiet);
+    }
+    return r;
+}
+
+// A looping secondary buffer of one second of a 16-bit stereo sine.
+LPDIRECTSOUNDBUFFER ToneBuffer(LPDIRECTSOUND ds, unsigned rate, double hz, double amplitude)
+{
+    WAVEFORMATEX wfx{};
+    wfx.wFormatTag = WAVE_FORMAT_PCM;
+    wfx.nChannels = 2;
+    wfx.nSamplesPerSec = rate;
+    wfx.wBitsPerSample = 16;
+    wfx.nBlockAlign = 4;
+    wfx.nAvgBytesPerSec = rate * 4;
+    DSBUFFERDESC desc{};
+    desc.dwSize = sizeof desc;
+    desc.dwFlags = DSBCAPS_CTRLVOLUME | DSBCAPS_GETCURRENTPOSITION2;
+    desc.dwBufferBytes = rate * 4;
+    desc.lpwfxFormat = &wfx;
+    LPDIRECTSOUNDBUFFER b = nullptr;
+    if (ds->CreateSoundBuffer(&desc, &b, nullptr) != DS_OK) return nullptr;
+    void* p1 = nullptr;
+    void* p2 = nullptr;
+    DWORD n1 = 0, n2 = 0;
+    if (b->Lock(0, desc.dwBufferBytes, &p1, &n1, &p2, &n2, 0) != DS_OK) {
+        b->Release();
+        return nullptr;
+    }
+    auto* s = static_cast<int16_t*>(p1);
+    for (unsigned i = 0; i < rate; ++i) {
+        const auto v = static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * kPi * hz * i / rate)));
+        s[2 * i] = v;
+        s[2 * i + 1] = v;
+    }
+    b->Unlock(p1, n1, p2, n2);
+    return b;
+}
+
+// The device's primary buffer, playing: what an application does before its sounds.
+LPDIRECTSOUNDBUFFER PlayPrimary(LPDIRECTSOUND ds)
+{
+    DSBUFFERDESC pd{};
+    pd.dwSize = sizeof pd;
+    pd.dwFlags = DSBCAPS_PRIMARYBUFFER;
+    LPDIRECTSOUNDBUFFER primary = nullptr;
+    if (ds->CreateSoundBuffer(&pd, &primary, nullptr) != DS_OK) return nullptr;
+    if (primary->Play(0, 0, DSBPLAY_LOOPING) != DS_OK) {
+        primary->Release();
+        return nullptr;
+    }
+    return primary;
+}
+
+struct Driver {
+    bool hasGuid;
+    std::string description, module;
+};
+
+std::vector<Driver> Drivers()
+{
+    std::vector<Driver> out;
+    DirectSoundEnumerateA(
+        [](LPGUID g, LPCSTR d, LPCSTR m, LPVOID ctx) -> BOOL {
+            static_cast<std::vector<Driver>*>(ctx)->push_back({g != nullptr, d, m});
+            return TRUE;
+        },
+        &out);
+    return out;
+}
+
+TEST(JackAudio, TheServerIsOneOutputWhosePortsGoToThePlaybackPorts)
+{
+    Probe probe;
+    ASSERT_NE(probe.Client(), nullptr) << "the fixture's server does not answer";
+    qxplat::Backend& b = qxplat::CurrentBackend();
+    ASSERT_STREQ(b.Name(), "jack");
+    const std::string server = std::getenv("JACK_DEFAULT_SERVER");
+    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 1);
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 0), "JACK (" + server + ")");
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 1), "");
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, -1), "");
+
+    const std::vector<Driver> ds = Drivers();
+    ASSERT_EQ(ds.size(), 2u);
+    EXPECT_FALSE(ds[0].hasGuid);
+    EXPECT_TRUE(ds[1].hasGuid);
+    EXPECT_EQ(ds[1].description, "JACK (" + server + ")");
+    EXPECT_EQ(ds[1].module, "jack");
+
+    std::unique_ptr<qxplat::AudioOutPort> port;
+    EXPECT_EQ(b.OpenAudioOut(1, port), MMSYSERR_BADDEVICEID);
+    EXPECT_EQ(b.OpenAudioOut(-1, port), MMSYSERR_BADDEVICEID);
+    EXPECT_EQ(port, nullptr);
+    ASSERT_EQ(b.OpenAudioOut(0, port), MMSYSERR_NOERROR);
+    const jack_nframes_t period = jack_get_buffer_size(probe.Client());
+    EXPECT_EQ(port->Rate(), jack_get_sample_rate(probe.Client()));
+    EXPECT_GE(port->TargetFrames(), period) << "less than a period queued runs dry every cycle";
+    EXPECT_LT(port->TargetFrames(), port->Ring().Capacity());
+
+    const std::string client = qxplat::JackClientName();
+    ASSERT_FALSE(client.empty());
+    EXPECT_EQ(probe.Connections(client + ":out_1"), std::vector<std::string>{"system:playback_1"});
+    EXPECT_EQ(probe.Connections(client + ":out_2"), std::vector<std::string>{"system:playback_2"});
+
+    // A second output open at the same time has ports of its own; closing one takes its
+    // ports away and leaves the other's.
+    std::unique_ptr<qxplat::AudioOutPort> second;
+    ASSERT_EQ(b.OpenAudioOut(0, second), MMSYSERR_NOERROR);
+    EXPECT_TRUE(probe.Exists(client + ":out2_1"));
+    EXPECT_TRUE(probe.Exists(client + ":out2_2"));
+    port.reset();
+    EXPECT_FALSE(probe.Exists(client + ":out_1"));
+    EXPECT_FALSE(probe.Exists(client + ":out_2"));
+    EXPECT_TRUE(probe.Exists(client + ":out2_1"));
+    second.reset();
+    EXPECT_FALSE(probe.Exists(client + ":out2_1"));
+}
+
+// A 1 kHz tone from a 22050 Hz 16-bit buffer at -6 dB, recorded from our ports by jack_rec.
+TEST(JackAudio, ToneIsRecordedWholeAtItsFrequencyAndLevel)
+{
+    Probe probe;
+    ASSERT_NE(probe.Client(), nullptr);
+    LPDIRECTSOUND ds = nullptr;
+    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER primary = PlayPrimary(ds);
+    ASSERT_NE(primary, nullptr);
+    LPDIRECTSOUNDBUFFER b = ToneBuffer(ds, 22050, 1000.0, 0.5);
+    ASSERT_NE(b, nullptr);
+    ASSERT_EQ(b->SetVolume(-600), DS_OK);
+    const double expected = 0.5 * 32767.0 / 32768.0 * std::pow(10.0, -600.0 / 2000.0);
+    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    std::this_thread::sleep_for(300ms);
+
+    const std::string client = qxplat::JackClientName();
+    const std::string wav = TempName("tone", ".wav");
+    const int xrunsBefore = probe.Xruns();
+    const uint64_t underrunsBefore = qxplat::JackAudioUnderrunFramesAll();
+    const std::string log = TempName("jack_rec", ".txt");
+    Child rec({"jack_rec", "-f", wav, "-d", "3", "-b", "32", client + ":out_1", client + ":out_2"}, log);
+    ASSERT_TRUE(rec.Started()) << "jack_rec does not start (package jackd2)";
+    EXPECT_EQ(rec.Wait(30s), 0) << "jack_rec failed or hangs";
+    std::remove(log.c_str());
+    const int xruns = probe.Xruns() - xrunsBefore;
+    const uint64_t underruns = qxplat::JackAudioUnderrunFramesAll() - underrunsBefore;
+    b->Stop();
+    b->Release();
+    primary->Release();
+    ds->Release();
+    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
+
+    unsigned rate = 0;
+    std::vector<float> st;
+    ASSERT_TRUE(ReadWav(wav, rate, st)) << "jack_rec wrote no readable file";
+    std::remove(wav.c_str());
+    ASSERT_EQ(rate, jack_get_sample_rate(probe.Client()));
+    const ToneReport r = Analyse(st, rate, 1000.0, 2.0);
+    std::printf("tone at %u Hz: %.3f Hz, amplitude %.5f (expected %.5f), right/left %.5f, worst step %.5f, longest "
+                "quiet run %zu frames, %d jumps (%d beside padding); %d xruns, %llu underrun frames\n",
+                rate, r.frequency, r.amplitude, expected, r.rightToLeft, r.worstStep, r.longestQuiet, r.jumps,
+                r.jumpsBesidePadding, xruns, static_cast<unsigned long long>(underruns));
+    ASSERT_TRUE(r.found) << "no tone reached jack_rec";
+    EXPECT_NEAR(20 * std::log10(r.amplitude / expected), 0.0, 0.1) << "level off by more than 0.1 dB";
+    EXPECT_NEAR(r.rightToLeft, 1.0, 0.01);
+    // A server that fell behind may lose a cycle of what jack_rec hears; then the tone's
+    // presence is all that can be asked. An output that ran dry pads with silence and
+    // loses nothing, so even then the sine may only break where padding begins or ends.
+    if (xruns != 0) {
+        std::printf("the server fell behind while recording: continuity not checked\n");
+        EXPECT_NEAR(r.frequency, 1000.0, 50.0);
+    } else if (underruns != 0) {
+        EXPECT_EQ(r.jumps, r.jumpsBesidePadding) << "the phase jumps away from any padding: a lost or repeated frame";
+        EXPECT_NEAR(r.frequency, 1000.0, 50.0);
+    } else {
+        EXPECT_NEAR(r.frequency, 1000.0, 0.5);
+        EXPECT_LT(r.longestQuiet, 3u) << "a run of silence in the steady tone";
+        EXPECT_EQ(r.jumps, 0) << "the phase jumps, with no xrun and no underrun: a gap or a repeat";
+    }
+}
+
+TEST(JackAudio, UnderrunsAreCountedOnlyWhileTheRingRunsDryAndStopKeepsTheRing)
+{
+    qxplat::Backend& b = qxplat::CurrentBackend();
+    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 1);
+    std::unique_ptr<qxplat::AudioOutPort> port;
+    ASSERT_EQ(b.OpenAudioOut(0, port), MMSYSERR_NOERROR);
+    const uint32_t rate = port->Rate();
+
+    // Fed by a mixer: the ring never runs dry for long on an idle machine; the bound is
+    // generous so that a busy build machine does not fail it.
+    {
+        qxplat::ds::Mixer mixer(rate, qxplat::Resampler::Cubic);
+        port->Start();
+        mixer.StartThread(port.get());
+        std::this_thread::sleep_for(2s);
+        mixer.StopThread();
+        port->Stop();
+        std::printf("fed for 2 s: %llu frames of underrun\n", static_cast<unsigned long long>(port->UnderrunFrames()));
+        EXPECT_LT(port->UnderrunFrames(), rate / 5) << "a fed output ran dry";
+    }
+
+    // Stopped: what is in the ring stays there, and silence is no underrun.
+    const uint64_t before = port->UnderrunFrames();
+    qxplat::AudioRing& ring = port->Ring();
+    ring.Skip(ring.Readable());
+    std::vector<float> frames(2 * 1000, 0.1f);
+    ASSERT_EQ(ring.Write(frames.data(), 1000), 1000u);
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(ring.Readable(), 1000u);
+    EXPECT_EQ(port->UnderrunFrames(), before);
+
+    // Running with nothing more coming: those frames go, then every frame is an underrun.
+    port->Start();
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (port->UnderrunFrames() < before + rate / 10 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(ring.Readable(), 0u);
+    EXPECT_GE(port->UnderrunFrames(), before + rate / 10);
+    port->Stop();
+}
+
+std::atomic<int> g_lost{0};
+std::atomic<bool> g_lostNamedJack{false};
+
+TEST(JackAudioGone, AServerThatGoesAwayWhileTheOutputPlaysIsReportedAndNothingHangs)
+{
+    // A server of this test's own, so that the fixture's stays up for the others.
+    const std::string name = "quavix-ctest-audiogone-" + std::to_string(getpid());
+    setenv("JACK_DEFAULT_SERVER", name.c_str(), 1);
+    const std::string log = TempName("jackd", ".txt");
+    Child server({"jackd", "-n", name, "-r", "-d", "dummy", "-r", "48000", "-p", "256"}, log);
+    ASSERT_TRUE(server.Started());
+    {
+        Probe probe; // waits for the server to answer
+        ASSERT_NE(probe.Client(), nullptr) << "private server did not start";
+    }
+    qxplat::SetBackendEventProc([](qxplat::BackendEvent e, int, const char* server) {
+        if (e != qxplat::BackendEvent::ServerLost) return;
+        g_lostNamedJack.store(std::strcmp(server, "JACK") == 0);
+        g_lost.fetch_add(1);
+    });
+    qxplat::Backend& backend = qxplat::CurrentBackend();
+    ASSERT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 1);
+
+    LPDIRECTSOUND ds = nullptr;
+    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER b = ToneBuffer(ds, 48000, 1000.0, 0.5);
+    ASSERT_NE(b, nullptr);
+    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    std::this_thread::sleep_for(300ms);
+
+    server.Stop(); // the server goes away while the output plays
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (g_lost.load() == 0 && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(g_lost.load(), 1);
+    EXPECT_TRUE(g_lostNamedJack.load());
+
+    // The output stops consuming: once the ring is full, the play cursor stands still.
+    auto done = std::async(std::launch::async, [&] {
+        DWORD play1 = 0, play2 = 0, write = 0;
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(b->GetCurrentPosition(&play1, &write), DS_OK);
+        std::this_thread::sleep_for(300ms);
+        EXPECT_EQ(b->GetCurrentPosition(&play2, &write), DS_OK);
+        EXPECT_EQ(play1, play2) << "the mix goes on with nothing to take it";
+        // The application's calls still return.
+        EXPECT_EQ(b->Stop(), DS_OK);
+        EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+        b->Stop();
+        b->Release();
+        ds->Release();
+    });
+    ASSERT_EQ(done.wait_for(10s), std::future_status::ready) << "an output of a lost server hangs";
+
+    EXPECT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 0);
+    EXPECT_EQ(backend.DeviceName(qxplat::DeviceKind::WaveOut, 0), "");
+    std::unique_ptr<qxplat::AudioOutPort> port;
+    EXPECT_EQ(backend.OpenAudioOut(0, port), MMSYSERR_NODRIVER);
+    LPDIRECTSOUND again = nullptr;
+    EXPECT_EQ(DirectSoundCreate(nullptr, &again, nullptr), DSERR_NODRIVER);
+    EXPECT_EQ(again, nullptr);
+    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
+    std::remove(log.c_str());
+}
+
+} // namespace
