@@ -824,16 +824,18 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
 {
     MakeRealtimeThread("qx-mixer");
     AudioRing& ring = pPort->Ring();
-    const uint32_t target = std::min(std::max(pPort->TargetFrames(), m_blockFrames), ring.Capacity() - m_blockFrames);
+    // The port's target may grow while it runs (a sound server that asks for more at a
+    // time than it said), so it is asked again before every top-up.
+    auto target = [&] { return std::min(std::max(pPort->TargetFrames(), m_blockFrames), ring.Capacity() - m_blockFrames); };
     std::vector<float> block(size_t{m_blockFrames} * 2);
     const auto nap = std::chrono::microseconds(std::max<int64_t>(500, int64_t{m_blockFrames} * 500000 / m_rate));
     std::unique_lock<std::mutex> lock(m_threadLock);
     while (!m_quit) {
-        const uint32_t readable = ring.Readable();
-        if (readable < target) {
+        const uint32_t readable = ring.Readable(), want = target();
+        if (readable < want) {
             // Only what the target lacks (in steps of at least a few dozen frames): a
             // whole block on top of a nearly full ring would add up to 5 ms of latency.
-            const uint32_t n = std::min(m_blockFrames, std::max(target - readable, std::min(kMinMixFrames, m_blockFrames)));
+            const uint32_t n = std::min(m_blockFrames, std::max(want - readable, std::min(kMinMixFrames, m_blockFrames)));
             lock.unlock();
             MixBlock(block.data(), n);
             ring.Write(block.data(), n);

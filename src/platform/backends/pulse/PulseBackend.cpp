@@ -277,10 +277,13 @@ public:
     }
 
     DWORD Rate() const override { return m_rate; }
-    // One server request and one mix block (5 ms) on top of what the server holds.
+    // One server request and one mix block (5 ms) on top of what the server holds. A
+    // server may ask for more at once than the minreq it granted (PipeWire asks for a
+    // whole graph cycle, 1024 frames on many desktops): the largest request seen counts.
     uint32_t TargetFrames() const override
     {
-        return std::min(m_requestFrames + m_rate / 200, m_ring.Capacity() / 2);
+        const uint32_t request = std::max(m_requestFrames, m_largestRequest.load(std::memory_order_relaxed));
+        return std::min(request + m_rate / 200, m_ring.Capacity() / 2);
     }
     AudioRing& Ring() override { return m_ring; }
 
@@ -334,6 +337,9 @@ private:
             MakeRealtimeThread("qx-pulse");
         }
         const bool running = self->m_running.load(std::memory_order_relaxed);
+        const auto asked = static_cast<uint32_t>(std::min<size_t>(nbytes / kBytesPerFrame, UINT32_MAX));
+        if (asked > self->m_largestRequest.load(std::memory_order_relaxed))
+            self->m_largestRequest.store(asked, std::memory_order_relaxed);
         while (nbytes >= kBytesPerFrame) {
             void* data = nullptr;
             size_t n = nbytes;
@@ -375,6 +381,7 @@ private:
     AudioRing m_ring;
     pa_stream* m_stream = nullptr;
     uint32_t m_requestFrames = 480;
+    std::atomic<uint32_t> m_largestRequest{0}; // written by the write callback only
     bool m_named = false; // libpulse's thread only
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_primed{false};
