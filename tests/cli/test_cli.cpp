@@ -306,7 +306,7 @@ TEST(Cli, EveryCommandHasHelp)
 {
     CliResult r = RunCli({"--help"});
     ASSERT_EQ(r.status, 0);
-    for (const char* cmd : {"devices", "perform", "sync-slave", "thru", "record-midi", "send", "panic"}) {
+    for (const char* cmd : {"devices", "perform", "play", "sync-slave", "thru", "record-midi", "send", "panic"}) {
         EXPECT_NE(r.out.find(cmd), std::string::npos) << cmd;
         const CliResult h = RunCli({cmd, "--help"});
         EXPECT_EQ(h.status, 0) << cmd;

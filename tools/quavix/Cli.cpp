@@ -14,9 +14,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace qxcli {
 
@@ -157,6 +159,7 @@ bool Args::Parse(int argc, char** argv)
                 value = argv[++i];
             }
             m_values[name] = value;
+            m_all[name].push_back(value);
         } else {
             Fail(m_command, "unknown option '--" + name + "' (see quavix " + m_command + " --help)", kExitUsage);
             return false;
@@ -179,15 +182,29 @@ std::string Args::Get(const std::string& name, const std::string& fallback) cons
     return it != m_values.end() ? it->second : fallback;
 }
 
+std::vector<std::string> Args::GetAll(const std::string& name) const
+{
+    auto it = m_all.find(name);
+    return it != m_all.end() ? it->second : std::vector<std::string>{};
+}
+
 bool Args::GetInt(const std::string& name, int& out, int lo, int hi) const
 {
-    if (!Has(name)) return true;
-    const std::string v = Get(name);
+    return !Has(name) || ParseInt(m_command, name, Get(name), out, lo, hi);
+}
+
+bool Args::GetDouble(const std::string& name, double& out, double lo, double hi) const
+{
+    return !Has(name) || ParseDouble(m_command, name, Get(name), out, lo, hi);
+}
+
+bool ParseInt(const std::string& command, const std::string& name, const std::string& v, int& out, int lo, int hi)
+{
     char* end = nullptr;
     errno = 0;
     long n = std::strtol(v.c_str(), &end, 10);
     if (!IsDecimal(v, false) || *end != '\0' || errno != 0 || n < lo || n > hi) {
-        Fail(m_command,
+        Fail(command,
              "--" + name + " takes a whole number from " + std::to_string(lo) + " to " + std::to_string(hi) +
                  ", not '" + v + "'",
              kExitUsage);
@@ -197,17 +214,16 @@ bool Args::GetInt(const std::string& name, int& out, int lo, int hi) const
     return true;
 }
 
-bool Args::GetDouble(const std::string& name, double& out, double lo, double hi) const
+bool ParseDouble(const std::string& command, const std::string& name, const std::string& v, double& out, double lo,
+                 double hi)
 {
-    if (!Has(name)) return true;
-    const std::string v = Get(name);
     char* end = nullptr;
     errno = 0;
     double d = std::strtod(v.c_str(), &end);
     if (!IsDecimal(v, true) || *end != '\0' || errno != 0 || !std::isfinite(d) || d < lo || d > hi) {
         char range[64];
         std::snprintf(range, sizeof range, "%g to %g", lo, hi);
-        Fail(m_command, "--" + name + " takes a number from " + range + ", not '" + v + "'", kExitUsage);
+        Fail(command, "--" + name + " takes a number from " + range + ", not '" + v + "'", kExitUsage);
         return false;
     }
     out = d;
@@ -238,7 +254,7 @@ Session::~Session()
     QXSetTraceProc(nullptr, nullptr);
 }
 
-bool Session::Begin(const Args& args, DWORD dwFlags)
+bool Session::Begin(const Args& args, DWORD dwFlags, const std::function<int(const Session&)>& beforeManager)
 {
     m_command = args.Command();
     std::string want;
@@ -268,6 +284,11 @@ bool Session::Begin(const Args& args, DWORD dwFlags)
         const size_t eq = f.find('=');
         const DWORD result = eq == std::string::npos ? MMSYSERR_ERROR : static_cast<DWORD>(std::atoi(f.c_str() + eq + 1));
         QXFaultInject(f.substr(0, eq).c_str(), result);
+    }
+    if (beforeManager) {
+        m_status = beforeManager(*this);
+        if (m_status != kExitOk) return false;
+        m_status = kExitFailure;
     }
     m_q = CQuavix::InitQuavix();
     if (m_q == nullptr) {
@@ -410,6 +431,72 @@ bool CheckOutputPath(const std::string& command, const std::string& path)
     if (why.empty()) return true;
     Fail(command, "cannot write " + path + ": " + why);
     return false;
+}
+
+OutputFile::~OutputFile()
+{
+    if (!m_temp.empty()) unlink(m_temp.c_str());
+}
+
+bool OutputFile::Prepare(const std::string& command, const std::string& path)
+{
+    if (!CheckOutputPath(command, path)) return false;
+    m_path = m_target = path;
+    // As qxsmf::Write does: a link's file is replaced, not the link, and what is no
+    // regular file is written as it is.
+    struct stat st {};
+    if (stat(path.c_str(), &st) == 0) {
+        std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), &std::free);
+        if (real) m_target = real.get();
+        m_bInPlace = !S_ISREG(st.st_mode);
+    }
+    // Beside the real file, so that the rename stays on one file system.
+    const size_t slash = m_target.rfind('/');
+    const std::string dir = slash == std::string::npos ? "" : m_target.substr(0, slash + 1);
+    m_temp = dir + ".quavix-" + std::to_string(getpid()) + "-" + m_target.substr(slash + 1) + ".tmp";
+    return true;
+}
+
+bool OutputFile::Finish(std::string& error)
+{
+    const std::string temp = std::exchange(m_temp, std::string());
+    auto failed = [&](const std::string& what) {
+        error = "cannot " + what + " " + m_path + ": " + std::strerror(errno);
+        unlink(temp.c_str());
+        return false;
+    };
+    if (!m_bInPlace) return std::rename(temp.c_str(), m_target.c_str()) == 0 || failed("replace");
+    const int in = open(temp.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) return failed("read what was written for");
+    const int out = open(m_target.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    if (out < 0) {
+        close(in);
+        return failed("write");
+    }
+    char buffer[65536];
+    bool ok = true;
+    while (ok) {
+        const ssize_t n = read(in, buffer, sizeof buffer);
+        if (n == 0) break;
+        if (n < 0) {
+            ok = errno == EINTR;
+            continue;
+        }
+        for (ssize_t done = 0; ok && done < n;) {
+            const ssize_t w = write(out, buffer + done, static_cast<size_t>(n - done));
+            if (w > 0)
+                done += w;
+            else if (w == 0 || errno != EINTR)
+                ok = false;
+        }
+    }
+    const int saved = errno;
+    close(in);
+    close(out);
+    errno = saved;
+    if (!ok) return failed("write");
+    unlink(temp.c_str());
+    return true;
 }
 
 Progress::Progress(bool bQuiet) : m_bQuiet(bQuiet), m_bTty(isatty(STDOUT_FILENO) == 1) {}

@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -46,6 +47,8 @@ public:
     const std::string& Command() const { return m_command; }
     bool Has(const std::string& name) const { return m_values.count(name) != 0; }
     std::string Get(const std::string& name, const std::string& fallback = {}) const;
+    // Every value of an option that may be given more than once, in order.
+    std::vector<std::string> GetAll(const std::string& name) const;
     const std::vector<std::string>& Positional() const { return m_positional; }
 
     // Checked conversions; each reports a bad value itself and leaves out unchanged.
@@ -60,8 +63,15 @@ private:
     std::set<std::string> m_valued;
     std::set<std::string> m_flags;
     std::map<std::string, std::string> m_values;
+    std::map<std::string, std::vector<std::string>> m_all;
     std::vector<std::string> m_positional;
 };
+
+// The checks behind Args::GetInt and GetDouble, for values that come from elsewhere:
+// decimal only, within [lo, hi]; a bad value is reported as --name's, with status 2.
+bool ParseInt(const std::string& command, const std::string& name, const std::string& value, int& out, int lo, int hi);
+bool ParseDouble(const std::string& command, const std::string& name, const std::string& value, double& out, double lo,
+                 double hi);
 
 // Prints a subcommand's help on stdout.
 int PrintHelp(const std::string& command);
@@ -75,8 +85,10 @@ public:
     Session& operator=(const Session&) = delete;
 
     // Chooses the backend (--backend, else QUAVIX_BACKEND, else auto) before the
-    // platform reads it, then creates and initialises the manager.
-    bool Begin(const Args& args, DWORD dwFlags);
+    // platform reads it, then creates and initialises the manager. beforeManager runs
+    // once the backend is known and before any device is made (the place to set what
+    // the backend reads from the environment); a status other than 0 stops there.
+    bool Begin(const Args& args, DWORD dwFlags, const std::function<int(const Session&)>& beforeManager = {});
     int FailStatus() const { return m_status; } // the exit status when Begin failed
     CQuavix* operator->() const { return m_q; }
     CQuavix* Get() const { return m_q; }
@@ -121,6 +133,23 @@ int FailServerLost(const std::string& command, const std::string& what);
 // An output file can be written where it is to go (its folder exists and takes a new
 // file, and it is no directory); else one line on stderr. Checked before anything plays.
 bool CheckOutputPath(const std::string& command, const std::string& path);
+
+// An output file written elsewhere first (by the library) and put in place at the end:
+// beside the file a link leads to, renamed over it, or copied into what is no regular
+// file (/dev/null). Checks the place when made; removes a temporary file left behind.
+class OutputFile {
+public:
+    ~OutputFile();
+    // False after one line on stderr (as CheckOutputPath).
+    bool Prepare(const std::string& command, const std::string& path);
+    const std::string& Path() const { return m_path; }
+    const std::string& Temp() const { return m_temp; } // where it is written meanwhile
+    bool Finish(std::string& error);
+
+private:
+    std::string m_path, m_target, m_temp;
+    bool m_bInPlace = false;
+};
 
 // One line that rewrites itself on a terminal; plain lines now and then otherwise.
 class Progress {

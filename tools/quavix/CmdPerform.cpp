@@ -1,6 +1,7 @@
 // quavix perform: a Standard MIDI File through the performance engine.
 #include "Commands.h"
 #include "Playback.h"
+#include "Waves.h"
 
 #include "platform/backends/QXBackend.h"
 
@@ -74,14 +75,18 @@ namespace {
 // polling thread with the device lock held; the main thread only reads the count.
 class FilePerformance {
 public:
-    FilePerformance(CQuavix* q, const std::vector<Item>& items, int nOutput) : m_q(q), m_items(items), m_nOutput(nOutput) {}
+    FilePerformance(CQuavix* q, const std::vector<Item>& items, int nOutput, WaveSchedule& waves)
+        : m_q(q), m_items(items), m_nOutput(nOutput), m_waves(waves), m_bWavesOver(waves.Empty())
+    {
+    }
 
     static int Proc(DWORD_PTR dwUser, int nTag, DWORD, DWORD dwEnd)
     {
         auto* p = reinterpret_cast<FilePerformance*>(dwUser);
         if (nTag < 0) return 1; // sync notifications: not in this mode
         p->HandBefore(dwEnd);
-        return p->Done() ? 0 : 1;
+        // Its end takes the wave files' players with it: not before they have played.
+        return p->Done() && p->m_bWavesOver.load() ? 0 : 1;
     }
 
     void HandBefore(DWORD dwEnd)
@@ -93,10 +98,12 @@ public:
                 if (list.AddTail(e) == nullptr) delete e;
         }
         m_handed = m_next;
+        m_waves.AddDue(list, dwEnd);
         m_q->PlayBuffer(list);
     }
 
     bool Done() const { return m_handed.load() == m_items.size(); }
+    void WavesOver() { m_bWavesOver = true; }
     size_t Handed() const { return m_handed.load(); }
 
 private:
@@ -105,24 +112,48 @@ private:
     int m_nOutput;
     size_t m_next = 0;
     std::atomic<size_t> m_handed{0};
+    WaveSchedule& m_waves;
+    std::atomic<bool> m_bWavesOver;
 };
+
+// --audio FILE.wav[@MS]: the time is what follows the last '@', when that is a number.
+bool ParseAudio(const std::string& cmd, const std::string& spec, WaveItem& item)
+{
+    item.path = spec;
+    item.atMs = 0;
+    const size_t at = spec.rfind('@');
+    if (at == std::string::npos || at + 1 == spec.size() ||
+        spec.find_first_not_of("0123456789", at + 1) != std::string::npos)
+        return true;
+    int ms = 0;
+    if (!ParseInt(cmd, "audio", spec.substr(at + 1), ms, 0, 86'400'000)) return false;
+    item.path = spec.substr(0, at);
+    item.atMs = ms;
+    return true;
+}
 
 } // namespace
 
 int RunPerform(int argc, char** argv)
 {
     const std::string cmd = "perform";
-    Args args(cmd, {"output", "tempo-scale", "capture", "capture-times"});
+    Args args(cmd, {"output", "tempo-scale", "capture", "capture-times", "audio", "wave-out", "render"});
     if (!args.Parse(argc, argv)) return kExitUsage;
     if (args.Help()) return PrintHelp(cmd);
     if (args.Positional().size() != 1)
         return Fail(cmd, args.Positional().empty() ? "needs a FILE.mid to play" : "plays one file at a time", kExitUsage);
-    int nOutput = 0;
+    int nOutput = 0, nWaveOut = 0;
     double scale = 1.0;
     bool bDue = false;
     if (!args.GetInt("output", nOutput, 0, 1023) || !args.GetDouble("tempo-scale", scale, 0.05, 20) ||
-        !CaptureUsesDue(args, bDue))
+        !CaptureUsesDue(args, bDue) || !args.GetInt("wave-out", nWaveOut, 0, 1023))
         return kExitUsage;
+    WaveItems waveItems; // outlives the session, whose players play them
+    for (const std::string& spec : args.GetAll("audio")) {
+        waveItems.push_back(std::make_unique<WaveItem>());
+        if (!ParseAudio(cmd, spec, *waveItems.back())) return kExitUsage;
+    }
+    const bool bWave = !waveItems.empty() || args.Has("render");
 
     const std::string path = args.Positional()[0];
     qxsmf::File file;
@@ -131,16 +162,37 @@ int RunPerform(int argc, char** argv)
     if (!LoadSong(cmd, path, scale, file, timeline)) return kExitFailure;
     const std::vector<Item> items = MakeItems(timeline);
 
+    WaveRender render;
     Session session;
-    if (!session.Begin(args, QX_INIT_MIDI)) return session.FailStatus();
+    const bool bBegun = session.Begin(args, QX_INIT_MIDI | (bWave ? QX_INIT_WAVE : 0u), [&](const Session& s) {
+        if (!args.Has("render")) return kExitOk;
+        if (!s.IsVirtual())
+            return Fail(cmd, "--render writes what a virtual wave output mixed: it needs the virtual backend", kExitUsage);
+        return render.Prepare(cmd, args.Get("render")) ? kExitOk : kExitFailure;
+    });
+    if (!bBegun) return session.FailStatus();
     if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput)) return kExitFailure;
+    if (bWave && !session.CheckDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, nWaveOut)) return kExitFailure;
     const bool bCapture = args.Has("capture");
     if (bCapture && !session.IsVirtual())
         return Fail(cmd, "--capture records what a virtual output emitted: it needs the virtual backend", kExitUsage);
     // Before a note plays, not after the whole performance.
     if (bCapture && !CheckOutputPath(cmd, args.Get("capture"))) return kExitFailure;
+    // A wave file that cannot be played is named; the rest of the performance goes on.
+    size_t wavesFailed = 0;
+    for (auto& item : waveItems) {
+        std::string why;
+        if (!CheckWaveFile(nWaveOut, *item, why)) {
+            item->bFailed = true;
+            ++wavesFailed;
+            Fail(cmd, item->path + ": " + why);
+        }
+    }
     CQuavix* q = session.Get();
-    session.KeepOnly({{QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput}});
+    if (bWave)
+        session.KeepOnly({{QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput}, {QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, nWaveOut}});
+    else
+        session.KeepOnly({{QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput}});
     // Every event, SysEx included, goes to the chosen output only.
     q->SetDefaultMidiDevice(nOutput);
     q->EnableDefaultMidiDevice(1);
@@ -151,6 +203,11 @@ int RunPerform(int argc, char** argv)
         if (scale != 1.0) std::snprintf(tempo, sizeof tempo, ", tempo x%g", scale);
         std::printf("Playing %s (%s)\n  on MIDI output %d (%s), %s backend%s\n", path.c_str(),
                     Describe(file, timeline).c_str(), nOutput, outName.c_str(), session.Backend().c_str(), tempo);
+        if (bWave)
+            std::printf("  wave output %d (%s)\n", nWaveOut,
+                        session.DeviceName(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, nWaveOut).c_str());
+        for (const auto& item : waveItems)
+            if (!item->bFailed) std::printf("  with %s  %s\n", item->path.c_str(), DescribeWave(*item).c_str());
     }
 
     VirtualLog log(nOutput);
@@ -158,12 +215,13 @@ int RunPerform(int argc, char** argv)
         log.Drain(); // nothing from before this run
         log.Clear();
     }
-    FilePerformance perf(q, items, nOutput);
+    WaveSchedule waves(waveItems, q->GetUniqueTag(), nWaveOut);
+    FilePerformance perf(q, items, nOutput, waves);
     // The periods written when the output opens are not asked for: what they play must
     // be merged before.
     const DWORD dwLatency = q->GetPerformanceLatency();
     perf.HandBefore(dwLatency);
-    if (q->StartPerformance(FilePerformance::Proc, reinterpret_cast<DWORD_PTR>(&perf), 1, 0) == 0)
+    if (q->StartPerformance(FilePerformance::Proc, reinterpret_cast<DWORD_PTR>(&perf), 1, waves.Tag()) == 0)
         return Fail(cmd, "cannot start the performance (out of memory)");
     q->OpenDevices();
     if (!(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput) & QX_STATE_OPEN)) {
@@ -171,14 +229,20 @@ int RunPerform(int argc, char** argv)
         return Fail(cmd, "cannot open MIDI output " + std::to_string(nOutput) + " (" + outName + ")" +
                              (why.empty() ? "" : ": " + why));
     }
+    if (bWave && !(q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, nWaveOut) & QX_STATE_OPEN)) {
+        const std::string why = Session::LastReport();
+        return Fail(cmd, "cannot open wave output " + std::to_string(nWaveOut) + (why.empty() ? "" : ": " + why));
+    }
     if (!q->StartDevices()) {
         const std::string why = Session::LastReport();
         return Fail(cmd, "cannot start MIDI output " + std::to_string(nOutput) + (why.empty() ? "" : ": " + why));
     }
     const int64_t startNs = qxplat::NowNs();
+    PeakMeter peak(nWaveOut);
+    if (bWave) peak.Read(); // turns the meter on
 
     const double lastMs = items.empty() ? 0.0 : items.back().ms;
-    const double endMs = std::max(timeline.lengthMs, lastMs);
+    const double endMs = std::max({timeline.lengthMs, lastMs, waves.EndMs()});
     Progress progress(args.Quiet());
     bool bInterrupted = false, bStalled = false, bServerLost = false;
     double elapsed = 0;
@@ -198,12 +262,23 @@ int RunPerform(int argc, char** argv)
                                         [](double t, const Item& it) { return t < it.ms; });
             sent = std::min(perf.Handed(), static_cast<size_t>(due - items.begin()));
         }
+        std::string meter;
+        if (bWave) {
+            peak.Read();
+            meter = " " + peak.Text();
+        }
         progress.Update(FormatTime(std::min(elapsed, endMs)) + " / " + FormatTime(endMs) + " " +
                         Bar(endMs > 0 ? elapsed / endMs : 1.0, 30) + " " + std::to_string(sent) + "/" +
-                        std::to_string(items.size()) + " events");
+                        std::to_string(items.size()) + " events" + meter);
+        const bool bWavesOver = waves.Watch(q, static_cast<double>(q->GetElapsedPlayTime()));
+        if (bWavesOver) perf.WavesOver();
         const bool bPlayedOut = perf.Done() && (session.IsVirtual() ? sent >= items.size()
                                                                     : elapsed >= lastMs + dwLatency + 250);
-        if (bPlayedOut && elapsed >= endMs) break;
+        if (bPlayedOut && bWavesOver && elapsed >= endMs) {
+            // The wave output's last mix reaches the sound (and the render).
+            if (bWave && !SleepUnlessInterrupted(200)) (Interrupted() ? bInterrupted : bServerLost) = true;
+            break;
+        }
         if (elapsed > endMs + dwLatency + 5000) {
             bStalled = true;
             break;
@@ -231,6 +306,10 @@ int RunPerform(int argc, char** argv)
     std::printf("%s\n", bInterrupted ? "Stopped (interrupted); the output was silenced." : "Summary:");
     std::printf("  events    %zu of %zu sent\n", sent, items.size());
     std::printf("  duration  %.1f s of music, played in %.1f s\n", endMs / 1000.0, elapsed / 1000.0);
+    if (!waveItems.empty())
+        std::printf("  audio     %zu of %s played, peak L %s dBFS, R %s dBFS\n", waveItems.size() - wavesFailed,
+                    qxsmf::Counted(waveItems.size(), "wave file").c_str(), PeakMeter::FormatDb(peak.MaxDb(0)).c_str(),
+                    PeakMeter::FormatDb(peak.MaxDb(1)).c_str());
     if (session.IsVirtual()) {
         const Lateness late = MeasureLateness(log.Entries(), 0, songMessages);
         if (late.count > 0)
@@ -260,10 +339,16 @@ int RunPerform(int argc, char** argv)
         std::printf("  capture   %s (%s, %s times)\n", args.Get("capture").c_str(),
                     qxsmf::Counted(log.Entries().size(), "message").c_str(), bDue ? "due" : "emitted");
     }
+    if (render.Active()) {
+        double seconds = 0;
+        if (!render.Finish(error, seconds)) return Fail(cmd, error);
+        std::printf("  render    %s (%.1f s, 16-bit stereo)\n", args.Get("render").c_str(), seconds);
+    }
     std::fflush(stdout);
     if (lostNs != 0)
         return Fail(cmd, "MIDI output " + std::to_string(nOutput) + " (" + outName + ") went away during the performance");
-    return bInterrupted ? InterruptedStatus() : kExitOk;
+    if (bInterrupted) return InterruptedStatus();
+    return wavesFailed > 0 ? kExitFailure : kExitOk;
 }
 
 } // namespace qxcli

@@ -1,6 +1,6 @@
 // quavix: the library's command-line program. Lists devices, performs Standard MIDI
-// Files through the performance engine (also following an external MIDI clock), echoes
-// and records MIDI input, sends bytes and silences outputs.
+// Files through the performance engine (also following an external MIDI clock), plays
+// wave files, echoes and records MIDI input, sends bytes and silences outputs.
 #include "Cli.h"
 #include "Commands.h"
 
@@ -20,7 +20,7 @@ whether it is enabled, and its default format ("none" for MIDI devices).
 )",
          RunDevices},
         {"perform", "play a Standard MIDI File through the performance engine",
-         R"(Usage: quavix perform FILE.mid [--output N] [--tempo-scale X] [--capture OUT.mid]
+         R"(Usage: quavix perform FILE.mid [--output N] [--tempo-scale X] [--audio FILE.wav[@MS]]...
 
 Plays a Standard MIDI File (format 0 or 1) on MIDI output N (default 0), 100 ms at a
 time through the performance engine, and prints a summary at the end. Ctrl-C stops
@@ -28,10 +28,37 @@ and silences the output.
 
   --output N            MIDI output number (quavix devices lists them)
   --tempo-scale X       play X times as fast (0.05 to 20; 2 is twice as fast)
+  --audio FILE.wav[@MS] also play a wave file, from MS milliseconds of the performance
+                        (default 0), in time with the MIDI; may be given again
+  --wave-out N          the wave output for --audio (default 0)
   --capture OUT.mid     virtual backend: write what the output emitted, as a file
   --capture-times WHAT  emitted (default) or due: the times written by --capture
+  --render OUT.wav      virtual backend: write what the wave output mixed
 )",
          RunPerform},
+        {"play", "play wave files together, at once or at their times",
+         R"(Usage: quavix play FILE.wav [FILE OPTIONS] [FILE.wav [FILE OPTIONS]]... [--out N]
+
+Plays wave files together on wave output N (default 0) and ends when every one has
+played, with a peak meter of the output's mix. A file without --at starts at once;
+files with --at start at their times of one performance, each on a track of its own.
+A file that cannot be played is named with the reason, and the others play (the exit
+status is then 1). Ctrl-C stops the sound.
+
+File options apply to the FILE.wav just before them:
+  --volume DB           0 (as recorded) down to -100 (silence)
+  --pan P               -1 (left only) to 1 (right only): the other side loses
+                        |P| x 100 dB, so 0.06 takes 6 dB off the left
+  --rate X              play X times as fast, pitch and all (0.5 is an octave lower;
+                        the output plays 100 to 100000 frames a second)
+  --at MS               start at MS milliseconds (0 to 86400000)
+
+  --out N               wave output number (quavix devices lists them)
+  --render OUT.wav      virtual backend: write what the output mixed (16-bit stereo)
+
+Example: quavix play drums.wav bass.wav --volume -6 --pan -0.1 voice.wav --at 1500
+)",
+         RunPlay},
         {"sync-slave", "play a Standard MIDI File following an external MIDI clock",
          R"(Usage: quavix sync-slave --in N FILE.mid [--output M] [--seconds S] [--capture OUT.mid]
 

@@ -756,6 +756,16 @@ bool DirectSoundSetPaused(LPDIRECTSOUND pDS, bool bPaused)
     return true;
 }
 
+bool DirectSoundTakePeak(LPDIRECTSOUND pDS, float* pLeft, float* pRight)
+{
+    if (pDS == nullptr) return false;
+    float l = 0.0f, r = 0.0f;
+    AsOurs(pDS)->Mixer().TakePeak(l, r);
+    if (pLeft != nullptr) *pLeft = l;
+    if (pRight != nullptr) *pRight = r;
+    return true;
+}
+
 size_t LiveDirectSoundObjects()
 {
     return g_liveObjects.load();

@@ -34,6 +34,44 @@ namespace {
 constexpr DWORD kMinRate = DSBFREQUENCY_MIN;
 constexpr DWORD kMaxRate = DSBFREQUENCY_MAX;
 
+// The largest |sample| of each channel of a stereo block (NaN aside).
+void PeakOf(const float* p, uint32_t nFrames, float& left, float& right)
+{
+    const size_t n = size_t{nFrames} * 2;
+    size_t i = 0;
+    float l = 0.0f, r = 0.0f;
+#if defined(__SSE2__)
+    // Four chains, so that the max latency does not bind; lanes 0 and 2 are left.
+    const __m128 abs = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    __m128 m0 = _mm_setzero_ps(), m1 = _mm_setzero_ps(), m2 = _mm_setzero_ps(), m3 = _mm_setzero_ps();
+    for (; i + 16 <= n; i += 16) {
+        m0 = _mm_max_ps(m0, _mm_and_ps(_mm_loadu_ps(p + i), abs));
+        m1 = _mm_max_ps(m1, _mm_and_ps(_mm_loadu_ps(p + i + 4), abs));
+        m2 = _mm_max_ps(m2, _mm_and_ps(_mm_loadu_ps(p + i + 8), abs));
+        m3 = _mm_max_ps(m3, _mm_and_ps(_mm_loadu_ps(p + i + 12), abs));
+    }
+    for (; i + 4 <= n; i += 4) m0 = _mm_max_ps(m0, _mm_and_ps(_mm_loadu_ps(p + i), abs));
+    alignas(16) float lanes[4];
+    _mm_store_ps(lanes, _mm_max_ps(_mm_max_ps(m0, m1), _mm_max_ps(m2, m3)));
+    l = std::max(lanes[0], lanes[2]);
+    r = std::max(lanes[1], lanes[3]);
+#endif
+    for (; i < n; i += 2) {
+        l = std::max(l, std::fabs(p[i]));
+        r = std::max(r, std::fabs(p[i + 1]));
+    }
+    left = l;
+    right = r;
+}
+
+// Bits of non-negative floats order as the numbers do: an integer max does.
+void RaiseTo(std::atomic<uint32_t>& peak, uint32_t value)
+{
+    uint32_t now = peak.load(std::memory_order_relaxed);
+    while (value > now && !peak.compare_exchange_weak(now, value, std::memory_order_relaxed)) {
+    }
+}
+
 // The windowed sinc: half-width in zero crossings at unit scale, and the narrowest
 // scale (downsampling by more than 4 aliases somewhat rather than growing the kernel).
 constexpr int kSincHalf = 16;
@@ -683,6 +721,18 @@ void Mixer::MixBlock(float* pOut, uint32_t nFrames)
             pOut[2 * i + 1] *= mr;
         }
     }
+    // Only once someone reads the meter; and a silent block (nothing to mix) cannot
+    // raise the peak.
+    if (m_peakWanted.load(std::memory_order_relaxed) && !m_snapshot.empty() &&
+        !m_paused.load(std::memory_order_relaxed)) {
+        float peakL = 0.0f, peakR = 0.0f;
+        PeakOf(pOut, nFrames, peakL, peakR);
+        uint32_t bitsL, bitsR;
+        std::memcpy(&bitsL, &peakL, sizeof bitsL);
+        std::memcpy(&bitsR, &peakR, sizeof bitsR);
+        RaiseTo(m_peakL, bitsL);
+        RaiseTo(m_peakR, bitsR);
+    }
     {
         std::lock_guard<std::mutex> lock(m_listLock);
         m_inBlock = false;
@@ -690,6 +740,14 @@ void Mixer::MixBlock(float* pOut, uint32_t nFrames)
     }
     m_blockDone.notify_all();
     m_framesMixed.fetch_add(nFrames, std::memory_order_relaxed);
+}
+
+void Mixer::TakePeak(float& left, float& right)
+{
+    m_peakWanted.store(true, std::memory_order_relaxed);
+    const uint32_t l = m_peakL.exchange(0, std::memory_order_relaxed), r = m_peakR.exchange(0, std::memory_order_relaxed);
+    std::memcpy(&left, &l, sizeof left);
+    std::memcpy(&right, &r, sizeof right);
 }
 
 void Mixer::MixVoice(Voice& v, float* pOut, uint32_t nFrames)

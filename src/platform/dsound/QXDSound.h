@@ -109,6 +109,11 @@ bool DirectSoundRenderOffline(LPDIRECTSOUND pDS, float* pOut, DWORD nFrames);
 // silence) or lets it go on. Not a DirectSound call: it is how an output pauses.
 bool DirectSoundSetPaused(LPDIRECTSOUND pDS, bool bPaused);
 
+// The largest |sample| of the device's mix in each channel (1.0 is full scale, before
+// the sink's clip) since the last call, which starts a new span. Lock-free, from any
+// thread. The first call turns the meter on and reads 0. False for a null device.
+bool DirectSoundTakePeak(LPDIRECTSOUND pDS, float* pLeft, float* pRight);
+
 // Device objects and buffers alive in the whole process, for tests that check that
 // nothing is left behind.
 size_t LiveDirectSoundObjects();

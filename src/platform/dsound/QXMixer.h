@@ -135,6 +135,10 @@ public:
     bool Paused() const { return m_paused.load(std::memory_order_relaxed); }
     // Frames mixed so far.
     uint64_t FramesMixed() const { return m_framesMixed.load(std::memory_order_relaxed); }
+    // The largest |sample| of each channel of the mix (after the master gain) since the
+    // last call, which starts the next span; lock-free, from any thread. The first call
+    // turns the meter on (0 until then): a mixer nobody meters spends nothing on it.
+    void TakePeak(float& left, float& right);
 
     // The mixer thread keeps the port's ring filled to its target until StopThread.
     void StartThread(AudioOutPort* pPort);
@@ -159,6 +163,9 @@ private:
     std::atomic<uint64_t> m_framesMixed{0};
     std::atomic<float> m_masterL{1.0f}, m_masterR{1.0f};
     std::atomic<bool> m_paused{false};
+    // |sample| as float bits: for non-negative floats their order is the numbers' order.
+    std::atomic<uint32_t> m_peakL{0}, m_peakR{0};
+    std::atomic<bool> m_peakWanted{false};
 
     mutable std::mutex m_listLock;
     std::condition_variable m_blockDone;
