@@ -8,6 +8,7 @@
 #include <quavix/QXWinTypes.h>
 
 #include <atomic>
+#include <cstdint>
 
 struct IDirectSound;
 struct IDirectSoundBuffer;
@@ -40,6 +41,9 @@ public:
     // QXM_WAVEPLAY's handler: Start() on the player with that handle, if it still lives
     // and its start timer is still armed; nothing otherwise.
     static void StartFromHandle(DWORD dwHandle);
+    // Refills, by every player of the process, that came when the play cursor had
+    // already reached the segment they wrote: each one is heard as stale sound.
+    static uint64_t LateRefills();
 
 protected:
     void _InitWavePlay();

@@ -8,6 +8,7 @@
 #include "platform/QXPlatform.h"
 #include "platform/dsound/QXDSound.h"
 
+#include <atomic>
 #include <cstring>
 
 namespace {
@@ -18,6 +19,16 @@ constexpr DWORD kSegments = 8;
 // The player whose notification thread the calling thread is: that thread never waits
 // for itself.
 thread_local const CWavePlay* t_pNotifyPlayer = nullptr;
+
+// Relaxed: a statistic read by benchmarks and tests, never a synchronisation.
+std::atomic<uint64_t> g_lateRefills{0};
+
+bool CursorInSegment(IDirectSoundBuffer* pBuffer, DWORD dwSegmentStart, DWORD dwSegmentSize)
+{
+    DWORD dwPlay = 0;
+    if (pBuffer == nullptr || pBuffer->GetCurrentPosition(&dwPlay, nullptr) != DS_OK) return false;
+    return dwPlay >= dwSegmentStart && dwPlay - dwSegmentStart < dwSegmentSize;
+}
 
 } // namespace
 
@@ -139,6 +150,8 @@ DWORD CWavePlay::_NotificationThread()
             bOver = true;
             break;
         case WAIT_OBJECT_0:
+            if (CursorInSegment(m_pDSBuffer, m_dwWritePos, m_dwSegmentSize))
+                g_lateRefills.fetch_add(1, std::memory_order_relaxed);
             _WriteBuffer();
             if (--m_nPendingSegments < 0) bOver = true;
             ++m_nSegmentEnds; // last: a reader that sees it sees the refill and the count
@@ -169,6 +182,11 @@ DWORD CWavePlay::_NotificationThread()
     if (!m_bStopping) Stop(); // may delete the player: nothing of it is touched after
     t_pNotifyPlayer = nullptr;
     return 0;
+}
+
+uint64_t CWavePlay::LateRefills()
+{
+    return g_lateRefills.load(std::memory_order_relaxed);
 }
 
 bool CWavePlay::_IsNotifyThread() const
