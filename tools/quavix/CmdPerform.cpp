@@ -117,17 +117,17 @@ private:
 };
 
 // --audio FILE.wav[@MS]: the time is what follows the last '@', when that is a number.
-bool ParseAudio(const std::string& cmd, const std::string& spec, WaveItem& item)
+bool ParseAudio(const std::string& cmd, const std::string& arg, WaveItem& item)
 {
-    item.path = spec;
+    item.path = arg;
     item.atMs = 0;
-    const size_t at = spec.rfind('@');
-    if (at == std::string::npos || at + 1 == spec.size() ||
-        spec.find_first_not_of("0123456789", at + 1) != std::string::npos)
+    const size_t at = arg.rfind('@');
+    if (at == std::string::npos || at + 1 == arg.size() ||
+        arg.find_first_not_of("0123456789", at + 1) != std::string::npos)
         return true;
     int ms = 0;
-    if (!ParseInt(cmd, "audio", spec.substr(at + 1), ms, 0, 86'400'000)) return false;
-    item.path = spec.substr(0, at);
+    if (!ParseInt(cmd, "audio", arg.substr(at + 1), ms, 0, 86'400'000)) return false;
+    item.path = arg.substr(0, at);
     item.atMs = ms;
     return true;
 }

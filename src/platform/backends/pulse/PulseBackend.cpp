@@ -238,7 +238,7 @@ public:
     MMRESULT Connect(const std::string& sinkName)
     {
         pa_threaded_mainloop* loop = m_conn->Loop();
-        const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, m_rate, 2};
+        const pa_sample_spec sampleSpec{PA_SAMPLE_FLOAT32LE, m_rate, 2};
         pa_channel_map map;
         pa_channel_map_init_stereo(&map);
         pa_threaded_mainloop_lock(loop);
@@ -246,7 +246,7 @@ public:
             pa_threaded_mainloop_unlock(loop);
             return MMSYSERR_NODRIVER;
         }
-        m_stream = pa_stream_new(m_conn->Context(), "quavix", &spec, &map);
+        m_stream = pa_stream_new(m_conn->Context(), "quavix", &sampleSpec, &map);
         if (m_stream == nullptr) {
             pa_threaded_mainloop_unlock(loop);
             return MMSYSERR_NOMEM;
@@ -256,9 +256,9 @@ public:
         pa_stream_set_underflow_callback(m_stream, &PulseAudioOut::OnUnderflow, this);
         pa_buffer_attr attr;
         attr.maxlength = static_cast<uint32_t>(-1);
-        attr.tlength = static_cast<uint32_t>(pa_usec_to_bytes(kPulseTargetMs * 1000, &spec));
+        attr.tlength = static_cast<uint32_t>(pa_usec_to_bytes(kPulseTargetMs * 1000, &sampleSpec));
         attr.prebuf = static_cast<uint32_t>(-1);
-        attr.minreq = static_cast<uint32_t>(pa_usec_to_bytes(kPulseRequestMs * 1000, &spec));
+        attr.minreq = static_cast<uint32_t>(pa_usec_to_bytes(kPulseRequestMs * 1000, &sampleSpec));
         attr.fragsize = static_cast<uint32_t>(-1);
         const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_START_CORKED | PA_STREAM_ADJUST_LATENCY |
                                                           PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING);
