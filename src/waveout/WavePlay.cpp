@@ -226,7 +226,13 @@ int CWavePlay::Play(QX_WaveParams* pParams, int nDevice, DWORD dwStartTime, QX_W
     CQuavix* pManager = CQuavix::GetQuavix();
     const DWORD dwPlayStart = pManager != nullptr ? pManager->GetPlayStartTime() : 0;
     const DWORD dwElapsed = timeGetTime() - dwPlayStart;
-    const auto nDelay = static_cast<int32_t>(dwStartTime - dwElapsed);
+    // Started early by the output's latency, so that the sound leaves the sink at its time,
+    // in step with MIDI that goes out at its exact time; a start already due starts at
+    // once. (Delaying the MIDI instead would make it late everywhere, even with no audio.)
+    DWORD dwRate = 0;
+    const DWORD dwLatencyFrames = qxplat::DirectSoundOutputLatencyFrames(m_pDirectSound, &dwRate);
+    const auto nLatencyMs = dwRate != 0 ? static_cast<int32_t>(uint64_t{dwLatencyFrames} * 1000 / dwRate) : 0;
+    const auto nDelay = static_cast<int32_t>(dwStartTime - dwElapsed) - nLatencyMs;
 #ifndef NDEBUG
     QXTrace("play at %d, delay %d\n", static_cast<int>(dwStartTime), nDelay);
 #endif

@@ -112,6 +112,9 @@ public:
     virtual void PrimaryStarted() {}
     // Frames the port had to fill with silence because the ring ran dry while running.
     virtual uint64_t UnderrunFrames() const { return 0; }
+    // Frames from the mixer's start of a sound to its first frame leaving the port, on
+    // average, for ports that know it; 0 (unknown) leaves wave starts uncompensated.
+    virtual uint32_t LatencyFrames() const { return 0; }
 };
 
 // The process's backend, chosen on first use.

@@ -232,6 +232,11 @@ public:
 
     ds::Mixer& Mixer() { return m_mixer; }
     bool Offline() const { return !m_port; }
+    DWORD OutputLatencyFrames(DWORD* pRate) const
+    {
+        if (pRate != nullptr) *pRate = m_port ? m_port->Rate() : 0;
+        return m_port ? m_port->LatencyFrames() : 0;
+    }
     DWORD CoopLevel() const { return m_coopLevel.load(); }
 
     // The first Play of any buffer starts the sink and the mixer thread.
@@ -764,6 +769,15 @@ bool DirectSoundTakePeak(LPDIRECTSOUND pDS, float* pLeft, float* pRight)
     if (pLeft != nullptr) *pLeft = l;
     if (pRight != nullptr) *pRight = r;
     return true;
+}
+
+DWORD DirectSoundOutputLatencyFrames(LPDIRECTSOUND pDS, DWORD* pRate)
+{
+    if (pDS == nullptr) {
+        if (pRate != nullptr) *pRate = 0;
+        return 0;
+    }
+    return AsOurs(pDS)->OutputLatencyFrames(pRate);
 }
 
 size_t LiveDirectSoundObjects()

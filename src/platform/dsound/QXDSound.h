@@ -114,6 +114,10 @@ bool DirectSoundSetPaused(LPDIRECTSOUND pDS, bool bPaused);
 // thread. The first call turns the meter on and reads 0. False for a null device.
 bool DirectSoundTakePeak(LPDIRECTSOUND pDS, float* pLeft, float* pRight);
 
+// Frames from a buffer's Play to its first frame leaving the sink, on average, and the
+// sink's rate in *pRate. 0 where the sink does not say, and for an offline or null device.
+DWORD DirectSoundOutputLatencyFrames(LPDIRECTSOUND pDS, DWORD* pRate);
+
 // Device objects and buffers alive in the whole process, for tests that check that
 // nothing is left behind.
 size_t LiveDirectSoundObjects();
