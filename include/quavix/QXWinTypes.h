@@ -328,6 +328,11 @@ static_assert(sizeof(WAVEINCAPSA) == 48, "WAVEINCAPSA is 48 bytes");
 #define WIM_OPEN 0x3BE
 #define WIM_CLOSE 0x3BF
 #define WIM_DATA 0x3C0
+// waveInOpen flags besides the callback kind.
+#define WAVE_FORMAT_QUERY 0x0001u
+#define WAVE_ALLOWSYNC 0x0002u
+#define WAVE_MAPPED 0x0004u
+#define WAVE_FORMAT_DIRECT 0x0008u
 #define WOM_OPEN 0x3BB
 #define WOM_CLOSE 0x3BC
 #define WOM_DONE 0x3BD

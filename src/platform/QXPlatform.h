@@ -1,6 +1,6 @@
 // The platform services the library calls, by their Win32 names and with their
 // documented argument and result conventions, implemented for Linux in this folder and
-// its service folders (kernel/, midi/, mmio/, dsound/, backends/).
+// its service folders (kernel/, midi/, mmio/, dsound/, wavein/, backends/).
 // Nothing above src/platform/ talks to POSIX or to a device backend directly.
 #ifndef QUAVIX_PLATFORM_QXPLATFORM_H
 #define QUAVIX_PLATFORM_QXPLATFORM_H
@@ -9,6 +9,7 @@
 
 #include "platform/kernel/QXKernelCalls.h"
 #include "platform/midi/QXMidiCalls.h"
+#include "platform/wavein/QXWaveIn.h"
 
 // ---- Device enumeration (answered by the process's backend) ----
 UINT midiInGetNumDevs();

@@ -155,6 +155,11 @@ MMRESULT Backend::OpenAudioOut(int, std::unique_ptr<AudioOutPort>&)
     return MMSYSERR_NODRIVER;
 }
 
+MMRESULT Backend::OpenAudioIn(int, std::unique_ptr<AudioInPort>&)
+{
+    return MMSYSERR_NODRIVER;
+}
+
 AudioRing::AudioRing(uint32_t nFrames)
 {
     uint32_t cap = 1;

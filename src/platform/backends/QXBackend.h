@@ -48,6 +48,7 @@ public:
 };
 
 class AudioOutPort;
+class AudioInPort;
 
 class Backend {
 public:
@@ -60,6 +61,8 @@ public:
     virtual MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) = 0;
     // Audio output n (DeviceKind::WaveOut), which a DirectSound device's mixer feeds.
     virtual MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port);
+    // Audio input n (DeviceKind::WaveIn), which a wave input's capture thread drains.
+    virtual MMRESULT OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port);
 };
 
 // What a backend reports of its own accord, from its own threads: the server behind it
@@ -115,6 +118,21 @@ public:
     // Frames from the mixer's start of a sound to its first frame leaving the port, on
     // average, for ports that know it; 0 (unknown) leaves wave starts uncompensated.
     virtual uint32_t LatencyFrames() const { return 0; }
+};
+
+// An open audio input. Between Start and Stop the source's own thread (or real-time
+// callback) writes stereo float frames at Rate() into Ring(), for one consumer; frames
+// that find the ring full are dropped. Start and Stop come from the port's owner; once
+// Stop returns nothing more is written until the next Start.
+class AudioInPort {
+public:
+    virtual ~AudioInPort() = default;
+    virtual DWORD Rate() const = 0;
+    virtual AudioRing& Ring() = 0;
+    virtual void Start() = 0;
+    virtual void Stop() = 0;
+    // Frames dropped because the ring was full.
+    virtual uint64_t OverrunFrames() const { return 0; }
 };
 
 // The process's backend, chosen on first use.

@@ -10,6 +10,13 @@ namespace qxplat {
 
 Backend& VirtualBackend();
 
+// Virtual audio input n: a source paced by the clock in real time whose signal
+// QUAVIX_VIRTUAL_WAVE_IN_SOURCE chooses (read at each open): "silence", "sine:HZ" (the
+// default is sine:440, at half scale) or "file:PATH" (a WAV file, PCM 8/16/24/32-bit or
+// 32-bit float, mono or stereo, read whole at open and looped; "%d" in PATH becomes n).
+// Sine and silence run at QUAVIX_VIRTUAL_AUDIO_RATE, a file at its own rate.
+MMRESULT OpenVirtualAudioIn(int n, std::unique_ptr<AudioInPort>& port);
+
 // Device counts of the virtual backend. They start from QUAVIX_VIRTUAL_DEVICES, e.g.
 // "midi-in=2,midi-out=3,wave-in=1,wave-out=1" (one of each by default); tests change
 // them here. A manager sees the counts that held when it was initialised.

@@ -55,6 +55,12 @@ public:
         return OpenVirtualAudioOut(n, port);
     }
 
+    MMRESULT OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port) override
+    {
+        if (n < 0 || n >= Count(DeviceKind::WaveIn)) return MMSYSERR_BADDEVICEID;
+        return OpenVirtualAudioIn(n, port);
+    }
+
     void SetCounts(const int counts[4])
     {
         for (int i = 0; i < 4; ++i) m_counts[i] = counts[i];

@@ -1,0 +1,551 @@
+// Wave inputs: a capture thread per open input drains the backend port's ring, converts
+// and fills the application's buffers. Everything the thread shares with the calls is
+// under the input's lock, except the callbacks, which run with no lock held.
+#include "platform/QXFaults.h"
+#include "platform/QXPlatform.h"
+#include "platform/backends/QXBackend.h"
+
+#ifdef QUAVIX_HAVE_SAMPLERATE
+#include <samplerate.h>
+#endif
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+constexpr uint32_t kChunkFrames = 1024;
+constexpr auto kPollEvery = std::chrono::milliseconds(5);
+
+#ifdef QUAVIX_HAVE_SAMPLERATE
+constexpr bool kCanResample = true;
+#else
+constexpr bool kCanResample = false;
+#endif
+
+bool FormatOk(const WAVEFORMATEX& f)
+{
+    if (f.nChannels != 1 && f.nChannels != 2) return false;
+    if (f.nSamplesPerSec < 1000 || f.nSamplesPerSec > 192000) return false;
+    const WORD bits = f.wBitsPerSample;
+    const bool pcm = f.wFormatTag == WAVE_FORMAT_PCM && (bits == 8 || bits == 16 || bits == 24 || bits == 32);
+    const bool flt = f.wFormatTag == WAVE_FORMAT_IEEE_FLOAT && bits == 32;
+    if (!pcm && !flt) return false;
+    const DWORD block = DWORD{f.nChannels} * bits / 8;
+    return f.nBlockAlign == block && f.nAvgBytesPerSec == f.nSamplesPerSec * block;
+}
+
+template <typename T>
+T Quantize(float x, double scale, double lo, double hi)
+{
+    return static_cast<T>(std::clamp(std::nearbyint(static_cast<double>(x) * scale), lo, hi));
+}
+
+class Input;
+thread_local const Input* t_capturing = nullptr; // the input whose capture thread this is
+
+struct Note {
+    UINT msg;
+    LPWAVEHDR hdr;
+};
+
+class Input {
+public:
+    Input(const WAVEFORMATEX& fmt, std::unique_ptr<qxplat::AudioInPort> port, DWORD fdwOpen, DWORD_PTR dwCallback,
+          DWORD_PTR dwInstance)
+        : m_fmt(fmt), m_block(fmt.nBlockAlign), m_port(std::move(port)), m_callbackType(fdwOpen & CALLBACK_TYPEMASK),
+          m_dwCallback(dwCallback), m_dwInstance(dwInstance)
+    {
+    }
+
+    ~Input()
+    {
+        if (m_thread.joinable()) Shutdown();
+#ifdef QUAVIX_HAVE_SAMPLERATE
+        if (m_src != nullptr) src_delete(m_src);
+#endif
+    }
+
+    MMRESULT Init(HWAVEIN h)
+    {
+        m_handle = h;
+        const double ratio = static_cast<double>(m_fmt.nSamplesPerSec) / m_port->Rate();
+        const size_t outFrames = static_cast<size_t>(std::ceil(kChunkFrames * ratio)) + 64;
+        try {
+            m_in.resize(2 * kChunkFrames);
+            m_chan.resize(2 * kChunkFrames);
+            m_out.resize(outFrames * m_fmt.nChannels);
+#ifdef QUAVIX_HAVE_SAMPLERATE
+            if (m_fmt.nSamplesPerSec != m_port->Rate()) {
+                int err = 0;
+                m_src = src_new(SRC_SINC_MEDIUM_QUALITY, m_fmt.nChannels, &err);
+                if (m_src == nullptr) return MMSYSERR_NOMEM;
+                m_ratio = ratio;
+            }
+#endif
+            m_notes.push_back({WIM_OPEN, nullptr});
+            const uint64_t target = ++m_notesQueued;
+            m_thread = std::thread([this] { Run(); });
+            WaitDelivered(target);
+        } catch (const std::exception&) {
+            return MMSYSERR_NOMEM;
+        }
+        return MMSYSERR_NOERROR;
+    }
+
+    bool OnCaptureThread() const { return t_capturing == this; }
+
+    // A queued header's flags change on the capture thread, so they are read and
+    // written under the lock.
+    DWORD Flags(LPWAVEHDR pwh)
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return pwh->dwFlags;
+    }
+
+    void ChangeFlags(LPWAVEHDR pwh, DWORD set, DWORD clear)
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        pwh->dwFlags = (pwh->dwFlags & ~clear) | set;
+    }
+
+    MMRESULT Add(LPWAVEHDR pwh)
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        if (m_quit) return MMSYSERR_INVALHANDLE;
+        if (pwh->dwFlags & WHDR_INQUEUE) return WAVERR_STILLPLAYING;
+        pwh->dwFlags = (pwh->dwFlags & ~WHDR_DONE) | WHDR_INQUEUE;
+        pwh->dwBytesRecorded = 0;
+        pwh->lpNext = nullptr;
+        m_queue.push_back(pwh);
+        return MMSYSERR_NOERROR;
+    }
+
+    void Start()
+    {
+        std::lock_guard<std::mutex> ctl(m_ctl);
+        {
+            std::lock_guard<std::mutex> lock(m_lock);
+            if (m_started) return;
+            m_started = true;
+            // What the source left in the ring belongs to the previous run.
+            m_port->Ring().Skip(m_port->Ring().Readable());
+#ifdef QUAVIX_HAVE_SAMPLERATE
+            if (m_src != nullptr) src_reset(m_src);
+#endif
+        }
+        m_port->Start();
+        m_wake.notify_all();
+    }
+
+    // Stop: the buffer being filled comes back if it holds anything. Reset: all of them.
+    void Halt(bool bReset)
+    {
+        std::lock_guard<std::mutex> ctl(m_ctl);
+        uint64_t target;
+        {
+            std::lock_guard<std::mutex> lock(m_lock);
+            m_started = false;
+            if (bReset) {
+                while (!m_queue.empty()) Complete();
+                m_position = 0;
+            } else if (!m_queue.empty() && m_queue.front()->dwBytesRecorded > 0) {
+                Complete();
+            }
+            target = m_notesQueued;
+        }
+        m_port->Stop();
+        m_wake.notify_all();
+        WaitDelivered(target);
+    }
+
+    bool Queued()
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return !m_queue.empty();
+    }
+
+    // Ends the capture thread after it has delivered WIM_CLOSE.
+    void Shutdown()
+    {
+        std::lock_guard<std::mutex> ctl(m_ctl);
+        m_port->Stop();
+        {
+            std::lock_guard<std::mutex> lock(m_lock);
+            m_started = false;
+            m_quit = true;
+            m_notes.push_back({WIM_CLOSE, nullptr});
+            ++m_notesQueued;
+        }
+        m_wake.notify_all();
+        m_thread.join();
+    }
+
+    uint64_t PositionFrames()
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_position;
+    }
+
+    const WAVEFORMATEX& Format() const { return m_fmt; }
+
+private:
+    void Callback(UINT uMsg, LPWAVEHDR hdr)
+    {
+        const DWORD_PTR p1 = reinterpret_cast<DWORD_PTR>(hdr);
+        switch (m_callbackType) {
+        case CALLBACK_FUNCTION:
+            if (m_dwCallback != 0) reinterpret_cast<WAVEINPROC>(m_dwCallback)(m_handle, uMsg, m_dwInstance, p1, 0);
+            break;
+        case CALLBACK_WINDOW:
+            PostMessageA(reinterpret_cast<HWND>(m_dwCallback), uMsg, reinterpret_cast<WPARAM>(m_handle),
+                         static_cast<LPARAM>(p1));
+            break;
+        case CALLBACK_THREAD:
+            PostThreadMessageA(static_cast<DWORD>(m_dwCallback), uMsg, reinterpret_cast<WPARAM>(m_handle),
+                               static_cast<LPARAM>(p1));
+            break;
+        case CALLBACK_EVENT:
+            SetEvent(reinterpret_cast<HANDLE>(m_dwCallback));
+            break;
+        default:
+            break;
+        }
+    }
+
+    void WaitDelivered(uint64_t target)
+    {
+        if (OnCaptureThread()) return; // it delivers them once the callback returns
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_delivered.wait(lock, [&] { return m_notesDone >= target; });
+    }
+
+    // Under m_lock: the front buffer goes back with what it holds.
+    void Complete()
+    {
+        LPWAVEHDR h = m_queue.front();
+        m_queue.pop_front();
+        h->dwFlags = (h->dwFlags & ~WHDR_INQUEUE) | WHDR_DONE;
+        m_notes.push_back({WIM_DATA, h});
+        ++m_notesQueued;
+    }
+
+    void Run()
+    {
+        t_capturing = this;
+        std::vector<Note> batch;
+        std::unique_lock<std::mutex> lock(m_lock);
+        for (;;) {
+            if (!m_notes.empty()) {
+                batch.swap(m_notes);
+                lock.unlock();
+                for (const Note& n : batch) Callback(n.msg, n.hdr);
+                lock.lock();
+                m_notesDone += batch.size();
+                batch.clear();
+                m_delivered.notify_all();
+                continue;
+            }
+            if (m_quit) break;
+            if (m_started) Pump();
+            if (m_notes.empty())
+                m_wake.wait_for(lock, kPollEvery, [this] { return m_quit || !m_notes.empty(); });
+        }
+    }
+
+    // Under m_lock: everything the source has delivered, converted into the buffers.
+    void Pump()
+    {
+        qxplat::AudioRing& ring = m_port->Ring();
+        const WORD ch = m_fmt.nChannels;
+        for (;;) {
+            const uint32_t n = ring.Read(m_in.data(), kChunkFrames);
+            if (n == 0) break;
+            const float* frames = m_in.data();
+            if (ch == 1) {
+                for (uint32_t i = 0; i < n; ++i) m_chan[i] = 0.5f * (m_in[2 * i] + m_in[2 * i + 1]);
+                frames = m_chan.data();
+            }
+#ifdef QUAVIX_HAVE_SAMPLERATE
+            if (m_src != nullptr) {
+                const long outCap = static_cast<long>(m_out.size() / ch);
+                long left = n;
+                for (;;) {
+                    SRC_DATA d{};
+                    d.data_in = frames;
+                    d.input_frames = left;
+                    d.data_out = m_out.data();
+                    d.output_frames = outCap;
+                    d.src_ratio = m_ratio;
+                    if (src_process(m_src, &d) != 0) break;
+                    Emit(m_out.data(), static_cast<uint32_t>(d.output_frames_gen));
+                    frames += d.input_frames_used * ch;
+                    left -= d.input_frames_used;
+                    if (d.output_frames_gen < outCap && (left == 0 || d.input_frames_used == 0)) break;
+                }
+                continue;
+            }
+#endif
+            Emit(frames, n);
+        }
+    }
+
+    // Under m_lock: frames in the input's channel count go into the queued buffers.
+    void Emit(const float* samples, uint32_t nFrames)
+    {
+        m_position += nFrames;
+        const WORD ch = m_fmt.nChannels;
+        uint32_t done = 0;
+        while (done < nFrames && !m_queue.empty()) {
+            LPWAVEHDR h = m_queue.front();
+            const DWORD cap = h->dwBufferLength / m_block * m_block;
+            const uint32_t k = std::min<uint32_t>((cap - h->dwBytesRecorded) / m_block, nFrames - done);
+            BYTE* out = reinterpret_cast<BYTE*>(h->lpData) + h->dwBytesRecorded;
+            Encode(samples + size_t{done} * ch, size_t{k} * ch, out);
+            h->dwBytesRecorded += k * m_block;
+            done += k;
+            if (h->dwBytesRecorded + m_block > cap) Complete();
+        }
+    }
+
+    void Encode(const float* s, size_t nSamples, BYTE* out) const
+    {
+        switch (m_fmt.wBitsPerSample) {
+        case 8:
+            for (size_t i = 0; i < nSamples; ++i) out[i] = static_cast<BYTE>(Quantize<int>(s[i], 128, -128, 127) + 128);
+            break;
+        case 16:
+            for (size_t i = 0; i < nSamples; ++i) {
+                const int v = Quantize<int>(s[i], 32768, -32768, 32767);
+                out[2 * i] = static_cast<BYTE>(v);
+                out[2 * i + 1] = static_cast<BYTE>(v >> 8);
+            }
+            break;
+        case 24:
+            for (size_t i = 0; i < nSamples; ++i) {
+                const int32_t v = Quantize<int32_t>(s[i], 8388608.0, -8388608.0, 8388607.0);
+                out[3 * i] = static_cast<BYTE>(v);
+                out[3 * i + 1] = static_cast<BYTE>(v >> 8);
+                out[3 * i + 2] = static_cast<BYTE>(v >> 16);
+            }
+            break;
+        default:
+            if (m_fmt.wFormatTag == WAVE_FORMAT_IEEE_FLOAT) {
+                std::memcpy(out, s, nSamples * sizeof(float));
+            } else {
+                for (size_t i = 0; i < nSamples; ++i) {
+                    const int32_t v = Quantize<int32_t>(s[i], 2147483648.0, -2147483648.0, 2147483647.0);
+                    std::memcpy(out + 4 * i, &v, 4);
+                }
+            }
+            break;
+        }
+    }
+
+    const WAVEFORMATEX m_fmt;
+    const DWORD m_block;
+    const std::unique_ptr<qxplat::AudioInPort> m_port;
+    const DWORD m_callbackType;
+    const DWORD_PTR m_dwCallback;
+    const DWORD_PTR m_dwInstance;
+    HWAVEIN m_handle = nullptr;
+#ifdef QUAVIX_HAVE_SAMPLERATE
+    SRC_STATE* m_src = nullptr;
+    double m_ratio = 1.0;
+#endif
+
+    std::mutex m_ctl; // orders Start, Halt and Shutdown with the port's Start and Stop
+    std::mutex m_lock;
+    std::condition_variable m_wake;
+    std::condition_variable m_delivered;
+    // Under m_lock:
+    std::deque<LPWAVEHDR> m_queue;
+    std::vector<Note> m_notes;
+    uint64_t m_notesQueued = 0;
+    uint64_t m_notesDone = 0;
+    uint64_t m_position = 0; // frames at the input's rate
+    bool m_started = false;
+    bool m_quit = false;
+    // The capture thread's scratch, used under m_lock.
+    std::vector<float> m_in, m_chan, m_out;
+    std::thread m_thread;
+};
+
+struct InputTable {
+    std::mutex mutex;
+    std::unordered_map<uintptr_t, std::shared_ptr<Input>> inputs;
+    uintptr_t next = 0x70000;
+};
+
+InputTable& Table()
+{
+    static InputTable* s = new InputTable;
+    return *s;
+}
+
+std::shared_ptr<Input> Find(HWAVEIN h)
+{
+    std::lock_guard<std::mutex> lock(Table().mutex);
+    auto it = Table().inputs.find(reinterpret_cast<uintptr_t>(h));
+    return it == Table().inputs.end() ? nullptr : it->second;
+}
+
+} // namespace
+
+MMRESULT waveInOpen(HWAVEIN* phwi, UINT uDeviceID, LPCWAVEFORMATEX pwfx, DWORD_PTR dwCallback, DWORD_PTR dwInstance,
+                    DWORD fdwOpen)
+{
+    MMRESULT r;
+    const bool bQuery = (fdwOpen & WAVE_FORMAT_QUERY) != 0;
+    if (pwfx == nullptr || (!bQuery && phwi == nullptr)) return MMSYSERR_INVALPARAM;
+    const DWORD type = fdwOpen & CALLBACK_TYPEMASK;
+    if (type != CALLBACK_NULL && type != CALLBACK_FUNCTION && type != CALLBACK_WINDOW && type != CALLBACK_THREAD &&
+        type != CALLBACK_EVENT)
+        return MMSYSERR_INVALFLAG;
+    if (fdwOpen & ~(CALLBACK_TYPEMASK | WAVE_FORMAT_QUERY | WAVE_ALLOWSYNC | WAVE_MAPPED | WAVE_FORMAT_DIRECT))
+        return MMSYSERR_INVALFLAG;
+    if (QXFaultCheck("waveInOpen", &r)) return r;
+    if (!FormatOk(*pwfx)) return WAVERR_BADFORMAT;
+    const int n = uDeviceID == WAVE_MAPPER ? 0 : static_cast<int>(uDeviceID);
+    std::unique_ptr<qxplat::AudioInPort> port;
+    r = qxplat::CurrentBackend().OpenAudioIn(n, port);
+    if (r != MMSYSERR_NOERROR) return r;
+    if (!kCanResample && pwfx->nSamplesPerSec != port->Rate()) return WAVERR_BADFORMAT;
+    if (bQuery) return MMSYSERR_NOERROR;
+    std::shared_ptr<Input> input;
+    HWAVEIN h;
+    try {
+        input = std::make_shared<Input>(*pwfx, std::move(port), fdwOpen, dwCallback, dwInstance);
+        std::lock_guard<std::mutex> lock(Table().mutex);
+        Table().next += 4;
+        h = reinterpret_cast<HWAVEIN>(Table().next);
+    } catch (const std::bad_alloc&) {
+        return MMSYSERR_NOMEM;
+    }
+    r = input->Init(h);
+    if (r != MMSYSERR_NOERROR) return r;
+    {
+        std::lock_guard<std::mutex> lock(Table().mutex);
+        Table().inputs.emplace(reinterpret_cast<uintptr_t>(h), input);
+    }
+    *phwi = h;
+    return MMSYSERR_NOERROR;
+}
+
+MMRESULT waveInClose(HWAVEIN hwi)
+{
+    MMRESULT r;
+    auto in = Find(hwi);
+    if (!in) return MMSYSERR_INVALHANDLE;
+    if (QXFaultCheck("waveInClose", &r)) return r;
+    if (in->OnCaptureThread()) return MMSYSERR_HANDLEBUSY;
+    if (in->Queued()) return WAVERR_STILLPLAYING;
+    {
+        std::lock_guard<std::mutex> lock(Table().mutex);
+        if (Table().inputs.erase(reinterpret_cast<uintptr_t>(hwi)) == 0) return MMSYSERR_INVALHANDLE;
+    }
+    in->Shutdown();
+    return MMSYSERR_NOERROR;
+}
+
+MMRESULT waveInPrepareHeader(HWAVEIN hwi, LPWAVEHDR pwh, UINT cbwh)
+{
+    MMRESULT r;
+    auto in = Find(hwi);
+    if (!in) return MMSYSERR_INVALHANDLE;
+    if (pwh == nullptr || cbwh < sizeof(WAVEHDR) || pwh->lpData == nullptr) return MMSYSERR_INVALPARAM;
+    if (QXFaultCheck("waveInPrepareHeader", &r)) return r;
+    in->ChangeFlags(pwh, WHDR_PREPARED, 0);
+    return MMSYSERR_NOERROR;
+}
+
+MMRESULT waveInUnprepareHeader(HWAVEIN hwi, LPWAVEHDR pwh, UINT cbwh)
+{
+    MMRESULT r;
+    auto in = Find(hwi);
+    if (!in) return MMSYSERR_INVALHANDLE;
+    if (pwh == nullptr || cbwh < sizeof(WAVEHDR)) return MMSYSERR_INVALPARAM;
+    if (in->Flags(pwh) & WHDR_INQUEUE) return WAVERR_STILLPLAYING;
+    if (QXFaultCheck("waveInUnprepareHeader", &r)) return r;
+    in->ChangeFlags(pwh, 0, WHDR_PREPARED);
+    return MMSYSERR_NOERROR;
+}
+
+MMRESULT waveInAddBuffer(HWAVEIN hwi, LPWAVEHDR pwh, UINT cbwh)
+{
+    MMRESULT r;
+    auto in = Find(hwi);
+    if (!in) return MMSYSERR_INVALHANDLE;
+    if (pwh == nullptr || cbwh < sizeof(WAVEHDR) || pwh->lpData == nullptr ||
+        pwh->dwBufferLength < in->Format().nBlockAlign)
+        return MMSYSERR_INVALPARAM;
+    const DWORD flags = in->Flags(pwh);
+    if (!(flags & WHDR_PREPARED)) return WAVERR_UNPREPARED;
+    if (flags & WHDR_INQUEUE) return WAVERR_STILLPLAYING;
+    if (QXFaultCheck("waveInAddBuffer", &r)) return r;
+    return in->Add(pwh);
+}
+
+MMRESULT waveInStart(HWAVEIN hwi)
+{
+    MMRESULT r;
+    auto in = Find(hwi);
+    if (!in) return MMSYSERR_INVALHANDLE;
+    if (QXFaultCheck("waveInStart", &r)) return r;
+    in->Start();
+    return MMSYSERR_NOERROR;
+}
+
+MMRESULT waveInStop(HWAVEIN hwi)
+{
+    MMRESULT r;
+    auto in = Find(hwi);
+    if (!in) return MMSYSERR_INVALHANDLE;
+    if (QXFaultCheck("waveInStop", &r)) return r;
+    in->Halt(false);
+    return MMSYSERR_NOERROR;
+}
+
+MMRESULT waveInReset(HWAVEIN hwi)
+{
+    MMRESULT r;
+    auto in = Find(hwi);
+    if (!in) return MMSYSERR_INVALHANDLE;
+    if (QXFaultCheck("waveInReset", &r)) return r;
+    in->Halt(true);
+    return MMSYSERR_NOERROR;
+}
+
+MMRESULT waveInGetPosition(HWAVEIN hwi, LPMMTIME pmmt, UINT cbmmt)
+{
+    MMRESULT r;
+    auto in = Find(hwi);
+    if (!in) return MMSYSERR_INVALHANDLE;
+    if (pmmt == nullptr || cbmmt < sizeof(MMTIME)) return MMSYSERR_INVALPARAM;
+    if (QXFaultCheck("waveInGetPosition", &r)) return r;
+    const uint64_t frames = in->PositionFrames();
+    const WAVEFORMATEX& f = in->Format();
+    switch (pmmt->wType) {
+    case TIME_SAMPLES:
+        pmmt->u.sample = static_cast<DWORD>(frames);
+        break;
+    case TIME_MS:
+        pmmt->u.ms = static_cast<DWORD>(frames * 1000 / f.nSamplesPerSec);
+        break;
+    default:
+        pmmt->wType = TIME_BYTES;
+        pmmt->u.cb = static_cast<DWORD>(frames * f.nBlockAlign);
+        break;
+    }
+    return MMSYSERR_NOERROR;
+}
