@@ -149,9 +149,9 @@ int RunPerform(int argc, char** argv)
         !CaptureUsesDue(args, bDue) || !args.GetInt("wave-out", nWaveOut, 0, 1023))
         return kExitUsage;
     WaveItems waveItems; // outlives the session, whose players play them
-    for (const std::string& spec : args.GetAll("audio")) {
+    for (const std::string& arg : args.GetAll("audio")) {
         waveItems.push_back(std::make_unique<WaveItem>());
-        if (!ParseAudio(cmd, spec, *waveItems.back())) return kExitUsage;
+        if (!ParseAudio(cmd, arg, *waveItems.back())) return kExitUsage;
     }
     const bool bWave = !waveItems.empty() || args.Has("render");
 
