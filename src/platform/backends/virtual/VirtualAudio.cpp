@@ -21,6 +21,7 @@ namespace {
 constexpr int64_t kTickNs = 5'000'000;  // the sink consumes every 5 ms
 constexpr uint32_t kTargetMs = 20;      // what the mixer keeps queued
 constexpr int64_t kHeaderEveryNs = 1'000'000'000;
+constexpr uint32_t kChunkFrames = 1024;
 
 // A 16-bit stereo WAV file written through the mmio service.
 class CaptureFile {
@@ -133,67 +134,40 @@ public:
 
     void Start() override
     {
-        std::lock_guard<std::mutex> lock(m_ownerLock);
-        if (m_thread.joinable()) return;
-        {
-            std::lock_guard<std::mutex> l(m_lock);
-            m_quit = false;
-        }
-        m_thread = std::thread([this] { Run(); });
+        // What the consumer counts begins anew at every start.
+        m_pacer.Start("qx-vaudio", [this, consumed = uint64_t{0}, lastHeader = int64_t{0}](
+                                       int64_t now, uint64_t due) mutable { Consume(now, due, consumed, lastHeader); });
     }
 
-    void Stop() override
-    {
-        std::lock_guard<std::mutex> lock(m_ownerLock);
-        if (!m_thread.joinable()) return;
-        {
-            std::lock_guard<std::mutex> l(m_lock);
-            m_quit = true;
-        }
-        m_wake.notify_all();
-        m_thread.join();
-    }
+    void Stop() override { m_pacer.Stop(); }
 
     void PrimaryStarted() override { m_captureWanted.store(true); }
 
     uint64_t UnderrunFrames() const override { return m_underruns.load(); }
 
 private:
-    void Run()
+    void Consume(int64_t now, uint64_t due, uint64_t& consumed, int64_t& lastHeader)
     {
-        MakeRealtimeThread("qx-vaudio");
-        std::vector<float> chunk(2 * 1024);
-        const int64_t origin = NowNs();
-        int64_t lastHeader = origin;
-        uint64_t consumed = 0;
-        std::unique_lock<std::mutex> lock(m_lock);
-        while (!m_quit) {
-            lock.unlock();
-            const int64_t now = NowNs();
-            const uint64_t due = static_cast<uint64_t>((now - origin) / 1000) * m_rate / 1000000;
-            if (m_captureWanted.load() && !m_captureTried) {
-                m_captureTried = true;
-                if (!m_capturePath.empty() && !m_capture.Open(m_capturePath, m_rate))
-                    std::fprintf(stderr, "quavix: cannot write the capture of virtual wave output %d to \"%s\"\n",
-                                 m_n, m_capturePath.c_str());
+        if (m_captureWanted.load() && !m_captureTried) {
+            m_captureTried = true;
+            if (!m_capturePath.empty() && !m_capture.Open(m_capturePath, m_rate))
+                std::fprintf(stderr, "quavix: cannot write the capture of virtual wave output %d to \"%s\"\n", m_n,
+                             m_capturePath.c_str());
+        }
+        while (consumed < due) {
+            const uint32_t want = static_cast<uint32_t>(std::min<uint64_t>(due - consumed, kChunkFrames));
+            const uint32_t got = m_ring.Read(m_chunk.data(), want);
+            if (got < want) {
+                std::fill(m_chunk.begin() + 2 * got, m_chunk.begin() + 2 * want, 0.0f);
+                m_underruns.fetch_add(want - got);
             }
-            while (consumed < due) {
-                const uint32_t want = static_cast<uint32_t>(std::min<uint64_t>(due - consumed, 1024));
-                const uint32_t got = m_ring.Read(chunk.data(), want);
-                if (got < want) {
-                    std::fill(chunk.begin() + 2 * got, chunk.begin() + 2 * want, 0.0f);
-                    m_underruns.fetch_add(want - got);
-                }
-                if (m_captureTried) m_capture.Write(chunk.data(), want);
-                consumed += want;
-            }
-            if (m_capture.IsOpen() && now - lastHeader >= kHeaderEveryNs) {
-                m_capture.RefreshHeader();
-                lastHeader = now;
-            }
-            lock.lock();
-            const int64_t next = origin + ((now - origin) / kTickNs + 1) * kTickNs;
-            m_wake.wait_for(lock, std::chrono::nanoseconds(next - NowNs()), [this] { return m_quit; });
+            if (m_captureTried) m_capture.Write(m_chunk.data(), want);
+            consumed += want;
+        }
+        if (lastHeader == 0) lastHeader = now;
+        if (m_capture.IsOpen() && now - lastHeader >= kHeaderEveryNs) {
+            m_capture.RefreshHeader();
+            lastHeader = now;
         }
     }
 
@@ -207,11 +181,8 @@ private:
     CaptureFile m_capture;
     bool m_captureTried = false;
 
-    std::mutex m_ownerLock; // Start and Stop
-    std::mutex m_lock;
-    std::condition_variable m_wake;
-    bool m_quit = false; // under m_lock
-    std::thread m_thread;
+    std::vector<float> m_chunk = std::vector<float>(2 * kChunkFrames); // the consumer thread's
+    VirtualPacer m_pacer{m_rate, kTickNs};                              // last: stopped first
 };
 
 } // namespace
@@ -242,6 +213,44 @@ std::string VirtualCapturePath(const char* pszPattern, int n)
         }
     }
     return out;
+}
+
+void VirtualPacer::Start(const char* pszRealtimeName, Step step)
+{
+    std::lock_guard<std::mutex> lock(m_ownerLock);
+    if (m_thread.joinable()) return;
+    {
+        std::lock_guard<std::mutex> l(m_lock);
+        m_quit = false;
+    }
+    m_thread = std::thread([this, pszRealtimeName, step = std::move(step)] { Run(pszRealtimeName, step); });
+}
+
+void VirtualPacer::Stop()
+{
+    std::lock_guard<std::mutex> lock(m_ownerLock);
+    if (!m_thread.joinable()) return;
+    {
+        std::lock_guard<std::mutex> l(m_lock);
+        m_quit = true;
+    }
+    m_wake.notify_all();
+    m_thread.join();
+}
+
+void VirtualPacer::Run(const char* pszRealtimeName, const Step& step)
+{
+    if (pszRealtimeName != nullptr) MakeRealtimeThread(pszRealtimeName);
+    const int64_t origin = NowNs();
+    std::unique_lock<std::mutex> lock(m_lock);
+    while (!m_quit) {
+        lock.unlock();
+        const int64_t now = NowNs();
+        step(now, static_cast<uint64_t>((now - origin) / 1000) * m_rate / 1000000);
+        lock.lock();
+        const int64_t next = origin + ((now - origin) / m_tickNs + 1) * m_tickNs;
+        m_wake.wait_for(lock, std::chrono::nanoseconds(next - NowNs()), [this] { return m_quit; });
+    }
 }
 
 MMRESULT OpenVirtualAudioOut(int n, std::unique_ptr<AudioOutPort>& port)

@@ -150,26 +150,10 @@ public:
 
     void Start() override
     {
-        std::lock_guard<std::mutex> lock(m_ownerLock);
-        if (m_thread.joinable()) return;
-        {
-            std::lock_guard<std::mutex> l(m_lock);
-            m_quit = false;
-        }
-        m_thread = std::thread([this] { Run(); });
+        m_pacer.Start(nullptr, [this, produced = uint64_t{0}](int64_t, uint64_t due) mutable { Produce(due, produced); });
     }
 
-    void Stop() override
-    {
-        std::lock_guard<std::mutex> lock(m_ownerLock);
-        if (!m_thread.joinable()) return;
-        {
-            std::lock_guard<std::mutex> l(m_lock);
-            m_quit = true;
-        }
-        m_wake.notify_all();
-        m_thread.join();
-    }
+    void Stop() override { m_pacer.Stop(); }
 
 private:
     // The next frames of the signal; the position runs on across Stop and Start.
@@ -190,25 +174,14 @@ private:
         }
     }
 
-    void Run()
+    void Produce(uint64_t due, uint64_t& produced)
     {
-        const int64_t origin = NowNs();
-        uint64_t produced = 0;
-        std::unique_lock<std::mutex> lock(m_lock);
-        while (!m_quit) {
-            lock.unlock();
-            const int64_t now = NowNs();
-            const uint64_t due = static_cast<uint64_t>((now - origin) / 1000) * m_rate / 1000000;
-            while (produced < due) {
-                const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(due - produced, 1024));
-                Generate(m_chunk.data(), n);
-                const uint32_t put = m_ring.Write(m_chunk.data(), n);
-                if (put < n) m_overruns.fetch_add(n - put);
-                produced += n;
-            }
-            lock.lock();
-            const int64_t next = origin + ((now - origin) / kTickNs + 1) * kTickNs;
-            m_wake.wait_for(lock, std::chrono::nanoseconds(next - NowNs()), [this] { return m_quit; });
+        while (produced < due) {
+            const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(due - produced, 1024));
+            Generate(m_chunk.data(), n);
+            const uint32_t put = m_ring.Write(m_chunk.data(), n);
+            if (put < n) m_overruns.fetch_add(n - put);
+            produced += n;
         }
     }
 
@@ -220,11 +193,7 @@ private:
     uint64_t m_pos = 0;              // the source thread's while it runs
     std::atomic<uint64_t> m_overruns{0};
 
-    std::mutex m_ownerLock; // Start and Stop
-    std::mutex m_lock;
-    std::condition_variable m_wake;
-    bool m_quit = false; // under m_lock
-    std::thread m_thread;
+    VirtualPacer m_pacer{m_rate, kTickNs}; // last: stopped first
 };
 
 } // namespace
