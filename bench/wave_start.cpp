@@ -1,8 +1,11 @@
 // Start lateness of wave events handed by a performance: each period, one click at a
 // random moment of it goes to the manager as a time-stamped wave data event; the
 // virtual wave output's capture (which starts with the primary buffer, at StartDevices)
-// is then searched for each click's onset. Prints onset - time stamp (a constant sink
-// latency plus the jitter) and the jitter alone: the same less its median.
+// is then searched for each click's onset. Prints onset - time stamp and the jitter
+// alone: the same less its median. The player starts each click early by the output's
+// declared latency, which the virtual output keeps exactly, so the median is only where
+// the capture began against the performance's start (under a tick); the jitter is what
+// the start's way down to DirectSound adds (the player's timer, the manager's thread).
 //
 //   wave_start [--seconds N, default 20]
 #include <quavix/Quavix.h>

@@ -116,8 +116,20 @@ public:
     // Frames the port had to fill with silence because the ring ran dry while running.
     virtual uint64_t UnderrunFrames() const { return 0; }
     // Frames from the mixer's start of a sound to its first frame leaving the port, on
-    // average, for ports that know it; 0 (unknown) leaves wave starts uncompensated.
+    // average (exactly, with a clock), for ports that know it; 0 (unknown) leaves wave
+    // starts uncompensated.
     virtual uint32_t LatencyFrames() const { return 0; }
+    // The port's clock, for a port that has an exact one: *pFrame is the ring position
+    // (frames read from Ring() since it was made) that the port consumes at time ns of
+    // NowNs(). A sound started at time t then begins at ring position clock(t) +
+    // LatencyFrames(), which must cover TargetFrames() plus one mix block (5 ms) for a
+    // start never to come late. False: no clock, a sound begins with the next frame mixed.
+    virtual bool RingPositionAt(int64_t ns, int64_t* pFrame) const
+    {
+        (void)ns;
+        (void)pFrame;
+        return false;
+    }
 };
 
 // An open audio input. Between Start and Stop the source's own thread (or real-time
@@ -131,7 +143,8 @@ public:
     virtual AudioRing& Ring() = 0;
     virtual void Start() = 0;
     virtual void Stop() = 0;
-    // Frames dropped because the ring was full.
+    // Frames dropped because the ring was full (and, for sources that learn of them, frames
+    // the device itself lost to an overrun).
     virtual uint64_t OverrunFrames() const { return 0; }
 };
 

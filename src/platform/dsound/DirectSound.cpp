@@ -133,6 +133,7 @@ public:
     HRESULT Lock(DWORD dwOffset, DWORD dwBytes, LPVOID* pp1, LPDWORD pb1, LPVOID* pp2, LPDWORD pb2,
                  DWORD dwFlags) override;
     HRESULT Play(DWORD dwReserved1, DWORD dwPriority, DWORD dwFlags) override;
+    HRESULT PlayAt(DWORD dwReserved1, DWORD dwPriority, DWORD dwFlags, int64_t startNs);
     HRESULT SetCurrentPosition(DWORD dwPos) override;
     HRESULT SetFormat(LPCWAVEFORMATEX) override
     {
@@ -591,10 +592,15 @@ HRESULT SecondaryBuffer::Unlock(LPVOID p1, DWORD b1, LPVOID p2, DWORD b2)
 
 HRESULT SecondaryBuffer::Play(DWORD dwReserved1, DWORD dwPriority, DWORD dwFlags)
 {
+    return PlayAt(dwReserved1, dwPriority, dwFlags, NowNs());
+}
+
+HRESULT SecondaryBuffer::PlayAt(DWORD dwReserved1, DWORD dwPriority, DWORD dwFlags, int64_t startNs)
+{
     QX_DS_FAULT("IDirectSoundBuffer::Play");
     if (dwReserved1 != 0) return DSERR_INVALIDPARAM;
     if (dwPriority != 0 && !(m_flags & DSBCAPS_LOCDEFER)) return DSERR_INVALIDPARAM;
-    m_voice.Play((dwFlags & DSBPLAY_LOOPING) != 0);
+    m_voice.Play((dwFlags & DSBPLAY_LOOPING) != 0, startNs);
     m_device->Activate(false);
     return DS_OK;
 }
@@ -769,6 +775,13 @@ bool DirectSoundTakePeak(LPDIRECTSOUND pDS, float* pLeft, float* pRight)
     if (pLeft != nullptr) *pLeft = l;
     if (pRight != nullptr) *pRight = r;
     return true;
+}
+
+HRESULT DirectSoundPlayBufferAt(LPDIRECTSOUNDBUFFER pBuffer, DWORD dwFlags, int64_t startNs)
+{
+    if (pBuffer == nullptr) return DSERR_INVALIDPARAM;
+    if (auto* secondary = dynamic_cast<SecondaryBuffer*>(pBuffer)) return secondary->PlayAt(0, 0, dwFlags, startNs);
+    return pBuffer->Play(0, 0, dwFlags);
 }
 
 DWORD DirectSoundOutputLatencyFrames(LPDIRECTSOUND pDS, DWORD* pRate)

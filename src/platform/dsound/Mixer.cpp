@@ -517,13 +517,15 @@ Voice::Voice(const SourceFormat& format, DWORD dwBytes)
 
 Voice::~Voice() = default;
 
-bool Voice::Play(bool bLooping)
+bool Voice::Play(bool bLooping, int64_t startNs)
 {
     std::lock_guard<std::mutex> lock(m_lock);
     m_looping = bLooping;
     if (m_playing) return false;
     m_playing = true;
     ++m_generation;
+    m_startNs = startNs;
+    m_startPending = true;
     return true;
 }
 
@@ -704,7 +706,7 @@ void Mixer::Render(float* pOut, uint32_t nFrames)
     }
 }
 
-void Mixer::MixBlock(float* pOut, uint32_t nFrames)
+void Mixer::MixBlock(float* pOut, uint32_t nFrames, const BlockClock* pClock)
 {
     {
         std::lock_guard<std::mutex> lock(m_listLock);
@@ -713,7 +715,7 @@ void Mixer::MixBlock(float* pOut, uint32_t nFrames)
     }
     std::fill(pOut, pOut + size_t{nFrames} * 2, 0.0f);
     if (!m_paused.load(std::memory_order_relaxed))
-        for (Voice* v : m_snapshot) MixVoice(*v, pOut, nFrames);
+        for (Voice* v : m_snapshot) MixVoice(*v, pOut, nFrames, pClock);
     const float ml = m_masterL.load(std::memory_order_relaxed), mr = m_masterR.load(std::memory_order_relaxed);
     if (ml != 1.0f || mr != 1.0f) {
         for (uint32_t i = 0; i < nFrames; ++i) {
@@ -750,13 +752,15 @@ void Mixer::TakePeak(float& left, float& right)
     std::memcpy(&right, &r, sizeof right);
 }
 
-void Mixer::MixVoice(Voice& v, float* pOut, uint32_t nFrames)
+void Mixer::MixVoice(Voice& v, float* pOut, uint32_t nFrames, const BlockClock* pClock)
 {
     uint32_t generation;
     uint64_t pos;
     bool looping;
     float gl, gr;
     DWORD freq;
+    bool starting;
+    int64_t startNs;
     {
         std::lock_guard<std::mutex> lock(v.m_lock);
         if (!v.m_playing) return;
@@ -766,6 +770,20 @@ void Mixer::MixVoice(Voice& v, float* pOut, uint32_t nFrames)
         gl = v.m_gainL;
         gr = v.m_gainR;
         freq = v.m_freq == 0 ? v.m_format.rate : v.m_freq;
+        starting = v.m_startPending;
+        startNs = v.m_startNs;
+    }
+    // A voice's first frame goes where the port will sound it a constant latency after
+    // its start: later in this block, or in a later one (its cursor waits till then). A
+    // start already past (a paused mix, a late mixer) sounds at once.
+    int64_t startFrame = 0;
+    if (starting && pClock != nullptr && pClock->port->RingPositionAt(startNs, &startFrame)) {
+        const int64_t offset = startFrame + pClock->port->LatencyFrames() - pClock->firstFrame;
+        if (offset >= static_cast<int64_t>(nFrames)) return;
+        if (offset > 0) {
+            pOut += 2 * offset;
+            nFrames -= static_cast<uint32_t>(offset);
+        }
     }
     const SourceFormat& fmt = v.m_format;
     const uint64_t frames = v.m_frames;
@@ -838,6 +856,7 @@ void Mixer::MixVoice(Voice& v, float* pOut, uint32_t nFrames)
     const uint64_t newPos = pos + step * n;
     std::lock_guard<std::mutex> lock(v.m_lock);
     if (v.m_generation != generation) return; // stopped, restarted or moved meanwhile
+    v.m_startPending = false;
     const uint64_t ba = fmt.blockAlign, size = frames * ba;
     const uint64_t c0 = (pos >> 32) * ba;
     if (ended) {
@@ -887,6 +906,9 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
     auto target = [&] { return std::min(std::max(pPort->TargetFrames(), m_blockFrames), ring.Capacity() - m_blockFrames); };
     std::vector<float> block(size_t{m_blockFrames} * 2);
     const auto nap = std::chrono::microseconds(std::max<int64_t>(500, int64_t{m_blockFrames} * 500000 / m_rate));
+    // Every block goes into the ring whole (the target leaves a block free), so the
+    // frames written are the ring's write position.
+    BlockClock clock{pPort, 0};
     std::unique_lock<std::mutex> lock(m_threadLock);
     while (!m_quit) {
         const uint32_t readable = ring.Readable(), want = target();
@@ -895,8 +917,8 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
             // whole block on top of a nearly full ring would add up to 5 ms of latency.
             const uint32_t n = std::min(m_blockFrames, std::max(want - readable, std::min(kMinMixFrames, m_blockFrames)));
             lock.unlock();
-            MixBlock(block.data(), n);
-            ring.Write(block.data(), n);
+            MixBlock(block.data(), n, &clock);
+            clock.firstFrame += ring.Write(block.data(), n);
             lock.lock();
             continue;
         }

@@ -18,6 +18,10 @@
 //   from c0 to c1 when o lies in (c0, c1] around the ring. DSBPN_OFFSETSTOP fires on
 //   Stop of a playing buffer and when a buffer played once reaches its end (its cursor
 //   then returns to 0). Positions fire on the mixer thread.
+// - On a sink with a clock (the virtual outputs) a buffer's sound begins exactly the
+//   sink's latency after its Play (or the start time DirectSoundPlayBufferAt hands
+//   down), at that frame inside the mix block; until then its cursor stays. Elsewhere
+//   it begins with the next frame mixed.
 // - Lock, Unlock, the setters and getters take a per-buffer lock that the mixer holds
 //   only while it copies parameters or moves the cursor, never while it mixes. Release
 //   of a buffer waits for the mix block in progress (at most one block).
@@ -28,6 +32,8 @@
 #define QUAVIX_PLATFORM_DSOUND_QXDSOUND_H
 
 #include <quavix/QXWinTypes.h>
+
+#include <cstdint>
 
 struct IUnknown {
     virtual HRESULT QueryInterface(REFIID riid, LPVOID* ppvObject) = 0;
@@ -117,6 +123,12 @@ bool DirectSoundTakePeak(LPDIRECTSOUND pDS, float* pLeft, float* pRight);
 // Frames from a buffer's Play to its first frame leaving the sink, on average, and the
 // sink's rate in *pRate. 0 where the sink does not say, and for an offline or null device.
 DWORD DirectSoundOutputLatencyFrames(LPDIRECTSOUND pDS, DWORD* pRate);
+
+// Play (dwFlags as there) of a sound whose start time is startNs of NowNs() rather than
+// the moment of the call: on a sink with a clock it begins the sink's latency after
+// startNs, also when that is still to come (a caller that hands down its due time early
+// takes its own wake-up delay out of the start). A primary buffer just plays.
+HRESULT DirectSoundPlayBufferAt(LPDIRECTSOUNDBUFFER pBuffer, DWORD dwFlags, int64_t startNs);
 
 // Device objects and buffers alive in the whole process, for tests that check that
 // nothing is left behind.

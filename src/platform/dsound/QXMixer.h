@@ -60,8 +60,9 @@ public:
     DWORD Frames() const { return m_frames; }
     BYTE* Data() { return m_data.get(); }
 
-    // Application side. Play returns true when the voice was stopped before.
-    bool Play(bool bLooping);
+    // Application side. Play returns true when the voice was stopped before; a voice
+    // that starts sounds from startNs (NowNs() time) on, as the port's clock places it.
+    bool Play(bool bLooping, int64_t startNs);
     // Returns true when it was playing (then the stop event has been signalled).
     bool Stop();
     bool Playing() const;
@@ -93,6 +94,8 @@ private:
     bool m_looping = false;
     uint32_t m_generation = 0; // changes on every Play, Stop and position set
     uint64_t m_pos = 0;        // frames, 32.32 fixed point, below m_frames
+    int64_t m_startNs = 0;     // when the last Play started it
+    bool m_startPending = false; // not mixed since that Play
     LONG m_volume = 0;
     LONG m_pan = 0;
     DWORD m_freq = 0;
@@ -140,7 +143,9 @@ public:
     // turns the meter on (0 until then): a mixer nobody meters spends nothing on it.
     void TakePeak(float& left, float& right);
 
-    // The mixer thread keeps the port's ring filled to its target until StopThread.
+    // The mixer thread keeps the port's ring filled to its target until StopThread. It
+    // counts the ring's frames from the first it writes, so a port with a clock comes
+    // to it with a ring never written (a device starts its mixer once, on its own port).
     void StartThread(AudioOutPort* pPort);
     void StopThread();
     bool ThreadRunning() const { return m_thread.joinable(); }
@@ -148,8 +153,13 @@ public:
     static constexpr size_t kMaxVoices = 4096;
 
 private:
-    void MixBlock(float* pOut, uint32_t nFrames);
-    void MixVoice(Voice& v, float* pOut, uint32_t nFrames);
+    // Where a block lands in a port's ring, to start voices at their frame in it.
+    struct BlockClock {
+        const AudioOutPort* port;
+        int64_t firstFrame; // the ring position of the block's first frame
+    };
+    void MixBlock(float* pOut, uint32_t nFrames, const BlockClock* pClock = nullptr);
+    void MixVoice(Voice& v, float* pOut, uint32_t nFrames, const BlockClock* pClock);
     void ThreadMain(AudioOutPort* pPort);
 
     DWORD m_rate;

@@ -1,14 +1,149 @@
-// The lock-free ring between a mixer and its sink, and the virtual outputs' settings.
+// The lock-free ring between a mixer and its sink, where the mixer starts a sound in
+// it, and the virtual outputs' settings.
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/virtual/QXVirtualAudio.h"
+#include "platform/dsound/QXMixer.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <thread>
 #include <vector>
 
 using qxplat::AudioRing;
+
+namespace {
+
+// A port the test consumes by hand. With a clock, the ring position consumed at time t
+// is t itself, so a start time names the frame a sound must begin at.
+class HandPort final : public qxplat::AudioOutPort {
+public:
+    explicit HandPort(bool clocked) : m_clocked(clocked) {}
+    DWORD Rate() const override { return 48000; }
+    uint32_t TargetFrames() const override { return 960; }
+    AudioRing& Ring() override { return m_ring; }
+    void Start() override {}
+    void Stop() override {}
+    uint32_t LatencyFrames() const override { return kLatency; }
+    bool RingPositionAt(int64_t ns, int64_t* pFrame) const override
+    {
+        if (m_clocked) *pFrame = ns;
+        return m_clocked;
+    }
+
+    static constexpr int64_t kLatency = 1200;
+
+    // The left channel of the next n frames, as the mixer refills what is taken.
+    std::vector<float> Take(uint32_t n)
+    {
+        std::vector<float> left, chunk(2 * 100);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (left.size() < n && std::chrono::steady_clock::now() < deadline) {
+            const uint32_t want = std::min<uint32_t>(100, n - static_cast<uint32_t>(left.size()));
+            const uint32_t got = m_ring.Read(chunk.data(), want);
+            for (uint32_t i = 0; i < got; ++i) left.push_back(chunk[2 * i]);
+            if (got == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return left;
+    }
+
+    bool WaitFull()
+    {
+        for (int i = 0; i < 10000 && m_ring.Readable() < TargetFrames(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return m_ring.Readable() == TargetFrames();
+    }
+
+private:
+    AudioRing m_ring{4096};
+    const bool m_clocked;
+};
+
+// A mono 16-bit voice at 48 kHz holding a constant level.
+std::unique_ptr<qxplat::ds::Voice> ConstantVoice(int16_t level, DWORD frames)
+{
+    WAVEFORMATEX f{};
+    f.wFormatTag = WAVE_FORMAT_PCM;
+    f.nChannels = 1;
+    f.nSamplesPerSec = 48000;
+    f.wBitsPerSample = 16;
+    f.nBlockAlign = 2;
+    f.nAvgBytesPerSec = 96000;
+    qxplat::ds::SourceFormat fmt;
+    EXPECT_TRUE(qxplat::ds::ParseFormat(&f, fmt));
+    auto v = std::make_unique<qxplat::ds::Voice>(fmt, frames * 2);
+    for (DWORD i = 0; i < frames; ++i) std::memcpy(v->Data() + 2 * i, &level, 2);
+    return v;
+}
+
+// The frames from a level's first appearance to one past its last.
+std::pair<size_t, size_t> Span(const std::vector<float>& x, float level)
+{
+    size_t first = x.size(), last = 0;
+    for (size_t i = 0; i < x.size(); ++i)
+        if (std::fabs(x[i] - level) < 1e-6f) {
+            first = std::min(first, i);
+            last = i;
+        }
+    return {first, last + 1};
+}
+
+} // namespace
+
+// Both voices are started while the ring stands full at its 960 frames: one whose start
+// lies 1077 frames into the future, one whose start has long passed.
+TEST(DSoundSink, AClockedPortStartsEachVoiceAtItsFrameInsideTheBlock)
+{
+    HandPort port(true);
+    auto later = ConstantVoice(16384, 500), past = ConstantVoice(8192, 100);
+    qxplat::ds::Mixer mixer(48000, qxplat::Resampler::Cubic); // stops its thread before they go
+    ASSERT_TRUE(mixer.AddVoice(later.get()) && mixer.AddVoice(past.get()));
+    mixer.StartThread(&port);
+    ASSERT_TRUE(port.WaitFull());
+    later->Play(false, 2037 - HandPort::kLatency);
+    past->Play(false, -100000);
+    std::vector<float> left = port.Take(1000);
+    // Mixed up to frame 1960 now: the later voice waits, its cursor where it was.
+    DWORD cursor = 1;
+    later->GetPositions(0, &cursor, nullptr);
+    EXPECT_EQ(cursor, 0u);
+    EXPECT_TRUE(later->Playing());
+    const std::vector<float> rest = port.Take(2000);
+    left.insert(left.end(), rest.begin(), rest.end());
+    mixer.StopThread();
+    ASSERT_EQ(left.size(), 3000u);
+    // 2037 is in the middle of a block of the mixer's: the voice begins on that frame.
+    EXPECT_EQ(Span(left, 0.5f), std::make_pair(size_t{2037}, size_t{2537}));
+    // A start already past sounds with the next frame mixed.
+    EXPECT_EQ(Span(left, 0.25f), std::make_pair(size_t{960}, size_t{1060}));
+    for (size_t i : {size_t{0}, size_t{959}, size_t{1060}, size_t{2036}, size_t{2537}, size_t{2999}})
+        EXPECT_EQ(left[i], 0.0f) << i;
+    EXPECT_FALSE(later->Playing());
+}
+
+TEST(DSoundSink, APortWithoutAClockStartsEveryVoiceWithTheNextFrameMixed)
+{
+    HandPort port(false);
+    auto later = ConstantVoice(16384, 500), past = ConstantVoice(8192, 100);
+    qxplat::ds::Mixer mixer(48000, qxplat::Resampler::Cubic); // stops its thread before they go
+    ASSERT_TRUE(mixer.AddVoice(later.get()) && mixer.AddVoice(past.get()));
+    mixer.StartThread(&port);
+    ASSERT_TRUE(port.WaitFull());
+    later->Play(false, 2037 - HandPort::kLatency);
+    past->Play(false, -100000);
+    const std::vector<float> left = port.Take(3000);
+    mixer.StopThread();
+    ASSERT_EQ(left.size(), 3000u);
+    EXPECT_EQ(Span(left, 0.75f), std::make_pair(size_t{960}, size_t{1060}));
+    EXPECT_EQ(Span(left, 0.5f), std::make_pair(size_t{1060}, size_t{1460}));
+    EXPECT_EQ(left[959], 0.0f);
+    EXPECT_EQ(left[1460], 0.0f);
+}
 
 TEST(DSoundSink, RingKeepsOrderAcrossItsWrapAndRefusesWhatDoesNotFit)
 {
@@ -85,9 +220,18 @@ TEST(DSoundSink, VirtualOutputSettings)
     ASSERT_EQ(qxplat::OpenVirtualAudioOut(0, port), MMSYSERR_NOERROR);
     EXPECT_EQ(port->Rate(), 48000u);
     EXPECT_GE(port->Ring().Capacity(), port->TargetFrames() + 240);
+    // Its clock starts with it: 20 ms queued and one 5 ms block make its latency.
+    int64_t frame = 0;
+    EXPECT_FALSE(port->RingPositionAt(qxplat::NowNs(), &frame));
+    EXPECT_EQ(port->LatencyFrames(), 1200u);
     // Started with nothing queued, it plays silence and counts what it missed.
     port->Start();
+    const int64_t now = qxplat::NowNs();
+    int64_t later = 0;
+    ASSERT_TRUE(port->RingPositionAt(now, &frame) && port->RingPositionAt(now + 1'000'000'000, &later));
+    EXPECT_EQ(later - frame, 48000) << "the ring's frames follow at the rate";
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     port->Stop();
     EXPECT_GT(port->UnderrunFrames(), 0u);
+    EXPECT_FALSE(port->RingPositionAt(qxplat::NowNs(), &frame)) << "a stopped port has no clock";
 }

@@ -1,6 +1,7 @@
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "platform/dsound/QXDSound.h"
 
 #include <gtest/gtest.h>
 
@@ -492,6 +493,183 @@ TEST_F(WaveInTest, FileSourceComesBackSampleExact)
 
     setenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE", "file:/nonexistent/x.wav", 1);
     EXPECT_NE(waveInOpen(&h, 0, &f, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
+}
+
+// ---- The loopback source: virtual wave input 0 hears what wave output 0 plays ----
+
+class WaveInLoopbackTest : public WaveInTest {
+protected:
+    void SetUp() override
+    {
+        WaveInTest::SetUp();
+        setenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE", "loopback", 1);
+    }
+};
+
+// Output 0 through DirectSound, looping one second of 997 Hz on the left at half scale
+// and 1499 Hz on the right at a quarter: whole cycles, so the loop has no seam, and a
+// lost or repeated frame anywhere puts every later one out of place.
+struct LoopedTone {
+    static constexpr DWORD kFrames = 48000;
+    LPDIRECTSOUND ds = nullptr;
+    LPDIRECTSOUNDBUFFER buffer = nullptr;
+    std::vector<int16_t> pcm = std::vector<int16_t>(2 * kFrames);
+
+    LoopedTone()
+    {
+        const double w = 2 * std::numbers::pi / 48000;
+        for (DWORD i = 0; i < kFrames; ++i) {
+            pcm[2 * i] = static_cast<int16_t>(std::lround(16384 * std::sin(w * 997 * i)));
+            pcm[2 * i + 1] = static_cast<int16_t>(std::lround(8192 * std::sin(w * 1499 * i)));
+        }
+        EXPECT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
+        if (ds == nullptr) return;
+        WAVEFORMATEX f = Pcm(48000, 2, 16);
+        DSBUFFERDESC d{};
+        d.dwSize = sizeof d;
+        d.dwBufferBytes = 4 * kFrames;
+        d.lpwfxFormat = &f;
+        EXPECT_EQ(ds->CreateSoundBuffer(&d, &buffer, nullptr), DS_OK);
+        LPVOID p1 = nullptr, p2 = nullptr;
+        DWORD b1 = 0, b2 = 0;
+        if (buffer == nullptr || buffer->Lock(0, 0, &p1, &b1, &p2, &b2, DSBLOCK_ENTIREBUFFER) != DS_OK) return;
+        std::memcpy(p1, pcm.data(), b1);
+        EXPECT_EQ(buffer->Unlock(p1, b1, p2, b2), DS_OK);
+    }
+    ~LoopedTone() { Close(); }
+    void Play() { ASSERT_EQ(buffer->Play(0, 0, DSBPLAY_LOOPING), DS_OK); }
+    // The device goes with its last buffer, and its output with it.
+    void Close()
+    {
+        if (buffer != nullptr) buffer->Release();
+        if (ds != nullptr) {
+            EXPECT_EQ(ds->Release(), 0u);
+        }
+        buffer = nullptr;
+        ds = nullptr;
+    }
+};
+
+// The 16-bit stereo frames the buffers recorded, in order.
+std::vector<int16_t> Recorded(const Buffers& bufs)
+{
+    std::vector<int16_t> out;
+    for (auto& b : bufs) {
+        const auto* p = reinterpret_cast<const int16_t*>(b->data.data());
+        out.insert(out.end(), p, p + b->hdr.dwBytesRecorded / 2);
+    }
+    return out;
+}
+
+// Frames of [from, to) with any sound in them.
+size_t Sounding(const std::vector<int16_t>& x, size_t from, size_t to)
+{
+    size_t n = 0;
+    for (size_t i = from; i < to && 2 * i + 1 < x.size(); ++i) n += x[2 * i] != 0 || x[2 * i + 1] != 0;
+    return n;
+}
+
+TEST_F(WaveInLoopbackTest, HearsWhatOutputZeroPlaysFrameByFrame)
+{
+    Calls calls;
+    Buffers bufs;
+    const WAVEFORMATEX f = Pcm(48000, 2, 16);
+    HWAVEIN h = OpenQueued(f, calls, {192000, 192000, 192000, 192000}, bufs); // four seconds
+    ASSERT_EQ(waveInStart(h), MMSYSERR_NOERROR);
+    LoopedTone tone;
+    tone.Play();
+    ASSERT_TRUE(calls.WaitFor(WIM_DATA, 4));
+    ASSERT_EQ(waveInReset(h), MMSYSERR_NOERROR);
+    ASSERT_EQ(waveInClose(h), MMSYSERR_NOERROR);
+    tone.Close();
+
+    const std::vector<int16_t> got = Recorded(bufs);
+    ASSERT_EQ(got.size(), 2u * 4 * 48000);
+    size_t first = 0;
+    while (2 * first < got.size() && got[2 * first] == 0 && got[2 * first + 1] == 0) ++first;
+    ASSERT_LT(first, 48000u) << "nothing arrived within a second";
+    // The tone's first frame (both sines at 0) lies just before the first sound.
+    size_t off = 0;
+    while (off < LoopedTone::kFrames && std::memcmp(&tone.pcm[2 * off], &got[2 * first], 16 * 4) != 0) ++off;
+    ASSERT_EQ(off, 1u) << "the first frames heard are not the tone's first";
+    const size_t frames = got.size() / 2 - first;
+    ASSERT_GT(frames, 3u * 48000);
+    size_t bad = 0;
+    for (size_t i = 0; i < frames; ++i) {
+        const size_t at = (off + i) % LoopedTone::kFrames;
+        bad += got[2 * (first + i)] != tone.pcm[2 * at] || got[2 * (first + i) + 1] != tone.pcm[2 * at + 1];
+    }
+    EXPECT_EQ(bad, 0u) << "frames out of place, of " << frames;
+    // The same, measured: each side's pitch and level.
+    size_t crossings[2] = {0, 0};
+    int peak[2] = {0, 0};
+    for (size_t i = first + 1; i < got.size() / 2; ++i)
+        for (int c = 0; c < 2; ++c) {
+            crossings[c] += (got[2 * (i - 1) + c] < 0) != (got[2 * i + c] < 0);
+            peak[c] = std::max(peak[c], std::abs(int{got[2 * i + c]}));
+        }
+    EXPECT_NEAR(crossings[0], 2.0 * 997 * frames / 48000, 3.0);
+    EXPECT_NEAR(crossings[1], 2.0 * 1499 * frames / 48000, 3.0);
+    EXPECT_NEAR(peak[0], 16384, 2);
+    EXPECT_NEAR(peak[1], 8192, 2);
+}
+
+TEST_F(WaveInLoopbackTest, SilentWithoutARunningOutputAndEitherSideMayCloseFirst)
+{
+    const WAVEFORMATEX f = Pcm(48000, 2, 16);
+    {
+        // No output at all, then one open that has not started.
+        Calls calls;
+        Buffers bufs;
+        HWAVEIN h = OpenQueued(f, calls, {4 * 9600, 4 * 9600}, bufs);
+        ASSERT_EQ(waveInStart(h), MMSYSERR_NOERROR);
+        ASSERT_TRUE(calls.WaitFor(WIM_DATA, 1));
+        LoopedTone idle;
+        ASSERT_TRUE(calls.WaitFor(WIM_DATA, 2));
+        ASSERT_EQ(waveInClose(h), MMSYSERR_NOERROR);
+        const std::vector<int16_t> got = Recorded(bufs);
+        ASSERT_EQ(got.size(), 2u * 2 * 9600);
+        EXPECT_EQ(Sounding(got, 0, got.size() / 2), 0u);
+    }
+    {
+        // The output comes after the input, plays, and closes while the input records.
+        Calls calls;
+        Buffers bufs;
+        HWAVEIN h = OpenQueued(f, calls, {4 * 48000 * 4}, bufs);
+        ASSERT_EQ(waveInStart(h), MMSYSERR_NOERROR);
+        ASSERT_TRUE(WaitPosition(h, 4 * 48000 / 4));
+        auto tone = std::make_unique<LoopedTone>();
+        tone->Play();
+        const DWORD playedAt = PositionBytes(h) / 4;
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        tone.reset();
+        const DWORD closedAt = PositionBytes(h) / 4;
+        ASSERT_TRUE(WaitPosition(h, (closedAt + 48000 / 4) * 4));
+        ASSERT_EQ(waveInReset(h), MMSYSERR_NOERROR);
+        ASSERT_EQ(waveInClose(h), MMSYSERR_NOERROR);
+        const std::vector<int16_t> got = Recorded(bufs);
+        EXPECT_EQ(Sounding(got, 0, playedAt), 0u);
+        EXPECT_GT(Sounding(got, playedAt, closedAt), 48000u / 10);
+        // A block or two reaches the input after the close, then nothing.
+        EXPECT_EQ(Sounding(got, closedAt + 48000 / 20, got.size() / 2), 0u);
+    }
+    {
+        // The output plays first; one input comes and goes while it plays, and the next
+        // one hears the output afresh.
+        LoopedTone tone;
+        tone.Play();
+        for (int round = 0; round < 2; ++round) {
+            Calls calls;
+            Buffers bufs;
+            HWAVEIN h = OpenQueued(f, calls, {4 * 9600, 4 * 9600}, bufs);
+            ASSERT_EQ(waveInStart(h), MMSYSERR_NOERROR);
+            ASSERT_TRUE(calls.WaitFor(WIM_DATA, 2));
+            ASSERT_EQ(waveInClose(h), MMSYSERR_NOERROR);
+            const std::vector<int16_t> got = Recorded(bufs);
+            EXPECT_GT(Sounding(got, 9600, 2 * 9600), 9000u) << "round " << round;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    }
 }
 
 } // namespace

@@ -12,9 +12,11 @@ Backend& VirtualBackend();
 
 // Virtual audio input n: a source paced by the clock in real time whose signal
 // QUAVIX_VIRTUAL_WAVE_IN_SOURCE chooses (read at each open): "silence", "sine:HZ" (the
-// default is sine:440, at half scale) or "file:PATH" (a WAV file, PCM 8/16/24/32-bit or
-// 32-bit float, mono or stereo, read whole at open and looped; "%d" in PATH becomes n).
-// Sine and silence run at QUAVIX_VIRTUAL_AUDIO_RATE, a file at its own rate.
+// default is sine:440, at half scale), "file:PATH" (a WAV file, PCM 8/16/24/32-bit or
+// 32-bit float, mono or stereo, read whole at open and looped; "%d" in PATH becomes n)
+// or "loopback" (what virtual wave output n plays, its final mix as its capture file
+// would hold it, 10 to 15 ms later; silence while that output is not open or not
+// running). A file runs at its own rate, the others at QUAVIX_VIRTUAL_AUDIO_RATE.
 MMRESULT OpenVirtualAudioIn(int n, std::unique_ptr<AudioInPort>& port);
 
 // Device counts of the virtual backend. They start from QUAVIX_VIRTUAL_DEVICES, e.g.

@@ -65,7 +65,7 @@ public:
         while (n > 0) {
             const uint32_t k = std::min<uint32_t>(n, 256);
             for (uint32_t i = 0; i < 2 * k; ++i) {
-                const float s = std::clamp(frames[i], -1.0f, 1.0f); // the one clip of the mix
+                const float s = std::clamp(frames[i], -1.0f, 1.0f);
                 pcm[i] = static_cast<int16_t>(s < 0 ? s * 32768.0f - 0.5f : s * 32767.0f + 0.5f);
             }
             const LONG cb = static_cast<LONG>(k * 4);
@@ -118,7 +118,7 @@ private:
 class VirtualAudioOut final : public AudioOutPort {
 public:
     VirtualAudioOut(int n, DWORD rate, std::string capturePath)
-        : m_n(n), m_rate(rate), m_ring(rate / 5), m_capturePath(std::move(capturePath))
+        : m_n(n), m_rate(rate), m_ring(rate / 5), m_capturePath(std::move(capturePath)), m_tap(VirtualLoopback(n))
     {
     }
 
@@ -134,19 +134,71 @@ public:
 
     void Start() override
     {
-        // What the consumer counts begins anew at every start.
-        m_pacer.Start("qx-vaudio", [this, consumed = uint64_t{0}, lastHeader = int64_t{0}](
-                                       int64_t now, uint64_t due) mutable { Consume(now, due, consumed, lastHeader); });
+        std::lock_guard<std::mutex> lock(m_ownerLock);
+        if (m_running) return;
+        m_running = true;
+        m_feeding = m_tap != nullptr && m_tap->AttachOutput(this, m_rate);
+        // What the consumer counts begins anew at every start; the ring's position goes on.
+        const int64_t origin = NowNs();
+        PublishClock(origin, m_readTotal);
+        m_pacer.Start(
+            "qx-vaudio",
+            [this, origin, consumed = uint64_t{0}, lastHeader = int64_t{0}](int64_t now, uint64_t due) mutable {
+                Consume(now, due, origin, consumed, lastHeader);
+            },
+            origin);
     }
 
-    void Stop() override { m_pacer.Stop(); }
+    void Stop() override
+    {
+        std::lock_guard<std::mutex> lock(m_ownerLock);
+        if (!m_running) return;
+        m_pacer.Stop();
+        m_running = false;
+        PublishClock(kStopped, 0);
+        if (m_feeding) m_tap->DetachOutput(this);
+        m_feeding = false;
+    }
 
     void PrimaryStarted() override { m_captureWanted.store(true); }
 
     uint64_t UnderrunFrames() const override { return m_underruns.load(); }
 
+    // The target, plus the frames the mixer may add in one block (5 ms) beyond it before
+    // it sees a start: from a start's ring position no mixed frame lies further ahead.
+    uint32_t LatencyFrames() const override { return TargetFrames() + std::max<uint32_t>(1, m_rate / 200); }
+
+    bool RingPositionAt(int64_t ns, int64_t* pFrame) const override
+    {
+        // Written at a start and after an underrun only: a torn read is rare, and after a
+        // few, the answer is "no clock" (a start sounds at once) rather than a spin.
+        for (int tries = 0; tries < 64; ++tries) {
+            const uint32_t seq = m_clockSeq.load();
+            if (seq & 1) continue;
+            const int64_t origin = m_clockOrigin.load(), base = m_clockBase.load();
+            if (m_clockSeq.load() != seq) continue;
+            if (origin == kStopped) return false;
+            *pFrame = base + VirtualPacer::FramesIn(ns - origin, m_rate);
+            return true;
+        }
+        return false;
+    }
+
 private:
-    void Consume(int64_t now, uint64_t due, uint64_t& consumed, int64_t& lastHeader)
+    static constexpr int64_t kStopped = INT64_MIN;
+
+    // One writer at a time: the owner while the pacer is stopped, the pacer's thread
+    // while it runs.
+    void PublishClock(int64_t origin, int64_t base)
+    {
+        const uint32_t seq = m_clockSeq.load();
+        m_clockSeq.store(seq + 1);
+        m_clockOrigin.store(origin);
+        m_clockBase.store(base);
+        m_clockSeq.store(seq + 2);
+    }
+
+    void Consume(int64_t now, uint64_t due, int64_t origin, uint64_t& consumed, int64_t& lastHeader)
     {
         if (m_captureWanted.load() && !m_captureTried) {
             m_captureTried = true;
@@ -154,16 +206,24 @@ private:
                 std::fprintf(stderr, "quavix: cannot write the capture of virtual wave output %d to \"%s\"\n", m_n,
                              m_capturePath.c_str());
         }
+        bool underrun = false;
         while (consumed < due) {
             const uint32_t want = static_cast<uint32_t>(std::min<uint64_t>(due - consumed, kChunkFrames));
             const uint32_t got = m_ring.Read(m_chunk.data(), want);
+            m_readTotal += got;
             if (got < want) {
                 std::fill(m_chunk.begin() + 2 * got, m_chunk.begin() + 2 * want, 0.0f);
                 m_underruns.fetch_add(want - got);
+                underrun = true;
             }
+            // The one clip of the mix, for the capture and a loopback alike.
+            for (uint32_t i = 0; i < 2 * want; ++i) m_chunk[i] = std::clamp(m_chunk[i], -1.0f, 1.0f);
+            if (m_feeding) m_tap->Feed(m_chunk.data(), want);
             if (m_captureTried) m_capture.Write(m_chunk.data(), want);
             consumed += want;
         }
+        // The silence put in moves every later ring frame back by its length.
+        if (underrun) PublishClock(origin, m_readTotal - static_cast<int64_t>(consumed));
         if (lastHeader == 0) lastHeader = now;
         if (m_capture.IsOpen() && now - lastHeader >= kHeaderEveryNs) {
             m_capture.RefreshHeader();
@@ -175,11 +235,22 @@ private:
     const DWORD m_rate;
     AudioRing m_ring;
     const std::string m_capturePath;
+    VirtualLoopbackTap* const m_tap;
     std::atomic<bool> m_captureWanted{false};
     std::atomic<uint64_t> m_underruns{0};
     // The capture belongs to the consumer thread while it runs, to the owner after.
     CaptureFile m_capture;
     bool m_captureTried = false;
+    int64_t m_readTotal = 0; // frames read from the ring: the consumer thread's while it runs
+
+    std::mutex m_ownerLock; // Start and Stop
+    bool m_running = false; // under m_ownerLock
+    bool m_feeding = false; // set before the pacer starts, cleared after it stops
+
+    // The ring position consumed at time t is base + the frames due from origin to t.
+    std::atomic<uint32_t> m_clockSeq{0}; // odd while being written
+    std::atomic<int64_t> m_clockOrigin{kStopped};
+    std::atomic<int64_t> m_clockBase{0};
 
     std::vector<float> m_chunk = std::vector<float>(2 * kChunkFrames); // the consumer thread's
     VirtualPacer m_pacer{m_rate, kTickNs};                              // last: stopped first
@@ -215,7 +286,7 @@ std::string VirtualCapturePath(const char* pszPattern, int n)
     return out;
 }
 
-void VirtualPacer::Start(const char* pszRealtimeName, Step step)
+void VirtualPacer::Start(const char* pszRealtimeName, Step step, int64_t originNs)
 {
     std::lock_guard<std::mutex> lock(m_ownerLock);
     if (m_thread.joinable()) return;
@@ -223,7 +294,16 @@ void VirtualPacer::Start(const char* pszRealtimeName, Step step)
         std::lock_guard<std::mutex> l(m_lock);
         m_quit = false;
     }
-    m_thread = std::thread([this, pszRealtimeName, step = std::move(step)] { Run(pszRealtimeName, step); });
+    m_thread = std::thread(
+        [this, pszRealtimeName, originNs, step = std::move(step)] { Run(pszRealtimeName, originNs, step); });
+}
+
+int64_t VirtualPacer::FramesIn(int64_t elapsedNs, DWORD dwRate)
+{
+    // Whole microseconds, then frames, each rounded down (towards the past).
+    const int64_t us = elapsedNs >= 0 ? elapsedNs / 1000 : -((999 - elapsedNs) / 1000);
+    const int64_t scaled = us * static_cast<int64_t>(dwRate);
+    return scaled >= 0 ? scaled / 1000000 : -((999999 - scaled) / 1000000);
 }
 
 void VirtualPacer::Stop()
@@ -238,19 +318,69 @@ void VirtualPacer::Stop()
     m_thread.join();
 }
 
-void VirtualPacer::Run(const char* pszRealtimeName, const Step& step)
+void VirtualPacer::Run(const char* pszRealtimeName, int64_t origin, const Step& step)
 {
     if (pszRealtimeName != nullptr) MakeRealtimeThread(pszRealtimeName);
-    const int64_t origin = NowNs();
     std::unique_lock<std::mutex> lock(m_lock);
     while (!m_quit) {
         lock.unlock();
         const int64_t now = NowNs();
-        step(now, static_cast<uint64_t>((now - origin) / 1000) * m_rate / 1000000);
+        step(now, static_cast<uint64_t>(std::max<int64_t>(0, FramesIn(now - origin, m_rate))));
         lock.lock();
         const int64_t next = origin + ((now - origin) / m_tickNs + 1) * m_tickNs;
         m_wake.wait_for(lock, std::chrono::nanoseconds(next - NowNs()), [this] { return m_quit; });
     }
+}
+
+bool VirtualLoopbackTap::AttachOutput(const void* pOwner, DWORD dwRate)
+{
+    const void* none = nullptr;
+    if (!m_output.compare_exchange_strong(none, pOwner)) return false;
+    m_rate.store(dwRate);
+    return true;
+}
+
+void VirtualLoopbackTap::DetachOutput(const void* pOwner)
+{
+    if (m_output.load() != pOwner) return;
+    m_rate.store(0);
+    m_output.store(nullptr);
+}
+
+bool VirtualLoopbackTap::AttachInput(const void* pOwner)
+{
+    const void* none = nullptr;
+    return m_input.compare_exchange_strong(none, pOwner);
+}
+
+void VirtualLoopbackTap::DetachInput(const void* pOwner)
+{
+    const void* mine = pOwner;
+    m_input.compare_exchange_strong(mine, nullptr);
+}
+
+void VirtualLoopbackTap::Feed(const float* pFrames, uint32_t nFrames)
+{
+    if (m_input.load() != nullptr) m_ring.Write(pFrames, nFrames);
+}
+
+VirtualLoopbackTap* VirtualLoopback(int n)
+{
+    // As many as the backend can count; made on first use and never freed, so that a
+    // pacer thread can never reach one that has gone.
+    constexpr int kTaps = 64;
+    static std::atomic<VirtualLoopbackTap*> taps[kTaps];
+    static std::mutex making;
+    if (n < 0 || n >= kTaps) return nullptr;
+    VirtualLoopbackTap* tap = taps[n].load();
+    if (tap != nullptr) return tap;
+    std::lock_guard<std::mutex> lock(making);
+    tap = taps[n].load();
+    if (tap == nullptr) {
+        tap = new VirtualLoopbackTap;
+        taps[n].store(tap);
+    }
+    return tap;
 }
 
 MMRESULT OpenVirtualAudioOut(int n, std::unique_ptr<AudioOutPort>& port)

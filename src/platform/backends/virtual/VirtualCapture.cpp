@@ -26,7 +26,7 @@ constexpr int64_t kTickNs = 5'000'000;
 constexpr double kTwoPi = 6.283185307179586476925286766559;
 
 struct Signal {
-    enum Kind { Silence, Sine, File } kind = Sine;
+    enum Kind { Silence, Sine, File, Loopback } kind = Sine;
     double hz = 440.0;
     std::string path;
 };
@@ -38,6 +38,10 @@ Signal ParseSource(const char* pszText, int n)
     const std::string text(pszText);
     if (text == "silence") {
         sig.kind = Signal::Silence;
+        return sig;
+    }
+    if (text == "loopback") {
+        sig.kind = Signal::Loopback;
         return sig;
     }
     if (text.rfind("sine:", 0) == 0) {
@@ -137,8 +141,8 @@ bool ReadWav(const std::string& path, std::vector<float>& frames, DWORD& rate)
 
 class VirtualAudioIn final : public AudioInPort {
 public:
-    VirtualAudioIn(const Signal& sig, DWORD rate, std::vector<float> file)
-        : m_sig(sig), m_rate(rate), m_ring(rate / 2), m_file(std::move(file)), m_chunk(2 * 1024)
+    VirtualAudioIn(const Signal& sig, DWORD rate, std::vector<float> file, VirtualLoopbackTap* pTap)
+        : m_sig(sig), m_rate(rate), m_ring(rate / 2), m_file(std::move(file)), m_tap(pTap), m_chunk(2 * 1024)
     {
     }
 
@@ -150,10 +154,23 @@ public:
 
     void Start() override
     {
+        std::lock_guard<std::mutex> lock(m_ownerLock);
+        if (m_running) return;
+        m_running = true;
+        m_tapped = m_tap != nullptr && m_tap->AttachInput(this);
+        m_tapFresh = true;
         m_pacer.Start(nullptr, [this, produced = uint64_t{0}](int64_t, uint64_t due) mutable { Produce(due, produced); });
     }
 
-    void Stop() override { m_pacer.Stop(); }
+    void Stop() override
+    {
+        std::lock_guard<std::mutex> lock(m_ownerLock);
+        if (!m_running) return;
+        m_pacer.Stop();
+        m_running = false;
+        if (m_tapped) m_tap->DetachInput(this);
+        m_tapped = false;
+    }
 
 private:
     // The next frames of the signal; the position runs on across Stop and Start.
@@ -174,11 +191,41 @@ private:
         }
     }
 
+    // The next frames of the output this input listens to. It takes them a fixed two
+    // ticks behind the output, which absorbs the phase of the two pacers and their
+    // wake-up jitter; both count frames on the same clock at the same rate, so nothing
+    // is dropped or padded while the output runs. Silence while there is nothing (an
+    // output stopped or not open), then it waits for the two ticks again.
+    void TakeLooped(float* out, uint32_t n)
+    {
+        AudioRing& ring = m_tap->Ring();
+        if (m_tapFresh) {
+            ring.Skip(ring.Readable()); // left by an earlier listener
+            m_tapFresh = false;
+            m_primed = false;
+        }
+        uint32_t got = 0;
+        if (!m_primed) {
+            if (m_tap->OutputRate() != m_rate)
+                ring.Skip(ring.Readable()); // nothing to take at this rate
+            else if (ring.Readable() >= n + m_rate / 100)
+                m_primed = true;
+        }
+        if (m_primed) got = ring.Read(out, n);
+        if (got < n) {
+            std::fill(out + 2 * got, out + 2 * n, 0.0f);
+            m_primed = false;
+        }
+    }
+
     void Produce(uint64_t due, uint64_t& produced)
     {
         while (produced < due) {
             const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(due - produced, 1024));
-            Generate(m_chunk.data(), n);
+            if (m_sig.kind == Signal::Loopback && m_tapped)
+                TakeLooped(m_chunk.data(), n);
+            else
+                Generate(m_chunk.data(), n);
             const uint32_t put = m_ring.Write(m_chunk.data(), n);
             if (put < n) m_overruns.fetch_add(n - put);
             produced += n;
@@ -189,9 +236,17 @@ private:
     const DWORD m_rate;
     AudioRing m_ring;
     const std::vector<float> m_file; // stereo frames
+    VirtualLoopbackTap* const m_tap; // for a loopback source
     std::vector<float> m_chunk;      // the source thread's
     uint64_t m_pos = 0;              // the source thread's while it runs
     std::atomic<uint64_t> m_overruns{0};
+
+    std::mutex m_ownerLock; // Start and Stop
+    bool m_running = false; // under m_ownerLock
+    // Set by the owner before the pacer starts, then the source thread's.
+    bool m_tapped = false;
+    bool m_tapFresh = false;
+    bool m_primed = false;
 
     VirtualPacer m_pacer{m_rate, kTickNs}; // last: stopped first
 };
@@ -205,7 +260,8 @@ MMRESULT OpenVirtualAudioIn(int n, std::unique_ptr<AudioInPort>& port)
     std::vector<float> file;
     try {
         if (sig.kind == Signal::File && !ReadWav(sig.path, file, rate)) return MMSYSERR_ERROR;
-        port = std::make_unique<VirtualAudioIn>(sig, rate, std::move(file));
+        VirtualLoopbackTap* tap = sig.kind == Signal::Loopback ? VirtualLoopback(n) : nullptr;
+        port = std::make_unique<VirtualAudioIn>(sig, rate, std::move(file), tap);
     } catch (const std::bad_alloc&) {
         return MMSYSERR_NOMEM;
     }
