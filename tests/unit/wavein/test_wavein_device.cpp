@@ -27,6 +27,13 @@ const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
 // device's thread is not changing them (a quiet device, or inside its own callback).
 class Probe : public CWaveIn {
 public:
+    // The input's thread ends before this class's part goes, as CWaveIn's own
+    // destructor does for it: no message may find the object half destroyed.
+    ~Probe() override
+    {
+        Close();
+        ThreadStop();
+    }
     using CWaveIn::AddState;
     using CWaveIn::DevStart;
     using CWaveIn::m_dwBlockSize;
