@@ -190,7 +190,10 @@ int CWaveIn::AllocateBuffers()
     std::lock_guard<std::mutex> lock(m_mxBuffers);
     if (m_pBlock != nullptr) return 1;
     const DWORD dwLength = m_pFormat->nAvgBytesPerSec >> 1;
-    const DWORD dwSize = 2 * dwLength + 2 * kHeaderSize;
+    // Header 1 follows buffer 0 at the next 8-byte boundary: a 64-bit header holds
+    // pointers, and half a second of audio is seldom a multiple of 8 bytes.
+    const DWORD dwStride = kHeaderSize + ((dwLength + 7) & ~DWORD{7});
+    const DWORD dwSize = dwStride + kHeaderSize + dwLength;
     auto* pBlock = static_cast<BYTE*>(VirtualAlloc(nullptr, dwSize, MEM_COMMIT, PAGE_READWRITE));
     if (pBlock == nullptr) {
         QXNotifyShared(QXN_WAVEIN_VIRTUALALLOC, 0, static_cast<DWORD_PTR>(m_nDevice.load()));
@@ -205,7 +208,7 @@ int CWaveIn::AllocateBuffers()
     m_dwBufferLength = dwLength;
     m_dwBlockSize = dwSize;
     for (int n = 0; n < 2; ++n) {
-        BYTE* p = pBlock + n * (kHeaderSize + dwLength);
+        BYTE* p = pBlock + n * dwStride;
         m_pHeaders[n] = reinterpret_cast<WAVEHDR*>(p);
         std::memset(m_pHeaders[n], 0, kHeaderSize);
         m_pHeaders[n]->lpData = reinterpret_cast<LPSTR>(p + kHeaderSize);

@@ -174,12 +174,12 @@ TEST_F(WaveInDevice, BuffersHoldHalfASecondOfTheFormat)
     EXPECT_EQ(f->nChannels, 1);
     EXPECT_EQ(f->wBitsPerSample, 16);
     EXPECT_EQ(In(0)->m_dwBufferLength, 22050u);
-    EXPECT_EQ(In(0)->m_dwBlockSize, 2 * 22050u + 2 * sizeof(WAVEHDR));
-    // Header 0, buffer 0, header 1, buffer 1, in one block.
+    // Header 0, buffer 0, header 1 (at the next 8-byte boundary), buffer 1, in one block.
+    EXPECT_EQ(In(0)->m_dwBlockSize, 2 * sizeof(WAVEHDR) + 22056u + 22050u);
     BYTE* block = In(0)->m_pBlock;
     EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[0]), block);
     EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[0]->lpData), block + sizeof(WAVEHDR));
-    EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[1]), block + sizeof(WAVEHDR) + 22050);
+    EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[1]), block + sizeof(WAVEHDR) + 22056);
     EXPECT_EQ(In(0)->m_pHeaders[1]->dwBufferLength, 22050u);
     EXPECT_EQ(In(0)->m_nQueuedBuffers, 1) << "opening queues buffer 0";
     EXPECT_EQ(In(0)->m_nNextBuffer, 1);
@@ -192,7 +192,8 @@ TEST_F(WaveInDevice, BuffersHoldHalfASecondOfTheFormat)
         ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &c.f), 1);
         EXPECT_TRUE(State(0) & QX_STATE_OPEN) << "reopened with the new format";
         EXPECT_EQ(In(0)->m_dwBufferLength, c.length);
-        EXPECT_EQ(In(0)->m_dwBlockSize, 2 * c.length + 2 * sizeof(WAVEHDR));
+        EXPECT_EQ(In(0)->m_dwBlockSize, 2 * sizeof(WAVEHDR) + (c.length + 7) / 8 * 8 + c.length);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(In(0)->m_pHeaders[1]) % alignof(WAVEHDR), 0u);
     }
     EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     EXPECT_EQ(In(0)->m_pBlock, nullptr);
