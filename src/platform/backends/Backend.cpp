@@ -51,7 +51,7 @@ std::atomic<BackendEventProc> g_eventProc{nullptr};
     return VirtualBackend();
 }
 
-// MIDI devices from one backend, audio outputs from another.
+// MIDI devices from one backend, audio outputs and inputs from another.
 class WithAudio final : public Backend {
 public:
     WithAudio(Backend& midi, Backend& audio) : m_midi(midi), m_audio(audio) {}
@@ -64,9 +64,13 @@ public:
         return m_midi.OpenMidiIn(n, pSink, port);
     }
     MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port) override { return m_audio.OpenAudioOut(n, port); }
+    MMRESULT OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port) override { return m_audio.OpenAudioIn(n, port); }
 
 private:
-    Backend& Side(DeviceKind kind) { return kind == DeviceKind::WaveOut ? m_audio : m_midi; }
+    Backend& Side(DeviceKind kind)
+    {
+        return kind == DeviceKind::WaveOut || kind == DeviceKind::WaveIn ? m_audio : m_midi;
+    }
     Backend& m_midi;
     Backend& m_audio;
 };

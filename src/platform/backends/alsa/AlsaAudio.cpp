@@ -1,8 +1,10 @@
-// Raw ALSA PCM playback, for machines where no sound server runs. Each open output has
-// a thread of its own that writes whole periods from the ring into the device, in the
-// device's native format (float, 32- or 16-bit), and pads with silence when the ring
-// runs dry. The device is opened non-blocking and the thread waits on it with a time-out,
-// so Stop never waits for a device that stopped moving.
+// Raw ALSA PCM playback and capture, for machines where no sound server runs. Each open
+// output has a thread of its own that writes whole periods from the ring into the
+// device, in the device's native format (float, 32- or 16-bit), and pads with silence
+// when the ring runs dry; each running input has one that reads whole periods and puts
+// them into its ring as float stereo (a mono device as L=R). The device is opened
+// non-blocking and the thread waits on it with a time-out, so Stop never waits for a
+// device that stopped moving.
 #include "platform/backends/alsa/QXAlsa.h"
 
 #include "platform/kernel/QXRealtime.h"
@@ -26,6 +28,8 @@ namespace {
 
 constexpr unsigned kPeriodUs = 10'000;  // the device's period
 constexpr unsigned kPeriods = 3;        // periods in its buffer: 30 ms
+// A capture buffer adds no latency, only room for a reader that was held up.
+constexpr unsigned kCapturePeriods = 8;
 constexpr int kWaitMs = 50;             // how long the thread waits for the device at most
 constexpr uint32_t kPreferredRate = 48000;
 
@@ -51,16 +55,17 @@ bool Listed(const std::string& name)
     return true;
 }
 
-std::vector<PcmEntry> ListPcms()
+std::vector<PcmEntry> ListPcms(bool bCapture)
 {
-    std::vector<PcmEntry> out{{"default", "Default ALSA output"}};
+    const char* const io = bCapture ? "Input" : "Output";
+    std::vector<PcmEntry> out{{"default", bCapture ? "Default ALSA input" : "Default ALSA output"}};
     void** hints = nullptr;
     if (snd_device_name_hint(-1, "pcm", &hints) < 0 || hints == nullptr) return out;
     for (void** h = hints; *h != nullptr; ++h) {
         char* name = snd_device_name_get_hint(*h, "NAME");
         char* desc = snd_device_name_get_hint(*h, "DESC");
         char* ioid = snd_device_name_get_hint(*h, "IOID");
-        if (name != nullptr && (ioid == nullptr || std::strcmp(ioid, "Output") == 0) && Listed(name)) {
+        if (name != nullptr && (ioid == nullptr || std::strcmp(ioid, io) == 0) && Listed(name)) {
             std::string text = desc != nullptr ? desc : name;
             std::replace(text.begin(), text.end(), '\n', ' ');
             out.push_back({name, text + " (" + name + ")"});
@@ -265,23 +270,219 @@ private:
     std::thread m_thread;
 };
 
+// Capture. The thread reads a period whenever one is there; an overrun of the device is
+// recovered with snd_pcm_recover and its lost period counted with the ring's overruns.
+class AlsaPcmIn final : public AudioInPort {
+public:
+    explicit AlsaPcmIn(std::string name) : m_name(std::move(name)), m_ring(32768) {}
+
+    ~AlsaPcmIn() override
+    {
+        Stop();
+        if (m_pcm != nullptr) snd_pcm_close(m_pcm);
+    }
+
+    MMRESULT Open()
+    {
+        const int e = snd_pcm_open(&m_pcm, m_name.c_str(), SND_PCM_STREAM_CAPTURE, SND_PCM_NONBLOCK);
+        if (e < 0) {
+            m_pcm = nullptr;
+            return e == -EBUSY || e == -EAGAIN ? MMSYSERR_ALLOCATED : MMSYSERR_NODRIVER;
+        }
+        snd_pcm_hw_params_t* hw;
+        snd_pcm_hw_params_alloca(&hw);
+        if (snd_pcm_hw_params_any(m_pcm, hw) < 0 ||
+            snd_pcm_hw_params_set_access(m_pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED) < 0)
+            return MMSYSERR_ERROR;
+        m_channels = snd_pcm_hw_params_test_channels(m_pcm, hw, 2) == 0 ? 2 : 1;
+        m_format = SND_PCM_FORMAT_UNKNOWN;
+        for (snd_pcm_format_t f : {SND_PCM_FORMAT_FLOAT_LE, SND_PCM_FORMAT_S32_LE, SND_PCM_FORMAT_S16_LE}) {
+            if (snd_pcm_hw_params_test_format(m_pcm, hw, f) == 0) {
+                m_format = f;
+                break;
+            }
+        }
+        unsigned rate = kPreferredRate, period = kPeriodUs, buffer = kPeriodUs * kCapturePeriods;
+        int dir = 0;
+        if (m_format == SND_PCM_FORMAT_UNKNOWN || snd_pcm_hw_params_set_channels(m_pcm, hw, m_channels) < 0 ||
+            snd_pcm_hw_params_set_format(m_pcm, hw, m_format) < 0 ||
+            snd_pcm_hw_params_set_rate_near(m_pcm, hw, &rate, &dir) < 0 ||
+            snd_pcm_hw_params_set_buffer_time_near(m_pcm, hw, &buffer, &dir) < 0 ||
+            snd_pcm_hw_params_set_period_time_near(m_pcm, hw, &period, &dir) < 0 || snd_pcm_hw_params(m_pcm, hw) < 0)
+            return MMSYSERR_ERROR;
+        snd_pcm_uframes_t periodFrames = 0;
+        snd_pcm_hw_params_get_period_size(hw, &periodFrames, &dir);
+        snd_pcm_sw_params_t* sw;
+        snd_pcm_sw_params_alloca(&sw);
+        if (periodFrames == 0 || periodFrames > 8192 || snd_pcm_sw_params_current(m_pcm, sw) < 0 ||
+            snd_pcm_sw_params_set_avail_min(m_pcm, sw, periodFrames) < 0 || snd_pcm_sw_params(m_pcm, sw) < 0)
+            return MMSYSERR_ERROR;
+        m_rate = rate;
+        m_periodFrames = static_cast<uint32_t>(periodFrames);
+        m_native.assign(size_t{m_periodFrames} * m_channels * 4, 0);
+        m_frames.assign(size_t{m_periodFrames} * 2, 0.0f);
+        return MMSYSERR_NOERROR;
+    }
+
+    DWORD Rate() const override { return m_rate; }
+    AudioRing& Ring() override { return m_ring; }
+    uint64_t OverrunFrames() const override { return m_overrunFrames.load(); }
+
+    void Start() override
+    {
+        std::lock_guard<std::mutex> lock(m_ownerLock);
+        if (m_thread.joinable() || m_dead.load()) return;
+        m_quit.store(false);
+        snd_pcm_prepare(m_pcm);
+        m_thread = std::thread([this] { Run(); });
+    }
+
+    // Joined: the thread writes nothing once this returns. What the device still holds
+    // is dropped with it.
+    void Stop() override
+    {
+        std::lock_guard<std::mutex> lock(m_ownerLock);
+        if (!m_thread.joinable()) return;
+        m_quit.store(true);
+        m_thread.join();
+        snd_pcm_drop(m_pcm);
+    }
+
+private:
+    void Run()
+    {
+        MakeRealtimeThread("qx-alsain");
+        while (!m_quit.load()) {
+            // Prepared: at Start, or after a recovery.
+            if (snd_pcm_state(m_pcm) == SND_PCM_STATE_PREPARED) {
+                const int e = snd_pcm_start(m_pcm);
+                if (e < 0 && !Recover(e)) return Lost();
+            }
+            const snd_pcm_sframes_t avail = snd_pcm_avail_update(m_pcm);
+            if (avail < 0) {
+                if (!Recover(static_cast<int>(avail))) return Lost();
+                continue;
+            }
+            if (static_cast<snd_pcm_uframes_t>(avail) < m_periodFrames) {
+                const int w = snd_pcm_wait(m_pcm, kWaitMs);
+                if (w < 0 && !Recover(w)) return Lost();
+                continue;
+            }
+            const snd_pcm_sframes_t got = snd_pcm_readi(m_pcm, m_native.data(), m_periodFrames);
+            if (got == -EAGAIN) continue;
+            if (got < 0) {
+                if (!Recover(static_cast<int>(got))) return Lost();
+                continue;
+            }
+            Put(static_cast<uint32_t>(got));
+        }
+    }
+
+    // The device's frames as float stereo into the ring.
+    void Put(uint32_t n)
+    {
+        const size_t samples = size_t{n} * m_channels;
+        float* out = m_frames.data();
+        if (m_channels == 2 && m_format == SND_PCM_FORMAT_FLOAT_LE) {
+            std::memcpy(out, m_native.data(), samples * sizeof(float));
+        } else {
+            for (size_t i = 0; i < samples; ++i) {
+                const float v = Sample(i);
+                if (m_channels == 2) {
+                    out[i] = v;
+                } else {
+                    out[2 * i] = v;
+                    out[2 * i + 1] = v;
+                }
+            }
+        }
+        const uint32_t put = m_ring.Write(out, n);
+        if (put < n) m_overrunFrames.fetch_add(n - put);
+    }
+
+    float Sample(size_t i) const
+    {
+        const unsigned char* p = m_native.data();
+        if (m_format == SND_PCM_FORMAT_FLOAT_LE) {
+            float f;
+            std::memcpy(&f, p + 4 * i, 4);
+            return f;
+        }
+        if (m_format == SND_PCM_FORMAT_S32_LE) {
+            int32_t v;
+            std::memcpy(&v, p + 4 * i, 4);
+            return static_cast<float>(v / 2147483648.0);
+        }
+        int16_t v;
+        std::memcpy(&v, p + 2 * i, 2);
+        return v / 32768.0f;
+    }
+
+    // An overrun or a suspend is recovered (a lost period counted); false when the device
+    // is gone.
+    bool Recover(int err)
+    {
+        if (err == -EINTR || err == -EAGAIN) return true;
+        if (err == -EPIPE) {
+            m_overrunFrames.fetch_add(m_periodFrames);
+            if (snd_pcm_recover(m_pcm, err, 1) == 0) return true;
+        } else if (err == -ESTRPIPE) {
+            // snd_pcm_recover would wait for the resume as long as the suspend lasts.
+            for (int i = 0; i < 20 && snd_pcm_resume(m_pcm) == -EAGAIN && !m_quit.load(); ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(kWaitMs));
+            if (snd_pcm_prepare(m_pcm) == 0) return true;
+        }
+        m_dead.store(true);
+        return false;
+    }
+
+    // As the output's: reported once, then the thread waits for Stop.
+    void Lost()
+    {
+        m_dead.store(true);
+        if (!m_reported.exchange(true)) RaiseBackendEvent(BackendEvent::ServerLost, -1, m_name.c_str());
+        while (!m_quit.load()) std::this_thread::sleep_for(std::chrono::milliseconds(kWaitMs));
+    }
+
+    const std::string m_name;
+    snd_pcm_t* m_pcm = nullptr;
+    snd_pcm_format_t m_format = SND_PCM_FORMAT_UNKNOWN;
+    unsigned m_channels = 2;
+    DWORD m_rate = kPreferredRate;
+    uint32_t m_periodFrames = 480;
+    AudioRing m_ring;
+    // The thread's own while it runs:
+    std::vector<unsigned char> m_native;
+    std::vector<float> m_frames;
+
+    std::atomic<uint64_t> m_overrunFrames{0};
+    std::atomic<bool> m_quit{false};
+    std::atomic<bool> m_dead{false};
+    std::atomic<bool> m_reported{false};
+    std::mutex m_ownerLock; // Start and Stop
+    std::thread m_thread;
+};
+
 class AlsaPcmBackend final : public Backend {
 public:
     const char* Name() const override { return "alsa-pcm"; }
 
     int Count(DeviceKind kind) override
     {
-        if (kind != DeviceKind::WaveOut) return 0;
+        if (kind != DeviceKind::WaveOut && kind != DeviceKind::WaveIn) return 0;
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_pcms = ListPcms();
-        return static_cast<int>(m_pcms.size());
+        std::vector<PcmEntry>& list = kind == DeviceKind::WaveIn ? m_captures : m_pcms;
+        list = ListPcms(kind == DeviceKind::WaveIn);
+        return static_cast<int>(list.size());
     }
 
     std::string DeviceName(DeviceKind kind, int n) override
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (kind != DeviceKind::WaveOut || n < 0 || static_cast<size_t>(n) >= m_pcms.size()) return {};
-        return m_pcms[static_cast<size_t>(n)].description;
+        if (kind != DeviceKind::WaveOut && kind != DeviceKind::WaveIn) return {};
+        const std::vector<PcmEntry>& list = kind == DeviceKind::WaveIn ? m_captures : m_pcms;
+        if (n < 0 || static_cast<size_t>(n) >= list.size()) return {};
+        return list[static_cast<size_t>(n)].description;
     }
 
     MMRESULT OpenMidiOut(int, std::unique_ptr<MidiOutPort>&) override { return MMSYSERR_BADDEVICEID; }
@@ -307,9 +508,32 @@ public:
         return MMSYSERR_NOERROR;
     }
 
+    MMRESULT OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port) override
+    {
+        std::string name;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            // waveInOpen may come without a count before it: the list is read then.
+            if (m_captures.empty()) m_captures = ListPcms(true);
+            if (n < 0 || static_cast<size_t>(n) >= m_captures.size()) return MMSYSERR_BADDEVICEID;
+            name = m_captures[static_cast<size_t>(n)].name;
+        }
+        std::unique_ptr<AlsaPcmIn> p;
+        try {
+            p = std::make_unique<AlsaPcmIn>(name);
+        } catch (const std::bad_alloc&) {
+            return MMSYSERR_NOMEM;
+        }
+        const MMRESULT r = p->Open();
+        if (r != MMSYSERR_NOERROR) return r;
+        port = std::move(p);
+        return MMSYSERR_NOERROR;
+    }
+
 private:
     std::mutex m_mutex;
-    std::vector<PcmEntry> m_pcms;
+    std::vector<PcmEntry> m_pcms;     // playback
+    std::vector<PcmEntry> m_captures; // capture
 };
 
 AlsaPcmBackend& PcmInstance()

@@ -13,8 +13,9 @@ Backend* AlsaBackendIfDevices();
 // The ALSA backend whether or not a sequencer is there (then it has no devices).
 Backend& AlsaBackendAlways();
 
-// Raw PCM playback outputs (audio only): "default" first, then the devices ALSA's name
-// hints list. IfDevices: null when "default" cannot be opened for playback.
+// Raw PCM playback outputs and capture inputs (audio only): "default" first, then the
+// devices ALSA's name hints list for that direction. IfDevices: null when "default"
+// cannot be opened for playback.
 Backend* AlsaPcmIfDevices();
 Backend& AlsaPcmAlways();
 // The UnderrunFrames of every raw PCM output this process opened, summed.

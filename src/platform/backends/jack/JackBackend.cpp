@@ -8,6 +8,9 @@
 // Audio: one output while the server answers. Opening it registers a stereo pair of our
 // own float ports, connected to the first two physical playback ports when there are any;
 // the mixer feeds it through an AudioRing that the process callback de-interleaves.
+// Capture is the mirror image: one input, a stereo pair of our float input ports fed by
+// the first two physical capture ports, interleaved by the process callback into the
+// ring that the wave input's capture thread drains.
 #include "platform/backends/jack/QXJack.h"
 
 #include "platform/kernel/QXRealtime.h"
@@ -36,8 +39,12 @@ namespace {
 constexpr size_t kRingBytes = size_t{1} << 20;
 constexpr int kMaxPorts = 64;
 constexpr int kMaxAudioOuts = 8;
+constexpr int kMaxAudioIns = 8;
 // Room for the largest period a server is likely to switch to while an output is open.
 constexpr uint32_t kAudioRingFrames = 16384;
+// The capture thread that drains an input also runs the application's callbacks: about
+// 0.7 s at 48 kHz before frames are dropped.
+constexpr uint32_t kCaptureRingFrames = 32768;
 
 std::atomic<uint64_t> g_audioUnderrunFramesAll{0};
 
@@ -55,6 +62,13 @@ struct AudioSlot {
     std::atomic<bool> running{false};
     std::atomic<bool> primed{false}; // the ring has delivered since Start
     std::atomic<uint64_t> underrunFrames{0};
+};
+
+struct CaptureSlot {
+    jack_port_t* ports[2] = {nullptr, nullptr};
+    AudioRing ring{kCaptureRingFrames};
+    std::atomic<bool> running{false};
+    std::atomic<uint64_t> overrunFrames{0};
 };
 
 struct OutSlot {
@@ -129,7 +143,7 @@ public:
     int Count(DeviceKind kind) override
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (kind == DeviceKind::WaveOut) return Available() ? 1 : 0;
+        if (kind == DeviceKind::WaveOut || kind == DeviceKind::WaveIn) return Available() ? 1 : 0;
         if (kind != DeviceKind::MidiIn && kind != DeviceKind::MidiOut) return 0;
         auto& list = kind == DeviceKind::MidiOut ? m_outPeers : m_inPeers;
         list = Peers(kind == DeviceKind::MidiOut ? JackPortIsInput : JackPortIsOutput);
@@ -139,7 +153,8 @@ public:
     std::string DeviceName(DeviceKind kind, int n) override
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (kind == DeviceKind::WaveOut) return n == 0 && Available() ? AudioOutName() : std::string();
+        if (kind == DeviceKind::WaveOut || kind == DeviceKind::WaveIn)
+            return n == 0 && Available() ? AudioDeviceName() : std::string();
         if (kind != DeviceKind::MidiIn && kind != DeviceKind::MidiOut) return {};
         auto& list = kind == DeviceKind::MidiOut ? m_outPeers : m_inPeers;
         if (n < 0 || static_cast<size_t>(n) >= list.size()) return {};
@@ -149,9 +164,11 @@ public:
     MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override;
     MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) override;
     MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port) override;
+    MMRESULT OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port) override;
 
-    // The server's name as the user knows it (JACK_DEFAULT_SERVER picks it).
-    static std::string AudioOutName()
+    // The server's name as the user knows it (JACK_DEFAULT_SERVER picks it), for the
+    // output and the input alike.
+    static std::string AudioDeviceName()
     {
         const char* server = std::getenv("JACK_DEFAULT_SERVER");
         return std::string("JACK (") + (server != nullptr && *server != '\0' ? server : "default") + ")";
@@ -202,6 +219,7 @@ public:
     std::array<std::atomic<OutSlot*>, kMaxPorts> m_outs{};
     std::array<std::atomic<InSlot*>, kMaxPorts> m_ins{};
     std::array<std::atomic<AudioSlot*>, kMaxAudioOuts> m_audio{};
+    std::array<std::atomic<CaptureSlot*>, kMaxAudioIns> m_capture{};
     std::mutex m_mutex; // enumeration, port registration and slot allocation
 
 private:
@@ -333,6 +351,24 @@ void PlayAudio(AudioSlot* a, float* left, float* right, jack_nframes_t nframes)
     if (done > 0) a->primed.store(true, std::memory_order_relaxed);
 }
 
+// Interleaves the two port buffers into the ring; what finds it full is dropped and
+// counted. The load of running pairs with the store in Stop (see JackAudioIn::Stop).
+void CaptureAudio(CaptureSlot* c, const float* left, const float* right, jack_nframes_t nframes)
+{
+    if (!c->running.load()) return;
+    float chunk[2 * 256];
+    for (jack_nframes_t done = 0; done < nframes;) {
+        const uint32_t n = std::min<uint32_t>(nframes - done, 256);
+        for (uint32_t i = 0; i < n; ++i) {
+            chunk[2 * i] = left[done + i];
+            chunk[2 * i + 1] = right[done + i];
+        }
+        const uint32_t put = c->ring.Write(chunk, n);
+        if (put < n) c->overrunFrames.fetch_add(n - put, std::memory_order_relaxed);
+        done += n;
+    }
+}
+
 int JackBackend::Process(jack_nframes_t nframes, void* arg)
 {
     auto* self = static_cast<JackBackend*>(arg);
@@ -377,6 +413,12 @@ int JackBackend::Process(jack_nframes_t nframes, void* arg)
         if (a == nullptr) continue;
         PlayAudio(a, static_cast<float*>(jack_port_get_buffer(a->ports[0], nframes)),
                   static_cast<float*>(jack_port_get_buffer(a->ports[1], nframes)), nframes);
+    }
+    for (auto& s : self->m_capture) {
+        CaptureSlot* c = s.load(std::memory_order_acquire);
+        if (c == nullptr) continue;
+        CaptureAudio(c, static_cast<const float*>(jack_port_get_buffer(c->ports[0], nframes)),
+                     static_cast<const float*>(jack_port_get_buffer(c->ports[1], nframes)), nframes);
     }
     self->m_cycles.fetch_add(1, std::memory_order_release);
     return 0;
@@ -630,6 +672,81 @@ MMRESULT JackBackend::OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port)
     }
     m_audio[static_cast<size_t>(index)].store(slot, std::memory_order_release);
     port = std::make_unique<JackAudioOut>(this, slot, index);
+    return MMSYSERR_NOERROR;
+}
+
+class JackAudioIn final : public AudioInPort {
+public:
+    JackAudioIn(JackBackend* b, CaptureSlot* slot, int index) : m_b(b), m_slot(slot), m_index(index) {}
+
+    // As the outputs: out of the callback's sight, a full cycle, then unregistered.
+    ~JackAudioIn() override
+    {
+        m_slot->running.store(false);
+        m_b->m_capture[static_cast<size_t>(m_index)].store(nullptr, std::memory_order_release);
+        m_b->WaitCycles(2);
+        std::lock_guard<std::mutex> lock(m_b->m_mutex);
+        if (!m_b->Dead())
+            for (jack_port_t* p : m_slot->ports) jack_port_unregister(m_b->Client(), p);
+        delete m_slot;
+    }
+
+    DWORD Rate() const override { return m_b->Rate(); }
+    AudioRing& Ring() override { return m_slot->ring; }
+    void Start() override { m_slot->running.store(true); }
+    // A cycle that saw running before the store may still be writing: once one more cycle
+    // has ended (or the server is gone) nothing is. A stalled server holds this up to
+    // WaitCycles' limit, never longer.
+    void Stop() override
+    {
+        if (!m_slot->running.exchange(false)) return;
+        m_b->WaitCycles(1);
+    }
+    uint64_t OverrunFrames() const override { return m_slot->overrunFrames.load(); }
+
+private:
+    JackBackend* m_b;
+    CaptureSlot* m_slot;
+    int m_index;
+};
+
+MMRESULT JackBackend::OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!Available()) return MMSYSERR_NODRIVER;
+    if (n != 0) return MMSYSERR_BADDEVICEID;
+    const int index = FreeIndex(m_capture);
+    if (index < 0) return MMSYSERR_ALLOCATED;
+    CaptureSlot* slot = nullptr;
+    try {
+        slot = new CaptureSlot;
+    } catch (const std::bad_alloc&) {
+        return MMSYSERR_NOMEM;
+    }
+    // in_1/in_2 for the first input open at a time, in2_1/in2_2 for a second, ...
+    const std::string stem = index == 0 ? "in_" : "in" + std::to_string(index + 1) + "_";
+    for (int ch = 0; ch < 2; ++ch) {
+        const std::string name = stem + std::to_string(ch + 1);
+        slot->ports[ch] = jack_port_register(m_client, name.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0);
+    }
+    if (slot->ports[0] == nullptr || slot->ports[1] == nullptr) {
+        for (jack_port_t* p : slot->ports)
+            if (p != nullptr) jack_port_unregister(m_client, p);
+        delete slot;
+        return MMSYSERR_ERROR;
+    }
+    // The sound card's inputs where there is one; a single capture port feeds both
+    // channels (a mono source is L=R).
+    if (const char** phys =
+            jack_get_ports(m_client, nullptr, JACK_DEFAULT_AUDIO_TYPE, JackPortIsPhysical | JackPortIsOutput)) {
+        if (phys[0] != nullptr) {
+            jack_connect(m_client, phys[0], jack_port_name(slot->ports[0]));
+            jack_connect(m_client, phys[1] != nullptr ? phys[1] : phys[0], jack_port_name(slot->ports[1]));
+        }
+        jack_free(phys);
+    }
+    m_capture[static_cast<size_t>(index)].store(slot, std::memory_order_release);
+    port = std::make_unique<JackAudioIn>(this, slot, index);
     return MMSYSERR_NOERROR;
 }
 

@@ -25,7 +25,8 @@ constexpr uint32_t kBytesPerFrame = 2 * sizeof(float);
 
 std::atomic<uint64_t> g_underrunFramesAll{0};
 
-struct SinkEntry {
+// A sink or a source.
+struct DeviceEntry {
     std::string name; // empty: the server's default
     std::string description;
     uint32_t rate;
@@ -90,15 +91,11 @@ public:
         return done();
     }
 
-    // The sinks, the default first; false when the server does not answer.
-    bool ListSinks(std::vector<SinkEntry>& out)
+    // The sinks (or the sources, monitors included), the default first; false when the
+    // server does not answer.
+    bool ListDevices(bool bSources, std::vector<DeviceEntry>& out)
     {
-        struct Query {
-            Connection* self;
-            std::vector<SinkEntry> sinks;
-            std::string defaultName;
-            int pending = 2;
-        } q{this, {}, {}};
+        Query q{this, {}, {}, 2, bSources};
         pa_threaded_mainloop_lock(m_loop);
         if (!Alive()) {
             pa_threaded_mainloop_unlock(m_loop);
@@ -108,24 +105,15 @@ public:
             m_context,
             [](pa_context*, const pa_server_info* i, void* user) {
                 auto* q = static_cast<Query*>(user);
-                if (i != nullptr && i->default_sink_name != nullptr) q->defaultName = i->default_sink_name;
+                const char* def = i == nullptr ? nullptr : q->bSources ? i->default_source_name : i->default_sink_name;
+                if (def != nullptr) q->defaultName = def;
                 --q->pending;
                 pa_threaded_mainloop_signal(q->self->m_loop, 0);
             },
             &q);
-        pa_operation* list = pa_context_get_sink_info_list(
-            m_context,
-            [](pa_context*, const pa_sink_info* i, int eol, void* user) {
-                auto* q = static_cast<Query*>(user);
-                if (eol != 0) {
-                    --q->pending;
-                    pa_threaded_mainloop_signal(q->self->m_loop, 0);
-                    return;
-                }
-                if (i == nullptr || i->name == nullptr) return;
-                q->sinks.push_back({i->name, i->description != nullptr ? i->description : i->name, i->sample_spec.rate});
-            },
-            &q);
+        pa_operation* list = bSources
+                                 ? pa_context_get_source_info_list(m_context, &Connection::OnDevice<pa_source_info>, &q)
+                                 : pa_context_get_sink_info_list(m_context, &Connection::OnDevice<pa_sink_info>, &q);
         bool ok = info != nullptr && list != nullptr;
         if (ok) ok = WaitLocked([&] { return q.pending == 0; });
         // Not done: the callbacks must not reach q after this returns.
@@ -136,19 +124,42 @@ public:
         }
         pa_threaded_mainloop_unlock(m_loop);
         if (!ok) return false;
-        SinkEntry def{"", "Default output", 48000};
-        for (const SinkEntry& s : q.sinks) {
-            if (s.name != q.defaultName) continue;
-            def.description = "Default output (" + s.description + ")";
-            def.rate = s.rate;
+        const std::string word = bSources ? "Default input" : "Default output";
+        DeviceEntry def{"", word, 48000};
+        for (const DeviceEntry& d : q.devices) {
+            if (d.name != q.defaultName) continue;
+            def.description = word + " (" + d.description + ")";
+            def.rate = d.rate;
         }
         out.clear();
         out.push_back(def);
-        out.insert(out.end(), q.sinks.begin(), q.sinks.end());
+        out.insert(out.end(), q.devices.begin(), q.devices.end());
         return true;
     }
 
 private:
+    struct Query {
+        Connection* self;
+        std::vector<DeviceEntry> devices;
+        std::string defaultName;
+        int pending;
+        bool bSources = false;
+    };
+
+    // A pa_sink_info or a pa_source_info: the fields read are the same.
+    template <typename Info>
+    static void OnDevice(pa_context*, const Info* i, int eol, void* user)
+    {
+        auto* q = static_cast<Query*>(user);
+        if (eol != 0) {
+            --q->pending;
+            pa_threaded_mainloop_signal(q->self->m_loop, 0);
+            return;
+        }
+        if (i == nullptr || i->name == nullptr) return;
+        q->devices.push_back({i->name, i->description != nullptr ? i->description : i->name, i->sample_spec.rate});
+    }
+
     bool Connect()
     {
         m_loop = pa_threaded_mainloop_new();
@@ -389,26 +400,180 @@ private:
     std::atomic<uint32_t> m_underflows{0};
 };
 
+// A record stream. Its flags live under the main loop's lock, which the read callback
+// holds too: once Stop has taken and left it, the callback writes nothing more.
+class PulseAudioIn final : public AudioInPort {
+public:
+    PulseAudioIn(std::shared_ptr<Connection> conn, uint32_t rate)
+        : m_conn(std::move(conn)), m_rate(rate), m_ring(std::max<uint32_t>(rate / 2, 16384))
+    {
+    }
+
+    ~PulseAudioIn() override
+    {
+        if (m_stream == nullptr) return;
+        pa_threaded_mainloop_lock(m_conn->Loop());
+        pa_stream_set_read_callback(m_stream, nullptr, nullptr);
+        pa_stream_set_state_callback(m_stream, nullptr, nullptr);
+        DropCorkOp();
+        if (PA_STREAM_IS_GOOD(pa_stream_get_state(m_stream))) pa_stream_disconnect(m_stream);
+        pa_stream_unref(m_stream);
+        pa_threaded_mainloop_unlock(m_conn->Loop());
+    }
+
+    // sourceName empty: the server's default source.
+    MMRESULT Connect(const std::string& sourceName)
+    {
+        pa_threaded_mainloop* loop = m_conn->Loop();
+        const pa_sample_spec sampleSpec{PA_SAMPLE_FLOAT32LE, m_rate, 2};
+        pa_channel_map map;
+        pa_channel_map_init_stereo(&map);
+        pa_threaded_mainloop_lock(loop);
+        if (!m_conn->Alive()) {
+            pa_threaded_mainloop_unlock(loop);
+            return MMSYSERR_NODRIVER;
+        }
+        m_stream = pa_stream_new(m_conn->Context(), "quavix input", &sampleSpec, &map);
+        if (m_stream == nullptr) {
+            pa_threaded_mainloop_unlock(loop);
+            return MMSYSERR_NOMEM;
+        }
+        pa_stream_set_state_callback(m_stream, &PulseAudioIn::OnState, this);
+        pa_stream_set_read_callback(m_stream, &PulseAudioIn::OnRead, this);
+        pa_buffer_attr attr;
+        attr.maxlength = static_cast<uint32_t>(-1);
+        attr.tlength = static_cast<uint32_t>(-1);
+        attr.prebuf = static_cast<uint32_t>(-1);
+        attr.minreq = static_cast<uint32_t>(-1);
+        attr.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(kPulseFragmentMs * 1000, &sampleSpec));
+        const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_START_CORKED | PA_STREAM_ADJUST_LATENCY);
+        MMRESULT r = MMSYSERR_NOERROR;
+        if (pa_stream_connect_record(m_stream, sourceName.empty() ? nullptr : sourceName.c_str(), &attr, flags) < 0) {
+            r = MMSYSERR_ERROR;
+        } else if (!m_conn->WaitLocked([this] { return pa_stream_get_state(m_stream) != PA_STREAM_CREATING; }) ||
+                   pa_stream_get_state(m_stream) != PA_STREAM_READY) {
+            r = m_conn->Alive() ? MMSYSERR_ERROR : MMSYSERR_NODRIVER;
+        }
+        pa_threaded_mainloop_unlock(loop);
+        return r;
+    }
+
+    DWORD Rate() const override { return m_rate; }
+    AudioRing& Ring() override { return m_ring; }
+    uint64_t OverrunFrames() const override { return m_overrunFrames.load(); }
+
+    void Start() override
+    {
+        pa_threaded_mainloop_lock(m_conn->Loop());
+        if (!m_running) {
+            m_running = true;
+            // Not waited for: a server that stopped answering must not hang the caller.
+            if (m_conn->Alive() && pa_stream_get_state(m_stream) == PA_STREAM_READY)
+                if (pa_operation* op = pa_stream_cork(m_stream, 0, nullptr, nullptr)) pa_operation_unref(op);
+        }
+        pa_threaded_mainloop_unlock(m_conn->Loop());
+    }
+
+    // What the server sent before it took the cork arrives before the cork's reply, and
+    // is no part of the next run: it is dropped until the reply comes.
+    void Stop() override
+    {
+        pa_threaded_mainloop_lock(m_conn->Loop());
+        if (m_running) {
+            m_running = false;
+            DropCorkOp();
+            if (m_conn->Alive() && pa_stream_get_state(m_stream) == PA_STREAM_READY) {
+                m_corkOp = pa_stream_cork(m_stream, 1, &PulseAudioIn::OnCorked, this);
+                m_corkPending = m_corkOp != nullptr;
+            }
+        }
+        pa_threaded_mainloop_unlock(m_conn->Loop());
+    }
+
+private:
+    // Main loop locked.
+    void DropCorkOp()
+    {
+        if (m_corkOp == nullptr) return;
+        if (pa_operation_get_state(m_corkOp) == PA_OPERATION_RUNNING) pa_operation_cancel(m_corkOp);
+        pa_operation_unref(m_corkOp);
+        m_corkOp = nullptr;
+        m_corkPending = false;
+    }
+
+    static void OnCorked(pa_stream*, int, void* user) { static_cast<PulseAudioIn*>(user)->m_corkPending = false; }
+
+    static void OnState(pa_stream*, void* user)
+    {
+        auto* self = static_cast<PulseAudioIn*>(user);
+        pa_threaded_mainloop_signal(self->m_conn->Loop(), 0);
+    }
+
+    // libpulse's thread, main loop locked. Copies only; a hole in the stream is silence.
+    static void OnRead(pa_stream* s, size_t, void* user)
+    {
+        auto* self = static_cast<PulseAudioIn*>(user);
+        if (!self->m_named) {
+            self->m_named = true;
+            MakeRealtimeThread("qx-pulse");
+        }
+        const bool keep = self->m_running && !self->m_corkPending;
+        for (;;) {
+            const void* data = nullptr;
+            size_t n = 0;
+            if (pa_stream_peek(s, &data, &n) < 0 || n == 0) return;
+            if (keep) self->Put(static_cast<const float*>(data), static_cast<uint32_t>(n / kBytesPerFrame));
+            pa_stream_drop(s);
+        }
+    }
+
+    // Fragments of a record stream are whole frames. Null: that many frames of silence.
+    void Put(const float* frames, uint32_t n)
+    {
+        static const float kSilence[2 * 256] = {};
+        uint32_t put = 0;
+        if (frames != nullptr) {
+            put = m_ring.Write(frames, n);
+        } else {
+            while (put < n) {
+                const uint32_t chunk = std::min<uint32_t>(n - put, 256), w = m_ring.Write(kSilence, chunk);
+                put += w;
+                if (w < chunk) break;
+            }
+        }
+        if (put < n) m_overrunFrames.fetch_add(n - put, std::memory_order_relaxed);
+    }
+
+    std::shared_ptr<Connection> m_conn;
+    const uint32_t m_rate;
+    AudioRing m_ring;
+    pa_stream* m_stream = nullptr;
+    // Under the main loop's lock:
+    bool m_running = false;
+    bool m_corkPending = false;
+    pa_operation* m_corkOp = nullptr;
+    bool m_named = false;
+    std::atomic<uint64_t> m_overrunFrames{0};
+};
+
 class PulseBackend final : public Backend {
 public:
     const char* Name() const override { return "pulse"; }
 
     int Count(DeviceKind kind) override
     {
-        if (kind != DeviceKind::WaveOut) return 0;
+        if (kind != DeviceKind::WaveOut && kind != DeviceKind::WaveIn) return 0;
         std::lock_guard<std::mutex> lock(m_mutex);
-        std::shared_ptr<Connection> conn = ConnectionLocked();
-        std::vector<SinkEntry> sinks;
-        if (conn == nullptr || !conn->ListSinks(sinks)) sinks.clear();
-        m_sinks = std::move(sinks);
-        return static_cast<int>(m_sinks.size());
+        return static_cast<int>(ListLocked(kind == DeviceKind::WaveIn).size());
     }
 
     std::string DeviceName(DeviceKind kind, int n) override
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (kind != DeviceKind::WaveOut || n < 0 || static_cast<size_t>(n) >= m_sinks.size()) return {};
-        return m_sinks[static_cast<size_t>(n)].description;
+        if (kind != DeviceKind::WaveOut && kind != DeviceKind::WaveIn) return {};
+        const std::vector<DeviceEntry>& list = kind == DeviceKind::WaveIn ? m_sources : m_sinks;
+        if (n < 0 || static_cast<size_t>(n) >= list.size()) return {};
+        return list[static_cast<size_t>(n)].description;
     }
 
     MMRESULT OpenMidiOut(int, std::unique_ptr<MidiOutPort>&) override { return MMSYSERR_BADDEVICEID; }
@@ -417,7 +582,7 @@ public:
     MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port) override
     {
         std::shared_ptr<Connection> conn;
-        SinkEntry sink;
+        DeviceEntry sink;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             if (n < 0 || static_cast<size_t>(n) >= m_sinks.size()) return MMSYSERR_BADDEVICEID;
@@ -433,6 +598,32 @@ public:
             return MMSYSERR_NOMEM;
         }
         const MMRESULT r = p->Connect(sink.name);
+        if (r != MMSYSERR_NOERROR) return r;
+        port = std::move(p);
+        return MMSYSERR_NOERROR;
+    }
+
+    MMRESULT OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port) override
+    {
+        std::shared_ptr<Connection> conn;
+        DeviceEntry source;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            // waveInOpen may come without a count before it: the list is read then.
+            if (m_sources.empty()) ListLocked(true);
+            if (n < 0 || static_cast<size_t>(n) >= m_sources.size()) return MMSYSERR_BADDEVICEID;
+            conn = m_conn;
+            source = m_sources[static_cast<size_t>(n)];
+        }
+        if (conn == nullptr || !conn->Alive()) return MMSYSERR_NODRIVER;
+        const uint32_t rate = source.rate >= 8000 && source.rate <= 384000 ? source.rate : 48000;
+        std::unique_ptr<PulseAudioIn> p;
+        try {
+            p = std::make_unique<PulseAudioIn>(conn, rate);
+        } catch (const std::bad_alloc&) {
+            return MMSYSERR_NOMEM;
+        }
+        const MMRESULT r = p->Connect(source.name);
         if (r != MMSYSERR_NOERROR) return r;
         port = std::move(p);
         return MMSYSERR_NOERROR;
@@ -459,6 +650,17 @@ public:
     }
 
 private:
+    // Reads the sinks or the sources anew (none when no server answers).
+    const std::vector<DeviceEntry>& ListLocked(bool bSources)
+    {
+        std::shared_ptr<Connection> conn = ConnectionLocked();
+        std::vector<DeviceEntry> found;
+        if (conn == nullptr || !conn->ListDevices(bSources, found)) found.clear();
+        std::vector<DeviceEntry>& list = bSources ? m_sources : m_sinks;
+        list = std::move(found);
+        return list;
+    }
+
     // A lost connection is replaced on the next question; outputs still open on it keep
     // it until they close.
     std::shared_ptr<Connection> ConnectionLocked()
@@ -469,7 +671,8 @@ private:
 
     std::mutex m_mutex; // Count, names and opening; never held while a callback runs
     std::shared_ptr<Connection> m_conn;
-    std::vector<SinkEntry> m_sinks;
+    std::vector<DeviceEntry> m_sinks;
+    std::vector<DeviceEntry> m_sources;
 };
 
 PulseBackend& Instance()

@@ -1,6 +1,6 @@
-// Audio outputs on a PulseAudio server, or on PipeWire through pipewire-pulse, with
-// libpulse's asynchronous API (a threaded main loop and one playback stream per open
-// output). The blocking pa_simple API cannot set a latency (a peer built on it runs at
+// Audio outputs and inputs on a PulseAudio server, or on PipeWire through pipewire-pulse,
+// with libpulse's asynchronous API (a threaded main loop, one playback stream per open
+// output and one record stream per open input). The blocking pa_simple API cannot set a latency (a peer built on it runs at
 // 100 ms and more), and Debian's PortAudio has no PulseAudio host API at all.
 //
 // Contract:
@@ -19,9 +19,17 @@
 // - UnderrunFrames counts the silence padded while running (from the first frames the
 //   ring delivered after Start) plus one request's frames for each underflow the server
 //   reports, a lower bound for those.
-// - A server that goes away: open outputs stop consuming and their calls return at
+// - A server that goes away: open outputs stop consuming (inputs stop delivering) and their calls return at
 //   once, BackendEvent::ServerLost is raised once per connection (from a thread of the
 //   connection's own, never from libpulse's), and the next Count connects anew.
+// - Input 0 is the server's default source ("Default input (<its description>)"), which
+//   its stream follows; inputs 1 … n are the sources by their descriptions, the sinks'
+//   monitors among them. Float32 stereo at the source's own rate, delivered in fragments
+//   of about kPulseFragmentMs. The read callback only copies into the ring (a hole in the
+//   stream becomes silence); frames that find it full are counted as overrun. Once Stop
+//   returns nothing more reaches the ring, and what the server had sent before it is
+//   dropped rather than delivered after the next Start. An input opened before any Count
+//   of inputs lists them first.
 // - No server is ever started: libpulse's autospawn is off.
 #ifndef QUAVIX_PLATFORM_BACKENDS_PULSE_QXPULSE_H
 #define QUAVIX_PLATFORM_BACKENDS_PULSE_QXPULSE_H
@@ -34,11 +42,12 @@ namespace qxplat {
 
 constexpr uint32_t kPulseTargetMs = 40;
 constexpr uint32_t kPulseRequestMs = 10;
+constexpr uint32_t kPulseFragmentMs = 20;
 
-// The PulseAudio outputs when a server answers now, else null.
+// The PulseAudio devices when a server answers now, else null.
 Backend* PulseBackendIfServer();
-// The PulseAudio outputs whether or not a server answers (then there are none until one
-// does). Only audio outputs: it has no MIDI devices.
+// The PulseAudio devices whether or not a server answers (then there are none until one
+// does). Only audio outputs and inputs: it has no MIDI devices.
 Backend& PulseBackendAlways();
 
 // What an open PulseAudio output's stream reports of itself: the latency of what it

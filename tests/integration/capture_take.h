@@ -1,0 +1,237 @@
+// What the capture tests share: a recording made through the platform's waveIn calls, a
+// WAV writer for the tones other programs play, and the analysis of what came in.
+#ifndef QUAVIX_TESTS_INTEGRATION_CAPTURE_TAKE_H
+#define QUAVIX_TESTS_INTEGRATION_CAPTURE_TAKE_H
+
+#include "platform/QXPlatform.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace capture {
+
+constexpr double kPi = 3.14159265358979323846;
+
+inline WAVEFORMATEX Pcm16(DWORD rate, WORD channels)
+{
+    WAVEFORMATEX f{};
+    f.wFormatTag = WAVE_FORMAT_PCM;
+    f.nChannels = channels;
+    f.nSamplesPerSec = rate;
+    f.wBitsPerSample = 16;
+    f.nBlockAlign = static_cast<WORD>(channels * 2);
+    f.nAvgBytesPerSec = rate * f.nBlockAlign;
+    return f;
+}
+
+// A 16-bit wave input. Full buffers come back through WIM_DATA on the capture thread,
+// which may not call waveIn functions: it only queues them, and the test's thread copies
+// them out and adds them again.
+class Take {
+public:
+    Take() = default;
+    Take(const Take&) = delete;
+    Take& operator=(const Take&) = delete;
+    ~Take() { Close(); }
+
+    MMRESULT Open(UINT device, DWORD rate, WORD channels, int buffers = 8, int bufferMs = 50)
+    {
+        m_fmt = Pcm16(rate, channels);
+        MMRESULT r = waveInOpen(&m_h, device, &m_fmt, reinterpret_cast<DWORD_PTR>(&Take::Proc),
+                                reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION);
+        if (r != MMSYSERR_NOERROR) {
+            m_h = nullptr;
+            return r;
+        }
+        const DWORD bytes = rate * bufferMs / 1000 * m_fmt.nBlockAlign;
+        for (int i = 0; i < buffers; ++i) {
+            auto b = std::make_unique<Buffer>(bytes);
+            if ((r = waveInPrepareHeader(m_h, &b->hdr, sizeof(WAVEHDR))) != MMSYSERR_NOERROR) return r;
+            if ((r = waveInAddBuffer(m_h, &b->hdr, sizeof(WAVEHDR))) != MMSYSERR_NOERROR) return r;
+            m_buffers.push_back(std::move(b));
+        }
+        return MMSYSERR_NOERROR;
+    }
+
+    HWAVEIN Handle() const { return m_h; }
+    MMRESULT Start() { return waveInStart(m_h); }
+
+    // Collects until the take holds `frames` frames, or the limit passes.
+    bool Collect(size_t frames, std::chrono::milliseconds limit)
+    {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (m_samples.size() < frames * m_fmt.nChannels) {
+            if (std::chrono::steady_clock::now() > end) return false;
+            Drain(true, std::chrono::milliseconds(50));
+        }
+        return true;
+    }
+
+    // Ends the recording: the buffers come back, what they hold joins the take, and the
+    // input closes. Each result is kept for the test to check.
+    void Close()
+    {
+        if (m_h == nullptr) return;
+        m_stopResult = waveInStop(m_h);
+        m_resetResult = waveInReset(m_h);
+        Drain(false, std::chrono::milliseconds(0));
+        for (auto& b : m_buffers) waveInUnprepareHeader(m_h, &b->hdr, sizeof(WAVEHDR));
+        m_closeResult = waveInClose(m_h);
+        m_h = nullptr;
+    }
+
+    MMRESULT StopResult() const { return m_stopResult; }
+    MMRESULT ResetResult() const { return m_resetResult; }
+    MMRESULT CloseResult() const { return m_closeResult; }
+
+    size_t Frames() const { return m_samples.size() / m_fmt.nChannels; }
+    // One channel as float.
+    std::vector<float> Channel(int ch) const
+    {
+        std::vector<float> out(Frames());
+        for (size_t i = 0; i < out.size(); ++i) out[i] = m_samples[i * m_fmt.nChannels + ch] / 32768.0f;
+        return out;
+    }
+
+private:
+    struct Buffer {
+        explicit Buffer(DWORD bytes) : data(bytes)
+        {
+            hdr.lpData = data.data();
+            hdr.dwBufferLength = bytes;
+        }
+        std::vector<char> data;
+        WAVEHDR hdr{};
+    };
+
+    static void CALLBACK Proc(HWAVEIN, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
+    {
+        if (msg != WIM_DATA) return;
+        auto* self = reinterpret_cast<Take*>(inst);
+        std::lock_guard<std::mutex> lock(self->m_lock);
+        self->m_done.push_back(reinterpret_cast<WAVEHDR*>(p1));
+        self->m_wake.notify_all();
+    }
+
+    void Drain(bool bRequeue, std::chrono::milliseconds wait)
+    {
+        std::deque<WAVEHDR*> done;
+        {
+            std::unique_lock<std::mutex> lock(m_lock);
+            m_wake.wait_for(lock, wait, [this] { return !m_done.empty(); });
+            done.swap(m_done);
+        }
+        for (WAVEHDR* h : done) {
+            const auto* s = reinterpret_cast<const int16_t*>(h->lpData);
+            m_samples.insert(m_samples.end(), s, s + h->dwBytesRecorded / 2);
+            if (bRequeue) waveInAddBuffer(m_h, h, sizeof(WAVEHDR));
+        }
+    }
+
+    WAVEFORMATEX m_fmt{};
+    HWAVEIN m_h = nullptr;
+    std::vector<std::unique_ptr<Buffer>> m_buffers;
+    std::vector<int16_t> m_samples;
+    std::mutex m_lock;
+    std::condition_variable m_wake;
+    std::deque<WAVEHDR*> m_done; // under m_lock
+    MMRESULT m_stopResult = MMSYSERR_NOERROR, m_resetResult = MMSYSERR_NOERROR, m_closeResult = MMSYSERR_NOERROR;
+};
+
+// The name of wave input n, as waveInGetDevCapsA gives it; empty when there is none.
+inline std::string InputName(UINT n)
+{
+    WAVEINCAPSA caps{};
+    return waveInGetDevCapsA(n, &caps, sizeof caps) == MMSYSERR_NOERROR ? std::string(caps.szPname) : std::string();
+}
+
+// The first wave input whose name contains `part`; -1 when none does.
+inline int FindInput(const std::string& part)
+{
+    const UINT n = waveInGetNumDevs();
+    for (UINT i = 0; i < n; ++i)
+        if (InputName(i).find(part) != std::string::npos) return static_cast<int>(i);
+    return -1;
+}
+
+// `seconds` of a stereo 16-bit sine, the same on both channels.
+inline bool WriteToneWav(const std::string& path, unsigned rate, double hz, double amplitude, double seconds)
+{
+    const auto frames = static_cast<uint32_t>(seconds * rate);
+    std::ofstream f(path, std::ios::binary);
+    auto put = [&](uint32_t v, int bytes) {
+        for (int k = 0; k < bytes; ++k) f.put(static_cast<char>(v >> (8 * k) & 0xFF));
+    };
+    const uint32_t bytes = frames * 4;
+    f.write("RIFF", 4);
+    put(36 + bytes, 4);
+    f.write("WAVEfmt ", 8);
+    put(16, 4);
+    put(1, 2);
+    put(2, 2);
+    put(rate, 4);
+    put(rate * 4, 4);
+    put(4, 2);
+    put(16, 2);
+    f.write("data", 4);
+    put(bytes, 4);
+    for (uint32_t i = 0; i < frames; ++i) {
+        const auto v = static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * kPi * hz * i / rate)));
+        put(static_cast<uint16_t>(v), 2);
+        put(static_cast<uint16_t>(v), 2);
+    }
+    return f.good();
+}
+
+struct Tone {
+    bool found = false;
+    double frequency = 0;
+    double amplitude = 0; // from the RMS
+};
+
+// From the first clearly audible sample on, 50 ms of onset skipped, over `seconds`:
+// zero crossings give the frequency, the RMS the amplitude.
+inline Tone AnalyseTone(const std::vector<float>& x, unsigned rate, double seconds)
+{
+    Tone t;
+    size_t first = 0;
+    while (first < x.size() && std::fabs(x[first]) < 0.05) ++first;
+    const size_t begin = first + rate / 20, end = begin + static_cast<size_t>(seconds * rate);
+    if (first == x.size() || end > x.size()) return t;
+    t.found = true;
+    double sum = 0, firstCross = -1, lastCross = -1;
+    int crossings = 0;
+    for (size_t i = begin; i < end; ++i) {
+        sum += double{x[i]} * x[i];
+        const double p = x[i - 1];
+        if (p < 0 && x[i] >= 0) {
+            const double at = static_cast<double>(i - 1) + p / (p - x[i]);
+            if (firstCross < 0) firstCross = at;
+            lastCross = at;
+            ++crossings;
+        }
+    }
+    t.amplitude = std::sqrt(2 * sum / static_cast<double>(end - begin));
+    if (crossings > 1) t.frequency = (crossings - 1) * rate / (lastCross - firstCross);
+    return t;
+}
+
+inline float Peak(const std::vector<float>& x)
+{
+    float p = 0;
+    for (float v : x) p = std::max(p, std::fabs(v));
+    return p;
+}
+
+} // namespace capture
+
+#endif // QUAVIX_TESTS_INTEGRATION_CAPTURE_TAKE_H

@@ -1,0 +1,305 @@
+// Wave input on a real JACK server (dummy driver), through the platform's waveIn calls:
+// our input ports and their connections, jack_metro's clicks recorded at their spacing,
+// and a server that goes away while an input records.
+//
+// Environment (set by CTest): JACK_DEFAULT_SERVER names the fixture's server,
+// QUAVIX_BACKEND=jack.
+#include "capture_take.h"
+
+#include "platform/QXPlatform.h"
+#include "platform/backends/QXBackend.h"
+#include "platform/backends/jack/QXJack.h"
+
+#include <gtest/gtest.h>
+#include <jack/jack.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A program run for the length of a test, its output going to a file.
+class Child {
+public:
+    Child(std::vector<std::string> argv, const std::string& outFile)
+    {
+        std::vector<char*> args;
+        for (auto& a : argv) args.push_back(a.data());
+        args.push_back(nullptr);
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_adddup2(&fa, 1, 2);
+        if (posix_spawnp(&m_pid, args[0], &fa, nullptr, args.data(), environ) != 0) m_pid = -1;
+        posix_spawn_file_actions_destroy(&fa);
+    }
+    ~Child() { Stop(); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    void Stop()
+    {
+        if (m_pid <= 0) return;
+        kill(m_pid, SIGTERM);
+        waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+    bool Started() const { return m_pid > 0; }
+
+private:
+    pid_t m_pid = -1;
+};
+
+std::string TempName(const char* what)
+{
+    return "/tmp/quavix-capture-jack-" + std::string(what) + "-" + std::to_string(getpid()) + ".txt";
+}
+
+// A client of the test's own: counts the server's xruns, and looks at and makes
+// connections.
+class Probe {
+public:
+    Probe()
+    {
+        for (int i = 0; i < 100 && m_client == nullptr; ++i) // a server just started may not answer yet
+            if ((m_client = jack_client_open("qxcapprobe", JackNoStartServer, nullptr)) == nullptr)
+                std::this_thread::sleep_for(50ms);
+        if (m_client == nullptr) return;
+        jack_set_xrun_callback(
+            m_client, [](void* a) { return static_cast<Probe*>(a)->m_xruns.fetch_add(1), 0; }, this);
+        if (jack_activate(m_client) != 0) {
+            jack_client_close(m_client);
+            m_client = nullptr;
+        }
+    }
+    ~Probe()
+    {
+        if (m_client != nullptr) jack_client_close(m_client);
+    }
+    Probe(const Probe&) = delete;
+    Probe& operator=(const Probe&) = delete;
+
+    jack_client_t* Client() const { return m_client; }
+    int Xruns() const { return m_xruns.load(); }
+    bool Exists(const std::string& port) const { return jack_port_by_name(m_client, port.c_str()) != nullptr; }
+    bool WaitExists(const std::string& port) const
+    {
+        for (int i = 0; i < 250; ++i) {
+            if (Exists(port)) return true;
+            std::this_thread::sleep_for(20ms);
+        }
+        return false;
+    }
+    std::vector<std::string> Connections(const std::string& port) const
+    {
+        std::vector<std::string> out;
+        jack_port_t* p = jack_port_by_name(m_client, port.c_str());
+        for (int i = 0; i < 50 && p != nullptr && out.empty(); ++i) {
+            if (const char** names = jack_port_get_all_connections(m_client, p)) {
+                for (const char** n = names; *n != nullptr; ++n) out.emplace_back(*n);
+                jack_free(names);
+            } else {
+                std::this_thread::sleep_for(20ms);
+            }
+        }
+        return out;
+    }
+
+private:
+    jack_client_t* m_client = nullptr;
+    std::atomic<int> m_xruns{0};
+};
+
+TEST(JackCapture, TheServerIsOneInputWhosePortsComeFromTheCapturePorts)
+{
+    Probe probe;
+    ASSERT_NE(probe.Client(), nullptr) << "the fixture's server does not answer";
+    ASSERT_STREQ(qxplat::SelectedBackendName(), "jack");
+    const std::string server = std::getenv("JACK_DEFAULT_SERVER");
+    ASSERT_EQ(waveInGetNumDevs(), 1u);
+    EXPECT_EQ(capture::InputName(0), "JACK (" + server + ")");
+    WAVEINCAPSA caps{};
+    EXPECT_EQ(waveInGetDevCapsA(1, &caps, sizeof caps), MMSYSERR_BADDEVICEID);
+
+    const std::string client = qxplat::JackClientName();
+    ASSERT_FALSE(client.empty());
+    capture::Take bad;
+    EXPECT_EQ(bad.Open(1, 48000, 2), MMSYSERR_BADDEVICEID);
+
+    // A query opens nothing that stays.
+    const WAVEFORMATEX fmt = capture::Pcm16(48000, 2);
+    EXPECT_EQ(waveInOpen(nullptr, 0, &fmt, 0, 0, WAVE_FORMAT_QUERY), MMSYSERR_NOERROR);
+    EXPECT_FALSE(probe.Exists(client + ":in_1"));
+
+    auto first = std::make_unique<capture::Take>();
+    ASSERT_EQ(first->Open(0, 48000, 2), MMSYSERR_NOERROR);
+    EXPECT_EQ(probe.Connections(client + ":in_1"), std::vector<std::string>{"system:capture_1"});
+    EXPECT_EQ(probe.Connections(client + ":in_2"), std::vector<std::string>{"system:capture_2"});
+
+    // A second input open at the same time has ports of its own; closing one takes its
+    // ports away and leaves the other's.
+    auto second = std::make_unique<capture::Take>();
+    ASSERT_EQ(second->Open(0, 44100, 1), MMSYSERR_NOERROR);
+    EXPECT_TRUE(probe.Exists(client + ":in2_1"));
+    EXPECT_TRUE(probe.Exists(client + ":in2_2"));
+    first.reset();
+    EXPECT_FALSE(probe.Exists(client + ":in_1"));
+    EXPECT_FALSE(probe.Exists(client + ":in_2"));
+    EXPECT_TRUE(probe.Exists(client + ":in2_1"));
+    second.reset();
+    EXPECT_FALSE(probe.Exists(client + ":in2_1"));
+}
+
+// The port's own contract: frames flow only between Start and Stop, at the server's rate.
+TEST(JackCapture, StopEndsDeliveryAndStartResumesIt)
+{
+    Probe probe;
+    ASSERT_NE(probe.Client(), nullptr);
+    qxplat::Backend& b = qxplat::CurrentBackend();
+    std::unique_ptr<qxplat::AudioInPort> port;
+    EXPECT_EQ(b.OpenAudioIn(-1, port), MMSYSERR_BADDEVICEID);
+    ASSERT_EQ(b.OpenAudioIn(0, port), MMSYSERR_NOERROR);
+    EXPECT_EQ(port->Rate(), jack_get_sample_rate(probe.Client()));
+    qxplat::AudioRing& ring = port->Ring();
+
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(ring.Readable(), 0u) << "frames before Start";
+    for (int round = 0; round < 3; ++round) {
+        port->Start();
+        for (int i = 0; i < 500 && ring.Readable() < port->Rate() / 10; ++i) std::this_thread::sleep_for(5ms);
+        EXPECT_GE(ring.Readable(), port->Rate() / 10) << "round " << round << ": nothing comes after Start";
+        port->Stop();
+        ring.Skip(ring.Readable());
+        std::this_thread::sleep_for(100ms);
+        EXPECT_EQ(ring.Readable(), 0u) << "round " << round << ": frames after Stop returned";
+    }
+
+    // Nobody reading: the ring fills, and what finds it full is counted.
+    port->Start();
+    for (int i = 0; i < 1000 && port->OverrunFrames() == 0; ++i) std::this_thread::sleep_for(5ms);
+    port->Stop();
+    EXPECT_EQ(ring.Readable(), ring.Capacity());
+    EXPECT_GT(port->OverrunFrames(), 0u);
+}
+
+// jack_metro clicks every 60/bpm s, exactly in frames; fed into our in_1 and recorded as
+// 16-bit at the server's rate, the clicks must come at that spacing. A lost or repeated
+// cycle would move a click by a whole period.
+TEST(JackCapture, MetronomeClicksAreRecordedAtTheirSpacing)
+{
+    Probe probe;
+    ASSERT_NE(probe.Client(), nullptr);
+    const unsigned rate = jack_get_sample_rate(probe.Client());
+    const jack_nframes_t period = jack_get_buffer_size(probe.Client());
+    constexpr int kBpm = 120;
+    const std::string metro = "qxmetro" + std::to_string(getpid());
+    const std::string log = TempName("metro");
+    Child clicks({"jack_metro", "-n", metro, "-b", std::to_string(kBpm), "-f", "1000", "-A", "0.5", "-D", "20"}, log);
+    ASSERT_TRUE(clicks.Started()) << "jack_metro does not start (package jackd2)";
+    const std::string source = metro + ":" + std::to_string(kBpm) + "_bpm";
+    ASSERT_TRUE(probe.WaitExists(source)) << "jack_metro's port does not appear";
+
+    capture::Take take;
+    ASSERT_EQ(take.Open(0, rate, 2), MMSYSERR_NOERROR);
+    const std::string in1 = qxplat::JackClientName() + ":in_1";
+    ASSERT_EQ(jack_connect(probe.Client(), source.c_str(), in1.c_str()), 0);
+    const int xrunsBefore = probe.Xruns();
+    ASSERT_EQ(take.Start(), MMSYSERR_NOERROR);
+    EXPECT_TRUE(take.Collect(4 * rate, 30s)) << "the recording does not fill";
+    take.Close();
+    const int xruns = probe.Xruns() - xrunsBefore;
+    clicks.Stop();
+    std::remove(log.c_str());
+    EXPECT_EQ(take.StopResult(), MMSYSERR_NOERROR);
+    EXPECT_EQ(take.CloseResult(), MMSYSERR_NOERROR);
+
+    // A click begins where the left channel first passes 0.1 after 25 ms of quiet (the
+    // recording may begin inside a 20 ms click).
+    const std::vector<float> left = take.Channel(0), right = take.Channel(1);
+    const long spacing = 60L * rate / kBpm;
+    std::vector<long> onsets;
+    size_t quiet = 0;
+    for (size_t i = 0; i < left.size(); ++i) {
+        if (std::fabs(left[i]) < 0.1f) {
+            ++quiet;
+            continue;
+        }
+        if (quiet >= rate / 40) onsets.push_back(static_cast<long>(i));
+        quiet = 0;
+    }
+    long worst = 0;
+    for (size_t k = 1; k < onsets.size(); ++k) worst = std::max(worst, std::labs(onsets[k] - onsets[k - 1] - spacing));
+    std::printf("%zu frames recorded, %zu clicks, spacing %ld frames expected, worst error %ld frames (period %u), "
+                "click peak %.4f, right channel peak %.5f, %d xruns\n",
+                take.Frames(), onsets.size(), spacing, worst, period, capture::Peak(left), capture::Peak(right),
+                xruns);
+    ASSERT_GE(onsets.size(), 6u) << "the clicks did not come through in_1";
+    EXPECT_NEAR(capture::Peak(left), 0.5, 0.02) << "the click's level changed on the way";
+    EXPECT_LT(capture::Peak(right), 0.001) << "the click leaked into the right channel";
+    if (xruns != 0)
+        std::printf("the server fell behind while recording: the spacing is not checked\n");
+    else
+        EXPECT_LE(worst, static_cast<long>(period)) << "a click is off its spacing by more than a period";
+}
+
+std::atomic<int> g_lost{0};
+
+TEST(JackCaptureGone, AServerThatGoesAwayWhileRecordingHangsNeitherStopNorClose)
+{
+    // A server of this test's own, so that the fixture's stays up for the others.
+    const std::string name = "quavix-ctest-capturegone-" + std::to_string(getpid());
+    setenv("JACK_DEFAULT_SERVER", name.c_str(), 1);
+    const std::string log = TempName("jackd");
+    Child server({"jackd", "-n", name, "-d", "dummy", "-r", "48000", "-p", "256"}, log);
+    ASSERT_TRUE(server.Started());
+    {
+        Probe probe; // waits for the server to answer
+        ASSERT_NE(probe.Client(), nullptr) << "private server did not start";
+    }
+    qxplat::SetBackendEventProc([](qxplat::BackendEvent e, int, const char*) {
+        if (e == qxplat::BackendEvent::ServerLost) g_lost.fetch_add(1);
+    });
+    ASSERT_EQ(waveInGetNumDevs(), 1u);
+
+    auto take = std::make_unique<capture::Take>();
+    ASSERT_EQ(take->Open(0, 48000, 2), MMSYSERR_NOERROR);
+    ASSERT_EQ(take->Start(), MMSYSERR_NOERROR);
+    EXPECT_TRUE(take->Collect(48000 / 4, 10s)) << "nothing recorded while the server ran";
+
+    server.Stop(); // the server goes away while the input records
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (g_lost.load() == 0 && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(g_lost.load(), 1);
+
+    auto done = std::async(std::launch::async, [&] { take->Close(); });
+    ASSERT_EQ(done.wait_for(10s), std::future_status::ready) << "waveInStop or waveInClose hangs";
+    EXPECT_EQ(take->StopResult(), MMSYSERR_NOERROR);
+    EXPECT_EQ(take->ResetResult(), MMSYSERR_NOERROR);
+    EXPECT_EQ(take->CloseResult(), MMSYSERR_NOERROR);
+
+    // The input is gone from the list and does not open again.
+    EXPECT_EQ(waveInGetNumDevs(), 0u);
+    capture::Take again;
+    EXPECT_EQ(again.Open(0, 48000, 2), MMSYSERR_NODRIVER);
+    std::remove(log.c_str());
+}
+
+} // namespace
