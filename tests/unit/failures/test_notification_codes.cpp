@@ -8,12 +8,23 @@
 // | 100  | QXN_DS_CREATE             | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
 // | 101  | QXN_DS_SETCOOPLEVEL       | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
 // | 102  | QXN_DS_CREATEBUFFER       | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber   |
-// |      |                           |   (waveout: the primary buffer)                                |
-// | 103  | QXN_DS_START              | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber   |
-// | 104  | QXN_DS_STOP               | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber   |
+// |      |                           |   (waveout: the primary buffer); Offline.BufferCreation-       |
+// |      |                           |   FailuresAreReported (waveplay: a player's buffer)            |
+// | 103  | QXN_DS_START              | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber;  |
+// |      |                           |   Offline.StartAndStopOfThePlayer (waveplay)                   |
+// | 104  | QXN_DS_STOP               | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber;  |
+// |      |                           |   Offline.StartAndStopOfThePlayer (waveplay)                   |
 // | 105  | QXN_DS_SETFORMAT          | WaveOutTest.PrimaryBufferFollowsTheFormatAndTheTransport,      |
 // |      |                           |   WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber |
 // | 109  | QXN_DS_GETCAPS            | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
+// | 113  | QXN_DS_SETFREQUENCY       | Offline.RefusedParametersAreReportedAndStoredAllTheSame        |
+// |      |                           |   (waveplay)                                                   |
+// | 115  | QXN_DS_SETPAN             | Offline.RefusedParametersAreReportedAndStoredAllTheSame        |
+// | 117  | QXN_DS_SETVOLUME          | Offline.RefusedParametersAreReportedAndStoredAllTheSame        |
+// | 121  | QXN_DS_LOCK               | Offline.RefillFailuresAreReportedAndChangeNothing (waveplay)   |
+// | 122  | QXN_DS_UNLOCK             | Offline.RefillFailuresAreReportedAndChangeNothing (waveplay)   |
+// | 123  | QXN_DS_QUERYNOTIFY        | Offline.BufferCreationFailuresAreReported (waveplay)           |
+// | 124  | QXN_DS_SETNOTIFYPOSITIONS | Offline.BufferCreationFailuresAreReported (waveplay)           |
 // | 200  | QXN_MIDIIN_OPEN           | Failures.MidiInputReportsEveryFailingCall                      |
 // | 201  | QXN_MIDIIN_START          | Failures.MidiInputReportsEveryFailingCall                      |
 // | 202  | QXN_MIDIIN_STOP           | Failures.MidiInputReportsEveryFailingCall (by stop and pause)  |
@@ -65,7 +76,8 @@
 // | 613  | QXN_FILE_WRITE            | WaveFile.EachFailingFileCallIsReported (wavefile)              |
 // | 614  | QXN_FILE_OPENWRITE        | WaveFile.EachFailingFileCallIsReported,                        |
 // |      |                           |   WaveFile.BadPathsAreReportedAndLeaveNothingOpen (wavefile)   |
-// | 800  | QXN_TIMER_CREATE          | ManagerTest.NoTimerMeansNoDeviceStarts (manager)               |
+// | 800  | QXN_TIMER_CREATE          | ManagerTest.NoTimerMeansNoDeviceStarts (manager);              |
+// |      |                           |   OnOutput.ThePlayersReportsNameItsOutput (waveplay)           |
 // | 803  | QXN_WAVEIN_VIRTUALALLOC   | Failures.WaveInputReportsEveryFailingCall                      |
 // | 804  | QXN_WAVEIN_VIRTUALLOCK    | Failures.WaveInputReportsEveryFailingCall                      |
 //
