@@ -14,6 +14,7 @@
 #include <quavix/QXMidiOut.h>
 #include <quavix/QXPlayerRegistry.h>
 #include <quavix/QXWaveFile.h>
+#include <quavix/QXWaveIn.h>
 #include <quavix/QXWaveOut.h>
 #include <quavix/QXWavePlay.h>
 

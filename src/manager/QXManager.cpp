@@ -2,6 +2,7 @@
 #include <quavix/QXMidiIn.h>
 #include <quavix/QXMidiOut.h>
 #include <quavix/QXQuavix.h>
+#include <quavix/QXWaveIn.h>
 #include <quavix/QXWaveOut.h>
 
 #include "manager/QXDeviceFactory.h"
@@ -227,8 +228,7 @@ CQXDevice* CQuavix::_CreateDevice(int nType, int nDir)
     if (nType == QX_DEVTYPE_MIDI && nDir == QX_DEVDIR_IN) return new (std::nothrow) CMidiIn;
     if (nType == QX_DEVTYPE_MIDI && nDir == QX_DEVDIR_OUT) return new (std::nothrow) CMidiOut;
     if (nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_OUT) return new (std::nothrow) CWaveOut;
-    // The wave input joins here when it comes.
-    return nullptr;
+    return new (std::nothrow) CWaveIn;
 }
 
 CQXDeviceArray* CQuavix::_GetDeviceArray(int nType, int nDir)
@@ -264,13 +264,7 @@ int CQuavix::GetDeviceCaps(int nType, int nDir, int nDevice, QX_DevCaps* pCaps) 
     if (nType == QX_DEVTYPE_MIDI) {
         return nDir == QX_DEVDIR_IN ? CMidiIn::GetDeviceCaps(nDevice, pCaps) : CMidiOut::GetDeviceCaps(nDevice, pCaps);
     }
-    if (nDir == QX_DEVDIR_OUT) return CWaveOut::GetDeviceCaps(nDevice, pCaps);
-    MMRESULT r = waveInGetDevCapsA(static_cast<UINT_PTR>(nDevice), &pCaps->waveIn, sizeof(WAVEINCAPSA));
-    if (r != MMSYSERR_NOERROR) {
-        QXNotifyShared(QXN_WAVEIN_GETCAPS, r, static_cast<DWORD_PTR>(nDevice));
-        return 0;
-    }
-    return 1;
+    return nDir == QX_DEVDIR_OUT ? CWaveOut::GetDeviceCaps(nDevice, pCaps) : CWaveIn::GetDeviceCaps(nDevice, pCaps);
 }
 
 int CQuavix::IsDeviceEnabled(int nType, int nDir, int nDevice) const

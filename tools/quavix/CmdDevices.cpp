@@ -31,8 +31,15 @@ int RunDevices(int argc, char** argv)
                                       : session->IsDeviceEnabled(t, d, i)   ? "yes"
                                                                              : "no";
                 std::string format = "none";
-                if (QX_DevFormat* f = session->GetDeviceFormat(t, d, i))
+                if (QX_DevFormat* f = session->GetDeviceFormat(t, d, i)) {
                     CQXDevice::FillFormatString(reinterpret_cast<WAVEFORMATEX*>(f), format);
+                } else if (t == QX_DEVTYPE_WAVE) {
+                    // Not set yet: the one the device takes when it opens.
+                    WAVEFORMATEX wfx{};
+                    CQXDevice::FillFormat(&wfx, d == QX_DEVDIR_IN ? CWaveIn::GetDefaultFormat()
+                                                                  : CWaveOut::GetDefaultFormat());
+                    CQXDevice::FillFormatString(&wfx, format);
+                }
                 std::printf("%-5s %-4s %3d  %-36s %-8s %s\n", types[t], dirs[d], i, name.c_str(), enabled,
                             format.c_str());
             }

@@ -7,6 +7,7 @@ namespace qxcli {
 int RunDevices(int argc, char** argv);
 int RunPerform(int argc, char** argv);
 int RunPlay(int argc, char** argv);
+int RunRecord(int argc, char** argv);
 int RunSyncSlave(int argc, char** argv);
 int RunThru(int argc, char** argv);
 int RunRecordMidi(int argc, char** argv);

@@ -1,6 +1,6 @@
 // quavix: the library's command-line program. Lists devices, performs Standard MIDI
 // Files through the performance engine (also following an external MIDI clock), plays
-// wave files, echoes and records MIDI input, sends bytes and silences outputs.
+// wave files, records wave input, echoes and records MIDI input, sends bytes and silences outputs.
 #include "Cli.h"
 #include "Commands.h"
 
@@ -59,6 +59,25 @@ File options apply to the FILE.wav just before them:
 Example: quavix play drums.wav bass.wav --volume -6 --pan -0.1 voice.wav --at 1500
 )",
          RunPlay},
+        {"record", "record a wave input to a WAV file",
+         R"(Usage: quavix record OUT.wav [--in N] [--seconds S] [--format RATE:BITS:CHANNELS]
+
+Records wave input N (default 0) into OUT.wav until Ctrl-C, or for S seconds, with a
+progress line: the time recorded, a peak meter in dBFS and the bytes written. The file
+is written as the sound comes, and its header is brought up to date every second, so
+that even a recorder that is killed leaves a file other programs read. The input hands
+over half a second at a time: a take stopped by Ctrl-C ends with the last whole half
+second.
+
+  --in N                wave input number (quavix devices lists them)
+  --seconds S           record exactly S seconds
+  --format R:B:C        PCM format of the file: rate 1000 to 192000 Hz, 8, 16, 24 or
+                        32 bits, 1 or 2 channels (default 48000:16:2); the input
+                        converts the sound system's own format and rate to it
+
+Example: quavix record take.wav --seconds 10 --format 44100:16:2
+)",
+         RunRecord},
         {"sync-slave", "play a Standard MIDI File following an external MIDI clock",
          R"(Usage: quavix sync-slave --in N FILE.mid [--output M] [--seconds S] [--capture OUT.mid]
 

@@ -8,12 +8,23 @@
 // | 100  | QXN_DS_CREATE             | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
 // | 101  | QXN_DS_SETCOOPLEVEL       | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
 // | 102  | QXN_DS_CREATEBUFFER       | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber   |
-// |      |                           |   (waveout: the primary buffer)                                |
-// | 103  | QXN_DS_START              | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber   |
-// | 104  | QXN_DS_STOP               | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber   |
+// |      |                           |   (waveout: the primary buffer); Offline.BufferCreation-       |
+// |      |                           |   FailuresAreReported (waveplay: a player's buffer)            |
+// | 103  | QXN_DS_START              | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber;  |
+// |      |                           |   Offline.StartAndStopOfThePlayer (waveplay)                   |
+// | 104  | QXN_DS_STOP               | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber;  |
+// |      |                           |   Offline.StartAndStopOfThePlayer (waveplay)                   |
 // | 105  | QXN_DS_SETFORMAT          | WaveOutTest.PrimaryBufferFollowsTheFormatAndTheTransport,      |
 // |      |                           |   WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber |
 // | 109  | QXN_DS_GETCAPS            | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
+// | 113  | QXN_DS_SETFREQUENCY       | Offline.RefusedParametersAreReportedAndStoredAllTheSame        |
+// |      |                           |   (waveplay)                                                   |
+// | 115  | QXN_DS_SETPAN             | Offline.RefusedParametersAreReportedAndStoredAllTheSame        |
+// | 117  | QXN_DS_SETVOLUME          | Offline.RefusedParametersAreReportedAndStoredAllTheSame        |
+// | 121  | QXN_DS_LOCK               | Offline.RefillFailuresAreReportedAndChangeNothing (waveplay)   |
+// | 122  | QXN_DS_UNLOCK             | Offline.RefillFailuresAreReportedAndChangeNothing (waveplay)   |
+// | 123  | QXN_DS_QUERYNOTIFY        | Offline.BufferCreationFailuresAreReported (waveplay)           |
+// | 124  | QXN_DS_SETNOTIFYPOSITIONS | Offline.BufferCreationFailuresAreReported (waveplay)           |
 // | 200  | QXN_MIDIIN_OPEN           | Failures.MidiInputReportsEveryFailingCall                      |
 // | 201  | QXN_MIDIIN_START          | Failures.MidiInputReportsEveryFailingCall                      |
 // | 202  | QXN_MIDIIN_STOP           | Failures.MidiInputReportsEveryFailingCall (by stop and pause)  |
@@ -38,6 +49,15 @@
 // | 310  | QXN_MIDIOUT_SHORTMSG      | Failures.MidiOutputReportsEveryFailingCall (short message,     |
 // |      |                           |   note, SysEx); JackGone.AServerThatGoesAwayGivesNotifications- |
 // |      |                           |   AndCleanFailures (integration, a JACK server that went away) |
+// | 400  | QXN_WAVEIN_OPEN           | Failures.WaveInputReportsEveryFailingCall                      |
+// | 401  | QXN_WAVEIN_START          | Failures.WaveInputReportsEveryFailingCall                      |
+// | 402  | QXN_WAVEIN_STOP           | Failures.WaveInputReportsEveryFailingCall (by stop and pause)  |
+// | 403  | QXN_WAVEIN_CLOSE          | Failures.WaveInputReportsEveryFailingCall                      |
+// | 404  | QXN_WAVEIN_PREPARE        | Failures.WaveInputReportsEveryFailingCall                      |
+// | 405  | QXN_WAVEIN_ADDBUFFER      | Failures.WaveInputReportsEveryFailingCall                      |
+// | 406  | QXN_WAVEIN_UNPREPARE      | Failures.WaveInputReportsEveryFailingCall                      |
+// | 407  | QXN_WAVEIN_RESET          | Failures.WaveInputReportsEveryFailingCall                      |
+// | 408  | QXN_WAVEIN_GETCAPS        | Failures.WaveInputReportsEveryFailingCall                      |
 // | 600  | QXN_FILE_OPENREAD         | WaveFile.EachFailingFileCallIsReported,                        |
 // |      |                           |   WaveFile.BadPathsAreReportedAndLeaveNothingOpen (wavefile)   |
 // | 601  | QXN_FILE_CLOSE            | WaveFile.EachFailingFileCallIsReported (wavefile)              |
@@ -56,7 +76,10 @@
 // | 613  | QXN_FILE_WRITE            | WaveFile.EachFailingFileCallIsReported (wavefile)              |
 // | 614  | QXN_FILE_OPENWRITE        | WaveFile.EachFailingFileCallIsReported,                        |
 // |      |                           |   WaveFile.BadPathsAreReportedAndLeaveNothingOpen (wavefile)   |
-// | 800  | QXN_TIMER_CREATE          | ManagerTest.NoTimerMeansNoDeviceStarts (manager)               |
+// | 800  | QXN_TIMER_CREATE          | ManagerTest.NoTimerMeansNoDeviceStarts (manager);              |
+// |      |                           |   OnOutput.ThePlayersReportsNameItsOutput (waveplay)           |
+// | 803  | QXN_WAVEIN_VIRTUALALLOC   | Failures.WaveInputReportsEveryFailingCall                      |
+// | 804  | QXN_WAVEIN_VIRTUALLOCK    | Failures.WaveInputReportsEveryFailingCall                      |
 //
 // The folder in brackets is the test program (tests/unit/<folder>) that holds the test.
 #include <quavix/Quavix.h>
@@ -101,7 +124,7 @@ protected:
     void SetUp() override
     {
         QXFaultClear();
-        qxplat::QXVirtualSetDevices(3, 3, 0, 0);
+        qxplat::QXVirtualSetDevices(3, 3, 2, 0);
         for (int n = 0; n < 3; ++n) qxplat::QXVirtualTakeMidiOut(n);
         q = CQuavix::InitQuavix();
         q->Initialize(QX_INIT_MIDI);
@@ -249,5 +272,79 @@ TEST_F(Failures, MidiOutputReportsEveryFailingCall)
     EXPECT_EQ(pOut->PlayMidi(0x000007B0), 1) << "still open after the failed close";
     EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_MIDI, out, 2), 1);
     EXPECT_EQ(State(out, 2), QX_STATE_CLOSED);
+    EXPECT_EQ(Reports::Take(), Got{});
+}
+
+// Wave input 1 reports, with its own number, whichever of its calls fails. A failed open
+// leaves nothing open behind it, so the next open succeeds; a failed stop leaves the
+// input stopping until its buffers are back.
+TEST_F(Failures, WaveInputReportsEveryFailingCall)
+{
+    QX_DevCaps caps;
+    QXFaultInject("waveInGetDevCapsA", MMSYSERR_NODRIVER);
+    EXPECT_EQ(CWaveIn::GetDeviceCaps(1, &caps), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_GETCAPS, MMSYSERR_NODRIVER, 1}}));
+    EXPECT_EQ(CWaveIn::GetDeviceCaps(7, &caps), 0) << "no such input";
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_GETCAPS, MMSYSERR_BADDEVICEID, 7}}));
+    EXPECT_EQ(CWaveIn::GetDeviceCaps(1, &caps), 1);
+
+    CWaveIn in;
+    struct {
+        const char* call;
+        DWORD result;
+        Report report;
+    } opens[] = {
+        {"waveInOpen", MMSYSERR_ALLOCATED, {QXN_WAVEIN_OPEN, MMSYSERR_ALLOCATED, 1}},
+        {"VirtualAlloc", ERROR_NOT_ENOUGH_MEMORY, {QXN_WAVEIN_VIRTUALALLOC, 0, 1}},
+        {"VirtualLock", ERROR_NOT_ENOUGH_MEMORY, {QXN_WAVEIN_VIRTUALLOCK, 0, 1}},
+        {"waveInPrepareHeader", MMSYSERR_NOMEM, {QXN_WAVEIN_PREPARE, MMSYSERR_NOMEM, 1}},
+        {"waveInAddBuffer", WAVERR_UNPREPARED, {QXN_WAVEIN_ADDBUFFER, WAVERR_UNPREPARED, 1}},
+    };
+    for (const auto& o : opens) {
+        QXFaultInject(o.call, o.result);
+        EXPECT_EQ(in.Open(1), 0) << o.call;
+        EXPECT_EQ(Reports::Take(), Got{o.report}) << o.call;
+        EXPECT_EQ(in.GetState() & QX_STATE_OPEN, 0u) << o.call;
+        EXPECT_EQ(in.GetHandle(), nullptr) << o.call;
+    }
+    ASSERT_EQ(in.Open(1), 1) << "no failed open left the device behind";
+
+    QXFaultInject("waveInStart", MMSYSERR_NOMEM);
+    EXPECT_EQ(in.Start(), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_START, MMSYSERR_NOMEM, 1}}));
+    EXPECT_EQ(in.GetState(), QX_STATE_OPEN);
+    ASSERT_EQ(in.Start(), 1);
+
+    // A buffer that comes back and cannot be unprepared is reported from the input's
+    // thread; the stop then waits out its limit for it and goes on.
+    QXFaultInject("waveInUnprepareHeader", MMSYSERR_INVALHANDLE);
+    Got got;
+    for (int i = 0; i < 200 && got.empty(); ++i) {
+        Sleep(20);
+        got = Reports::Take();
+    }
+    EXPECT_EQ(got, (Got{{QXN_WAVEIN_UNPREPARE, MMSYSERR_INVALHANDLE, 1}}));
+    EXPECT_EQ(in.Stop(), 1);
+    EXPECT_EQ(in.Close(), 1);
+    ASSERT_EQ(in.Start(), 1); // opens device 0 this time: Start opens a closed device
+
+    QXFaultInject("waveInStop", MMSYSERR_INVALHANDLE);
+    EXPECT_EQ(in.Stop(), 0);
+    QXFaultInject("waveInStop", MMSYSERR_ERROR);
+    EXPECT_EQ(in.Pause(), 0);
+    QXFaultInject("waveInReset", MMSYSERR_NODRIVER);
+    EXPECT_EQ(in.Stop(), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_STOP, MMSYSERR_INVALHANDLE, 0},
+                                    {QXN_WAVEIN_STOP, MMSYSERR_ERROR, 0},
+                                    {QXN_WAVEIN_RESET, MMSYSERR_NODRIVER, 0}}));
+    EXPECT_TRUE(in.GetState() & QX_STATE_STOPPING);
+    ASSERT_EQ(in.Stop(), 1);
+
+    QXFaultInject("waveInClose", MMSYSERR_HANDLEBUSY);
+    EXPECT_EQ(in.Close(), 0);
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_CLOSE, MMSYSERR_HANDLEBUSY, 0}}));
+    EXPECT_TRUE(in.GetState() & QX_STATE_OPEN);
+    EXPECT_EQ(in.Close(), 1);
+    EXPECT_EQ(in.GetState(), QX_STATE_CLOSED);
     EXPECT_EQ(Reports::Take(), Got{});
 }

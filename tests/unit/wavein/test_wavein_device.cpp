@@ -1,0 +1,376 @@
+// The wave input device under the manager: buffer sizes, the order buffers are handed
+// on and queued, the transport (stop, pause, restart, a stop from inside a recording
+// callback), a format change, and a long sine recorded without a gap.
+#include <quavix/Quavix.h>
+
+#include "manager/QXDeviceFactory.h"
+#include "platform/QXPlatform.h"
+#include "platform/backends/virtual/QXVirtual.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <numbers>
+#include <vector>
+
+namespace {
+
+const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
+
+// Lets the tests see the device's buffers and counts; they read them only where the
+// device's thread is not changing them (a quiet device, or inside its own callback).
+class Probe : public CWaveIn {
+public:
+    // The input's thread ends before this class's part goes, as CWaveIn's own
+    // destructor does for it: no message may find the object half destroyed.
+    ~Probe() override
+    {
+        Close();
+        ThreadStop();
+    }
+    using CWaveIn::AddState;
+    using CWaveIn::DevStart;
+    using CWaveIn::m_dwBlockSize;
+    using CWaveIn::m_dwBufferLength;
+    using CWaveIn::m_nNextBuffer;
+    using CWaveIn::m_nQueuedBuffers;
+    using CWaveIn::m_pBlock;
+    using CWaveIn::m_pHeaders;
+};
+
+QX_DevFormat Pcm(DWORD rate, WORD channels, WORD bits)
+{
+    QX_DevFormat f{};
+    f.wFormatTag = WAVE_FORMAT_PCM;
+    f.nChannels = channels;
+    f.nSamplesPerSec = rate;
+    f.wBitsPerSample = bits;
+    f.nBlockAlign = static_cast<WORD>(channels * bits / 8);
+    f.nAvgBytesPerSec = rate * f.nBlockAlign;
+    return f;
+}
+
+struct Seen {
+    const WAVEHDR* header;
+    DWORD bytes;
+    int queued; // the device's prepared buffers while the callback runs
+    int device;
+};
+
+// What the recording callbacks saw, with a hook the test may set to act from inside.
+struct Recorder {
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<Seen> seen;
+    std::vector<std::vector<BYTE>> data;
+    Probe* probes[2] = {nullptr, nullptr};
+    std::function<void(size_t)> inside; // called with the count so far, on the device's thread
+
+    static int Proc(DWORD_PTR dwUser, int, CQXEventData* pEvent)
+    {
+        auto* self = reinterpret_cast<Recorder*>(dwUser);
+        if (pEvent->m_nType != QX_EVENT_WAVEHEADER) return 1;
+        const auto* h = reinterpret_cast<const WAVEHDR*>(pEvent->m_dwData);
+        Probe* p = self->probes[pEvent->m_nDevice];
+        size_t n;
+        {
+            std::lock_guard<std::mutex> lock(self->mutex);
+            self->seen.push_back({h, h->dwBytesRecorded, p != nullptr ? p->m_nQueuedBuffers : -1, pEvent->m_nDevice});
+            self->data.emplace_back(reinterpret_cast<const BYTE*>(h->lpData),
+                                    reinterpret_cast<const BYTE*>(h->lpData) + h->dwBytesRecorded);
+            n = self->seen.size();
+        }
+        self->cv.notify_all();
+        if (self->inside) self->inside(n);
+        return 1;
+    }
+
+    bool WaitFor(size_t n, int seconds = 10)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cv.wait_for(lock, std::chrono::seconds(seconds), [&] { return seen.size() >= n; });
+    }
+    size_t Count()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return seen.size();
+    }
+};
+
+CQXDevice* MakeProbes(int nType, int nDir)
+{
+    if (nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_IN) return new Probe;
+    return nullptr;
+}
+
+std::vector<DWORD>& Reports()
+{
+    static std::vector<DWORD> codes;
+    return codes;
+}
+std::mutex g_reportMutex;
+
+void NoteReport(DWORD code, DWORD, DWORD_PTR)
+{
+    std::lock_guard<std::mutex> lock(g_reportMutex);
+    Reports().push_back(code);
+}
+
+class WaveInDevice : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        unsetenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE");
+        qxplat::QXVirtualSetDevices(0, 0, 2, 0);
+        QXSetDeviceFactory(MakeProbes);
+        q = CQuavix::InitQuavix();
+        q->Initialize(QX_INIT_WAVE);
+        q->SetNotificationCallback(NoteReport, 0);
+        for (int n = 0; n < 2; ++n) rec.probes[n] = static_cast<Probe*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, n));
+        tag = q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&rec), 1);
+        std::lock_guard<std::mutex> lock(g_reportMutex);
+        Reports().clear();
+    }
+    void TearDown() override
+    {
+        CQuavix::ExitQuavix();
+        QXSetDeviceFactory(nullptr);
+        qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+        unsetenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE");
+        std::lock_guard<std::mutex> lock(g_reportMutex);
+        EXPECT_TRUE(Reports().empty()) << "first report: " << Reports().front();
+    }
+    Probe* In(int n) { return rec.probes[n]; }
+    UINT State(int n) { return q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, n); }
+
+    CQuavix* q = nullptr;
+    Recorder rec;
+    int tag = 0;
+};
+
+double Seconds(std::chrono::steady_clock::time_point since)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+} // namespace
+
+// Each buffer holds half a second of the format, whatever its block alignment; a device
+// without a format gets the default one (22,050 Hz, 16-bit mono) when it opens.
+TEST_F(WaveInDevice, BuffersHoldHalfASecondOfTheFormat)
+{
+    ASSERT_NE(In(0), nullptr);
+    EXPECT_EQ(CWaveIn::GetDefaultFormat(), 8);
+    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    const QX_DevFormat* f = In(0)->GetFormat();
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(f->nSamplesPerSec, 22050u);
+    EXPECT_EQ(f->nChannels, 1);
+    EXPECT_EQ(f->wBitsPerSample, 16);
+    EXPECT_EQ(In(0)->m_dwBufferLength, 22050u);
+    // Header 0, buffer 0, header 1 (at the next 8-byte boundary), buffer 1, in one block.
+    EXPECT_EQ(In(0)->m_dwBlockSize, 2 * sizeof(WAVEHDR) + 22056u + 22050u);
+    BYTE* block = In(0)->m_pBlock;
+    EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[0]), block);
+    EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[0]->lpData), block + sizeof(WAVEHDR));
+    EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[1]), block + sizeof(WAVEHDR) + 22056);
+    EXPECT_EQ(In(0)->m_pHeaders[1]->dwBufferLength, 22050u);
+    EXPECT_EQ(In(0)->m_nQueuedBuffers, 1) << "opening queues buffer 0";
+    EXPECT_EQ(In(0)->m_nNextBuffer, 1);
+
+    struct {
+        QX_DevFormat f;
+        DWORD length;
+    } cases[] = {{Pcm(44100, 2, 16), 88200}, {Pcm(22050, 1, 8), 11025}, {Pcm(11025, 1, 16), 11025}};
+    for (auto& c : cases) {
+        ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &c.f), 1);
+        EXPECT_TRUE(State(0) & QX_STATE_OPEN) << "reopened with the new format";
+        EXPECT_EQ(In(0)->m_dwBufferLength, c.length);
+        EXPECT_EQ(In(0)->m_dwBlockSize, 2 * sizeof(WAVEHDR) + (c.length + 7) / 8 * 8 + c.length);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(In(0)->m_pHeaders[1]) % alignof(WAVEHDR), 0u);
+    }
+    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    EXPECT_EQ(In(0)->m_pBlock, nullptr);
+}
+
+// Open, start, three filled buffers, stop: buffers 0, 1, 0 are handed on in that order,
+// each while the other is queued, every one full; the stop takes back both buffers at
+// once (the partly filled one is not handed on) and leaves nothing queued.
+TEST_F(WaveInDevice, BuffersAreHandedOnInTurnWhileTheOtherIsQueued)
+{
+    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_TRUE(rec.WaitFor(3));
+    const auto t0 = std::chrono::steady_clock::now();
+    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    EXPECT_LT(Seconds(t0), 2.5) << "the stop did not wait out its limit";
+    const size_t handed = rec.Count();
+    EXPECT_LE(handed, 4u);
+    std::vector<Seen> seen;
+    {
+        std::lock_guard<std::mutex> lock(rec.mutex);
+        seen.assign(rec.seen.begin(), rec.seen.begin() + 3);
+    }
+    const WAVEHDR* const* h = In(0)->m_pHeaders;
+    EXPECT_EQ(seen[0].header, h[0]);
+    EXPECT_EQ(seen[1].header, h[1]);
+    EXPECT_EQ(seen[2].header, h[0]);
+    for (const Seen& s : seen) {
+        EXPECT_EQ(s.bytes, 22050u) << "handed on full";
+        EXPECT_EQ(s.queued, 2) << "the other buffer is queued while one is handed on";
+        EXPECT_EQ(s.device, 0);
+    }
+    EXPECT_EQ(In(0)->m_nQueuedBuffers, 0);
+    EXPECT_FALSE(State(0) & QX_STATE_STOPPING);
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    EXPECT_EQ(rec.Count(), handed) << "nothing after the stop";
+    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+}
+
+// A wave input started again after a stop or a pause records again; a pause followed by
+// a close (a second stop with nothing queued) returns at once; a start while a stop is
+// still under way is refused without a report.
+TEST_F(WaveInDevice, StopPauseAndStartAgain)
+{
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_TRUE(rec.WaitFor(1));
+    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    size_t n = rec.Count();
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_TRUE(rec.WaitFor(n + 2)) << "a restarted input records";
+    ASSERT_EQ(q->PauseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    EXPECT_TRUE(State(0) & QX_STATE_PAUSED);
+    EXPECT_EQ(In(0)->m_nQueuedBuffers, 0) << "a pause is a stop";
+    n = rec.Count();
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    EXPECT_EQ(rec.Count(), n) << "a paused input records nothing";
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_TRUE(rec.WaitFor(n + 1)) << "and records again when started";
+    ASSERT_EQ(q->PauseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    EXPECT_LT(Seconds(t0), 2.5) << "nothing was queued to wait for";
+
+    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    In(0)->AddState(QX_STATE_STOPPING);
+    EXPECT_EQ(In(0)->DevStart(), 0);
+    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+}
+
+// A null format releases the old one and fails; a new format on a recording input leaves
+// it open and stopped, with buffers of the new size.
+TEST_F(WaveInDevice, FormatChangesReopen)
+{
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    QX_DevFormat f = Pcm(48000, 2, 16);
+    ASSERT_EQ(In(0)->SetFormat(&f), 1);
+    EXPECT_EQ(State(0) & (QX_STATE_OPEN | QX_STATE_STARTED), QX_STATE_OPEN);
+    EXPECT_EQ(In(0)->m_dwBufferLength, 96000u);
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_TRUE(rec.WaitFor(1));
+    std::lock_guard<std::mutex> lock(rec.mutex);
+    EXPECT_EQ(rec.seen[0].bytes, 96000u);
+}
+
+TEST_F(WaveInDevice, ANullFormatIsRefusedAndLeavesNone)
+{
+    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    EXPECT_EQ(In(0)->SetFormat(nullptr), 0);
+    EXPECT_EQ(In(0)->GetFormat(), nullptr);
+    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+}
+
+// A recording callback that stops or closes its own input: no wait, and the buffer it
+// holds stays readable until it returns (AddressSanitizer watches). The input then opens
+// and records again, from the callback and from outside.
+TEST_F(WaveInDevice, StopAndCloseFromTheRecordingCallback)
+{
+    std::atomic<double> longest{0};
+    std::atomic<long> sum{0};
+    rec.inside = [&](size_t n) {
+        const auto t0 = std::chrono::steady_clock::now();
+        if (n == 1) q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0);
+        if (n == 3) q->CloseDevices();
+        longest = std::max(longest.load(), Seconds(t0));
+        // The header is still ours to read: the block it lives in waits for us.
+        long s = 0;
+        std::lock_guard<std::mutex> lock(rec.mutex);
+        const WAVEHDR* h = rec.seen[n - 1].header;
+        for (DWORD i = 0; i < h->dwBytesRecorded; ++i) s += reinterpret_cast<const BYTE*>(h->lpData)[i];
+        sum += s;
+    };
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_TRUE(rec.WaitFor(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(rec.Count(), 1u) << "stopped from its own callback";
+    EXPECT_FALSE(State(0) & QX_STATE_STARTED);
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_TRUE(rec.WaitFor(3)) << "started again";
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(State(0), QX_STATE_CLOSED) << "closed from its own callback";
+    EXPECT_EQ(rec.Count(), 3u);
+    EXPECT_LT(longest.load(), 2.5) << "the callback's own stop did not wait for itself";
+    EXPECT_NE(sum.load(), 0);
+    rec.inside = nullptr;
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    EXPECT_TRUE(rec.WaitFor(4));
+}
+
+// A continuous 1 kHz sine recorded for 60 s by two inputs at once, one at the source's
+// own rate (every sample exact) and one converted to 22,050 Hz: not one sample is
+// missing or repeated, across every buffer boundary.
+TEST_F(WaveInDevice, ALongSineIsRecordedWithoutAGap)
+{
+    setenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE", "sine:1000", 1);
+    const DWORD srcRate = 48000;
+    QX_DevFormat exact = Pcm(srcRate, 1, 16), converted = Pcm(22050, 1, 16);
+    ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &exact), 1);
+    ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 1, &converted), 1);
+    ASSERT_EQ(q->OpenDevices(), 1);
+    ASSERT_EQ(q->StartDevices(), 1);
+    const int kSeconds = 60;
+    ASSERT_TRUE(rec.WaitFor(2 * 2 * kSeconds, kSeconds + 30));
+    ASSERT_EQ(q->StopDevices(), 1);
+
+    std::vector<int16_t> samples[2];
+    std::lock_guard<std::mutex> lock(rec.mutex);
+    for (size_t i = 0; i < rec.seen.size(); ++i) {
+        const auto& d = rec.data[i];
+        auto& s = samples[rec.seen[i].device];
+        const size_t at = s.size();
+        s.resize(at + d.size() / 2);
+        std::memcpy(s.data() + at, d.data(), d.size() / 2 * 2);
+    }
+    for (int dev = 0; dev < 2; ++dev) {
+        const double rate = dev == 0 ? srcRate : 22050.0;
+        const std::vector<int16_t>& s = samples[dev];
+        ASSERT_GE(s.size(), static_cast<size_t>(rate * kSeconds)) << "input " << dev;
+        // The phase of the first samples (past the converter's start), then every sample
+        // against the sine that phase continues.
+        const size_t skip = 2048;
+        // One second: a whole number of cycles at either rate, so the fit is exact.
+        const size_t fit = static_cast<size_t>(rate);
+        double c = 0, q2 = 0;
+        for (size_t i = skip; i < skip + fit; ++i) {
+            const double w = 2 * std::numbers::pi * 1000.0 * static_cast<double>(i) / rate;
+            c += s[i] * std::cos(w);
+            q2 += s[i] * std::sin(w);
+        }
+        const double phase = std::atan2(c, q2), amp = 2 * std::hypot(c, q2) / static_cast<double>(fit) / 32768.0;
+        EXPECT_NEAR(amp, 0.5, 0.01) << "input " << dev;
+        const double tol = dev == 0 ? 3.0 / 32768 : 0.01; // rounding; the converter's own error
+        size_t bad = 0, firstBad = 0;
+        for (size_t i = skip; i < s.size(); ++i) {
+            const double want = amp * std::sin(2 * std::numbers::pi * 1000.0 * static_cast<double>(i) / rate + phase);
+            if (std::abs(s[i] / 32768.0 - want) > tol && bad++ == 0) firstBad = i;
+        }
+        EXPECT_EQ(bad, 0u) << "input " << dev << ": first off at sample " << firstBad << " (buffer "
+                           << firstBad / static_cast<size_t>(rate / 2) << ")";
+    }
+}
