@@ -17,6 +17,8 @@
 #include <functional>
 #include <mutex>
 #include <numbers>
+#include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -106,6 +108,7 @@ struct Recorder {
 CQXDevice* MakeProbes(int nType, int nDir)
 {
     if (nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_IN) return new Probe;
+    if (nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_OUT) return new CWaveOut;
     return nullptr;
 }
 
@@ -373,4 +376,72 @@ TEST_F(WaveInDevice, ALongSineIsRecordedWithoutAGap)
         EXPECT_EQ(bad, 0u) << "input " << dev << ": first off at sample " << firstBad << " (buffer "
                            << firstBad / static_cast<size_t>(rate / 2) << ")";
     }
+}
+
+// Recording while playing on the same virtual pair: the file PlayWaveFile plays on
+// output 0 is found whole in what input 0 records from it.
+TEST_F(WaveInDevice, APlayedFileIsFoundInTheLoopbackRecording)
+{
+    CQuavix::ExitQuavix();
+    setenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE", "loopback", 1);
+    qxplat::QXVirtualSetDevices(0, 0, 1, 1);
+    q = CQuavix::InitQuavix();
+    q->Initialize(QX_INIT_WAVE);
+    q->SetNotificationCallback(NoteReport, 0);
+    rec.probes[0] = static_cast<Probe*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0));
+    rec.probes[1] = nullptr;
+    tag = q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&rec), 1);
+
+    // A second of a sweep at the outputs' rate, written with the library's writer.
+    std::vector<int16_t> sweep(48000);
+    double phase = 0;
+    for (size_t i = 0; i < sweep.size(); ++i) {
+        phase += 2 * std::numbers::pi * (200.0 + 8000.0 * double(i) / double(sweep.size())) / 48000.0;
+        sweep[i] = static_cast<int16_t>(std::lround(12000 * std::sin(phase)));
+    }
+    const std::string path = "/tmp/quavix-loopback-" + std::to_string(getpid()) + ".wav";
+    {
+        QX_DevFormat f = Pcm(48000, 1, 16);
+        CWaveFileWrite file;
+        file.SetFilename(path.c_str());
+        file.SetFormat(&f);
+        ASSERT_EQ(file.Open(0), 1);
+        WAVEHDR h{};
+        h.lpData = reinterpret_cast<LPSTR>(sweep.data());
+        h.dwBytesRecorded = static_cast<DWORD>(sweep.size() * 2);
+        ASSERT_EQ(file.Write(&h), static_cast<long>(h.dwBytesRecorded));
+        ASSERT_EQ(file.Close(), 1);
+    }
+    QX_DevFormat mono = Pcm(48000, 1, 16);
+    ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &mono), 1);
+    ASSERT_EQ(q->OpenDevices(), 1);
+    ASSERT_EQ(q->StartDevices(), 1);
+    ASSERT_NE(q->PlayWaveFile(path.c_str(), 0, nullptr, 0), 0);
+    ASSERT_TRUE(rec.WaitFor(4));
+    q->StopDevices();
+    unlink(path.c_str());
+
+    std::vector<int16_t> take;
+    {
+        std::lock_guard<std::mutex> lock(rec.mutex);
+        for (const auto& d : rec.data) {
+            const size_t at = take.size();
+            take.resize(at + d.size() / 2);
+            std::memcpy(take.data() + at, d.data(), d.size() / 2 * 2);
+        }
+    }
+    size_t onset = 0;
+    while (onset < take.size() && std::abs(take[onset]) < 1000) ++onset;
+    ASSERT_LT(onset + sweep.size(), take.size()) << "the sweep was not heard whole";
+    double best = 0;
+    for (size_t at = onset > 100 ? onset - 100 : 0; at < onset + 100; ++at) {
+        double xy = 0, xx = 0, yy = 0;
+        for (size_t i = 0; i < sweep.size(); ++i) {
+            xy += double(sweep[i]) * take[at + i];
+            xx += double(sweep[i]) * sweep[i];
+            yy += double(take[at + i]) * take[at + i];
+        }
+        best = std::max(best, xy / std::sqrt(xx * yy));
+    }
+    EXPECT_GT(best, 0.999) << "the recording is the file";
 }
