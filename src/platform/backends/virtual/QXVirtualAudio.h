@@ -56,7 +56,8 @@ private:
 // A tap lives as long as the process, so neither side can outlive it.
 class VirtualLoopbackTap {
 public:
-    VirtualLoopbackTap() : m_ring(16384) {}
+    // Room for an output that catches up after its thread was held up for a second.
+    VirtualLoopbackTap() : m_ring(65536) {}
     // The owners' side: an end is claimed at its start and given up once its pacer has
     // stopped. False: that end is taken.
     bool AttachOutput(const void* pOwner, DWORD dwRate);

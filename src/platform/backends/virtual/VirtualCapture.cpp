@@ -191,12 +191,12 @@ private:
         }
     }
 
-    // The next frames of the output this input listens to. It takes them a fixed two
-    // ticks behind the output, which absorbs the phase of the two pacers and their
-    // wake-up jitter; both count frames on the same clock at the same rate, so nothing
-    // is dropped or padded while the output runs. Silence while there is nothing (an
-    // output stopped or not open), then it waits for the two ticks again.
-    void TakeLooped(float* out, uint32_t n)
+    // The next frames of the output this input listens to, and how many there are. It
+    // takes them a fixed two ticks behind the output, which absorbs the phase of the two
+    // pacers. While the output is there nothing is dropped or padded: frames the output
+    // has not fed yet (its thread came late) are waited for, not replaced. Silence only
+    // while there is no output (stopped or not open), then it waits for two ticks again.
+    uint32_t TakeLooped(float* out, uint32_t n)
     {
         AudioRing& ring = m_tap->Ring();
         if (m_tapFresh) {
@@ -204,31 +204,34 @@ private:
             m_tapFresh = false;
             m_primed = false;
         }
-        uint32_t got = 0;
-        if (!m_primed) {
-            if (m_tap->OutputRate() != m_rate)
-                ring.Skip(ring.Readable()); // nothing to take at this rate
-            else if (ring.Readable() >= n + m_rate / 100)
-                m_primed = true;
-        }
-        if (m_primed) got = ring.Read(out, n);
-        if (got < n) {
+        const bool bOutput = m_tap->OutputRate() == m_rate;
+        if (!bOutput) ring.Skip(ring.Readable()); // nothing to take at this rate
+        if (!m_primed && bOutput && ring.Readable() >= m_rate / 100) m_primed = true;
+        if (m_primed) {
+            const uint32_t got = ring.Read(out, n);
+            if (got == n || bOutput) return got;
+            m_primed = false; // the output went: what it left, then silence
             std::fill(out + 2 * got, out + 2 * n, 0.0f);
-            m_primed = false;
+            return n;
         }
+        if (bOutput) return 0; // the output has begun: its first frames are on the way
+        std::fill(out, out + 2 * n, 0.0f);
+        return n;
     }
 
     void Produce(uint64_t due, uint64_t& produced)
     {
         while (produced < due) {
-            const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(due - produced, 1024));
+            uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(due - produced, 1024));
+            const uint32_t want = n;
             if (m_sig.kind == Signal::Loopback && m_tapped)
-                TakeLooped(m_chunk.data(), n);
+                n = TakeLooped(m_chunk.data(), n);
             else
                 Generate(m_chunk.data(), n);
             const uint32_t put = m_ring.Write(m_chunk.data(), n);
             if (put < n) m_overruns.fetch_add(n - put);
             produced += n;
+            if (n < want) break; // the rest comes at a later tick
         }
     }
 
