@@ -1,5 +1,5 @@
 // What the capture tests share: a recording made through the platform's waveIn calls, a
-// WAV writer for the tones other programs play, and the analysis of what came in.
+// WAV writer for the tones other programs play, and the peak of what came in.
 #ifndef QUAVIX_TESTS_INTEGRATION_CAPTURE_TAKE_H
 #define QUAVIX_TESTS_INTEGRATION_CAPTURE_TAKE_H
 
@@ -94,6 +94,13 @@ public:
     MMRESULT CloseResult() const { return m_closeResult; }
 
     size_t Frames() const { return m_samples.size() / m_fmt.nChannels; }
+    // Every channel, interleaved, as float.
+    std::vector<float> Samples() const
+    {
+        std::vector<float> out(m_samples.size());
+        for (size_t i = 0; i < out.size(); ++i) out[i] = m_samples[i] / 32768.0f;
+        return out;
+    }
     // One channel as float.
     std::vector<float> Channel(int ch) const
     {
@@ -190,39 +197,6 @@ inline bool WriteToneWav(const std::string& path, unsigned rate, double hz, doub
         put(static_cast<uint16_t>(v), 2);
     }
     return f.good();
-}
-
-struct Tone {
-    bool found = false;
-    double frequency = 0;
-    double amplitude = 0; // from the RMS
-};
-
-// From the first clearly audible sample on, 50 ms of onset skipped, over `seconds`:
-// zero crossings give the frequency, the RMS the amplitude.
-inline Tone AnalyseTone(const std::vector<float>& x, unsigned rate, double seconds)
-{
-    Tone t;
-    size_t first = 0;
-    while (first < x.size() && std::fabs(x[first]) < 0.05) ++first;
-    const size_t begin = first + rate / 20, end = begin + static_cast<size_t>(seconds * rate);
-    if (first == x.size() || end > x.size()) return t;
-    t.found = true;
-    double sum = 0, firstCross = -1, lastCross = -1;
-    int crossings = 0;
-    for (size_t i = begin; i < end; ++i) {
-        sum += double{x[i]} * x[i];
-        const double p = x[i - 1];
-        if (p < 0 && x[i] >= 0) {
-            const double at = static_cast<double>(i - 1) + p / (p - x[i]);
-            if (firstCross < 0) firstCross = at;
-            lastCross = at;
-            ++crossings;
-        }
-    }
-    t.amplitude = std::sqrt(2 * sum / static_cast<double>(end - begin));
-    if (crossings > 1) t.frequency = (crossings - 1) * rate / (lastCross - firstCross);
-    return t;
 }
 
 inline float Peak(const std::vector<float>& x)

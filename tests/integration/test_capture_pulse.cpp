@@ -6,6 +6,7 @@
 // Environment (set by CTest): PULSE_SERVER names the fixture's server,
 // QUAVIX_PULSE_DIR its directory, QUAVIX_BACKEND=alsa.
 #include "capture_take.h"
+#include "tone.h"
 
 #include "platform/QXPlatform.h"
 #include "platform/backends/QXBackend.h"
@@ -108,7 +109,7 @@ std::string ToneFile(unsigned rate)
 
 // Plays a 1 kHz tone at 0.5 into a sink and records it through wave input `device` as
 // 16-bit stereo at `rate`.
-capture::Tone RecordTone(int device, const std::string& sink, unsigned rate, float* pRightToLeft)
+tone::Report RecordTone(int device, const std::string& sink, unsigned rate)
 {
     const std::string wav = ToneFile(48000);
     EXPECT_FALSE(wav.empty());
@@ -123,13 +124,12 @@ capture::Tone RecordTone(int device, const std::string& sink, unsigned rate, flo
     take.Close();
     std::remove(wav.c_str());
     EXPECT_EQ(take.CloseResult(), MMSYSERR_NOERROR);
-    const std::vector<float> left = take.Channel(0), right = take.Channel(1);
-    const capture::Tone t = capture::AnalyseTone(left, rate, 2.0);
-    const capture::Tone r = capture::AnalyseTone(right, rate, 2.0);
-    *pRightToLeft = t.amplitude > 0 ? static_cast<float>(r.amplitude / t.amplitude) : 0.0f;
-    std::printf("input %d (%s) recording %s at %u Hz: %zu frames, tone %.3f Hz, amplitude %.4f, right/left %.4f\n",
+    const tone::Report t = tone::Analyse(take.Samples(), 2, rate, 1000.0, 2.0, 0.05f);
+    std::printf("input %d (%s) recording %s at %u Hz: %zu frames, tone %.3f Hz, amplitude %.4f, right/left %.4f, "
+                "unbroken for %.2f s\n",
                 device, capture::InputName(static_cast<UINT>(device)).c_str(), sink.c_str(), rate, take.Frames(),
-                t.frequency, t.amplitude, *pRightToLeft);
+                t.frequency, t.amplitude, t.rightToLeft, t.steadySeconds);
+    EXPECT_GE(t.steadySeconds, 0.1) << "not a tenth of a second of the tone came unbroken";
     return t;
 }
 
@@ -168,12 +168,11 @@ TEST(PulseCapture, ToneOnANullSinkIsRecordedFromItsMonitor)
 {
     const int a = capture::FindInput("Monitor of Quavix_A");
     ASSERT_GE(a, 0);
-    float rightToLeft = 0;
-    const capture::Tone t = RecordTone(a, "quavix_a", SinkRate("quavix_a"), &rightToLeft);
+    const tone::Report t = RecordTone(a, "quavix_a", SinkRate("quavix_a"));
     ASSERT_TRUE(t.found) << "no tone came in";
     EXPECT_NEAR(t.frequency, 1000.0, 0.5);
     EXPECT_NEAR(t.amplitude, 0.5, 0.02);
-    EXPECT_NEAR(rightToLeft, 1.0, 0.02);
+    EXPECT_NEAR(t.rightToLeft, 1.0, 0.02);
 }
 
 // A 44.1 kHz monitor recorded at 48 kHz: a source whose rate were taken wrongly would put
@@ -182,8 +181,7 @@ TEST(PulseCapture, ToneFromAMonitorAtAnotherRateIsConvertedToTheInputsRate)
 {
     const int b = capture::FindInput("Monitor of Quavix_B");
     ASSERT_GE(b, 0);
-    float rightToLeft = 0;
-    const capture::Tone t = RecordTone(b, "quavix_b", 48000, &rightToLeft);
+    const tone::Report t = RecordTone(b, "quavix_b", 48000);
     ASSERT_TRUE(t.found) << "no tone came in";
     EXPECT_NEAR(t.frequency, 1000.0, 0.5);
     EXPECT_NEAR(t.amplitude, 0.5, 0.02);
@@ -233,12 +231,11 @@ TEST(AlsaCapture, RawPcmRecordsTheDefaultCaptureDevice)
     EXPECT_EQ(capture::InputName(0), "Default ALSA input");
 
     setenv("PULSE_SERVER", server.c_str(), 1); // for paplay
-    float rightToLeft = 0;
-    const capture::Tone t = RecordTone(0, "quavix_a", 48000, &rightToLeft);
+    const tone::Report t = RecordTone(0, "quavix_a", 48000);
     ASSERT_TRUE(t.found) << "no tone came through raw ALSA";
     EXPECT_NEAR(t.frequency, 1000.0, 1.0);
     EXPECT_NEAR(t.amplitude, 0.5, 0.02);
-    EXPECT_NEAR(rightToLeft, 1.0, 0.02);
+    EXPECT_NEAR(t.rightToLeft, 1.0, 0.02);
 }
 
 TEST(AlsaCapture, ACaptureDeviceThatIsNotThereIsAClearError)
