@@ -30,6 +30,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace qxplat {
@@ -165,6 +166,7 @@ public:
     MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) override;
     MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port) override;
     MMRESULT OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port) override;
+    bool RegisterStereo(jack_port_t* (&ports)[2], const char* pszKind, int index, bool bOutput);
 
     // The server's name as the user knows it (JACK_DEFAULT_SERVER picks it), for the
     // output and the input alike.
@@ -635,6 +637,33 @@ private:
     int m_index;
 };
 
+// <kind>_1/<kind>_2 for the first port of a direction open at a time, <kind>2_1/<kind>2_2
+// for a second, ... Connected at once to the sound card's ports where there is one, so
+// that it is heard (or records) without a patchbay; elsewhere the user connects them. A
+// single physical port takes or feeds both channels (a mono source is L=R). Under m_mutex.
+bool JackBackend::RegisterStereo(jack_port_t* (&ports)[2], const char* pszKind, int index, bool bOutput)
+{
+    const std::string stem = pszKind + (index == 0 ? std::string() : std::to_string(index + 1)) + "_";
+    for (int ch = 0; ch < 2; ++ch)
+        ports[ch] = jack_port_register(m_client, (stem + std::to_string(ch + 1)).c_str(), JACK_DEFAULT_AUDIO_TYPE,
+                                       bOutput ? JackPortIsOutput : JackPortIsInput, 0);
+    if (ports[0] == nullptr || ports[1] == nullptr) {
+        for (jack_port_t*& p : ports)
+            if (p != nullptr) jack_port_unregister(m_client, std::exchange(p, nullptr));
+        return false;
+    }
+    const unsigned long other = JackPortIsPhysical | (bOutput ? JackPortIsInput : JackPortIsOutput);
+    if (const char** phys = jack_get_ports(m_client, nullptr, JACK_DEFAULT_AUDIO_TYPE, other)) {
+        for (int ch = 0; ch < 2 && phys[0] != nullptr; ++ch) {
+            const char* card = ch == 1 && phys[1] != nullptr ? phys[1] : phys[0];
+            const char* ours = jack_port_name(ports[ch]);
+            jack_connect(m_client, bOutput ? ours : card, bOutput ? card : ours);
+        }
+        jack_free(phys);
+    }
+    return true;
+}
+
 MMRESULT JackBackend::OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -648,27 +677,9 @@ MMRESULT JackBackend::OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port)
     } catch (const std::bad_alloc&) {
         return MMSYSERR_NOMEM;
     }
-    // out_1/out_2 for the first output open at a time, out2_1/out2_2 for a second, ...
-    const std::string stem = index == 0 ? "out_" : "out" + std::to_string(index + 1) + "_";
-    for (int ch = 0; ch < 2; ++ch) {
-        const std::string name = stem + std::to_string(ch + 1);
-        slot->ports[ch] = jack_port_register(m_client, name.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsOutput, 0);
-    }
-    if (slot->ports[0] == nullptr || slot->ports[1] == nullptr) {
-        for (jack_port_t* p : slot->ports)
-            if (p != nullptr) jack_port_unregister(m_client, p);
+    if (!RegisterStereo(slot->ports, "out", index, true)) {
         delete slot;
         return MMSYSERR_ERROR;
-    }
-    // Heard at once where there is hardware; elsewhere the user connects the ports. A
-    // single playback port takes both channels.
-    if (const char** phys =
-            jack_get_ports(m_client, nullptr, JACK_DEFAULT_AUDIO_TYPE, JackPortIsPhysical | JackPortIsInput)) {
-        if (phys[0] != nullptr) {
-            jack_connect(m_client, jack_port_name(slot->ports[0]), phys[0]);
-            jack_connect(m_client, jack_port_name(slot->ports[1]), phys[1] != nullptr ? phys[1] : phys[0]);
-        }
-        jack_free(phys);
     }
     m_audio[static_cast<size_t>(index)].store(slot, std::memory_order_release);
     port = std::make_unique<JackAudioOut>(this, slot, index);
@@ -723,27 +734,9 @@ MMRESULT JackBackend::OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port)
     } catch (const std::bad_alloc&) {
         return MMSYSERR_NOMEM;
     }
-    // in_1/in_2 for the first input open at a time, in2_1/in2_2 for a second, ...
-    const std::string stem = index == 0 ? "in_" : "in" + std::to_string(index + 1) + "_";
-    for (int ch = 0; ch < 2; ++ch) {
-        const std::string name = stem + std::to_string(ch + 1);
-        slot->ports[ch] = jack_port_register(m_client, name.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0);
-    }
-    if (slot->ports[0] == nullptr || slot->ports[1] == nullptr) {
-        for (jack_port_t* p : slot->ports)
-            if (p != nullptr) jack_port_unregister(m_client, p);
+    if (!RegisterStereo(slot->ports, "in", index, false)) {
         delete slot;
         return MMSYSERR_ERROR;
-    }
-    // The sound card's inputs where there is one; a single capture port feeds both
-    // channels (a mono source is L=R).
-    if (const char** phys =
-            jack_get_ports(m_client, nullptr, JACK_DEFAULT_AUDIO_TYPE, JackPortIsPhysical | JackPortIsOutput)) {
-        if (phys[0] != nullptr) {
-            jack_connect(m_client, phys[0], jack_port_name(slot->ports[0]));
-            jack_connect(m_client, phys[1] != nullptr ? phys[1] : phys[0], jack_port_name(slot->ports[1]));
-        }
-        jack_free(phys);
     }
     m_capture[static_cast<size_t>(index)].store(slot, std::memory_order_release);
     port = std::make_unique<JackAudioIn>(this, slot, index);
