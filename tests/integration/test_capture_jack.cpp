@@ -5,6 +5,7 @@
 // Environment (set by CTest): JACK_DEFAULT_SERVER names the fixture's server,
 // QUAVIX_BACKEND=jack.
 #include "capture_take.h"
+#include "jack_clients.h"
 
 #include "platform/QXPlatform.h"
 #include "platform/backends/QXBackend.h"
@@ -13,10 +14,6 @@
 #include <gtest/gtest.h>
 #include <jack/jack.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -30,103 +27,16 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
-
 namespace {
 
 using namespace std::chrono_literals;
-
-// A program run for the length of a test, its output going to a file.
-class Child {
-public:
-    Child(std::vector<std::string> argv, const std::string& outFile)
-    {
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_adddup2(&fa, 1, 2);
-        if (posix_spawnp(&m_pid, args[0], &fa, nullptr, args.data(), environ) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&fa);
-    }
-    ~Child() { Stop(); }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    void Stop()
-    {
-        if (m_pid <= 0) return;
-        kill(m_pid, SIGTERM);
-        waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
-    }
-    bool Started() const { return m_pid > 0; }
-
-private:
-    pid_t m_pid = -1;
-};
+using jackclients::Child;
+using jackclients::Probe;
 
 std::string TempName(const char* what)
 {
     return "/tmp/quavix-capture-jack-" + std::string(what) + "-" + std::to_string(getpid()) + ".txt";
 }
-
-// A client of the test's own: counts the server's xruns, and looks at and makes
-// connections.
-class Probe {
-public:
-    Probe()
-    {
-        for (int i = 0; i < 100 && m_client == nullptr; ++i) // a server just started may not answer yet
-            if ((m_client = jack_client_open("qxcapprobe", JackNoStartServer, nullptr)) == nullptr)
-                std::this_thread::sleep_for(50ms);
-        if (m_client == nullptr) return;
-        jack_set_xrun_callback(
-            m_client, [](void* a) { return static_cast<Probe*>(a)->m_xruns.fetch_add(1), 0; }, this);
-        if (jack_activate(m_client) != 0) {
-            jack_client_close(m_client);
-            m_client = nullptr;
-        }
-    }
-    ~Probe()
-    {
-        if (m_client != nullptr) jack_client_close(m_client);
-    }
-    Probe(const Probe&) = delete;
-    Probe& operator=(const Probe&) = delete;
-
-    jack_client_t* Client() const { return m_client; }
-    int Xruns() const { return m_xruns.load(); }
-    bool Exists(const std::string& port) const { return jack_port_by_name(m_client, port.c_str()) != nullptr; }
-    bool WaitExists(const std::string& port) const
-    {
-        for (int i = 0; i < 250; ++i) {
-            if (Exists(port)) return true;
-            std::this_thread::sleep_for(20ms);
-        }
-        return false;
-    }
-    std::vector<std::string> Connections(const std::string& port) const
-    {
-        std::vector<std::string> out;
-        jack_port_t* p = jack_port_by_name(m_client, port.c_str());
-        for (int i = 0; i < 50 && p != nullptr && out.empty(); ++i) {
-            if (const char** names = jack_port_get_all_connections(m_client, p)) {
-                for (const char** n = names; *n != nullptr; ++n) out.emplace_back(*n);
-                jack_free(names);
-            } else {
-                std::this_thread::sleep_for(20ms);
-            }
-        }
-        return out;
-    }
-
-private:
-    jack_client_t* m_client = nullptr;
-    std::atomic<int> m_xruns{0};
-};
 
 TEST(JackCapture, TheServerIsOneInputWhosePortsComeFromTheCapturePorts)
 {

@@ -1,16 +1,13 @@
 // The library against a real JACK server and the clients that ship with jackd2.
 #include <quavix/Quavix.h>
 
+#include "jack_clients.h"
 #include "platform/QXPlatform.h"
 
 #include <gtest/gtest.h>
 #include <jack/jack.h>
 #include <jack/midiport.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
-#include <fcntl.h>
 
 #include <unistd.h>
 
@@ -26,45 +23,9 @@
 #include <string>
 #include <vector>
 
-extern char** environ;
-
 namespace {
 
-// A jackd2 client run for the length of a test.
-class Child {
-public:
-    explicit Child(std::vector<std::string> argv, const std::string& outFile)
-    {
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_adddup2(&fa, 1, 2);
-        if (posix_spawnp(&m_pid, args[0], &fa, nullptr, args.data(), environ) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&fa);
-    }
-    ~Child() { Stop(); }
-    int Wait() // its exit status
-    {
-        if (m_pid <= 0) return -1;
-        int status = 0;
-        waitpid(m_pid, &status, 0);
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    void Stop()
-    {
-        if (m_pid <= 0) return;
-        kill(m_pid, SIGTERM);
-        Wait();
-    }
-    bool Running() const { return m_pid > 0; }
-
-private:
-    pid_t m_pid = -1;
-};
+using jackclients::Child;
 
 // Per process: another build's tests may run at the same time.
 std::string TempName(const char* what)
@@ -479,7 +440,7 @@ TEST_F(JackTest, ThruLatencyMeasuredByJackMidiLatencyTest)
         ASSERT_TRUE(WaitForPort("jack_midi_latency_test:out"));
         ASSERT_TRUE(watch.Connect("jack_midi_latency_test:out", 0));
         const int xrunsBefore = watch.Xruns(); // connecting clients costs xruns of its own
-        tester.Wait();
+        tester.Wait(std::chrono::seconds(60));
         Sleep(200); // the last message may still be on its way through
         q->CloseDevices();
         CQuavix::ExitQuavix();

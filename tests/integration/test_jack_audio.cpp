@@ -9,15 +9,13 @@
 #include "platform/backends/jack/QXJack.h"
 #include "platform/dsound/QXDSound.h"
 #include "platform/dsound/QXMixer.h"
+#include "audio_out.h"
+#include "jack_clients.h"
 #include "tone.h"
 
 #include <gtest/gtest.h>
 #include <jack/jack.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,114 +32,18 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
-
 namespace {
 
 using namespace std::chrono_literals;
+using jackclients::Child;
+using jackclients::Probe;
 
 constexpr double kPi = 3.14159265358979323846;
-
-// A program run for the length of a test, its output going to a file.
-class Child {
-public:
-    Child(std::vector<std::string> argv, const std::string& outFile)
-    {
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_adddup2(&fa, 1, 2);
-        if (posix_spawnp(&m_pid, args[0], &fa, nullptr, args.data(), environ) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&fa);
-    }
-    ~Child() { Stop(); }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    // Its exit status, or -1 when it did not end by itself within the limit (then killed).
-    int Wait(std::chrono::seconds limit)
-    {
-        if (m_pid <= 0) return -1;
-        const auto end = std::chrono::steady_clock::now() + limit;
-        int status = 0;
-        while (waitpid(m_pid, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > end) {
-                Stop();
-                return -1;
-            }
-            std::this_thread::sleep_for(20ms);
-        }
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    void Stop()
-    {
-        if (m_pid <= 0) return;
-        kill(m_pid, SIGTERM);
-        waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
-    }
-    bool Started() const { return m_pid > 0; }
-
-private:
-    pid_t m_pid = -1;
-};
 
 std::string TempName(const char* what, const char* ext)
 {
     return "/tmp/quavix-jack-audio-" + std::string(what) + "-" + std::to_string(getpid()) + ext;
 }
-
-// A client of the test's own: counts the server's xruns, and answers questions about
-// ports and connections.
-class Probe {
-public:
-    Probe()
-    {
-        for (int i = 0; i < 100 && m_client == nullptr; ++i) // a server just started may not answer yet
-            if ((m_client = jack_client_open("qxprobe", JackNoStartServer, nullptr)) == nullptr)
-                std::this_thread::sleep_for(50ms);
-        if (m_client == nullptr) return;
-        jack_set_xrun_callback(
-            m_client, [](void* a) { return static_cast<Probe*>(a)->m_xruns.fetch_add(1), 0; }, this);
-        if (jack_activate(m_client) != 0) {
-            jack_client_close(m_client);
-            m_client = nullptr;
-        }
-    }
-    ~Probe()
-    {
-        if (m_client != nullptr) jack_client_close(m_client);
-    }
-    Probe(const Probe&) = delete;
-    Probe& operator=(const Probe&) = delete;
-
-    jack_client_t* Client() const { return m_client; }
-    int Xruns() const { return m_xruns.load(); }
-    bool Exists(const std::string& port) const { return jack_port_by_name(m_client, port.c_str()) != nullptr; }
-    // The ports a port is connected to (a new connection shows from the next cycle).
-    std::vector<std::string> Connections(const std::string& port) const
-    {
-        std::vector<std::string> out;
-        jack_port_t* p = jack_port_by_name(m_client, port.c_str());
-        for (int i = 0; i < 50 && p != nullptr && out.empty(); ++i) {
-            if (const char** names = jack_port_get_all_connections(m_client, p)) {
-                for (const char** n = names; *n != nullptr; ++n) out.emplace_back(*n);
-                jack_free(names);
-            } else {
-                std::this_thread::sleep_for(20ms);
-            }
-        }
-        return out;
-    }
-
-private:
-    jack_client_t* m_client = nullptr;
-    std::atomic<int> m_xruns{0};
-};
 
 // The stereo frames of a PCM WAV file (16/24/32-bit, as jack_rec writes them), as float.
 bool ReadWav(const std::string& path, unsigned& rate, std::vector<float>& stereo)
@@ -174,40 +76,6 @@ bool ReadWav(const std::string& path, unsigned& rate, std::vector<float>& stereo
         at = body + size + (size & 1);
     }
     return false;
-}
-
-// A looping secondary buffer of one second of a 16-bit stereo sine.
-LPDIRECTSOUNDBUFFER ToneBuffer(LPDIRECTSOUND ds, unsigned rate, double hz, double amplitude)
-{
-    WAVEFORMATEX wfx{};
-    wfx.wFormatTag = WAVE_FORMAT_PCM;
-    wfx.nChannels = 2;
-    wfx.nSamplesPerSec = rate;
-    wfx.wBitsPerSample = 16;
-    wfx.nBlockAlign = 4;
-    wfx.nAvgBytesPerSec = rate * 4;
-    DSBUFFERDESC desc{};
-    desc.dwSize = sizeof desc;
-    desc.dwFlags = DSBCAPS_CTRLVOLUME | DSBCAPS_GETCURRENTPOSITION2;
-    desc.dwBufferBytes = rate * 4;
-    desc.lpwfxFormat = &wfx;
-    LPDIRECTSOUNDBUFFER b = nullptr;
-    if (ds->CreateSoundBuffer(&desc, &b, nullptr) != DS_OK) return nullptr;
-    void* p1 = nullptr;
-    void* p2 = nullptr;
-    DWORD n1 = 0, n2 = 0;
-    if (b->Lock(0, desc.dwBufferBytes, &p1, &n1, &p2, &n2, 0) != DS_OK) {
-        b->Release();
-        return nullptr;
-    }
-    auto* s = static_cast<int16_t*>(p1);
-    for (unsigned i = 0; i < rate; ++i) {
-        const auto v = static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * kPi * hz * i / rate)));
-        s[2 * i] = v;
-        s[2 * i + 1] = v;
-    }
-    b->Unlock(p1, n1, p2, n2);
-    return b;
 }
 
 // The device's primary buffer, playing: what an application does before its sounds.
@@ -299,7 +167,7 @@ TEST(JackAudio, ToneIsRecordedWholeAtItsFrequencyAndLevel)
     ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
     LPDIRECTSOUNDBUFFER primary = PlayPrimary(ds);
     ASSERT_NE(primary, nullptr);
-    LPDIRECTSOUNDBUFFER b = ToneBuffer(ds, 22050, 1000.0, 0.5);
+    LPDIRECTSOUNDBUFFER b = audioout::ToneBuffer(ds, 22050, 1000.0, 0.5);
     ASSERT_NE(b, nullptr);
     ASSERT_EQ(b->SetVolume(-600), DS_OK);
     const double expected = 0.5 * 32767.0 / 32768.0 * std::pow(10.0, -600.0 / 2000.0);
@@ -357,39 +225,8 @@ TEST(JackAudio, UnderrunsAreCountedOnlyWhileTheRingRunsDryAndStopKeepsTheRing)
     ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 1);
     std::unique_ptr<qxplat::AudioOutPort> port;
     ASSERT_EQ(b.OpenAudioOut(0, port), MMSYSERR_NOERROR);
-    const uint32_t rate = port->Rate();
-
-    // Fed by a mixer: the ring never runs dry for long on an idle machine; the bound is
-    // generous so that a busy build machine does not fail it.
-    {
-        qxplat::ds::Mixer mixer(rate, qxplat::Resampler::Cubic);
-        port->Start();
-        mixer.StartThread(port.get());
-        std::this_thread::sleep_for(2s);
-        mixer.StopThread();
-        port->Stop();
-        std::printf("fed for 2 s: %llu frames of underrun\n", static_cast<unsigned long long>(port->UnderrunFrames()));
-        EXPECT_LT(port->UnderrunFrames(), rate / 5) << "a fed output ran dry";
-    }
-
-    // Stopped: what is in the ring stays there, and silence is no underrun.
-    const uint64_t before = port->UnderrunFrames();
-    qxplat::AudioRing& ring = port->Ring();
-    ring.Skip(ring.Readable());
-    std::vector<float> frames(2 * 1000, 0.1f);
-    ASSERT_EQ(ring.Write(frames.data(), 1000), 1000u);
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(ring.Readable(), 1000u);
-    EXPECT_EQ(port->UnderrunFrames(), before);
-
-    // Running with nothing more coming: those frames go, then every frame is an underrun.
-    port->Start();
-    const auto end = std::chrono::steady_clock::now() + 10s;
-    while (port->UnderrunFrames() < before + rate / 10 && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(ring.Readable(), 0u);
-    EXPECT_GE(port->UnderrunFrames(), before + rate / 10);
-    port->Stop();
+    audioout::ExpectAFedPortKeepsPlaying(*port);
+    audioout::ExpectStopKeepsTheRingAndRunningDryIsCounted(*port);
 }
 
 std::atomic<int> g_lost{0};
@@ -417,7 +254,7 @@ TEST(JackAudioGone, AServerThatGoesAwayWhileTheOutputPlaysIsReportedAndNothingHa
 
     LPDIRECTSOUND ds = nullptr;
     ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
-    LPDIRECTSOUNDBUFFER b = ToneBuffer(ds, 48000, 1000.0, 0.5);
+    LPDIRECTSOUNDBUFFER b = audioout::ToneBuffer(ds, 48000, 1000.0, 0.5);
     ASSERT_NE(b, nullptr);
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     std::this_thread::sleep_for(300ms);

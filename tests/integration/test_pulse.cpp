@@ -10,6 +10,7 @@
 #include "platform/dsound/QXMixer.h"
 #include "platform/backends/alsa/QXAlsa.h"
 #include "platform/backends/pulse/QXPulse.h"
+#include "audio_out.h"
 #include "tone.h"
 
 #include <gtest/gtest.h>
@@ -40,7 +41,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr double kPi = 3.14159265358979323846;
 
 std::string FixtureDir()
 {
@@ -165,39 +165,6 @@ private:
     std::vector<float> m_data;
 };
 
-// A looping secondary buffer of one second of a 16-bit stereo sine.
-LPDIRECTSOUNDBUFFER ToneBuffer(LPDIRECTSOUND ds, unsigned rate, double hz, double amplitude)
-{
-    WAVEFORMATEX wfx{};
-    wfx.wFormatTag = WAVE_FORMAT_PCM;
-    wfx.nChannels = 2;
-    wfx.nSamplesPerSec = rate;
-    wfx.wBitsPerSample = 16;
-    wfx.nBlockAlign = 4;
-    wfx.nAvgBytesPerSec = rate * 4;
-    DSBUFFERDESC desc{};
-    desc.dwSize = sizeof desc;
-    desc.dwBufferBytes = rate * 4;
-    desc.lpwfxFormat = &wfx;
-    LPDIRECTSOUNDBUFFER b = nullptr;
-    if (ds->CreateSoundBuffer(&desc, &b, nullptr) != DS_OK) return nullptr;
-    void* p1 = nullptr;
-    void* p2 = nullptr;
-    DWORD n1 = 0, n2 = 0;
-    if (b->Lock(0, desc.dwBufferBytes, &p1, &n1, &p2, &n2, 0) != DS_OK) {
-        b->Release();
-        return nullptr;
-    }
-    auto* s = static_cast<int16_t*>(p1);
-    for (unsigned i = 0; i < rate; ++i) {
-        const auto v = static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * kPi * hz * i / rate)));
-        s[2 * i] = v;
-        s[2 * i + 1] = v;
-    }
-    b->Unlock(p1, n1, p2, n2);
-    return b;
-}
-
 struct Driver {
     bool hasGuid;
     GUID guid;
@@ -234,7 +201,7 @@ tone::Report PlayAndRecord(const GUID* guid, const std::string& sink, double hz,
     LPDIRECTSOUND ds = nullptr;
     EXPECT_EQ(DirectSoundCreate(guid, &ds, nullptr), DS_OK);
     if (ds == nullptr) return {};
-    LPDIRECTSOUNDBUFFER b = ToneBuffer(ds, 48000, hz, amplitude);
+    LPDIRECTSOUNDBUFFER b = audioout::ToneBuffer(ds, 48000, hz, amplitude);
     EXPECT_NE(b, nullptr);
     tone::Report r;
     if (b != nullptr) {
@@ -354,20 +321,7 @@ TEST(Pulse, UnderrunsAreCountedOnlyWhileTheRingRunsDryAndStopKeepsTheRing)
     ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
     std::unique_ptr<qxplat::AudioOutPort> port;
     ASSERT_EQ(b.OpenAudioOut(1, port), MMSYSERR_NOERROR);
-    const uint32_t rate = port->Rate();
-
-    // Fed by a mixer: the ring never runs dry for long on an idle machine; the bound is
-    // generous so that a busy build machine does not fail it.
-    {
-        qxplat::ds::Mixer mixer(rate, qxplat::Resampler::Cubic);
-        port->Start();
-        mixer.StartThread(port.get());
-        std::this_thread::sleep_for(2s);
-        mixer.StopThread();
-        port->Stop();
-        std::printf("fed for 2 s: %llu frames of underrun\n", static_cast<unsigned long long>(port->UnderrunFrames()));
-        EXPECT_LT(port->UnderrunFrames(), rate / 5) << "a fed output ran dry";
-    }
+    audioout::ExpectAFedPortKeepsPlaying(*port);
 #ifdef QUAVIX_HAVE_PULSE
     int64_t latencyUs = -1;
     uint32_t underflows = 0;
@@ -377,24 +331,7 @@ TEST(Pulse, UnderrunsAreCountedOnlyWhileTheRingRunsDryAndStopKeepsTheRing)
     EXPECT_LT(latencyUs, 1'000'000);
 #endif
 
-    // Stopped: what is in the ring stays there.
-    const uint64_t before = port->UnderrunFrames();
-    qxplat::AudioRing& ring = port->Ring();
-    ring.Skip(ring.Readable());
-    std::vector<float> frames(2 * 1000, 0.1f);
-    ASSERT_EQ(ring.Write(frames.data(), 1000), 1000u);
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(ring.Readable(), 1000u);
-    EXPECT_EQ(port->UnderrunFrames(), before);
-
-    // Running with nothing more coming: those frames go, then every frame is an underrun.
-    port->Start();
-    const auto end = std::chrono::steady_clock::now() + 10s;
-    while (port->UnderrunFrames() < before + rate / 10 && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(ring.Readable(), 0u);
-    EXPECT_GE(port->UnderrunFrames(), before + rate / 10);
-    port->Stop();
+    audioout::ExpectStopKeepsTheRingAndRunningDryIsCounted(*port);
 }
 
 std::atomic<int> g_lost{0};
@@ -416,7 +353,7 @@ TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
 
     LPDIRECTSOUND ds = nullptr;
     ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
-    LPDIRECTSOUNDBUFFER b = ToneBuffer(ds, 48000, 1000.0, 0.5);
+    LPDIRECTSOUNDBUFFER b = audioout::ToneBuffer(ds, 48000, 1000.0, 0.5);
     ASSERT_NE(b, nullptr);
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     std::this_thread::sleep_for(300ms);
