@@ -167,6 +167,9 @@ public:
     MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port) override;
     MMRESULT OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port) override;
     bool RegisterStereo(jack_port_t* (&ports)[2], const char* pszKind, int index, bool bOutput);
+    template <class Port, class Slot, size_t N, class Base>
+    MMRESULT OpenStereo(int n, std::array<std::atomic<Slot*>, N>& slots, const char* pszKind, bool bOutput,
+                        std::unique_ptr<Base>& port);
 
     // The server's name as the user knows it (JACK_DEFAULT_SERVER picks it), for the
     // output and the input alike.
@@ -664,26 +667,34 @@ bool JackBackend::RegisterStereo(jack_port_t* (&ports)[2], const char* pszKind, 
     return true;
 }
 
-MMRESULT JackBackend::OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port)
+// An audio output or input: a free slot, its ports, then the slot in the callback's sight.
+template <class Port, class Slot, size_t N, class Base>
+MMRESULT JackBackend::OpenStereo(int n, std::array<std::atomic<Slot*>, N>& slots, const char* pszKind, bool bOutput,
+                                 std::unique_ptr<Base>& port)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!Available()) return MMSYSERR_NODRIVER;
     if (n != 0) return MMSYSERR_BADDEVICEID;
-    const int index = FreeIndex(m_audio);
+    const int index = FreeIndex(slots);
     if (index < 0) return MMSYSERR_ALLOCATED;
-    AudioSlot* slot = nullptr;
+    Slot* slot = nullptr;
     try {
-        slot = new AudioSlot;
+        slot = new Slot;
     } catch (const std::bad_alloc&) {
         return MMSYSERR_NOMEM;
     }
-    if (!RegisterStereo(slot->ports, "out", index, true)) {
+    if (!RegisterStereo(slot->ports, pszKind, index, bOutput)) {
         delete slot;
         return MMSYSERR_ERROR;
     }
-    m_audio[static_cast<size_t>(index)].store(slot, std::memory_order_release);
-    port = std::make_unique<JackAudioOut>(this, slot, index);
+    slots[static_cast<size_t>(index)].store(slot, std::memory_order_release);
+    port = std::make_unique<Port>(this, slot, index);
     return MMSYSERR_NOERROR;
+}
+
+MMRESULT JackBackend::OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port)
+{
+    return OpenStereo<JackAudioOut>(n, m_audio, "out", true, port);
 }
 
 class JackAudioIn final : public AudioInPort {
@@ -723,24 +734,7 @@ private:
 
 MMRESULT JackBackend::OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (!Available()) return MMSYSERR_NODRIVER;
-    if (n != 0) return MMSYSERR_BADDEVICEID;
-    const int index = FreeIndex(m_capture);
-    if (index < 0) return MMSYSERR_ALLOCATED;
-    CaptureSlot* slot = nullptr;
-    try {
-        slot = new CaptureSlot;
-    } catch (const std::bad_alloc&) {
-        return MMSYSERR_NOMEM;
-    }
-    if (!RegisterStereo(slot->ports, "in", index, false)) {
-        delete slot;
-        return MMSYSERR_ERROR;
-    }
-    m_capture[static_cast<size_t>(index)].store(slot, std::memory_order_release);
-    port = std::make_unique<JackAudioIn>(this, slot, index);
-    return MMSYSERR_NOERROR;
+    return OpenStereo<JackAudioIn>(n, m_capture, "in", false, port);
 }
 
 JackBackend* Instance()
