@@ -577,6 +577,7 @@ TEST_F(WaveInLoopbackTest, HearsWhatOutputZeroPlaysFrameByFrame)
     HWAVEIN h = OpenQueued(f, calls, {192000, 192000, 192000, 192000}, bufs); // four seconds
     ASSERT_EQ(waveInStart(h), MMSYSERR_NOERROR);
     LoopedTone tone;
+    const uint64_t dryBefore = qxplat::VirtualAudioUnderrunFramesAll();
     tone.Play();
     ASSERT_TRUE(calls.WaitFor(WIM_DATA, 4));
     ASSERT_EQ(waveInReset(h), MMSYSERR_NOERROR);
@@ -594,12 +595,25 @@ TEST_F(WaveInLoopbackTest, HearsWhatOutputZeroPlaysFrameByFrame)
     ASSERT_EQ(off, 1u) << "the first frames heard are not the tone's first";
     const size_t frames = got.size() / 2 - first;
     ASSERT_GT(frames, 3u * 48000);
-    size_t bad = 0;
-    for (size_t i = 0; i < frames; ++i) {
-        const size_t at = (off + i) % LoopedTone::kFrames;
-        bad += got[2 * (first + i)] != tone.pcm[2 * at] || got[2 * (first + i) + 1] != tone.pcm[2 * at + 1];
+    // Where the output ran dry (a loaded machine held its mixer up) it played silence and
+    // then went on where it was: silence is passed over there, no more than was counted.
+    const uint64_t dry = qxplat::VirtualAudioUnderrunFramesAll() - dryBefore;
+    size_t bad = 0, skipped = 0, gaps = 0;
+    for (size_t i = 0, at = off; i < frames; ++i) {
+        const int16_t* g = &got[2 * (first + i)];
+        const int16_t* e = &tone.pcm[2 * (at % LoopedTone::kFrames)];
+        if (g[0] == e[0] && g[1] == e[1]) {
+            ++at;
+        } else if (g[0] == 0 && g[1] == 0 && skipped < dry) {
+            gaps += i == 0 || got[2 * (first + i - 1)] != 0 || got[2 * (first + i - 1) + 1] != 0;
+            ++skipped;
+        } else {
+            ++bad;
+            ++at;
+        }
     }
-    EXPECT_EQ(bad, 0u) << "frames out of place, of " << frames;
+    EXPECT_EQ(bad, 0u) << "frames out of place, of " << frames << " (" << skipped << " of silence where the output ran dry)";
+    if (skipped > 0) std::printf("note: the output ran dry %zu times, %zu frames (machine load)\n", gaps, skipped);
     // The same, measured: each side's pitch and level.
     size_t crossings[2] = {0, 0};
     int peak[2] = {0, 0};
@@ -608,8 +622,9 @@ TEST_F(WaveInLoopbackTest, HearsWhatOutputZeroPlaysFrameByFrame)
             crossings[c] += (got[2 * (i - 1) + c] < 0) != (got[2 * i + c] < 0);
             peak[c] = std::max(peak[c], std::abs(int{got[2 * i + c]}));
         }
-    EXPECT_NEAR(crossings[0], 2.0 * 997 * frames / 48000, 3.0);
-    EXPECT_NEAR(crossings[1], 2.0 * 1499 * frames / 48000, 3.0);
+    const double sounding = double(frames - skipped), slack = 3.0 + 2.0 * double(gaps);
+    EXPECT_NEAR(crossings[0], 2.0 * 997 * sounding / 48000, slack);
+    EXPECT_NEAR(crossings[1], 2.0 * 1499 * sounding / 48000, slack);
     EXPECT_NEAR(peak[0], 16384, 2);
     EXPECT_NEAR(peak[1], 8192, 2);
 }

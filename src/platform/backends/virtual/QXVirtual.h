@@ -19,6 +19,10 @@ Backend& VirtualBackend();
 // running). A file runs at its own rate, the others at QUAVIX_VIRTUAL_AUDIO_RATE.
 MMRESULT OpenVirtualAudioIn(int n, std::unique_ptr<AudioInPort>& port);
 
+// Frames every virtual audio output of the process has padded with silence because its
+// ring ran dry (a mixer held up on a loaded machine); a loopback input records them.
+uint64_t VirtualAudioUnderrunFramesAll();
+
 // Device counts of the virtual backend. They start from QUAVIX_VIRTUAL_DEVICES, e.g.
 // "midi-in=2,midi-out=3,wave-in=1,wave-out=1" (one of each by default); tests change
 // them here. A manager sees the counts that held when it was initialised.

@@ -1,4 +1,5 @@
 #include "platform/backends/virtual/QXVirtualAudio.h"
+#include "platform/backends/virtual/QXVirtual.h"
 
 #include "platform/mmio/QXMmio.h"
 #include "platform/kernel/QXRealtime.h"
@@ -17,6 +18,8 @@
 namespace qxplat {
 
 namespace {
+
+std::atomic<uint64_t> g_underrunFramesAll{0};
 
 constexpr int64_t kTickNs = 5'000'000;  // the sink consumes every 5 ms
 constexpr uint32_t kTargetMs = 20;      // what the mixer keeps queued
@@ -214,6 +217,7 @@ private:
             if (got < want) {
                 std::fill(m_chunk.begin() + 2 * got, m_chunk.begin() + 2 * want, 0.0f);
                 m_underruns.fetch_add(want - got);
+                g_underrunFramesAll.fetch_add(want - got, std::memory_order_relaxed);
                 underrun = true;
             }
             // The one clip of the mix, for the capture and a loopback alike.
@@ -362,6 +366,11 @@ void VirtualLoopbackTap::DetachInput(const void* pOwner)
 void VirtualLoopbackTap::Feed(const float* pFrames, uint32_t nFrames)
 {
     if (m_input.load() != nullptr) m_ring.Write(pFrames, nFrames);
+}
+
+uint64_t VirtualAudioUnderrunFramesAll()
+{
+    return g_underrunFramesAll.load(std::memory_order_relaxed);
 }
 
 VirtualLoopbackTap* VirtualLoopback(int n)
