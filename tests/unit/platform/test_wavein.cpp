@@ -612,7 +612,8 @@ TEST_F(WaveInLoopbackTest, HearsWhatOutputZeroPlaysFrameByFrame)
             ++at;
         }
     }
-    EXPECT_EQ(bad, 0u) << "frames out of place, of " << frames << " (" << skipped << " of silence where the output ran dry)";
+    EXPECT_EQ(bad, 0u) << "frames out of place, of " << frames << " (" << skipped
+                       << " of silence where the output ran dry)";
     if (skipped > 0) std::printf("note: the output ran dry %zu times, %zu frames (machine load)\n", gaps, skipped);
     // The same, measured: each side's pitch and level.
     size_t crossings[2] = {0, 0};
