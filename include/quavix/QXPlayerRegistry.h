@@ -6,6 +6,8 @@
 
 #include <quavix/QXWinTypes.h>
 
+#include <cstddef>
+
 typedef void (*QX_PlayerSignalProc)(void* pPlayer);
 
 // A live player and the function that signals its start; returns its handle (never 0).
@@ -27,5 +29,7 @@ bool QXSignalPlayer(DWORD dwHandle);
 void* QXAcquirePlayer(DWORD dwHandle);
 // Ends one pin of the calling thread; also after the player has gone.
 void QXReleasePlayer(DWORD dwHandle);
+// Players alive in the process.
+size_t QXLivePlayerCount();
 
 #endif // QUAVIX_QXPLAYERREGISTRY_H

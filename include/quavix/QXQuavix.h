@@ -79,7 +79,8 @@ class CQuavix {
 public:
     static CQuavix* InitQuavix();
     // Closes the devices and destroys the manager. Called from inside a callback of
-    // the library (performance, sync, recording or notification) it does nothing: the
+    // the library (performance, sync, recording, notification or a wave player's done
+    // callback) it does nothing: the
     // code that called back is still running on the manager. The application calls it
     // again from its own thread once the callback has returned.
     // The calls the devices make on the manager from their own threads (the getters
@@ -88,6 +89,9 @@ public:
     // for them to return before it destroys the manager.
     static void ExitQuavix();
     static CQuavix* GetQuavix() { return s_pSharedQuavix.load(); }
+    // Calls a wave player's done callback as a callback of the library, so that
+    // ExitQuavix there is refused like in every other callback.
+    static void _CallDone(void (*pfnDone)(DWORD_PTR, DWORD), DWORD_PTR dwUser, DWORD dwPlayer);
     ~CQuavix();
     CQuavix(const CQuavix&) = delete;
     CQuavix& operator=(const CQuavix&) = delete;

@@ -7,6 +7,7 @@
 #include <quavix/QXDevice.h>
 #include <quavix/QXWinTypes.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,9 @@ public:
     static const char* DSGetDescription(int n);
     static const char* DSGetModule(int n);
     static IDirectSound* DSGetDevice(int n);
+    // DSGetDevice with a reference the caller releases: the object stays valid after
+    // the registry has been emptied.
+    static IDirectSound* DSAcquireDevice(int n);
     // Fills the record with the driver's DSCAPS (as many bytes as the record holds) and
     // returns 1; 0 when the driver has no device object.
     static int GetDeviceCaps(int n, QX_DevCaps* pCaps);
@@ -70,10 +74,12 @@ public:
 
     // What a CWavePlay asks of the output it plays on. The output knows every player
     // prepared on it, whether or not it has started; a player is destroyed by whoever
-    // takes it out of that set (the output for a deleted track or at close, the
-    // player itself when it deletes itself), so no player is freed twice or while the
-    // output can still reach it. The output never calls into a player while it holds
-    // its own lock.
+    // takes it out of that set (the output for a deleted track or at close, a player
+    // that displaces it from its track, the player itself when it deletes itself, or
+    // the caller of a Play that failed, which takes it back out first). A player that
+    // has played to its end stays in the set, on its track, until one of those. The
+    // output calls into a player only through a pin of the player registry, holding
+    // none of its own locks.
     //
     // Prepare: makes the performance and track records and adds the player to the set.
     DSTrack* _AddPlayer(CWavePlay* pPlayer, int nPerformance, int nTrack);
@@ -82,10 +88,7 @@ public:
     // of the set (the caller destroys it), or null. *pbAttached is 0 when the player is
     // no longer in the set or its track is gone (the caller must not start it).
     CWavePlay* _AttachPlayer(CWavePlay* pPlayer, const QX_DSParams& params, int* pbAttached);
-    // Stop, first of all (before the buffer or the file is released): takes the player
-    // off its track, so that the output no longer applies parameters to it. The output
-    // calls SetBufferParameters on a track's current player with its own lock held, so
-    // SetBufferParameters must take no player lock.
+    // Takes the player off every track that names it (with the lock held).
     void _DetachPlayer(CWavePlay* pPlayer);
     // Takes the player out of the set and off its track: 1 when it was in the set (the
     // caller may destroy it), 0 when someone else took it (and destroys it).
@@ -115,12 +118,17 @@ protected:
     void _DeleteTrackLocked(DSPerformance* pPerformance, int nTrack, int bDeletePlayers,
                             std::vector<CWavePlay*>& pDoomed);
     static void _DestroyPlayers(std::vector<CWavePlay*>& pDoomed);
+    // Calls fn on the track's current player, pinned and with no lock of the output
+    // held; 1 when there was one. bMake makes missing records, as SetWaveParams does.
+    template <class Fn> int _WithTrackPlayer(int nPerformance, int nTrack, bool bMake, Fn fn);
 
     DSDevice* m_pDSDevice = nullptr;
     CQXPtrList<DSPerformance> m_Performances{10};
     // Guards m_Performances, every track record and m_Players. Taken after the manager's
     // device lock and after a player's own lock; nothing is called with it held.
     CRITICAL_SECTION m_csPerformances{};
+    // Set by a start, cleared by an open: which not-started outputs keep wave events.
+    std::atomic<int> m_bStartedSinceOpen{0};
     std::vector<PlayerEntry> m_Players;
 };
 

@@ -27,12 +27,30 @@ public:
     CWavePlay& operator=(const CWavePlay&) = delete;
 
     QX_WaveParams& GetWaveParameters() { return m_WaveParams; }
+    // The values in force; while the player may be playing on other threads, read them
+    // with CopyBufferParameters.
     QX_DSParams& GetBufferParameters() { return m_WaveParams.dsParams; }
+    void CopyBufferParameters(QX_DSParams* pParams);
+    // Under the player's lock, like every control operation: a file that ends on the
+    // notification thread meanwhile cannot release the buffer under it.
     void SetBufferParameters(QX_DSParams& params);
     int Prepare(QX_WaveParams* pParams, int nDevice, int bWait);
+    // The done callback runs once the player's lock has been let go, as the last thing
+    // the stopping thread does with the player: it may stop, play again or delete its
+    // own player, or call any operation of the manager. It must not delete a player
+    // that the library itself is destroying (one on a wave output's track whose output
+    // closes).
     int Play(QX_WaveParams* pParams, int nDevice, DWORD dwStartTime, QX_WaveDoneProc pfnDone, DWORD_PTR dwUser,
              int bAutoDelete);
+    // Play for the library's own callers: when it fails, *pbYours says whether the
+    // caller still owns the player (0: its output claimed it meanwhile and destroys it).
+    int _Play(QX_WaveParams* pParams, int nDevice, DWORD dwStartTime, QX_WaveDoneProc pfnDone, DWORD_PTR dwUser,
+              int bAutoDelete, int* pbYours);
     void Start();
+    // Play, Stop, Start and a start by the timer exclude each other for their whole
+    // length: each holds m_cs throughout, also while it waits for the player's threads.
+    // Those threads never block on m_cs (the notification thread gives way to a stop
+    // under way), so the waits end.
     void Stop();
     void SignalStart();
     // The 32-bit handle that names this player in the player registry (QXM_WAVEPLAY,
@@ -46,16 +64,48 @@ public:
     static uint64_t LateRefills();
 
 protected:
+    // What a stop leaves to do once m_cs has been let go.
+    struct StopTail {
+        QX_WaveDoneProc pfnDone;
+        DWORD_PTR dwUser;
+        DWORD dwHandle;
+        bool bDelete;
+    };
+    // A report raised while m_cs is held, made once it has been let go: the
+    // application's reaction (closing the devices, say) may destroy this very player.
+    struct Report {
+        DWORD dwCode;
+        DWORD dwValue;
+        DWORD_PTR dwDevice;
+    };
     void _InitWavePlay();
+    void _Lock();
+    // Lets go of m_cs; the outermost release makes the reports held back meanwhile.
+    void _Unlock();
+    // Made at once unless the calling thread holds m_cs, or is the prepare thread while
+    // Prepare holds it on its behalf. The device is this player's output unless given.
+    void _Report(DWORD dwCode, DWORD dwValue);
+    void _Report(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice);
+    StopTail _StopLocked();
+    // Nothing of the player is touched after it: the callback or the deletion may end it.
+    void _FinishStop(const StopTail& tail);
+    // The end of the data on the notification thread: stops the player unless a stop
+    // is under way elsewhere (that one waits for this thread).
+    void _StopFromNotifyThread();
+    // Applies what differs; with m_cs held (or held on the prepare thread's behalf).
+    void _ApplyParameters(const QX_DSParams& params);
+    // After a failed Play: out of the output's set again, 1 when it was still there or
+    // never got there (the caller may destroy it), 0 when the output claimed it.
+    int _Withdraw();
     // The prepare thread's work once it has the device object: open, create, fill the
     // first seven segments, apply the parameters; 1 when prepared.
     int _PrepareBuffer();
     // Start's work under m_cs: 1 started, 0 nothing to do, -1 failed (the caller stops
-    // the player once it may). A player it displaces from the track goes to *ppDisplaced.
+    // the player). A player it displaces from the track goes to *ppDisplaced, for the
+    // caller to destroy once it holds no lock.
     int _StartLocked(bool bFromTimer, CWavePlay** ppDisplaced);
     void _Start(bool bFromTimer);
-    // Both are called with m_cs held once more than the caller's own hold, and let go
-    // of that once while they wait for the thread to end.
+    // Both wait with m_cs held: neither thread ever blocks on it.
     void _EndPrepareThread();
     void _EndNotifyThread();
     bool _IsNotifyThread() const;
@@ -78,6 +128,8 @@ protected:
     static void CALLBACK _TimeProc(UINT uTimerID, UINT uMsg, DWORD_PTR dwUser, DWORD_PTR dw1, DWORD_PTR dw2);
 
     CWaveFileRead* m_pSoundFile;
+    // Holds a reference while the player uses it: the registry may let go of its own
+    // (closing the devices) while a prepare thread is still at work.
     IDirectSound* m_pDirectSound;
     IDirectSoundBuffer* m_pDSBuffer;
     IDirectSoundNotify* m_pNotify;
@@ -108,10 +160,11 @@ protected:
     DWORD m_dwHandle;
     // Segment-end notifications the notification thread has handled in this run.
     std::atomic<int> m_nSegmentEnds;
-    // Set while Play holds m_cs: a self-deleting player stopped inside Play is deleted
-    // by Play once it has let go of the lock (m_bDeleteAfterPlay).
-    int m_bInPlay;
-    int m_bDeleteAfterPlay;
+    int m_nLockDepth; // under m_cs
+    std::atomic<DWORD> m_dwLockOwner; // the thread that holds m_cs, or 0
+    CRITICAL_SECTION m_csReports; // a leaf: guards m_Reports, nothing is called under it
+    Report m_Reports[8];
+    int m_nReports;
 };
 
 #endif // QUAVIX_QXWAVEPLAY_H

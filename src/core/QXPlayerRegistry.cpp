@@ -114,3 +114,10 @@ void QXReleasePlayer(DWORD dwHandle)
     }
     r.released.notify_all();
 }
+
+size_t QXLivePlayerCount()
+{
+    Registry& r = Reg();
+    std::lock_guard<std::recursive_mutex> lock(r.mutex);
+    return r.byPlayer.size();
+}

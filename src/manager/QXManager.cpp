@@ -72,6 +72,13 @@ void CQuavix::_NotifyProc(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
     --t_nDepth;
 }
 
+void CQuavix::_CallDone(void (*pfnDone)(DWORD_PTR, DWORD), DWORD_PTR dwUser, DWORD dwPlayer)
+{
+    ++t_nDepth;
+    pfnDone(dwUser, dwPlayer);
+    --t_nDepth;
+}
+
 void CQuavix::SetNotificationCallback(QX_NotifyProc pCallback, DWORD_PTR dwUser)
 {
     g_pAppNotify.store(pCallback);

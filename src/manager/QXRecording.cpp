@@ -216,8 +216,11 @@ int CQuavix::PlayWaveFile(const char* pszFileName, int nDevice, void (*pCallback
     auto* pPlayer = new (std::nothrow) CWavePlay;
     if (pPlayer == nullptr) return 0;
     // A self-deleting player: once Play succeeds it is its own, and is not touched here.
-    if (pPlayer->Play(&params, nDevice, 0, pCallback, dwUser, 1)) return nTag;
-    delete pPlayer;
+    // A failed one is deleted here only while it is still ours: a close of the output
+    // meanwhile may have claimed it, and then deletes it itself.
+    int bYours = 1;
+    if (pPlayer->_Play(&params, nDevice, 0, pCallback, dwUser, 1, &bYours)) return nTag;
+    if (bYours) delete pPlayer;
     return 0;
 }
 

@@ -18,6 +18,9 @@ struct CQuavix::ThreadShared {
 
 namespace {
 
+// CloseDevices under way on this thread (callbacks of the players it destroys run in it).
+thread_local int t_nClosing = 0;
+
 const char kClassName[] = "CQuavix";
 
 } // namespace
@@ -265,7 +268,7 @@ int CQuavix::CloseDevice(int nType, int nDir, int nDevice)
 int CQuavix::OpenDevices()
 {
     CallScope scope(this);
-    if (!scope.Live() || !m_bInitialized) return 0;
+    if (!scope.Live() || !m_bInitialized || t_nClosing > 0) return 0;
     EnterCriticalSection(&m_csDevices);
     int bResult = 0;
     _ForEachDevice([&](int nType, int nDir, int n) {
@@ -280,7 +283,7 @@ int CQuavix::OpenDevices()
 int CQuavix::StartDevices()
 {
     CallScope scope(this);
-    if (!scope.Live() || !m_bInitialized) return 0;
+    if (!scope.Live() || !m_bInitialized || t_nClosing > 0) return 0;
     EnterCriticalSection(&m_csDevices);
     int bResult = 1;
     if (m_pTimingDevice.load() == nullptr) {
@@ -354,11 +357,18 @@ int CQuavix::CloseDevices()
 {
     CallScope scope(this);
     if (!scope.Live() || !m_bInitialized) return 0;
+    // A done callback of a player that this close destroys runs inside it: the close
+    // under way does what was asked.
+    if (t_nClosing > 0) return 1;
     StopDevices();
     EnterCriticalSection(&m_csDevices);
+    ++t_nClosing;
     _ForEachDevice([this](int nType, int nDir, int n) { CloseDevice(nType, nDir, n); });
-    // Every output is closed, so no player is left to reach a driver.
+    // Every output is closed and has destroyed its players. A self-deleting player that
+    // is still finishing on its own thread holds a reference to its driver's device
+    // object, which so outlives the registry's.
     CWaveOut::DSExit();
+    --t_nClosing;
     LeaveCriticalSection(&m_csDevices);
     return 1;
 }

@@ -56,6 +56,30 @@ int CWaveFile::_CloseFile(const char* pszFilename, HMMIO hFile)
     return 1;
 }
 
+namespace {
+
+// The fixed part of WAVEFORMATEX (18 bytes), then wValidBitsPerSample, dwChannelMask
+// and the 16-byte sub-format GUID.
+constexpr size_t kExtensibleSize = 40;
+
+// The format code a chunk stands for: its tag, or for WAVE_FORMAT_EXTENSIBLE the PCM or
+// IEEE float code of a sub-format in the standard KSDATAFORMAT family (an unknown one,
+// or a chunk too short for it, stays WAVE_FORMAT_EXTENSIBLE, which no player takes).
+WORD FormatCode(const unsigned char* pChunk, DWORD cbChunk)
+{
+    const WORD wTag = static_cast<WORD>(pChunk[0] | pChunk[1] << 8);
+    if (wTag != WAVE_FORMAT_EXTENSIBLE || cbChunk < kExtensibleSize) return wTag;
+    const unsigned char* pGuid = pChunk + 24;
+    static constexpr unsigned char kTail[12] = {0x00, 0x00, 0x10, 0x00, 0x80, 0x00,
+                                                0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
+    const DWORD dwCode = pGuid[0] | pGuid[1] << 8 | DWORD{pGuid[2]} << 16 | DWORD{pGuid[3]} << 24;
+    if (std::memcmp(pGuid + 4, kTail, sizeof kTail) != 0) return wTag;
+    if (dwCode != WAVE_FORMAT_PCM && dwCode != WAVE_FORMAT_IEEE_FLOAT) return wTag;
+    return static_cast<WORD>(dwCode);
+}
+
+} // namespace
+
 int CWaveFile::_CheckFile(const char* pszFilename, HMMIO hFile, MMCKINFO& ckRiff, MMCKINFO& ckFmt, MMCKINFO& ckData,
                           WAVEFORMATEX& format)
 {
@@ -95,12 +119,19 @@ int CWaveFile::_CheckFile(const char* pszFilename, HMMIO hFile, MMCKINFO& ckRiff
     }
     // A short format chunk (plain PCM has 16 bytes, some writers 12 or 14) leaves the
     // rest of the record 0: a defined value, and one every user of the record survives.
-    std::memset(&format, 0, sizeof(format));
-    const LONG cb = static_cast<LONG>(std::min<DWORD>(ckFmt.cksize, sizeof(format)));
-    if (mmioRead(hFile, reinterpret_cast<char*>(&format), cb) != cb) {
+    // WAVE_FORMAT_EXTENSIBLE (what sox and most editors write for 24-bit, 32-bit and
+    // multichannel audio) carries the real format code in its sub-format.
+    unsigned char chunk[kExtensibleSize] = {};
+    const LONG cb = static_cast<LONG>(std::min<DWORD>(ckFmt.cksize, sizeof chunk));
+    if (mmioRead(hFile, reinterpret_cast<char*>(chunk), cb) != cb) {
         QXNotifyShared(QXN_FILE_READ, 0, name);
         return 0;
     }
+    std::memcpy(&format, chunk, sizeof(format));
+    format.wFormatTag = FormatCode(chunk, static_cast<DWORD>(cb));
+    // The record is the 18 bytes of WAVEFORMATEX and nothing after them, whatever the
+    // file's own cbSize claims: no one may read past it.
+    format.cbSize = 0;
     r = mmioAscend(hFile, &ckFmt, 0);
     if (r != MMSYSERR_NOERROR) {
         QXNotifyShared(QXN_FILE_ASCEND, r, name);

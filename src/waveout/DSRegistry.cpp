@@ -15,12 +15,22 @@ std::vector<DSDevice*> CQuavix::s_DSDevices;
 
 namespace {
 
-// Lookups come from players' prepare threads while a transport call may fill the
-// registry, so the array itself is guarded. The device objects are not: the registry
-// is emptied only once every output is closed and so every player is gone.
+// Lookups come from players' prepare threads while a transport call fills or empties
+// the registry, so the array and the records' device pointers are guarded. A player
+// takes a reference to the device object it uses (DSAcquireDevice), so emptying the
+// registry frees no device object still in use.
 std::mutex& RegistryMutex()
 {
     static std::mutex m;
+    return m;
+}
+
+// Filling and emptying exclude each other (a prepare thread may fill the registry while
+// the transport empties it). Taken before RegistryMutex; recursive because a report made
+// while filling may reach an application that looks a driver up.
+std::recursive_mutex& FillMutex()
+{
+    static std::recursive_mutex m;
     return m;
 }
 
@@ -56,6 +66,7 @@ BOOL CALLBACK CWaveOut::_DSEnumCallback(LPGUID pGuid, LPCSTR pszDescription, LPC
 
 int CWaveOut::DSInit()
 {
+    std::lock_guard<std::recursive_mutex> fill(FillMutex());
     if (DSNumDrivers() > 0) return 1;
     if (DirectSoundEnumerateA(_DSEnumCallback, nullptr) != DS_OK) return 0;
     int nDrivers = DSNumDrivers();
@@ -69,10 +80,13 @@ int CWaveOut::DSInit()
     for (int i = 0; i < nDrivers; ++i) {
         DSDevice* pRecord = Record(i);
         if (pRecord == nullptr) continue;
-        HRESULT hr = DirectSoundCreate(&pRecord->guid, &pRecord->pDirectSound,
-                                       static_cast<LPUNKNOWN>(pRecord->pUnkOuter));
+        IDirectSound* pDS = nullptr;
+        HRESULT hr = DirectSoundCreate(&pRecord->guid, &pDS, static_cast<LPUNKNOWN>(pRecord->pUnkOuter));
+        {
+            std::lock_guard<std::mutex> lock(RegistryMutex());
+            pRecord->pDirectSound = hr == DS_OK ? pDS : nullptr;
+        }
         if (hr != DS_OK) {
-            pRecord->pDirectSound = nullptr;
             QXNotifyShared(QXN_DS_CREATE, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(i));
 #ifndef NDEBUG
             QXTrace("DirectSoundCreate fails: %s\n", pRecord->strDescription.c_str());
@@ -92,6 +106,7 @@ int CWaveOut::DSInit()
 
 int CWaveOut::DSExit()
 {
+    std::lock_guard<std::recursive_mutex> fill(FillMutex());
     std::vector<DSDevice*> records;
     {
         std::lock_guard<std::mutex> lock(RegistryMutex());
@@ -130,8 +145,21 @@ const char* CWaveOut::DSGetModule(int n)
 IDirectSound* CWaveOut::DSGetDevice(int n)
 {
     if (n < 0 || n >= DSNumDrivers() || !DSInit()) return nullptr;
-    DSDevice* pRecord = Record(n);
-    return pRecord != nullptr ? pRecord->pDirectSound : nullptr;
+    std::lock_guard<std::mutex> lock(RegistryMutex());
+    if (static_cast<size_t>(n) >= CQuavix::s_DSDevices.size()) return nullptr;
+    return CQuavix::s_DSDevices[static_cast<size_t>(n)]->pDirectSound;
+}
+
+IDirectSound* CWaveOut::DSAcquireDevice(int n)
+{
+    if (n < 0 || n >= DSNumDrivers() || !DSInit()) return nullptr;
+    // Under the lock that DSExit takes to empty the registry: either the reference is
+    // taken before the registry lets go of its own, or the record is gone.
+    std::lock_guard<std::mutex> lock(RegistryMutex());
+    if (static_cast<size_t>(n) >= CQuavix::s_DSDevices.size()) return nullptr;
+    IDirectSound* pDS = CQuavix::s_DSDevices[static_cast<size_t>(n)]->pDirectSound;
+    if (pDS != nullptr) pDS->AddRef();
+    return pDS;
 }
 
 // What a DirectSound output reports is its driver's own DSCAPS record.
@@ -139,11 +167,12 @@ int CWaveOut::GetDeviceCaps(int n, QX_DevCaps* pCaps)
 {
     DSInit();
     if (pCaps == nullptr) return 0;
-    IDirectSound* pDS = DSGetDevice(n);
+    IDirectSound* pDS = DSAcquireDevice(n);
     if (pDS == nullptr) return 0;
     DSCAPS caps{};
     caps.dwSize = sizeof caps;
     HRESULT hr = pDS->GetCaps(&caps);
+    pDS->Release();
     if (hr != DS_OK) {
         QXNotifyShared(QXN_DS_GETCAPS, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(n));
         return 0;

@@ -1,6 +1,7 @@
 // The wave output device: its driver's primary buffer, and the performances, tracks and
 // players that sound on it.
 #include <quavix/QXNotify.h>
+#include <quavix/QXPlayerRegistry.h>
 #include <quavix/QXQuavix.h>
 #include <quavix/QXWaveOut.h>
 #include <quavix/QXWavePlay.h>
@@ -17,6 +18,17 @@ namespace {
 IDirectSoundBuffer* PrimaryOf(DSDevice* pRecord)
 {
     return pRecord != nullptr ? pRecord->pPrimaryBuffer : nullptr;
+}
+
+// A device's format record is 18 bytes: whatever its cbSize claims, nothing follows it
+// that the buffer may read (a WAVE_FORMAT_EXTENSIBLE tag there is refused, not parsed).
+HRESULT SetPrimaryFormat(IDirectSoundBuffer* pPrimary, const QX_DevFormat* pFormat)
+{
+    if (pPrimary == nullptr) return DSERR_UNINITIALIZED;
+    WAVEFORMATEX wfx;
+    std::memcpy(&wfx, pFormat, sizeof wfx);
+    wfx.cbSize = 0;
+    return pPrimary->SetFormat(&wfx);
 }
 
 class Locked {
@@ -68,9 +80,7 @@ int CWaveOut::SetFormat(QX_DevFormat* pFormat)
     if (m_pFormat == nullptr) return 0;
     std::memcpy(m_pFormat, pFormat, sizeof(QX_DevFormat));
     if (TestState(QX_STATE_OPEN)) {
-        IDirectSoundBuffer* pPrimary = PrimaryOf(m_pDSDevice);
-        HRESULT hr = pPrimary != nullptr ? pPrimary->SetFormat(reinterpret_cast<LPCWAVEFORMATEX>(m_pFormat))
-                                         : DSERR_UNINITIALIZED;
+        HRESULT hr = SetPrimaryFormat(PrimaryOf(m_pDSDevice), m_pFormat);
         if (hr != DS_OK) {
             QXNotifyShared(QXN_DS_SETFORMAT, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice.load()));
             return 0;
@@ -81,11 +91,15 @@ int CWaveOut::SetFormat(QX_DevFormat* pFormat)
 
 int CWaveOut::PlayData(CQXEventList* pEvents, DWORD, DWORD)
 {
-    // The first periods are written while the group opens, before anything starts: an
-    // open output keeps their events in its list (the manager hands them on once it has
-    // started the output), so that wave events at the start of a performance are not
-    // lost. Only a closed output refuses them.
-    if (!TestState(QX_STATE_STARTED)) return TestState(QX_STATE_OPEN) ? 1 : 0;
+    if (!TestState(QX_STATE_STARTED)) {
+        // Departure: the first periods are written while the group opens, before
+        // anything starts, so an output that is open and has not started since it
+        // opened keeps their events (the manager hands them on once it has started it);
+        // otherwise a performance would lose its first wave events. Any other output
+        // that is not started (paused, stopped, closed) refuses them, and the manager
+        // discards them: they would all sound at once when it runs again.
+        return TestState(QX_STATE_OPEN) && !m_bStartedSinceOpen.load() ? 1 : 0;
+    }
     if (pEvents == nullptr) return 1;
     while (!pEvents->IsEmpty()) {
         CQXEventData* pEvent = pEvents->RemoveHead();
@@ -104,14 +118,15 @@ int CWaveOut::PlayData(CQXEventList* pEvents, DWORD, DWORD)
                 }
                 CWavePlay* pPlayer = pParams->dsParams.pWavePlay;
                 if (pPlayer == nullptr) pPlayer = new (std::nothrow) CWavePlay;
-                if (pPlayer != nullptr &&
-                    !pPlayer->Play(pParams, m_nDevice, pEvent->m_dwTimeStamp, nullptr, 0, 0))
+                int bYours = 1;
+                // A player that failed is destroyed only while it is still ours: a
+                // deleted track may have taken it meanwhile, and destroys it itself.
+                if (pPlayer != nullptr && !pPlayer->_Play(pParams, m_nDevice, pEvent->m_dwTimeStamp, nullptr, 0, 0, &bYours) &&
+                    bYours)
                     delete pPlayer;
             } else {
-                Locked lock(&m_csPerformances);
-                DSTrack* pTrack = GetTrack(GetPerformance(pParams->nPerformance), pParams->nTrack);
-                if (pTrack != nullptr && pTrack->pWavePlay != nullptr)
-                    pTrack->pWavePlay->SetBufferParameters(pParams->dsParams);
+                _WithTrackPlayer(pParams->nPerformance, pParams->nTrack, true,
+                                 [&](CWavePlay* p) { p->SetBufferParameters(pParams->dsParams); });
             }
         }
         delete pEvent; // frees its parameters too
@@ -122,9 +137,41 @@ int CWaveOut::PlayData(CQXEventList* pEvents, DWORD, DWORD)
 void CWaveOut::SetWaveParams(QX_WaveParams* pParams)
 {
     if (pParams == nullptr) return;
-    Locked lock(&m_csPerformances);
-    DSTrack* pTrack = GetTrack(GetPerformance(pParams->nPerformance), pParams->nTrack);
-    if (pTrack != nullptr && pTrack->pWavePlay != nullptr) pTrack->pWavePlay->SetBufferParameters(pParams->dsParams);
+    _WithTrackPlayer(pParams->nPerformance, pParams->nTrack, true,
+                     [&](CWavePlay* p) { p->SetBufferParameters(pParams->dsParams); });
+}
+
+template <class Fn> int CWaveOut::_WithTrackPlayer(int nPerformance, int nTrack, bool bMake, Fn fn)
+{
+    DWORD dwHandle = 0;
+    {
+        Locked lock(&m_csPerformances);
+        DSTrack* pTrack = nullptr;
+        if (bMake) {
+            pTrack = GetTrack(GetPerformance(nPerformance), nTrack);
+        } else {
+            for (POSITION pos = m_Performances.GetHeadPosition(); pos != nullptr && pTrack == nullptr;) {
+                DSPerformance* p = m_Performances.GetNext(pos);
+                if (p->nPerformance != nPerformance) continue;
+                for (POSITION tpos = p->tracks.GetHeadPosition(); tpos != nullptr;) {
+                    DSTrack* t = p->tracks.GetNext(tpos);
+                    if (t->nTrack == nTrack) {
+                        pTrack = t;
+                        break;
+                    }
+                }
+            }
+        }
+        if (pTrack == nullptr || pTrack->pWavePlay == nullptr) return 0;
+        dwHandle = pTrack->pWavePlay->GetHandle();
+    }
+    // Pinned, with no lock of the output held: the player takes its own lock, and then
+    // the output's.
+    auto* pPlayer = static_cast<CWavePlay*>(QXAcquirePlayer(dwHandle));
+    if (pPlayer == nullptr) return 0;
+    fn(pPlayer);
+    QXReleasePlayer(dwHandle);
+    return 1;
 }
 
 int CWaveOut::IsActive()
@@ -135,18 +182,7 @@ int CWaveOut::IsActive()
 
 int CWaveOut::GetTrackParameters(int nPerformance, int nTrack, QX_DSParams* pParams)
 {
-    Locked lock(&m_csPerformances);
-    for (POSITION pos = m_Performances.GetHeadPosition(); pos != nullptr;) {
-        DSPerformance* p = m_Performances.GetNext(pos);
-        if (p->nPerformance != nPerformance) continue;
-        for (POSITION tpos = p->tracks.GetHeadPosition(); tpos != nullptr;) {
-            DSTrack* t = p->tracks.GetNext(tpos);
-            if (t->nTrack != nTrack || t->pWavePlay == nullptr) continue;
-            if (pParams != nullptr) *pParams = t->pWavePlay->GetBufferParameters();
-            return 1;
-        }
-    }
-    return 0;
+    return _WithTrackPlayer(nPerformance, nTrack, false, [&](CWavePlay* p) { p->CopyBufferParameters(pParams); });
 }
 
 DSPerformance* CWaveOut::GetPerformance(int nPerformance)
@@ -331,6 +367,7 @@ int CWaveOut::_RemovePlayer(CWavePlay* pPlayer)
 
 int CWaveOut::DevOpen()
 {
+    m_bStartedSinceOpen = 0;
     if (!DSInit()) return 0;
     const int nDevice = m_nDevice;
     m_pDSDevice = _DSGetRecord(nDevice);
@@ -354,7 +391,7 @@ int CWaveOut::DevOpen()
         if (m_pFormat == nullptr) return 0;
         FillFormat(reinterpret_cast<WAVEFORMATEX*>(m_pFormat), GetDefaultFormat());
     }
-    HRESULT hr = m_pDSDevice->pPrimaryBuffer->SetFormat(reinterpret_cast<LPCWAVEFORMATEX>(m_pFormat));
+    HRESULT hr = SetPrimaryFormat(m_pDSDevice->pPrimaryBuffer, m_pFormat);
     if (hr != DS_OK) {
         QXNotifyShared(QXN_DS_SETFORMAT, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(nDevice));
         return 0;
@@ -372,6 +409,7 @@ int CWaveOut::DevStart()
     }
     // Resumes a paused output where it was held.
     qxplat::DirectSoundSetPaused(m_pDSDevice->pDirectSound, false);
+    m_bStartedSinceOpen = 1;
     return 1;
 }
 

@@ -2,10 +2,16 @@
 // stopping and (for a player of PlayWaveFile) deleting itself.
 //
 // Who may free a player, and when: a player in its output's set is freed by whoever takes
-// it out (CWaveOut::_RemovePlayer / the output's own claims); the prepare and
-// notification threads are ended and joined by Stop before anything they use is
-// released; the start message carries the registry handle, and a start by handle pins
-// the player so that its destruction waits.
+// it out (CWaveOut::_RemovePlayer / the output's own claims); a self-deleting player takes
+// itself out before its done callback, so nothing the callback does destroys it twice.
+// The prepare and notification threads are joined by Stop, with m_cs held, before
+// anything they use is released; the start message carries the registry handle, and a
+// start by handle pins the player so that its destruction waits.
+//
+// Locks: m_cs, then the output's lock (never the other way round: the output calls
+// into a player only through a pin, holding none of its own locks). Nothing of the
+// application is called with m_cs held: reports wait until it is let go, and the done
+// callback runs after everything else.
 #include <quavix/QXNotify.h>
 #include <quavix/QXPlayerRegistry.h>
 #include <quavix/QXQuavix.h>
@@ -29,6 +35,7 @@ CWavePlay::CWavePlay()
 {
     _InitWavePlay();
     InitializeCriticalSection(&m_cs);
+    InitializeCriticalSection(&m_csReports);
     m_dwHandle = QXRegisterPlayer(this, _SignalProc);
 }
 
@@ -37,10 +44,11 @@ CWavePlay::~CWavePlay()
     // First of all: no start by handle can begin from now on, and one under way on
     // another thread has finished.
     QXUnregisterPlayer(this);
-    EnterCriticalSection(&m_cs);
+    _Lock();
     m_bDestroying = 1;
-    LeaveCriticalSection(&m_cs);
-    Stop();
+    const StopTail tail = _StopLocked();
+    _Unlock();
+    if (tail.pfnDone != nullptr) CQuavix::_CallDone(tail.pfnDone, tail.dwUser, tail.dwHandle);
     if (CWaveOut* pOut = CWaveOut::_GetOutput(m_nDevice)) pOut->_RemovePlayer(this);
     m_pTrack = nullptr;
     // Left only when the player is destroyed on its own notification thread, which
@@ -49,6 +57,7 @@ CWavePlay::~CWavePlay()
         CloseHandle(m_hNotifyThread);
         m_hNotifyThread = nullptr;
     }
+    DeleteCriticalSection(&m_csReports);
     DeleteCriticalSection(&m_cs);
 }
 
@@ -84,8 +93,53 @@ void CWavePlay::_InitWavePlay()
     m_cs = CRITICAL_SECTION{};
     m_dwHandle = 0;
     m_nSegmentEnds = 0;
-    m_bInPlay = 0;
-    m_bDeleteAfterPlay = 0;
+    m_nLockDepth = 0;
+    m_dwLockOwner = 0;
+    m_csReports = CRITICAL_SECTION{};
+    m_nReports = 0;
+}
+
+void CWavePlay::_Lock()
+{
+    EnterCriticalSection(&m_cs);
+    if (m_nLockDepth++ == 0) m_dwLockOwner = GetCurrentThreadId();
+}
+
+void CWavePlay::_Unlock()
+{
+    Report reports[8];
+    int nReports = 0;
+    if (--m_nLockDepth == 0) {
+        m_dwLockOwner = 0;
+        EnterCriticalSection(&m_csReports);
+        nReports = m_nReports;
+        for (int i = 0; i < nReports; ++i) reports[i] = m_Reports[i];
+        m_nReports = 0;
+        LeaveCriticalSection(&m_csReports);
+    }
+    LeaveCriticalSection(&m_cs);
+    // From copies: the reaction may destroy the player.
+    for (int i = 0; i < nReports; ++i) QXNotifyShared(reports[i].dwCode, reports[i].dwValue, reports[i].dwDevice);
+}
+
+void CWavePlay::_Report(DWORD dwCode, DWORD dwValue)
+{
+    _Report(dwCode, dwValue, static_cast<DWORD_PTR>(m_nDevice));
+}
+
+void CWavePlay::_Report(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
+{
+    const DWORD dwSelf = GetCurrentThreadId();
+    const bool bHeld = m_dwLockOwner.load() == dwSelf || (dwSelf == m_dwPrepareThreadId && m_hPreparedEvent != nullptr);
+    if (!bHeld) {
+        QXNotifyShared(dwCode, dwValue, dwDevice);
+        return;
+    }
+    EnterCriticalSection(&m_csReports);
+    // More than a handful in one hold means the same failure over again: the first are kept.
+    if (m_nReports < static_cast<int>(sizeof m_Reports / sizeof m_Reports[0]))
+        m_Reports[m_nReports++] = {dwCode, dwValue, dwDevice};
+    LeaveCriticalSection(&m_csReports);
 }
 
 void CWavePlay::_SignalProc(void* pPlayer)
@@ -102,9 +156,9 @@ int CWavePlay::Prepare(QX_WaveParams* pParams, int nDevice, int bWait)
         return 0;
     }
     if (pParams == nullptr) return 0;
-    EnterCriticalSection(&m_cs);
+    _Lock();
     if (m_bPrepared) {
-        LeaveCriticalSection(&m_cs);
+        _Unlock();
         return 1;
     }
 
@@ -131,41 +185,26 @@ int CWavePlay::Prepare(QX_WaveParams* pParams, int nDevice, int bWait)
 
     CWaveOut* pOut = CWaveOut::_GetOutput(m_nDevice);
     m_pTrack = pOut != nullptr ? pOut->_AddPlayer(this, m_WaveParams.nPerformance, m_WaveParams.nTrack) : nullptr;
-    if (m_pTrack == nullptr) {
-        LeaveCriticalSection(&m_cs);
-        return 0;
-    }
-    m_hStartEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    if (m_hStartEvent == nullptr) {
-        LeaveCriticalSection(&m_cs);
-        return 0;
-    }
-    if (bWait) {
-        m_hPreparedEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-        if (m_hPreparedEvent == nullptr) {
-            LeaveCriticalSection(&m_cs);
-            return 0;
+    int nResult = 0;
+    if (m_pTrack != nullptr && (m_hStartEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr)) != nullptr &&
+        (!bWait || (m_hPreparedEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr)) != nullptr) &&
+        (m_hPrepareThread = CreateThread(nullptr, 0, __PrepareThread, this, 0, &m_dwPrepareThreadId)) != nullptr) {
+        nResult = 1;
+        if (bWait) {
+            // The thread signals as its last act, so it is joined at once. When the
+            // wait runs out, the thread and its event stay until Stop joins it: it
+            // still uses the player.
+            if (WaitForSingleObject(m_hPreparedEvent, kPrepareTimeout) == WAIT_OBJECT_0) {
+                WaitForSingleObject(m_hPrepareThread, INFINITE);
+                CloseHandle(m_hPrepareThread);
+                m_hPrepareThread = nullptr;
+                CloseHandle(m_hPreparedEvent);
+                m_hPreparedEvent = nullptr;
+            }
+            nResult = m_bPrepared.load();
         }
     }
-    m_hPrepareThread = CreateThread(nullptr, 0, __PrepareThread, this, 0, &m_dwPrepareThreadId);
-    if (m_hPrepareThread == nullptr) {
-        LeaveCriticalSection(&m_cs);
-        return 0;
-    }
-    if (bWait) {
-        // The thread signals as its last act, so it is joined at once. When the wait
-        // runs out, the thread and its event stay until Stop joins it: it still uses
-        // the player.
-        if (WaitForSingleObject(m_hPreparedEvent, kPrepareTimeout) == WAIT_OBJECT_0) {
-            WaitForSingleObject(m_hPrepareThread, INFINITE);
-            CloseHandle(m_hPrepareThread);
-            m_hPrepareThread = nullptr;
-            CloseHandle(m_hPreparedEvent);
-            m_hPreparedEvent = nullptr;
-        }
-    }
-    const int nResult = bWait ? m_bPrepared.load() : 1;
-    LeaveCriticalSection(&m_cs);
+    _Unlock();
     return nResult;
 }
 
@@ -176,7 +215,8 @@ DWORD WINAPI CWavePlay::__PrepareThread(void* pPlayer)
 
 DWORD CWavePlay::_PrepareThread()
 {
-    m_pDirectSound = CWaveOut::DSGetDevice(m_nDevice);
+    // A reference of its own: the registry may be emptied while this thread works.
+    m_pDirectSound = CWaveOut::DSAcquireDevice(m_nDevice);
     if (m_pDirectSound == nullptr) {
 #ifndef NDEBUG
         QXTrace("CWavePlay: ERROR! wave out device %d is NULL\n", m_nDevice);
@@ -194,7 +234,7 @@ int CWavePlay::_PrepareBuffer()
     if (!_OpenSoundFile(m_WaveParams.dsParams.lpszFileName)) return 0;
     if (!_CreateSoundBuffer(m_WaveParams.dsParams)) return 0;
     for (int i = 0; i < 7; ++i) _WriteBuffer();
-    SetBufferParameters(m_WaveParams.dsParams);
+    _ApplyParameters(m_WaveParams.dsParams);
     m_bPrepared = 1;
     return 1;
 }
@@ -211,17 +251,24 @@ int CWavePlay::_OpenSoundFile(const char* pszPath)
 int CWavePlay::Play(QX_WaveParams* pParams, int nDevice, DWORD dwStartTime, QX_WaveDoneProc pfnDone,
                     DWORD_PTR dwUser, int bAutoDelete)
 {
-    EnterCriticalSection(&m_cs);
-    m_bInPlay = 1;
+    int bYours = 1;
+    return _Play(pParams, nDevice, dwStartTime, pfnDone, dwUser, bAutoDelete, &bYours);
+}
+
+int CWavePlay::_Play(QX_WaveParams* pParams, int nDevice, DWORD dwStartTime, QX_WaveDoneProc pfnDone,
+                     DWORD_PTR dwUser, int bAutoDelete, int* pbYours)
+{
+    *pbYours = 1;
+    _Lock();
     m_pfnDone = pfnDone;
     m_dwDoneUser = dwUser;
     m_bAutoDelete = bAutoDelete;
     if (!Prepare(pParams, nDevice, 1)) {
-        m_bInPlay = 0;
-        LeaveCriticalSection(&m_cs);
+        *pbYours = _Withdraw();
+        _Unlock();
         return 0;
     }
-    SetBufferParameters(pParams->dsParams);
+    _ApplyParameters(pParams->dsParams);
 
     CQuavix* pManager = CQuavix::GetQuavix();
     const DWORD dwPlayStart = pManager != nullptr ? pManager->GetPlayStartTime() : 0;
@@ -238,24 +285,32 @@ int CWavePlay::Play(QX_WaveParams* pParams, int nDevice, DWORD dwStartTime, QX_W
 #endif
     if (dwStartTime == 0 || nDelay <= 0) {
         CWavePlay* pDisplaced = nullptr;
+        StopTail tail{};
         // Started under the lock, so that nobody frees the player meanwhile. A failed
-        // start stops it here; a self-deleting player is then deleted only below, once
-        // Play has let go of it and touches nothing more.
-        if (_StartLocked(false, &pDisplaced) < 0) Stop();
-        const bool bDelete = m_bDeleteAfterPlay != 0;
-        m_bDeleteAfterPlay = 0;
-        m_bInPlay = 0;
-        LeaveCriticalSection(&m_cs);
+        // start stops it; its callback and a self-deleting player's deletion come only
+        // once Play has let go of it.
+        if (_StartLocked(false, &pDisplaced) < 0) tail = _StopLocked();
+        _Unlock();
         delete pDisplaced;
-        if (bDelete) delete this;
+        _FinishStop(tail);
         return 1;
     }
     m_uStartTimerID = timeSetEvent(static_cast<UINT>(nDelay), 0, _TimeProc, m_dwHandle, TIME_ONESHOT);
     const int nResult = m_uStartTimerID != 0 ? 1 : 0;
-    if (!nResult) QXNotifyShared(QXN_TIMER_CREATE, 0, 0);
-    m_bInPlay = 0;
-    LeaveCriticalSection(&m_cs);
+    if (!nResult) {
+        _Report(QXN_TIMER_CREATE, 0, 0);
+        *pbYours = _Withdraw();
+    }
+    _Unlock();
     return nResult;
+}
+
+int CWavePlay::_Withdraw()
+{
+    if (m_pTrack == nullptr) return 1; // never in the set
+    CWaveOut* pOut = CWaveOut::_GetOutput(m_nDevice);
+    if (pOut == nullptr) return 1; // no output left to claim it
+    return pOut->_RemovePlayer(this);
 }
 
 // The timer's user value is the player's registry handle, never its address: the
@@ -286,12 +341,13 @@ void CWavePlay::Start()
 void CWavePlay::_Start(bool bFromTimer)
 {
     CWavePlay* pDisplaced = nullptr;
-    EnterCriticalSection(&m_cs);
-    const int nResult = _StartLocked(bFromTimer, &pDisplaced);
-    LeaveCriticalSection(&m_cs);
+    StopTail tail{};
+    _Lock();
+    if (_StartLocked(bFromTimer, &pDisplaced) < 0) tail = _StopLocked();
+    _Unlock();
     // Outside every lock: its destruction waits for its own threads.
     delete pDisplaced;
-    if (nResult < 0) Stop();
+    _FinishStop(tail);
 }
 
 int CWavePlay::_StartLocked(bool bFromTimer, CWavePlay** ppDisplaced)
@@ -319,7 +375,7 @@ int CWavePlay::_StartLocked(bool bFromTimer, CWavePlay** ppDisplaced)
     }
     const HRESULT hr = m_pDSBuffer->Play(0, 0, DSBPLAY_LOOPING);
     if (hr != DS_OK) {
-        QXNotifyShared(QXN_DS_START, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice));
+        _Report(QXN_DS_START, static_cast<DWORD>(hr));
         return -1;
     }
     return 1;
@@ -334,36 +390,44 @@ void CWavePlay::SignalStart()
 
 void CWavePlay::Stop()
 {
-    EnterCriticalSection(&m_cs);
+    _Lock();
+    const StopTail tail = _StopLocked();
+    _Unlock();
+    _FinishStop(tail);
+}
+
+CWavePlay::StopTail CWavePlay::_StopLocked()
+{
     m_bStopping = 1;
-    // Off the track first: the output no longer applies parameters to the buffer that
-    // is about to go.
-    if (CWaveOut* pOut = CWaveOut::_GetOutput(m_nDevice)) pOut->_DetachPlayer(this);
     _EndPrepareThread(); // before anything it makes is looked at
     _Stop();
     _EndNotifyThread();
     _Close();
-    bool bDelete = false;
+    StopTail tail{m_pfnDone, m_dwDoneUser, m_dwHandle, false};
+    // Cleared here: at most one call per Play, even if the callback stops the player again.
+    m_pfnDone = nullptr;
     if (m_bAutoDelete == 1 && !m_bDestroying) {
         m_bAutoDelete = 0;
         // Only a player still in the output's set is its own; otherwise the output has
-        // claimed it and deletes it.
+        // claimed it and deletes it. Out of the set before the callback, so that
+        // closing the devices there leaves it alone.
         CWaveOut* pOut = CWaveOut::_GetOutput(m_nDevice);
-        bDelete = pOut == nullptr || pOut->_RemovePlayer(this) != 0;
-        if (bDelete && m_bInPlay) {
-            m_bDeleteAfterPlay = 1;
-            bDelete = false;
-        }
+        tail.bDelete = pOut == nullptr || pOut->_RemovePlayer(this) != 0;
     }
-    LeaveCriticalSection(&m_cs);
-    if (bDelete) delete this;
+    return tail;
+}
+
+void CWavePlay::_FinishStop(const StopTail& tail)
+{
+    if (tail.pfnDone != nullptr) CQuavix::_CallDone(tail.pfnDone, tail.dwUser, tail.dwHandle);
+    if (tail.bDelete) delete this;
 }
 
 void CWavePlay::_Stop()
 {
     if (_CheckStatus() != 1) return;
     const HRESULT hr = m_pDSBuffer->Stop();
-    if (hr != DS_OK) QXNotifyShared(QXN_DS_STOP, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice));
+    if (hr != DS_OK) _Report(QXN_DS_STOP, static_cast<DWORD>(hr));
 }
 
 void CWavePlay::_EndPrepareThread()
@@ -371,11 +435,8 @@ void CWavePlay::_EndPrepareThread()
     HANDLE hThread = m_hPrepareThread;
     if (hThread == nullptr) return;
     m_hPrepareThread = nullptr;
-    // The prepare thread takes no lock, but the wait may be long (opening the file).
-    LeaveCriticalSection(&m_cs);
     WaitForSingleObject(hThread, INFINITE);
     CloseHandle(hThread);
-    EnterCriticalSection(&m_cs);
 }
 
 void CWavePlay::_Close()
@@ -392,13 +453,6 @@ void CWavePlay::_Close()
         m_pTrack = nullptr;
     }
     _Release();
-    if (m_pfnDone != nullptr) {
-        // Cleared before the call: at most once per Play, even if the callback stops
-        // the player again.
-        QX_WaveDoneProc pfnDone = m_pfnDone;
-        m_pfnDone = nullptr;
-        pfnDone(m_dwDoneUser, m_dwHandle);
-    }
 }
 
 void CWavePlay::_Release()
@@ -426,11 +480,29 @@ void CWavePlay::_Release()
         m_pDSBuffer->Release();
         m_pDSBuffer = nullptr;
     }
+    if (m_pDirectSound != nullptr) {
+        m_pDirectSound->Release();
+        m_pDirectSound = nullptr;
+    }
 }
 
 void CWavePlay::SetBufferParameters(QX_DSParams& params)
 {
-    // No lock: the output calls it with its own lock held (see CWaveOut::_DetachPlayer).
+    _Lock();
+    _ApplyParameters(params);
+    _Unlock();
+}
+
+void CWavePlay::CopyBufferParameters(QX_DSParams* pParams)
+{
+    if (pParams == nullptr) return;
+    _Lock();
+    *pParams = m_WaveParams.dsParams;
+    _Unlock();
+}
+
+void CWavePlay::_ApplyParameters(const QX_DSParams& params)
+{
     if (!_CheckStatus()) return;
     const bool bAll = !m_bPrepared;
     const QX_DSParams& now = m_WaveParams.dsParams;
@@ -451,7 +523,7 @@ void CWavePlay::_SetFrequency(int nValue)
         f = r + std::trunc((nValue / 10000.0) * (r - 100.0));
     if (nValue != 0) f = f > 100000.0 ? 100000.0 : (f < 100.0 ? 100.0 : f);
     const HRESULT hr = m_pDSBuffer->SetFrequency(static_cast<DWORD>(f));
-    if (hr != DS_OK) QXNotifyShared(QXN_DS_SETFREQUENCY, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice));
+    if (hr != DS_OK) _Report(QXN_DS_SETFREQUENCY, static_cast<DWORD>(hr));
     m_WaveParams.dsParams.lFrequency = nValue;
 }
 
@@ -461,7 +533,7 @@ void CWavePlay::_SetVolume(int nValue)
     if (nValue > 0) nValue = 0;
     if (nValue < -10000) nValue = -10000;
     const HRESULT hr = m_pDSBuffer->SetVolume(nValue);
-    if (hr != DS_OK) QXNotifyShared(QXN_DS_SETVOLUME, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice));
+    if (hr != DS_OK) _Report(QXN_DS_SETVOLUME, static_cast<DWORD>(hr));
     m_WaveParams.dsParams.lVolume = nValue;
 }
 
@@ -471,6 +543,6 @@ void CWavePlay::_SetPan(int nValue)
     if (nValue > 10000) nValue = 10000;
     if (nValue < -10000) nValue = -10000;
     const HRESULT hr = m_pDSBuffer->SetPan(nValue);
-    if (hr != DS_OK) QXNotifyShared(QXN_DS_SETPAN, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice));
+    if (hr != DS_OK) _Report(QXN_DS_SETPAN, static_cast<DWORD>(hr));
     m_WaveParams.dsParams.lPan = nValue;
 }

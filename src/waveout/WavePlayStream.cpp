@@ -53,13 +53,13 @@ int CWavePlay::_CreateSoundBuffer(QX_DSParams&)
                                            : DSERR_UNINITIALIZED;
     if (hr != DS_OK) {
         m_pDSBuffer = nullptr;
-        QXNotifyShared(QXN_DS_CREATEBUFFER, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice));
+        _Report(QXN_DS_CREATEBUFFER, static_cast<DWORD>(hr));
         return 0;
     }
     hr = m_pDSBuffer->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&m_pNotify));
     if (hr != DS_OK) {
         m_pNotify = nullptr;
-        QXNotifyShared(QXN_DS_QUERYNOTIFY, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice));
+        _Report(QXN_DS_QUERYNOTIFY, static_cast<DWORD>(hr));
         return 0;
     }
     for (HANDLE& h : m_hNotifyEvents) {
@@ -81,7 +81,7 @@ int CWavePlay::_CreateSoundBuffer(QX_DSParams&)
 
     hr = m_pNotify->SetNotificationPositions(kSegments + 1, positions);
     if (hr != DS_OK) {
-        QXNotifyShared(QXN_DS_SETNOTIFYPOSITIONS, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice));
+        _Report(QXN_DS_SETNOTIFYPOSITIONS, static_cast<DWORD>(hr));
         return 0;
     }
     return 1;
@@ -90,11 +90,12 @@ int CWavePlay::_CreateSoundBuffer(QX_DSParams&)
 int CWavePlay::_WriteBuffer()
 {
     if (!_CheckStatus()) return 0;
+    auto report = [&](DWORD dwCode, HRESULT hr) { _Report(dwCode, static_cast<DWORD>(hr)); };
     LPVOID p1 = nullptr, p2 = nullptr;
     DWORD cb1 = 0, cb2 = 0;
     HRESULT hr = m_pDSBuffer->Lock(m_dwWritePos, m_dwSegmentSize, &p1, &cb1, &p2, &cb2, 0);
     if (hr != DS_OK) {
-        QXNotifyShared(QXN_DS_LOCK, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice));
+        report(QXN_DS_LOCK, hr);
         return 0;
     }
     // A segment locked at a segment boundary never wraps: the second region is empty.
@@ -110,7 +111,7 @@ int CWavePlay::_WriteBuffer()
     }
     hr = m_pDSBuffer->Unlock(p1, cb1, p2, cb2);
     if (hr != DS_OK) {
-        QXNotifyShared(QXN_DS_UNLOCK, static_cast<DWORD>(hr), static_cast<DWORD_PTR>(m_nDevice));
+        report(QXN_DS_UNLOCK, hr);
         return 0;
     }
     if (nGot < 0) {
@@ -176,12 +177,26 @@ DWORD CWavePlay::_NotificationThread()
         }
     }
     // The handle is not closed here: whoever stops the player joins this thread first.
-    // Whoever ends this thread sets m_bStopping before it signals, so a stop under way
-    // elsewhere is never entered a second time from here (that stop may be waiting for
-    // this very thread).
-    if (!m_bStopping) Stop(); // may delete the player: nothing of it is touched after
+    _StopFromNotifyThread(); // may delete the player: nothing of it is touched after
     t_pNotifyPlayer = nullptr;
     return 0;
+}
+
+void CWavePlay::_StopFromNotifyThread()
+{
+    // Whoever else stops the player sets m_bStopping first and then waits for this
+    // thread with m_cs held: so this thread never blocks on m_cs, it tries it until it
+    // has it or sees that stop.
+    for (;;) {
+        if (m_bStopping) return;
+        if (TryEnterCriticalSection(&m_cs)) break;
+        Sleep(1);
+    }
+    ++m_nLockDepth;
+    StopTail tail{};
+    if (!m_bStopping) tail = _StopLocked();
+    _Unlock();
+    _FinishStop(tail);
 }
 
 uint64_t CWavePlay::LateRefills()
@@ -203,8 +218,6 @@ void CWavePlay::_EndNotifyThread()
     HANDLE hThread = m_hNotifyThread;
     if (hThread == nullptr) return;
     m_hNotifyThread = nullptr;
-    LeaveCriticalSection(&m_cs);
     WaitForSingleObject(hThread, INFINITE);
     CloseHandle(hThread);
-    EnterCriticalSection(&m_cs);
 }

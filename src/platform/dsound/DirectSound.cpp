@@ -19,6 +19,7 @@ namespace qxplat {
 namespace {
 
 std::atomic<size_t> g_liveObjects{0};
+std::atomic<uint64_t> g_bufferStarts{0};
 
 // The write cursor leads the play cursor by what the mixer may already have taken.
 constexpr DWORD kWriteLeadMs = 15;
@@ -602,6 +603,7 @@ HRESULT SecondaryBuffer::PlayAt(DWORD dwReserved1, DWORD dwPriority, DWORD dwFla
     if (dwPriority != 0 && !(m_flags & DSBCAPS_LOCDEFER)) return DSERR_INVALIDPARAM;
     m_voice.Play((dwFlags & DSBPLAY_LOOPING) != 0, startNs);
     m_device->Activate(false);
+    g_bufferStarts.fetch_add(1, std::memory_order_relaxed);
     return DS_OK;
 }
 
@@ -791,6 +793,11 @@ DWORD DirectSoundOutputLatencyFrames(LPDIRECTSOUND pDS, DWORD* pRate)
         return 0;
     }
     return AsOurs(pDS)->OutputLatencyFrames(pRate);
+}
+
+uint64_t DirectSoundBufferStarts()
+{
+    return g_bufferStarts.load(std::memory_order_relaxed);
 }
 
 size_t LiveDirectSoundObjects()

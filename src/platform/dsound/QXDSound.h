@@ -133,6 +133,8 @@ HRESULT DirectSoundPlayBufferAt(LPDIRECTSOUNDBUFFER pBuffer, DWORD dwFlags, int6
 // Device objects and buffers alive in the whole process, for tests that check that
 // nothing is left behind.
 size_t LiveDirectSoundObjects();
+// Secondary buffers started (Play that succeeded) in the whole process.
+uint64_t DirectSoundBufferStarts();
 
 } // namespace qxplat
 

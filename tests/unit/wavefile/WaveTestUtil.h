@@ -13,10 +13,12 @@
 #include <dirent.h>
 #include <stdlib.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace wavetest {
@@ -66,6 +68,28 @@ inline size_t OpenFdCount()
         closedir(d);
     }
     return n;
+}
+
+// Threads of this process now.
+inline size_t ThreadCount()
+{
+    size_t n = 0;
+    if (DIR* d = opendir("/proc/self/task")) {
+        while (dirent* e = readdir(d))
+            if (e->d_name[0] != '.') ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+// Waits for a condition another thread brings about; false when it never came.
+template <class Pred> bool Eventually(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(20))
+{
+    for (auto until = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < until;) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return pred();
 }
 
 // A fresh folder per test; at the end no fault may stay armed and no file open.

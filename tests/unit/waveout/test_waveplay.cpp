@@ -178,7 +178,8 @@ public:
     // the given device object and output number.
     int PrepareOn(IDirectSound* pDS, const char* pszPath, int nDevice = 0, QX_DSParams params = {})
     {
-        m_pDirectSound = pDS;
+        m_pDirectSound = pDS; // the player's own reference, as the prepare thread takes it
+        if (pDS != nullptr) pDS->AddRef();
         m_nDevice = nDevice;
         m_WaveParams.dsParams = params;
         m_WaveParams.dsParams.lpszFileName = pszPath;
@@ -187,6 +188,7 @@ public:
     int OpenOn(IDirectSound* pDS, const char* pszPath)
     {
         m_pDirectSound = pDS;
+        if (pDS != nullptr) pDS->AddRef();
         return _OpenSoundFile(pszPath);
     }
     int CreateBuffer() { return _CreateSoundBuffer(m_WaveParams.dsParams); }

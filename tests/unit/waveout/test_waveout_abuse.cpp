@@ -1,0 +1,417 @@
+// The audio half driven as a hostile or a long-running application drives it: shutdown
+// and close from done callbacks, parameters racing a file's end, one player driven from
+// several threads, playing while the group closes, one-shots on one track, events of a
+// paused or restarted group, failed plays racing a close, and the WAVE_FORMAT_EXTENSIBLE
+// layout. Run under AddressSanitizer and ThreadSanitizer; a deadlock ends the process.
+#include <quavix/Quavix.h>
+
+#include "platform/QXFaults.h"
+#include "platform/QXPlatform.h"
+#include "platform/backends/virtual/QXVirtual.h"
+#include "platform/dsound/QXDSound.h"
+#include "unit/wavefile/WaveTestUtil.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace wavetest;
+
+namespace {
+
+const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
+
+// A file of nFrames frames; with a sub-format code it is written as
+// WAVE_FORMAT_EXTENSIBLE (cbSize 22), as sox and most editors write 24-bit, 32-bit and
+// multichannel audio.
+std::string WaveFileBytes(WORD channels, DWORD rate, WORD bits, size_t nFrames, DWORD subFormat = 0)
+{
+    const WORD align = WORD(channels * bits / 8);
+    const std::string data = Chunk("data", Pattern(nFrames * align));
+    if (subFormat == 0) return Riff(Fmt(channels, rate, bits) + data);
+    std::string fmt = Le16(WAVE_FORMAT_EXTENSIBLE) + Le16(channels) + Le32(rate) + Le32(rate * align) + Le16(align) +
+                      Le16(bits) + Le16(22) + Le16(bits) + Le32(channels == 2 ? 3 : (1u << channels) - 1) +
+                      Le32(subFormat) + std::string("\x00\x00\x10\x00\x80\x00\x00\xAA\x00\x38\x9B\x71", 12);
+    return Riff(Chunk("fmt ", fmt) + Chunk("fact", Le32(DWORD(nFrames))) + data);
+}
+
+// Aborts the process when a test does not end in time: a deadlock must fail the run,
+// not hang it.
+class Watchdog {
+public:
+    explicit Watchdog(std::chrono::seconds limit)
+        : m_thread([this, limit] {
+              std::unique_lock<std::mutex> lock(m_mutex);
+              if (!m_done.wait_for(lock, limit, [this] { return m_bDone; })) {
+                  std::fprintf(stderr, "deadlock: %s did not end within %d s\n",
+                               ::testing::UnitTest::GetInstance()->current_test_info()->name(),
+                               static_cast<int>(limit.count()));
+                  std::abort();
+              }
+          })
+    {
+    }
+    ~Watchdog()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_bDone = true;
+        }
+        m_done.notify_one();
+        m_thread.join();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_done;
+    bool m_bDone = false;
+    std::thread m_thread;
+};
+
+std::atomic<int> g_reports[1000];
+
+void Count(DWORD dwCode, DWORD, DWORD_PTR)
+{
+    if (dwCode < 1000) ++g_reports[dwCode];
+}
+
+class Abuse : public ScratchTest {
+protected:
+    void SetUp() override
+    {
+        (void)kVirtual;
+        ScratchTest::SetUp();
+        for (auto& n : g_reports) n = 0;
+        qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+        q = CQuavix::InitQuavix();
+        q->SetNotificationCallback(Count, 0);
+        q->Initialize(QX_INIT_WAVE | QX_INIT_MIDI);
+        ASSERT_EQ(q->OpenDevices(), 1);
+        ASSERT_EQ(q->StartDevices(), 1);
+        m_short = Make("short.wav", WaveFileBytes(2, 48000, 16, 960)); // 20 ms
+        m_long = Make("long.wav", WaveFileBytes(2, 48000, 16, 48000 * 20));
+    }
+    void TearDown() override
+    {
+        CQuavix::ExitQuavix();
+        qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+        // Self-deleting players finish their last steps on their own threads.
+        EXPECT_TRUE(Eventually([] { return QXLivePlayerCount() == 0; })) << QXLivePlayerCount() << " players left";
+        EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
+        ScratchTest::TearDown();
+    }
+    CWaveOut* Out() { return dynamic_cast<CWaveOut*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0)); }
+    static QX_WaveParams Params(int nPerformance, int nTrack, const std::string& path)
+    {
+        QX_WaveParams params{};
+        params.nPerformance = nPerformance;
+        params.nTrack = nTrack;
+        params.dsParams.lpszFileName = path.c_str();
+        return params;
+    }
+
+    CQuavix* q = nullptr;
+    std::string m_short, m_long;
+};
+
+std::atomic<int> g_done{0};
+
+void CloseFromDone(DWORD_PTR, DWORD)
+{
+    CQuavix* pManager = CQuavix::GetQuavix();
+    pManager->SendMidiMsg(0, 0x403C90, 0);
+    CQuavix::ExitQuavix(); // refused: this is a callback of the library
+    pManager->StopDevices();
+    pManager->CloseDevices();
+    ++g_done;
+}
+
+} // namespace
+
+// A done callback may close the group, send MIDI or try to end the manager, whichever
+// thread stopped its player: the notification thread at the end of the file, the
+// application's CloseDevices, or its ExitQuavix.
+TEST_F(Abuse, DoneCallbacksThatCloseOrExitTheManagerAreSafe)
+{
+    Watchdog watchdog(std::chrono::seconds(60));
+    g_done = 0;
+    ASSERT_NE(q->PlayWaveFile(m_short.c_str(), 0, CloseFromDone, 0), 0);
+    ASSERT_TRUE(Eventually([] { return g_done == 1; })) << "the file ended";
+    EXPECT_EQ(CQuavix::GetQuavix(), q) << "ExitQuavix inside a done callback does nothing";
+
+    ASSERT_EQ(q->OpenDevices(), 1);
+    ASSERT_EQ(q->StartDevices(), 1);
+    ASSERT_NE(q->PlayWaveFile(m_long.c_str(), 0, CloseFromDone, 0), 0);
+    EXPECT_EQ(q->CloseDevices(), 1);
+    EXPECT_EQ(g_done, 2) << "the close destroyed the player, and its callback closed again inside";
+
+    ASSERT_EQ(q->OpenDevices(), 1);
+    ASSERT_EQ(q->StartDevices(), 1);
+    ASSERT_NE(q->PlayWaveFile(m_long.c_str(), 0, CloseFromDone, 0), 0);
+    CQuavix::ExitQuavix();
+    EXPECT_EQ(g_done, 3);
+    EXPECT_EQ(CQuavix::GetQuavix(), nullptr);
+}
+
+namespace {
+
+struct OwnPlayer {
+    CWavePlay* p = nullptr;
+    std::atomic<int> done{0};
+};
+
+void DeleteFromDone(DWORD_PTR dwUser, DWORD)
+{
+    auto* own = reinterpret_cast<OwnPlayer*>(dwUser);
+    delete own->p;
+    ++own->done;
+}
+
+void CountDone(DWORD_PTR dwUser, DWORD)
+{
+    ++reinterpret_cast<OwnPlayer*>(dwUser)->done;
+}
+
+} // namespace
+
+// An application's own player: deleted in its own done callback, and given new
+// parameters from another thread just as its file ends and its buffer goes.
+TEST_F(Abuse, OwnPlayersSurviveDeletionInTheirCallbackAndParametersAtTheirEnd)
+{
+    Watchdog watchdog(std::chrono::seconds(120));
+    for (int i = 0; i < 5; ++i) {
+        OwnPlayer own;
+        own.p = new CWavePlay;
+        QX_WaveParams params = Params(0x40000000, i, m_short);
+        ASSERT_EQ(own.p->Play(&params, 0, 0, DeleteFromDone, reinterpret_cast<DWORD_PTR>(&own), 0), 1);
+        ASSERT_TRUE(Eventually([&] { return own.done == 1; })) << "round " << i;
+    }
+
+    OwnPlayer own;
+    CWavePlay player;
+    own.p = &player;
+    for (int round = 0; round < 40; ++round) {
+        own.done = 0;
+        QX_WaveParams params = Params(0x40000001, 1, m_short);
+        ASSERT_EQ(player.Play(&params, 0, 0, CountDone, reinterpret_cast<DWORD_PTR>(&own), 0), 1);
+        std::thread setter([&] {
+            for (LONG v = 0; own.done == 0; v = (v + 37) % 5000) {
+                QX_DSParams ds{};
+                ds.lVolume = -v;
+                ds.lPan = v - 2500;
+                ds.lFrequency = v;
+                player.SetBufferParameters(ds);
+                QX_DSParams now{};
+                Out()->GetTrackParameters(0x40000001, 1, &now);
+            }
+        });
+        setter.join();
+    }
+}
+
+// PlayWaveFile on two threads while the main thread closes, opens and starts the group
+// over and over: a prepare thread must never use a device object the close let go.
+TEST_F(Abuse, PlayingWhileTheGroupClosesAndOpensAgain)
+{
+    Watchdog watchdog(std::chrono::seconds(120));
+    std::atomic<bool> stop{false};
+    std::atomic<int> plays{0};
+    std::vector<std::thread> players;
+    for (int t = 0; t < 2; ++t)
+        players.emplace_back([&] {
+            while (!stop) {
+                if (q->PlayWaveFile(m_short.c_str(), 0, nullptr, 0) != 0) ++plays;
+            }
+        });
+    for (int i = 0; i < 40; ++i) {
+        q->CloseDevices();
+        q->OpenDevices();
+        q->StartDevices();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    stop = true;
+    for (std::thread& t : players) t.join();
+    EXPECT_GT(plays, 0);
+}
+
+// Play, Stop, Start and timed starts on one player from four threads: serialised, and
+// never a deadlock (the manager's thread, which runs the timed starts, stays free too).
+TEST_F(Abuse, OnePlayerDrivenFromFourThreadsNeverDeadlocks)
+{
+    Watchdog watchdog(std::chrono::seconds(120));
+    CWavePlay player;
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (unsigned n = 0; !stop; ++n) {
+                QX_WaveParams params = Params(0x40000002, 1, n % 3 == 0 ? m_long : m_short);
+                switch ((n + t) % 4) {
+                case 0: player.Play(&params, 0, 0, nullptr, 0, 0); break;
+                case 1: player.Stop(); break;
+                case 2: player.Start(); break;
+                default: player.Play(&params, 0, timeGetTime() - q->GetPlayStartTime() + 30, nullptr, 0, 0); break;
+                }
+            }
+        });
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    stop = true;
+    for (std::thread& t : threads) t.join();
+    player.Stop();
+    // The manager's thread still answers: a timed start is handled.
+    QX_WaveParams params = Params(0x40000002, 1, m_long);
+    ASSERT_EQ(player.Play(&params, 0, timeGetTime() - q->GetPlayStartTime() + 100, nullptr, 0, 0), 1);
+    EXPECT_TRUE(Eventually([&] { return Out()->GetTrackParameters(0x40000002, 1, nullptr) == 1; }));
+}
+
+namespace {
+
+struct OneShots {
+    std::string path;
+    int nPerPeriod = 3;
+    std::atomic<int> periods{0};
+};
+
+// Several short files on track 0 in every period, spread over it.
+int OneShotPerformance(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD)
+{
+    auto* s = reinterpret_cast<OneShots*>(dwUser);
+    if (nTag < 0) return 1;
+    CQXEventList events;
+    for (int i = 0; i < s->nPerPeriod; ++i) {
+        auto* params = new QX_WaveParams{};
+        params->nPerformance = nTag;
+        params->nTrack = 0;
+        params->dsParams.lpszFileName = s->path.c_str();
+        auto* e = new CQXEventData;
+        e->SetWaveData(params);
+        e->SetTimeStamp(dwStart + DWORD(i * 100 / s->nPerPeriod));
+        e->SetDevice(0);
+        events.AddTail(e);
+    }
+    CQuavix::GetQuavix()->PlayBuffer(events);
+    ++s->periods;
+    return 1;
+}
+
+} // namespace
+
+// One-shot samples on one track: each displaces the one before, finished or not, so
+// players and their threads stay few however many files have played.
+TEST_F(Abuse, OneShotsOnOneTrackReplaceEachOtherInsteadOfPilingUp)
+{
+    OneShots shots;
+    shots.path = m_short;
+    const size_t nThreads = ThreadCount();
+    ASSERT_NE(q->StartPerformance(OneShotPerformance, reinterpret_cast<DWORD_PTR>(&shots), 1, 0), 0);
+    size_t nMostPlayers = 0, nMostThreads = 0;
+    while (shots.periods < 30) {
+        nMostPlayers = std::max(nMostPlayers, QXLivePlayerCount());
+        nMostThreads = std::max(nMostThreads, ThreadCount());
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    // A player still preparing, one timed to start, the one sounding and the one it displaces.
+    EXPECT_LE(nMostPlayers, 6u) << "after " << shots.periods * shots.nPerPeriod << " files";
+    EXPECT_LE(nMostThreads, nThreads + 12) << "threads of finished players were not joined";
+}
+
+// Events that reach an output that ran and is now paused, or stopped, are dropped: they
+// must not all sound at once when it runs again, nor after a restart without their song.
+TEST_F(Abuse, WaveEventsOfAPausedOrRestartedGroupAreDroppedNotPlayedLater)
+{
+    // Wave outputs alone: the manager's timer then drives the engine, also while paused.
+    CQuavix::ExitQuavix();
+    q = CQuavix::InitQuavix();
+    q->Initialize(QX_INIT_WAVE);
+    ASSERT_EQ(q->OpenDevices(), 1);
+    ASSERT_EQ(q->StartDevices(), 1);
+    OneShots shots;
+    shots.path = m_short;
+    shots.nPerPeriod = 1;
+    ASSERT_NE(q->StartPerformance(OneShotPerformance, reinterpret_cast<DWORD_PTR>(&shots), 1, 0), 0);
+    ASSERT_TRUE(Eventually([&] { return shots.periods >= 5; }));
+    ASSERT_EQ(q->PauseDevices(), 1);
+    const int nAtPause = shots.periods;
+    ASSERT_TRUE(Eventually([&] { return shots.periods >= nAtPause + 10; })) << "the engine polls on while paused";
+    uint64_t nStarts = qxplat::DirectSoundBufferStarts();
+    ASSERT_EQ(q->StartDevices(), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_LE(qxplat::DirectSoundBufferStarts() - nStarts, 4u) << "events of the pause sounded on resume";
+
+    ASSERT_EQ(q->StopDevices(), 1);
+    ASSERT_EQ(q->CloseDevices(), 1);
+    q->StopPerformance(-1);
+    ASSERT_EQ(q->OpenDevices(), 1);
+    nStarts = qxplat::DirectSoundBufferStarts();
+    ASSERT_EQ(q->StartDevices(), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_EQ(qxplat::DirectSoundBufferStarts() - nStarts, 0u) << "the old song's events sounded after the restart";
+}
+
+// A Play that fails after its player joined the output's set, while the output deletes
+// every performance: the player is deleted once, by whoever holds it.
+TEST_F(Abuse, AFailedPlayRacingADeletedTrackIsDeletedOnce)
+{
+    Watchdog watchdog(std::chrono::seconds(120));
+    std::atomic<bool> stop{false};
+    std::thread deleter([&] {
+        while (!stop) Out()->DeletePerformance(-1, 1);
+    });
+    for (int i = 0; i < 100; ++i) {
+        QXFaultInject("IDirectSound::CreateSoundBuffer", static_cast<DWORD>(DSERR_OUTOFMEMORY));
+        EXPECT_EQ(q->PlayWaveFile(m_short.c_str(), 0, nullptr, 0), 0);
+        auto* p = new CWavePlay;
+        QX_WaveParams params = Params(0x40000003, 1, m_short);
+        QXFaultInject("IDirectSound::CreateSoundBuffer", static_cast<DWORD>(DSERR_OUTOFMEMORY));
+        int bYours = 1;
+        if (p->_Play(&params, 0, 0, nullptr, 0, 0, &bYours) == 0 && bYours) delete p;
+    }
+    stop = true;
+    deleter.join();
+    EXPECT_EQ(g_reports[QXN_DS_CREATEBUFFER], 200);
+}
+
+// The layout sox writes by default (32-bit integer), 24-bit, float and six channels in
+// WAVE_FORMAT_EXTENSIBLE headers play; one with an unknown sub-format is refused; and an
+// 18-byte device format record with that tag and a cbSize of 22 is refused without
+// anything read past it.
+TEST_F(Abuse, ExtensibleFilesPlayAndNoFormatRecordIsReadPastItsSize)
+{
+    struct Case {
+        const char* name;
+        WORD channels, bits;
+        DWORD subFormat;
+        bool plays;
+    };
+    for (const Case& c : {Case{"s32", 2, 32, WAVE_FORMAT_PCM, true}, Case{"s24", 2, 24, WAVE_FORMAT_PCM, true},
+                          Case{"f32", 1, 32, WAVE_FORMAT_IEEE_FLOAT, true},
+                          Case{"six", 6, 16, WAVE_FORMAT_PCM, true}, Case{"alaw", 2, 8, 6, false}}) {
+        SCOPED_TRACE(c.name);
+        const std::string path = Make(std::string(c.name) + ".wav", WaveFileBytes(c.channels, 44100, c.bits, 4410, c.subFormat));
+        QX_DevFormat format{};
+        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), format), 1);
+        EXPECT_EQ(format.cbSize, 0) << "the record holds 18 bytes and says so";
+        EXPECT_EQ(format.wFormatTag, c.plays ? c.subFormat : WAVE_FORMAT_EXTENSIBLE);
+        OwnPlayer own;
+        const int nCreateFailed = g_reports[QXN_DS_CREATEBUFFER];
+        const int nTag = q->PlayWaveFile(path.c_str(), 0, CountDone, reinterpret_cast<DWORD_PTR>(&own));
+        EXPECT_EQ(nTag != 0, c.plays);
+        if (c.plays) {
+            EXPECT_TRUE(Eventually([&] { return own.done == 1; }));
+        }
+        EXPECT_EQ(g_reports[QXN_DS_CREATEBUFFER] - nCreateFailed, c.plays ? 0 : 1);
+    }
+
+    auto* pFormat = new QX_DevFormat{WAVE_FORMAT_EXTENSIBLE, 2, 48000, 192000, 4, 16, 22};
+    ASSERT_EQ(q->CloseDevices(), 1);
+    q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0, pFormat);
+    q->OpenDevices();
+    EXPECT_EQ(g_reports[QXN_DS_SETFORMAT], 1) << "refused with a report";
+    delete pFormat;
+}
