@@ -29,6 +29,9 @@ namespace {
 
 constexpr DWORD kPrepareTimeout = 30000;
 
+// The player whose prepare thread the calling thread is.
+thread_local const CWavePlay* t_pPreparing = nullptr;
+
 } // namespace
 
 CWavePlay::CWavePlay()
@@ -130,7 +133,7 @@ void CWavePlay::_Report(DWORD dwCode, DWORD dwValue)
 void CWavePlay::_Report(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
 {
     const DWORD dwSelf = GetCurrentThreadId();
-    const bool bHeld = m_dwLockOwner.load() == dwSelf || (dwSelf == m_dwPrepareThreadId && m_hPreparedEvent != nullptr);
+    const bool bHeld = m_dwLockOwner.load() == dwSelf || (t_pPreparing == this && m_bWait);
     if (!bHeld) {
         QXNotifyShared(dwCode, dwValue, dwDevice);
         return;
@@ -215,6 +218,7 @@ DWORD WINAPI CWavePlay::__PrepareThread(void* pPlayer)
 
 DWORD CWavePlay::_PrepareThread()
 {
+    t_pPreparing = this;
     // A reference of its own: the registry may be emptied while this thread works.
     m_pDirectSound = CWaveOut::DSAcquireDevice(m_nDevice);
     if (m_pDirectSound == nullptr) {
@@ -224,6 +228,7 @@ DWORD CWavePlay::_PrepareThread()
     } else {
         _PrepareBuffer();
     }
+    t_pPreparing = nullptr;
     // The handle stays for whoever joins this thread (Prepare, or Stop after a time-out).
     if (m_hPreparedEvent != nullptr) SetEvent(m_hPreparedEvent);
     return 0;

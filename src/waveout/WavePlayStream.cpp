@@ -192,7 +192,7 @@ void CWavePlay::_StopFromNotifyThread()
         if (TryEnterCriticalSection(&m_cs)) break;
         Sleep(1);
     }
-    ++m_nLockDepth;
+    if (m_nLockDepth++ == 0) m_dwLockOwner = GetCurrentThreadId();
     StopTail tail{};
     if (!m_bStopping) tail = _StopLocked();
     _Unlock();

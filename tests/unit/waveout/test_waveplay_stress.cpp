@@ -9,10 +9,10 @@
 #include "platform/dsound/QXDSound.h"
 #include "platform/kernel/QXKernel.h"
 #include "platform/kernel/QXWindow.h"
+#include "unit/wavefile/WaveTestUtil.h"
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <array>
@@ -22,12 +22,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
+
+using wavetest::Eventually;
+using wavetest::ThreadCount;
 
 namespace {
 
@@ -62,26 +64,6 @@ void WriteTone(const std::string& path, WORD channels, DWORD rate, WORD bits, do
     std::string body = "WAVE" + std::string("fmt ") + Le(16, 4) + fmt + "data" +
                        Le(static_cast<DWORD>(data.size()), 4) + data + std::string(data.size() & 1, '\0');
     std::ofstream(path, std::ios::binary | std::ios::trunc) << "RIFF" << Le(static_cast<DWORD>(body.size()), 4) << body;
-}
-
-size_t ThreadCount()
-{
-    size_t n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* e = readdir(dir))
-            if (e->d_name[0] != '.') ++n;
-        closedir(dir);
-    }
-    return n;
-}
-
-bool Eventually(const std::function<bool()>& pred, std::chrono::seconds limit)
-{
-    for (auto until = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < until;) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return pred();
 }
 
 // A slot holds at most one player at a time: none, one the test owns, or one of
