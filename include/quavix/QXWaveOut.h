@@ -118,6 +118,8 @@ protected:
     void _DeleteTrackLocked(DSPerformance* pPerformance, int nTrack, int bDeletePlayers,
                             std::vector<CWavePlay*>& pDoomed);
     static void _DestroyPlayers(std::vector<CWavePlay*>& pDoomed);
+    // The track of that number, or null; makes nothing. With the lock held.
+    DSTrack* _FindTrack(int nPerformance, int nTrack);
     // Calls fn on the track's current player, pinned and with no lock of the output
     // held; 1 when there was one. bMake makes missing records, as SetWaveParams does.
     template <class Fn> int _WithTrackPlayer(int nPerformance, int nTrack, bool bMake, Fn fn);

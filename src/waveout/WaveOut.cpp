@@ -146,22 +146,7 @@ template <class Fn> int CWaveOut::_WithTrackPlayer(int nPerformance, int nTrack,
     DWORD dwHandle = 0;
     {
         Locked lock(&m_csPerformances);
-        DSTrack* pTrack = nullptr;
-        if (bMake) {
-            pTrack = GetTrack(GetPerformance(nPerformance), nTrack);
-        } else {
-            for (POSITION pos = m_Performances.GetHeadPosition(); pos != nullptr && pTrack == nullptr;) {
-                DSPerformance* p = m_Performances.GetNext(pos);
-                if (p->nPerformance != nPerformance) continue;
-                for (POSITION tpos = p->tracks.GetHeadPosition(); tpos != nullptr;) {
-                    DSTrack* t = p->tracks.GetNext(tpos);
-                    if (t->nTrack == nTrack) {
-                        pTrack = t;
-                        break;
-                    }
-                }
-            }
-        }
+        DSTrack* pTrack = bMake ? GetTrack(GetPerformance(nPerformance), nTrack) : _FindTrack(nPerformance, nTrack);
         if (pTrack == nullptr || pTrack->pWavePlay == nullptr) return 0;
         dwHandle = pTrack->pWavePlay->GetHandle();
     }
@@ -311,18 +296,7 @@ CWavePlay* CWaveOut::_AttachPlayer(CWavePlay* pPlayer, const QX_DSParams& params
     if (it == m_Players.end()) return nullptr;
     const int nPerformance = it->nPerformance, nTrack = it->nTrack;
     // Found by number, never by a pointer the player kept: its records may have gone.
-    DSTrack* pTrack = nullptr;
-    for (POSITION pos = m_Performances.GetHeadPosition(); pos != nullptr && pTrack == nullptr;) {
-        DSPerformance* p = m_Performances.GetNext(pos);
-        if (p->nPerformance != nPerformance) continue;
-        for (POSITION tpos = p->tracks.GetHeadPosition(); tpos != nullptr;) {
-            DSTrack* t = p->tracks.GetNext(tpos);
-            if (t->nTrack == nTrack) {
-                pTrack = t;
-                break;
-            }
-        }
-    }
+    DSTrack* pTrack = _FindTrack(nPerformance, nTrack);
     if (pTrack == nullptr) return nullptr;
     CWavePlay* pOld = pTrack->pWavePlay;
     if (pOld == pPlayer) pOld = nullptr;
@@ -340,6 +314,19 @@ CWavePlay* CWaveOut::_AttachPlayer(CWavePlay* pPlayer, const QX_DSParams& params
     pTrack->lFrequency = params.lFrequency;
     if (pbAttached != nullptr) *pbAttached = 1;
     return pOld;
+}
+
+DSTrack* CWaveOut::_FindTrack(int nPerformance, int nTrack)
+{
+    for (POSITION pos = m_Performances.GetHeadPosition(); pos != nullptr;) {
+        DSPerformance* p = m_Performances.GetNext(pos);
+        if (p->nPerformance != nPerformance) continue;
+        for (POSITION tpos = p->tracks.GetHeadPosition(); tpos != nullptr;) {
+            DSTrack* t = p->tracks.GetNext(tpos);
+            if (t->nTrack == nTrack) return t;
+        }
+    }
+    return nullptr;
 }
 
 void CWaveOut::_DetachPlayer(CWavePlay* pPlayer)

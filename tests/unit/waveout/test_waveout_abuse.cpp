@@ -320,6 +320,7 @@ TEST_F(Abuse, OneShotsOnOneTrackReplaceEachOtherInsteadOfPilingUp)
     // A player still preparing, one timed to start, the one sounding and the one it displaces.
     EXPECT_LE(nMostPlayers, 6u) << "after " << shots.periods * shots.nPerPeriod << " files";
     EXPECT_LE(nMostThreads, nThreads + 12) << "threads of finished players were not joined";
+    CQuavix::ExitQuavix(); // before the file name goes
 }
 
 // Events that reach an output that ran and is now paused, or stopped, are dropped: they
@@ -361,6 +362,7 @@ TEST_F(Abuse, WaveEventsOfAPausedOrRestartedGroupAreDroppedNotPlayedLater)
     ASSERT_EQ(q->StartDevices(), 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(1600));
     EXPECT_EQ(qxplat::DirectSoundBufferStarts() - nStarts, 0u) << "the old song's events sounded after the restart";
+    CQuavix::ExitQuavix(); // before the file name goes
 }
 
 // A Play that fails after its player joined the output's set, while the output deletes
