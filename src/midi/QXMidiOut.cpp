@@ -317,8 +317,8 @@ int CMidiOut::PlayNote(DWORD dwMsg, DWORD dwDuration)
         m_uNoteTimerID =
             timeSetEvent(dwDuration, 10, _NoteTimerFunc, reinterpret_cast<DWORD_PTR>(this), TIME_ONESHOT);
         if (m_uNoteTimerID == 0) {
-            PlayMidi(NoteOff(dwMsg));
             LeaveCriticalSection(&m_csNotes);
+            PlayMidi(NoteOff(dwMsg));
             return 0;
         }
     }
@@ -332,13 +332,16 @@ void CALLBACK CMidiOut::_NoteTimerFunc(UINT, UINT, DWORD_PTR dwUser, DWORD_PTR, 
     reinterpret_cast<CMidiOut*>(dwUser)->TurnOffNotes();
 }
 
+// The note-offs go out after the lock is let go: a failed send is reported, and the
+// application's reaction may play or close on this output.
 void CMidiOut::TurnOffNotes()
 {
+    std::vector<DWORD> notes;
     EnterCriticalSection(&m_csNotes);
-    for (DWORD dwMsg : m_PendingNotes) PlayMidi(NoteOff(dwMsg));
-    m_PendingNotes.clear();
+    notes.swap(m_PendingNotes);
     m_uNoteTimerID = 0;
     LeaveCriticalSection(&m_csNotes);
+    for (DWORD dwMsg : notes) PlayMidi(NoteOff(dwMsg));
 }
 
 // Sent at once, outside the stream's buffers, as PlayMidi sends a short message.

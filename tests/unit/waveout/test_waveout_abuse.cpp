@@ -319,7 +319,9 @@ TEST_F(Abuse, OneShotsOnOneTrackReplaceEachOtherInsteadOfPilingUp)
     }
     // A player still preparing, one timed to start, the one sounding and the one it displaces.
     EXPECT_LE(nMostPlayers, 6u) << "after " << shots.periods * shots.nPerPeriod << " files";
-    EXPECT_LE(nMostThreads, nThreads + 12) << "threads of finished players were not joined";
+    // Each of those has a notification thread, and one may be preparing; finished ones used
+    // to keep theirs, 3 more every period.
+    EXPECT_LE(nMostThreads, nThreads + 24) << "threads of finished players were not joined";
     CQuavix::ExitQuavix(); // before the file name goes
 }
 
