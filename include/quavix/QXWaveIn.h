@@ -43,7 +43,8 @@ protected:
                                      DWORD_PTR dwParam2);
 
     // Which buffer is queued next, how many are prepared, and the block that holds both
-    // buffers behind their headers. All of them under m_mxBuffers.
+    // buffers behind their headers. All of them under m_mxBuffers. PrepareBuffer and
+    // UnprepareBuffer run with it held; what they report is raised once it is released.
     int m_nNextBuffer = 0;
     int m_nQueuedBuffers = 0;
     DWORD m_dwBufferLength = 0;
@@ -55,16 +56,28 @@ protected:
 
 private:
     enum BufferState { kIdle, kQueued, kInHand };
+    class BufferLock;
+    struct Report {
+        DWORD dwCode;
+        DWORD dwValue;
+    };
 
     int _QueueBuffer(int nBuffer);
     int _UnqueueBuffer(int nBuffer);
     int _BufferOf(const WAVEHDR* pHeader) const;
     void _ReleaseBlock(BYTE* pBlock, DWORD dwSize);
+    void _Report(DWORD dwCode, DWORD dwValue); // with m_mxBuffers held
     bool _OnOwnThread() const;
     // Hands the returned buffers still waiting in this thread's queue to OnWaveInData.
     void _TakeReturnedBuffers();
 
-    std::mutex m_mxBuffers; // a leaf: nothing that waits is called under it
+    // Held over the bookkeeping and the platform's header calls, which take only the
+    // platform input's own lock (never held while that input calls out). Never held
+    // while reporting or calling the application: a notification callback may stop or
+    // close this input. Taken through BufferLock, which raises the reports made under it.
+    std::mutex m_mxBuffers;
+    Report m_Reports[4]; // made under m_mxBuffers, not yet raised
+    int m_nReports = 0;
     std::condition_variable m_cvInHand;
     BufferState m_nBufferState[2] = {kIdle, kIdle};
     int m_nInHand = 0; // buffers the device's thread is handling now

@@ -4,11 +4,13 @@
 #include <quavix/Quavix.h>
 
 #include "manager/QXDeviceFactory.h"
+#include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -19,6 +21,7 @@
 #include <mutex>
 #include <numbers>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -324,6 +327,57 @@ TEST_F(WaveInDevice, StopAndCloseFromTheRecordingCallback)
     rec.inside = nullptr;
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     EXPECT_TRUE(rec.WaitFor(4));
+}
+
+// A notification callback may stop or close the devices: a buffer that cannot be
+// queued again while recording is reported with no lock of the input held. A reaction
+// that does not come back within its bound is a deadlock, and ends the program rather
+// than hang it.
+TEST_F(WaveInDevice, ANotificationCallbackMayStopOrCloseTheDevices)
+{
+    static std::atomic<int> reaction{0}; // 1 stop, 2 close; taken by the first report
+    static std::atomic<DWORD> reported{0};
+    static std::atomic<bool> reacted{false};
+    struct {
+        const char* call;
+        DWORD code;
+        int reaction;
+        UINT state; // of input 0 afterwards
+    } cases[] = {
+        {"waveInAddBuffer", QXN_WAVEIN_ADDBUFFER, 1, QX_STATE_OPEN | QX_STATE_STOPPED},
+        {"waveInAddBuffer", QXN_WAVEIN_ADDBUFFER, 2, QX_STATE_CLOSED},
+        {"waveInPrepareHeader", QXN_WAVEIN_PREPARE, 2, QX_STATE_CLOSED},
+    };
+    q->SetNotificationCallback(
+        [](DWORD code, DWORD, DWORD_PTR) {
+            const int r = reaction.exchange(0);
+            if (r == 0) return;
+            reported = code;
+            CQuavix* m = CQuavix::GetQuavix();
+            if (r == 1) m->StopDevices();
+            if (r == 2) m->CloseDevices();
+            reacted = true;
+        },
+        0);
+    for (const auto& c : cases) {
+        const std::string what = std::string(c.call) + (c.reaction == 1 ? " / StopDevices" : " / CloseDevices");
+        reacted = false;
+        ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1) << what;
+        ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1) << what;
+        ASSERT_TRUE(rec.WaitFor(rec.Count() + 1)) << what;
+        reaction = c.reaction;
+        QXFaultInject(c.call, MMSYSERR_NOMEM);
+        const auto t0 = std::chrono::steady_clock::now();
+        while (!reacted && Seconds(t0) < 20) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        if (!reacted) {
+            std::fprintf(stderr, "%s: the reaction to the report did not return (deadlock)\n", what.c_str());
+            std::_Exit(1);
+        }
+        EXPECT_EQ(reported.load(), c.code) << what;
+        EXPECT_EQ(State(0), c.state) << what;
+        q->CloseDevices();
+    }
+    QXFaultClear();
 }
 
 // A continuous 1 kHz sine recorded for 60 s by two inputs at once, one at the source's
