@@ -377,6 +377,9 @@ LRESULT CWaveIn::WndProc(UINT uMsg, WPARAM wParam, LPARAM lParam)
         return OnWaveInClose(wParam, lParam);
     case WIM_DATA:
         return OnWaveInData(wParam, lParam);
+    case WIM_OVERRUN: // the platform's own: recorded frames were lost
+        QXNotifyShared(QXN_WAVEIN_OVERRUN, static_cast<DWORD>(wParam), static_cast<DWORD_PTR>(m_nDevice.load()));
+        return 0;
     default:
         return CQXDevice::WndProc(uMsg, wParam, lParam);
     }

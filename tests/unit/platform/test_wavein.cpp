@@ -403,6 +403,43 @@ double FitSine(const std::vector<double>& x, double w, double& amplitude)
     return worst;
 }
 
+// Frames that find no buffer queued wait in the source's ring: a buffer queued late
+// takes up where the last one ended. What the ring could not hold is told with a
+// WIM_OVERRUN before the buffer after the loss comes back.
+TEST_F(WaveInTest, FramesWaitForALateBufferAndAnOverrunIsTold)
+{
+    Calls calls;
+    Buffers bufs;
+    const WAVEFORMATEX f = Pcm(48000, 1, 16);
+    HWAVEIN h = OpenQueued(f, calls, {9600}, bufs);
+    ASSERT_EQ(waveInStart(h), MMSYSERR_NOERROR);
+    ASSERT_TRUE(calls.WaitFor(WIM_DATA, 1));
+    ASSERT_TRUE(calls.WaitFor(WIM_OVERRUN, 1)) << "the source's ring holds less than a second";
+    bufs.push_back(std::make_unique<Buffer>(9600));
+    ASSERT_EQ(waveInPrepareHeader(h, &bufs[1]->hdr, sizeof(WAVEHDR)), MMSYSERR_NOERROR);
+    ASSERT_EQ(waveInAddBuffer(h, &bufs[1]->hdr, sizeof(WAVEHDR)), MMSYSERR_NOERROR);
+    ASSERT_TRUE(calls.WaitFor(WIM_DATA, 2));
+    ASSERT_EQ(waveInReset(h), MMSYSERR_NOERROR);
+    ASSERT_EQ(waveInClose(h), MMSYSERR_NOERROR);
+    {
+        std::lock_guard<std::mutex> lock(calls.mutex);
+        ASSERT_GE(calls.seen.size(), 4u);
+        EXPECT_EQ(calls.seen[1], std::make_pair(UINT{WIM_DATA}, &bufs[0]->hdr));
+        EXPECT_EQ(calls.seen[2].first, UINT{WIM_OVERRUN});
+        EXPECT_GT(reinterpret_cast<DWORD_PTR>(calls.seen[2].second), 0u) << "frames lost";
+        EXPECT_EQ(calls.seen.back(), std::make_pair(UINT{WIM_CLOSE}, static_cast<WAVEHDR*>(nullptr)));
+    }
+    std::vector<double> x;
+    for (auto& b : bufs) {
+        ASSERT_EQ(b->hdr.dwBytesRecorded, 9600u);
+        const auto* p = reinterpret_cast<const int16_t*>(b->data.data());
+        x.insert(x.end(), p, p + 4800);
+    }
+    double amplitude = 0;
+    EXPECT_LT(FitSine(x, 2 * std::numbers::pi * 440 / 48000, amplitude), 3.0) << "the second buffer goes on from the first";
+    EXPECT_NEAR(amplitude, 16384, 16);
+}
+
 TEST_F(WaveInTest, SineConvertedTo22050MonoIsContinuousAcrossBuffers)
 {
 #ifndef QUAVIX_HAVE_SAMPLERATE
