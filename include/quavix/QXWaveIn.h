@@ -71,10 +71,11 @@ private:
     // Hands the returned buffers still waiting in this thread's queue to OnWaveInData.
     void _TakeReturnedBuffers();
 
-    // Held over the bookkeeping and the platform's header calls, which take only the
-    // platform input's own lock (never held while that input calls out). Never held
-    // while reporting or calling the application: a notification callback may stop or
-    // close this input. Taken through BufferLock, which raises the reports made under it.
+    // A leaf: held only over the bookkeeping and platform calls that take the platform's
+    // own short locks (its handle table, the input's, an event's), none of which is held
+    // while anything calls out. Never held while reporting or calling the application,
+    // since a notification callback may stop or close this input: reports made under it
+    // are noted, and BufferLock raises them once it is released.
     std::mutex m_mxBuffers;
     Report m_Reports[4]; // made under m_mxBuffers, not yet raised
     int m_nReports = 0;
