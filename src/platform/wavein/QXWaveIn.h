@@ -20,8 +20,10 @@
 
 #include <quavix/QXWinTypes.h>
 
-// This platform's own: frames lost to an overrun, param1 how many at the input's rate
-// (at most one a second while it lasts). Applications that do not know it ignore it.
+// This platform's own: frames lost to an overrun, param1 how many at the input's rate.
+// While no buffer is queued only the first loss is told at once, the rest when one is
+// queued again; while buffers are, at most one a second. Applications that do not know
+// it ignore it.
 #define WIM_OVERRUN 0x83C0u
 
 // WIM_OPEN, WIM_CLOSE, WIM_DATA with param1 the header, and WIM_OVERRUN.

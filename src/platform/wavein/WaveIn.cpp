@@ -152,6 +152,7 @@ public:
             m_pendingLeft = 0;
             m_overrunSeen = m_port->OverrunFrames();
             m_overrunUntold = 0;
+            m_overrunToldEmpty = false;
 #ifdef QUAVIX_HAVE_SAMPLERATE
             if (m_src != nullptr) src_reset(m_src);
 #endif
@@ -269,10 +270,7 @@ private:
                 continue;
             }
             if (m_quit) break;
-            if (m_started) {
-                Pump();
-                CountOverrun();
-            }
+            if (m_started) Pump();
             if (m_notes.empty())
                 m_wake.wait_for(lock, kPollEvery, [this] { return m_quit || !m_notes.empty(); });
         }
@@ -286,6 +284,7 @@ private:
         qxplat::AudioRing& ring = m_port->Ring();
         const WORD ch = m_fmt.nChannels;
         for (;;) {
+            CountOverrun();
             if (m_pendingLeft > 0) {
                 const uint32_t k = Emit(m_pending, m_pendingLeft);
                 m_pending += size_t{k} * ch;
@@ -352,8 +351,9 @@ private:
     }
 
     // Under m_lock: frames the source dropped are told with a WIM_OVERRUN (param1: how
-    // many, at the input's rate) ahead of the buffers filled after them; the first at
-    // once, then at most one every kOverrunEvery.
+    // many, at the input's rate) ahead of the buffers filled after them. While no buffer
+    // is queued the first loss is told at once and the rest once one is queued again;
+    // while buffers are, a lasting overrun is told at most once every kOverrunEvery.
     void CountOverrun()
     {
         const uint64_t total = m_port->OverrunFrames();
@@ -361,9 +361,18 @@ private:
             m_overrunUntold += std::max<uint64_t>((total - m_overrunSeen) * m_fmt.nSamplesPerSec / m_srcRate, 1);
             m_overrunSeen = total;
         }
+        const bool bEmpty = m_queue.empty();
+        const bool bRequeued = !bEmpty && m_overrunToldEmpty;
+        if (!bEmpty) m_overrunToldEmpty = false;
         if (m_overrunUntold == 0) return;
         const auto now = std::chrono::steady_clock::now();
-        if (m_overrunTold != std::chrono::steady_clock::time_point{} && now - m_overrunTold < kOverrunEvery) return;
+        if (bEmpty) {
+            if (m_overrunToldEmpty) return;
+            m_overrunToldEmpty = true;
+        } else if (!bRequeued && m_overrunTold != std::chrono::steady_clock::time_point{} &&
+                   now - m_overrunTold < kOverrunEvery) {
+            return;
+        }
         m_overrunTold = now;
         m_notes.push_back({WIM_OVERRUN, static_cast<DWORD_PTR>(std::min<uint64_t>(m_overrunUntold, 0xFFFFFFFFu))});
         m_overrunUntold = 0;
@@ -434,6 +443,7 @@ private:
     uint64_t m_overrunSeen = 0;   // the port's count at the last look
     uint64_t m_overrunUntold = 0; // frames at the input's rate
     std::chrono::steady_clock::time_point m_overrunTold{};
+    bool m_overrunToldEmpty = false; // told while no buffer was queued
     bool m_quit = false;
     // The capture thread's scratch, used under m_lock.
     std::vector<float> m_in, m_chan, m_out;

@@ -425,8 +425,13 @@ TEST_F(WaveInTest, FramesWaitForALateBufferAndAnOverrunIsTold)
         std::lock_guard<std::mutex> lock(calls.mutex);
         ASSERT_GE(calls.seen.size(), 4u);
         EXPECT_EQ(calls.seen[1], std::make_pair(UINT{WIM_DATA}, &bufs[0]->hdr));
-        EXPECT_EQ(calls.seen[2].first, UINT{WIM_OVERRUN});
-        EXPECT_GT(reinterpret_cast<DWORD_PTR>(calls.seen[2].second), 0u) << "frames lost";
+        // The first loss at once, the rest when the next buffer came: told once or twice.
+        size_t told = 0;
+        while (2 + told < calls.seen.size() && calls.seen[2 + told].first == WIM_OVERRUN)
+            EXPECT_GT(reinterpret_cast<DWORD_PTR>(calls.seen[2 + told++].second), 0u) << "frames lost";
+        EXPECT_TRUE(told == 1 || told == 2) << told;
+        ASSERT_LT(2 + told, calls.seen.size());
+        EXPECT_EQ(calls.seen[2 + told], std::make_pair(UINT{WIM_DATA}, &bufs[1]->hdr));
         EXPECT_EQ(calls.seen.back(), std::make_pair(UINT{WIM_CLOSE}, static_cast<WAVEHDR*>(nullptr)));
     }
     std::vector<double> x;
