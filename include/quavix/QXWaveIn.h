@@ -77,7 +77,9 @@ private:
     // since a notification callback may stop or close this input: reports made under it
     // are noted, and BufferLock raises them once it is released.
     std::mutex m_mxBuffers;
-    Report m_Reports[4]; // made under m_mxBuffers, not yet raised
+    // Made under m_mxBuffers and not yet raised; one hold of the lock makes at most two.
+    static constexpr int kMaxReports = 4;
+    Report m_Reports[kMaxReports];
     int m_nReports = 0;
     std::condition_variable m_cvInHand;
     BufferState m_nBufferState[2] = {kIdle, kIdle};

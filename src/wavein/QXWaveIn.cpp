@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <new>
 
 namespace {
@@ -25,7 +24,7 @@ public:
     void Release()
     {
         if (!m_lock.owns_lock()) return;
-        Report reports[std::size(m_in.m_Reports)];
+        Report reports[kMaxReports];
         const int n = m_in.m_nReports;
         std::copy_n(m_in.m_Reports, n, reports);
         m_in.m_nReports = 0;
@@ -41,7 +40,7 @@ private:
 
 void CWaveIn::_Report(DWORD dwCode, DWORD dwValue)
 {
-    if (m_nReports < static_cast<int>(std::size(m_Reports))) m_Reports[m_nReports++] = {dwCode, dwValue};
+    if (m_nReports < kMaxReports) m_Reports[m_nReports++] = {dwCode, dwValue};
 }
 
 CWaveIn::~CWaveIn()
