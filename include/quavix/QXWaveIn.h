@@ -1,7 +1,9 @@
 // A wave input: records one wave-input device of the platform in buffers of half a
 // second. Each filled buffer reaches the manager's recordings as a wave-header event on
 // the device's own thread; the recording callback uses or copies the data before it
-// returns (CWaveFileWrite::Write takes the header as it is).
+// returns (CWaveFileWrite::Write takes the header as it is). A buffer handed on late
+// costs nothing while the platform's own buffer holds out; what it lost beyond that is
+// reported as QXN_WAVEIN_OVERRUN before the buffer that follows the loss.
 #ifndef QUAVIX_QXWAVEIN_H
 #define QUAVIX_QXWAVEIN_H
 
