@@ -2,8 +2,8 @@
 // second. Each filled buffer reaches the manager's recordings as a wave-header event on
 // the device's own thread; the recording callback uses or copies the data before it
 // returns (CWaveFileWrite::Write takes the header as it is). A buffer handed on late
-// costs nothing while the platform's own buffer holds out; what it lost beyond that is
-// reported as QXN_WAVEIN_OVERRUN before the buffer that follows the loss.
+// costs nothing while the platform's own buffer holds out; what is lost beyond that is
+// reported as QXN_WAVEIN_OVERRUN.
 #ifndef QUAVIX_QXWAVEIN_H
 #define QUAVIX_QXWAVEIN_H
 
