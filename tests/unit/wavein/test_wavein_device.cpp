@@ -396,6 +396,21 @@ TEST_F(WaveInDevice, ANotificationCallbackMayStopOrCloseTheDevices)
     QXFaultClear();
 }
 
+// An input whose thread is held up for longer than the other buffer and the platform's
+// own buffer last loses samples, and says so, with its number.
+TEST_F(WaveInDevice, AnInputHeldUpTooLongReportsTheLoss)
+{
+    rec.inside = [](size_t n) {
+        if (n == 1) std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    };
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_TRUE(rec.WaitFor(3, 20));
+    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    std::lock_guard<std::mutex> lock(g_reportMutex);
+    EXPECT_GT(g_overrun[0], 0u);
+    EXPECT_EQ(g_overrun[1], 0u);
+}
+
 // A continuous 1 kHz sine recorded for 60 s by two inputs at once, one at the source's
 // own rate (every sample exact) and one converted to 22,050 Hz: not one sample is
 // missing or repeated, across every buffer boundary, though once a recording callback
