@@ -68,6 +68,9 @@
 #define QXN_WAVEIN_UNPREPARE 406
 #define QXN_WAVEIN_RESET 407
 #define QXN_WAVEIN_GETCAPS 408
+// Recorded data was lost: the device's own buffer overran while the input came late.
+// The value is the number of sample frames lost.
+#define QXN_WAVEIN_OVERRUN 409
 // Wave output through the waveOut service
 #define QXN_WAVEOUT_OPEN 500
 #define QXN_WAVEOUT_START 501

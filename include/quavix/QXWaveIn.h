@@ -1,7 +1,9 @@
 // A wave input: records one wave-input device of the platform in buffers of half a
 // second. Each filled buffer reaches the manager's recordings as a wave-header event on
 // the device's own thread; the recording callback uses or copies the data before it
-// returns (CWaveFileWrite::Write takes the header as it is).
+// returns (CWaveFileWrite::Write takes the header as it is). A buffer handed on late
+// costs nothing while the platform's own buffer holds out; what is lost beyond that is
+// reported as QXN_WAVEIN_OVERRUN.
 #ifndef QUAVIX_QXWAVEIN_H
 #define QUAVIX_QXWAVEIN_H
 
@@ -43,7 +45,8 @@ protected:
                                      DWORD_PTR dwParam2);
 
     // Which buffer is queued next, how many are prepared, and the block that holds both
-    // buffers behind their headers. All of them under m_mxBuffers.
+    // buffers behind their headers. All of them under m_mxBuffers. PrepareBuffer and
+    // UnprepareBuffer run with it held; what they report is raised once it is released.
     int m_nNextBuffer = 0;
     int m_nQueuedBuffers = 0;
     DWORD m_dwBufferLength = 0;
@@ -55,16 +58,31 @@ protected:
 
 private:
     enum BufferState { kIdle, kQueued, kInHand };
+    class BufferLock;
+    struct Report {
+        DWORD dwCode;
+        DWORD dwValue;
+    };
 
     int _QueueBuffer(int nBuffer);
     int _UnqueueBuffer(int nBuffer);
     int _BufferOf(const WAVEHDR* pHeader) const;
     void _ReleaseBlock(BYTE* pBlock, DWORD dwSize);
+    void _Report(DWORD dwCode, DWORD dwValue); // with m_mxBuffers held
     bool _OnOwnThread() const;
     // Hands the returned buffers still waiting in this thread's queue to OnWaveInData.
     void _TakeReturnedBuffers();
 
-    std::mutex m_mxBuffers; // a leaf: nothing that waits is called under it
+    // A leaf: held only over the bookkeeping and platform calls that take the platform's
+    // own short locks (its handle table, the input's, an event's), none of which is held
+    // while anything calls out. Never held while reporting or calling the application,
+    // since a notification callback may stop or close this input: reports made under it
+    // are noted, and BufferLock raises them once it is released.
+    std::mutex m_mxBuffers;
+    // Made under m_mxBuffers and not yet raised; one hold of the lock makes at most two.
+    static constexpr int kMaxReports = 4;
+    Report m_Reports[kMaxReports];
+    int m_nReports = 0;
     std::condition_variable m_cvInHand;
     BufferState m_nBufferState[2] = {kIdle, kIdle};
     int m_nInHand = 0; // buffers the device's thread is handling now

@@ -20,6 +20,7 @@ enum class Args {
     ValueFileName, // %d value, %s file name at the device value
     FileName,      // %s file name at the device value
     Device,        // %d device
+    DeviceValue,   // %d device, %d value
     None,
 };
 
@@ -90,6 +91,7 @@ constexpr Message kMessages[] = {
     {QXN_WAVEIN_UNPREPARE, Args::DeviceText, "Error unpreparing buffer on WAVE in device %d: %s\n"},
     {QXN_WAVEIN_RESET, Args::DeviceText, "Error resetting WAVE in device %d: %s\n"},
     // QXN_WAVEIN_GETCAPS has no message of its own.
+    {QXN_WAVEIN_OVERRUN, Args::DeviceValue, "Overrun on WAVE in device %d: %d frames lost\n"},
 
     {QXN_WAVEOUT_OPEN, Args::DeviceText, "Error opening WAVE out device %d: %s\n"},
     {QXN_WAVEOUT_START, Args::DeviceText, "Error starting WAVE out device %d: %s\n"},
@@ -265,6 +267,9 @@ void CQXNotify::FormatNotification(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevi
         break;
     case Args::Device:
         strText = FormatLine(m->pszFormat, nDevice);
+        break;
+    case Args::DeviceValue:
+        strText = FormatLine(m->pszFormat, nDevice, nValue);
         break;
     case Args::None:
         strText = m->pszFormat;

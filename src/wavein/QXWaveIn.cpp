@@ -3,6 +3,7 @@
 
 #include "platform/QXPlatform.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -10,6 +11,37 @@ namespace {
 constexpr DWORD kStopWaitMs = 5000;
 constexpr UINT kHeaderSize = sizeof(WAVEHDR);
 } // namespace
+
+// The buffer lock, and on its release the reports made while it was held, raised by the
+// thread that made them.
+class CWaveIn::BufferLock {
+public:
+    explicit BufferLock(CWaveIn& in) : m_in(in), m_lock(in.m_mxBuffers) {}
+    ~BufferLock() { Release(); }
+    BufferLock(const BufferLock&) = delete;
+    BufferLock& operator=(const BufferLock&) = delete;
+
+    void Release()
+    {
+        if (!m_lock.owns_lock()) return;
+        Report reports[kMaxReports];
+        const int n = m_in.m_nReports;
+        std::copy_n(m_in.m_Reports, n, reports);
+        m_in.m_nReports = 0;
+        const auto dwDevice = static_cast<DWORD_PTR>(m_in.m_nDevice.load());
+        m_lock.unlock();
+        for (int i = 0; i < n; ++i) QXNotifyShared(reports[i].dwCode, reports[i].dwValue, dwDevice);
+    }
+
+private:
+    CWaveIn& m_in;
+    std::unique_lock<std::mutex> m_lock;
+};
+
+void CWaveIn::_Report(DWORD dwCode, DWORD dwValue)
+{
+    if (m_nReports < kMaxReports) m_Reports[m_nReports++] = {dwCode, dwValue};
+}
 
 CWaveIn::~CWaveIn()
 {
@@ -86,7 +118,7 @@ int CWaveIn::DevOpen()
     }
     bool bQueued;
     {
-        std::lock_guard<std::mutex> lock(m_mxBuffers);
+        BufferLock lock(*this);
         m_nNextBuffer = 0;
         m_nQueuedBuffers = 0;
         if (m_hIdleEvent == nullptr) m_hIdleEvent = CreateEventA(nullptr, TRUE, TRUE, nullptr);
@@ -108,7 +140,7 @@ int CWaveIn::DevStart()
 {
     if (TestState(QX_STATE_STOPPING)) return 0;
     {
-        std::lock_guard<std::mutex> lock(m_mxBuffers);
+        BufferLock lock(*this);
         for (int n = 0; n < 2; ++n) {
             const int nBuffer = m_nNextBuffer;
             if (m_pBlock != nullptr && m_nBufferState[nBuffer] == kIdle) _QueueBuffer(nBuffer);
@@ -187,7 +219,7 @@ int CWaveIn::DevClose()
 
 int CWaveIn::AllocateBuffers()
 {
-    std::lock_guard<std::mutex> lock(m_mxBuffers);
+    BufferLock lock(*this);
     if (m_pBlock != nullptr) return 1;
     const DWORD dwLength = m_pFormat->nAvgBytesPerSec >> 1;
     // Header 1 follows buffer 0 at the next 8-byte boundary: a 64-bit header holds
@@ -196,11 +228,11 @@ int CWaveIn::AllocateBuffers()
     const DWORD dwSize = dwStride + kHeaderSize + dwLength;
     auto* pBlock = static_cast<BYTE*>(VirtualAlloc(nullptr, dwSize, MEM_COMMIT, PAGE_READWRITE));
     if (pBlock == nullptr) {
-        QXNotifyShared(QXN_WAVEIN_VIRTUALALLOC, 0, static_cast<DWORD_PTR>(m_nDevice.load()));
+        _Report(QXN_WAVEIN_VIRTUALALLOC, 0);
         return 0;
     }
     if (!VirtualLock(pBlock, dwSize)) {
-        QXNotifyShared(QXN_WAVEIN_VIRTUALLOCK, 0, static_cast<DWORD_PTR>(m_nDevice.load()));
+        _Report(QXN_WAVEIN_VIRTUALLOCK, 0);
         VirtualFree(pBlock, 0, MEM_RELEASE);
         return 0;
     }
@@ -247,17 +279,18 @@ void CWaveIn::_ReleaseBlock(BYTE* pBlock, DWORD dwSize)
     VirtualFree(pBlock, 0, MEM_RELEASE);
 }
 
+// With m_mxBuffers held.
 int CWaveIn::PrepareBuffer(WAVEHDR* pHeader)
 {
     const auto hIn = static_cast<HWAVEIN>(m_hDevice.load());
     MMRESULT r = waveInPrepareHeader(hIn, pHeader, kHeaderSize);
     if (r != MMSYSERR_NOERROR) {
-        QXNotifyShared(QXN_WAVEIN_PREPARE, r, static_cast<DWORD_PTR>(m_nDevice.load()));
+        _Report(QXN_WAVEIN_PREPARE, r);
         return 0;
     }
     r = waveInAddBuffer(hIn, pHeader, kHeaderSize);
     if (r != MMSYSERR_NOERROR) {
-        QXNotifyShared(QXN_WAVEIN_ADDBUFFER, r, static_cast<DWORD_PTR>(m_nDevice.load()));
+        _Report(QXN_WAVEIN_ADDBUFFER, r);
         return 0;
     }
     if (m_hIdleEvent != nullptr) ResetEvent(m_hIdleEvent);
@@ -265,11 +298,12 @@ int CWaveIn::PrepareBuffer(WAVEHDR* pHeader)
     return 1;
 }
 
+// With m_mxBuffers held.
 int CWaveIn::UnprepareBuffer(WAVEHDR* pHeader)
 {
     MMRESULT r = waveInUnprepareHeader(static_cast<HWAVEIN>(m_hDevice.load()), pHeader, kHeaderSize);
     if (r != MMSYSERR_NOERROR) {
-        QXNotifyShared(QXN_WAVEIN_UNPREPARE, r, static_cast<DWORD_PTR>(m_nDevice.load()));
+        _Report(QXN_WAVEIN_UNPREPARE, r);
         return 0;
     }
     if (--m_nQueuedBuffers < 1) {
@@ -342,6 +376,9 @@ LRESULT CWaveIn::WndProc(UINT uMsg, WPARAM wParam, LPARAM lParam)
         return OnWaveInClose(wParam, lParam);
     case WIM_DATA:
         return OnWaveInData(wParam, lParam);
+    case WIM_OVERRUN: // the platform's own: recorded frames were lost
+        QXNotifyShared(QXN_WAVEIN_OVERRUN, static_cast<DWORD>(wParam), static_cast<DWORD_PTR>(m_nDevice.load()));
+        return 0;
     default:
         return CQXDevice::WndProc(uMsg, wParam, lParam);
     }
@@ -361,19 +398,19 @@ LRESULT CWaveIn::OnWaveInData(WPARAM wParam, LPARAM)
 {
     auto* pHeader = reinterpret_cast<WAVEHDR*>(wParam);
     int nBuffer;
-    bool bHandOn;
     {
-        std::lock_guard<std::mutex> lock(m_mxBuffers);
+        BufferLock lock(*this);
         nBuffer = _BufferOf(pHeader);
         if (nBuffer < 0) return 0;
         m_nBufferState[nBuffer] = kInHand;
         ++m_nInHand;
-        bHandOn = m_bRecording && !TestState(QX_STATE_STOPPING);
         // The other buffer is queued before this one is handed on (it already is,
         // unless queuing it failed before).
-        if (bHandOn && m_nBufferState[1 - nBuffer] == kIdle) _QueueBuffer(1 - nBuffer);
+        if (m_bRecording && !TestState(QX_STATE_STOPPING) && m_nBufferState[1 - nBuffer] == kIdle)
+            _QueueBuffer(1 - nBuffer);
     }
-    if (bHandOn) {
+    // Asked after the reports: their callback may have stopped or closed this input.
+    if (m_bRecording && !TestState(QX_STATE_STOPPING)) {
         if (auto* pEvent = new (std::nothrow) CQXEventData) {
             pEvent->SetWaveHeader(pHeader);
             pEvent->SetDevice(m_nDevice);
@@ -381,7 +418,7 @@ LRESULT CWaveIn::OnWaveInData(WPARAM wParam, LPARAM)
             delete pEvent;
         }
     }
-    std::lock_guard<std::mutex> lock(m_mxBuffers);
+    BufferLock lock(*this);
     const auto* p = reinterpret_cast<const BYTE*>(pHeader);
     if (m_pRetiredBlock != nullptr && p >= m_pRetiredBlock && p < m_pRetiredBlock + m_dwRetiredSize) {
         // Closed while the callbacks had it: the platform is done with the block too.

@@ -5,21 +5,28 @@
 // converts them to the format the input was opened with (channels, sample format with
 // rounding and clipping, rate with libsamplerate when built with it; without it only
 // the source's own rate opens) and fills the queued buffers in order; a full buffer
-// comes back with WHDR_DONE through WIM_DATA. Frames that find no buffer queued are lost
-// (the position still counts them). waveInStop returns the buffer being filled if it
-// holds anything and keeps the empty ones queued; waveInReset returns every queued
-// buffer and zeroes the position. Both return after the WIM_DATA of the buffers they
-// returned has been delivered.
+// comes back with WHDR_DONE through WIM_DATA. While no buffer is queued the frames wait
+// in the source's ring; what the source drops because that ring was full is told with
+// WIM_OVERRUN before the buffers filled after the loss. waveInStop returns the buffer
+// being filled if it holds anything and keeps the empty ones queued; waveInReset returns
+// every queued buffer and zeroes the position. Both return after the WIM_DATA of the
+// buffers they returned has been delivered.
 //
-// Every callback (WIM_OPEN, WIM_DATA, WIM_CLOSE) comes from the capture thread. It may
-// not call waveIn functions: it posts or signals. (waveInClose from it is refused with
-// MMSYSERR_HANDLEBUSY.)
+// Every callback (WIM_OPEN, WIM_DATA, WIM_OVERRUN, WIM_CLOSE) comes from the capture
+// thread. It may not call waveIn functions: it posts or signals. (waveInClose from it is
+// refused with MMSYSERR_HANDLEBUSY.)
 #ifndef QUAVIX_PLATFORM_WAVEIN_QXWAVEIN_H
 #define QUAVIX_PLATFORM_WAVEIN_QXWAVEIN_H
 
 #include <quavix/QXWinTypes.h>
 
-// WIM_OPEN, WIM_CLOSE, and WIM_DATA with param1 the header.
+// This platform's own: frames lost to an overrun, param1 how many at the input's rate.
+// While no buffer is queued only the first loss is told at once, the rest when one is
+// queued again; while buffers are, at most one a second. Applications that do not know
+// it ignore it.
+#define WIM_OVERRUN 0x83C0u
+
+// WIM_OPEN, WIM_CLOSE, WIM_DATA with param1 the header, and WIM_OVERRUN.
 typedef void(CALLBACK* WAVEINPROC)(HWAVEIN hwi, UINT uMsg, DWORD_PTR dwInstance, DWORD_PTR dwParam1,
                                    DWORD_PTR dwParam2);
 // Callbacks: CALLBACK_FUNCTION (a WAVEINPROC), CALLBACK_WINDOW (posted as MM_WIM_* with
@@ -37,8 +44,8 @@ MMRESULT waveInAddBuffer(HWAVEIN hwi, LPWAVEHDR pwh, UINT cbwh);
 MMRESULT waveInStart(HWAVEIN hwi);
 MMRESULT waveInStop(HWAVEIN hwi);
 MMRESULT waveInReset(HWAVEIN hwi);
-// TIME_BYTES, TIME_SAMPLES or TIME_MS since waveInStart (the first one after open or
-// reset); any other type is answered in TIME_BYTES.
+// What went into buffers, in TIME_BYTES, TIME_SAMPLES or TIME_MS, since waveInStart (the
+// first one after open or reset); any other type is answered in TIME_BYTES.
 MMRESULT waveInGetPosition(HWAVEIN hwi, LPMMTIME pmmt, UINT cbmmt);
 #define MM_WIM_OPEN WIM_OPEN
 #define MM_WIM_CLOSE WIM_CLOSE

@@ -1,6 +1,11 @@
 // Wave inputs: a capture thread per open input drains the backend port's ring, converts
 // and fills the application's buffers. Everything the thread shares with the calls is
 // under the input's lock, except the callbacks, which run with no lock held.
+//
+// A capture thread that comes late catches up: it takes from the ring only while a
+// buffer is queued to take the frames, so a late application (or a late device thread
+// handing its buffers on) costs nothing as long as the source's ring holds out. What
+// the source drops on a full ring is told through WIM_OVERRUN.
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/QXBackend.h"
@@ -26,6 +31,8 @@ namespace {
 
 constexpr uint32_t kChunkFrames = 1024;
 constexpr auto kPollEvery = std::chrono::milliseconds(5);
+// Once an overrun has been told, more of it waits this long before it is told again.
+constexpr auto kOverrunEvery = std::chrono::seconds(1);
 
 #ifdef QUAVIX_HAVE_SAMPLERATE
 constexpr bool kCanResample = true;
@@ -56,14 +63,15 @@ thread_local const Input* t_capturing = nullptr; // the input whose capture thre
 
 struct Note {
     UINT msg;
-    LPWAVEHDR hdr;
+    DWORD_PTR param1; // the header of a WIM_DATA, the frames of a WIM_OVERRUN
 };
 
 class Input {
 public:
     Input(const WAVEFORMATEX& fmt, std::unique_ptr<qxplat::AudioInPort> port, DWORD fdwOpen, DWORD_PTR dwCallback,
           DWORD_PTR dwInstance)
-        : m_fmt(fmt), m_block(fmt.nBlockAlign), m_port(std::move(port)), m_callbackType(fdwOpen & CALLBACK_TYPEMASK),
+        : m_fmt(fmt), m_block(fmt.nBlockAlign), m_port(std::move(port)),
+          m_srcRate(m_port->Rate()), m_callbackType(fdwOpen & CALLBACK_TYPEMASK),
           m_dwCallback(dwCallback), m_dwInstance(dwInstance)
     {
     }
@@ -79,8 +87,9 @@ public:
     MMRESULT Init(HWAVEIN h)
     {
         m_handle = h;
-        const double ratio = static_cast<double>(m_fmt.nSamplesPerSec) / m_port->Rate();
-        const size_t outFrames = static_cast<size_t>(std::ceil(kChunkFrames * ratio)) + 64;
+        const double ratio = static_cast<double>(m_fmt.nSamplesPerSec) / m_srcRate;
+        // Room for all a chunk converts to, so that a chunk read is a chunk converted.
+        const size_t outFrames = 2 * static_cast<size_t>(std::ceil(kChunkFrames * ratio)) + 256;
         try {
             m_in.resize(2 * kChunkFrames);
             m_chan.resize(2 * kChunkFrames);
@@ -93,7 +102,7 @@ public:
                 m_ratio = ratio;
             }
 #endif
-            m_notes.push_back({WIM_OPEN, nullptr});
+            m_notes.push_back({WIM_OPEN, 0});
             const uint64_t target = ++m_notesQueued;
             m_thread = std::thread([this] { Run(); });
             WaitDelivered(target);
@@ -140,6 +149,10 @@ public:
             m_started = true;
             // What the source left in the ring belongs to the previous run.
             m_port->Ring().Skip(m_port->Ring().Readable());
+            m_pendingLeft = 0;
+            m_overrunSeen = m_port->OverrunFrames();
+            m_overrunUntold = 0;
+            m_overrunToldEmpty = false;
 #ifdef QUAVIX_HAVE_SAMPLERATE
             if (m_src != nullptr) src_reset(m_src);
 #endif
@@ -159,6 +172,7 @@ public:
             if (bReset) {
                 while (!m_queue.empty()) Complete();
                 m_position = 0;
+                m_pendingLeft = 0;
             } else if (!m_queue.empty() && m_queue.front()->dwBytesRecorded > 0) {
                 Complete();
             }
@@ -184,7 +198,7 @@ public:
             std::lock_guard<std::mutex> lock(m_lock);
             m_started = false;
             m_quit = true;
-            m_notes.push_back({WIM_CLOSE, nullptr});
+            m_notes.push_back({WIM_CLOSE, 0});
             ++m_notesQueued;
         }
         m_wake.notify_all();
@@ -200,9 +214,8 @@ public:
     const WAVEFORMATEX& Format() const { return m_fmt; }
 
 private:
-    void Callback(UINT uMsg, LPWAVEHDR hdr)
+    void Callback(UINT uMsg, DWORD_PTR p1)
     {
-        const DWORD_PTR p1 = reinterpret_cast<DWORD_PTR>(hdr);
         switch (m_callbackType) {
         case CALLBACK_FUNCTION:
             if (m_dwCallback != 0) reinterpret_cast<WAVEINPROC>(m_dwCallback)(m_handle, uMsg, m_dwInstance, p1, 0);
@@ -236,7 +249,7 @@ private:
         LPWAVEHDR h = m_queue.front();
         m_queue.pop_front();
         h->dwFlags = (h->dwFlags & ~WHDR_INQUEUE) | WHDR_DONE;
-        m_notes.push_back({WIM_DATA, h});
+        m_notes.push_back({WIM_DATA, reinterpret_cast<DWORD_PTR>(h)});
         ++m_notesQueued;
     }
 
@@ -249,7 +262,7 @@ private:
             if (!m_notes.empty()) {
                 batch.swap(m_notes);
                 lock.unlock();
-                for (const Note& n : batch) Callback(n.msg, n.hdr);
+                for (const Note& n : batch) Callback(n.msg, n.param1);
                 lock.lock();
                 m_notesDone += batch.size();
                 batch.clear();
@@ -263,47 +276,64 @@ private:
         }
     }
 
-    // Under m_lock: everything the source has delivered, converted into the buffers.
+    // Under m_lock: what the source has delivered, converted into the queued buffers.
+    // Without a buffer to take them, the frames wait: converted ones here, the rest in
+    // the ring.
     void Pump()
     {
         qxplat::AudioRing& ring = m_port->Ring();
         const WORD ch = m_fmt.nChannels;
         for (;;) {
+            CountOverrun();
+            if (m_pendingLeft > 0) {
+                const uint32_t k = Emit(m_pending, m_pendingLeft);
+                m_pending += size_t{k} * ch;
+                m_pendingLeft -= k;
+                if (m_pendingLeft > 0) return;
+            }
+            if (m_queue.empty()) return;
             const uint32_t n = ring.Read(m_in.data(), kChunkFrames);
-            if (n == 0) break;
-            const float* frames = m_in.data();
-            if (ch == 1) {
-                for (uint32_t i = 0; i < n; ++i) m_chan[i] = 0.5f * (m_in[2 * i] + m_in[2 * i + 1]);
-                frames = m_chan.data();
-            }
-#ifdef QUAVIX_HAVE_SAMPLERATE
-            if (m_src != nullptr) {
-                const long outCap = static_cast<long>(m_out.size() / ch);
-                long left = n;
-                for (;;) {
-                    SRC_DATA d{};
-                    d.data_in = frames;
-                    d.input_frames = left;
-                    d.data_out = m_out.data();
-                    d.output_frames = outCap;
-                    d.src_ratio = m_ratio;
-                    if (src_process(m_src, &d) != 0) break;
-                    Emit(m_out.data(), static_cast<uint32_t>(d.output_frames_gen));
-                    frames += d.input_frames_used * ch;
-                    left -= d.input_frames_used;
-                    if (d.output_frames_gen < outCap && (left == 0 || d.input_frames_used == 0)) break;
-                }
-                continue;
-            }
-#endif
-            Emit(frames, n);
+            if (n == 0) return;
+            Convert(n);
         }
     }
 
-    // Under m_lock: frames in the input's channel count go into the queued buffers.
-    void Emit(const float* samples, uint32_t nFrames)
+    // Under m_lock: n frames of m_in become the pending frames in the input's format.
+    void Convert(uint32_t n)
     {
-        m_position += nFrames;
+        const WORD ch = m_fmt.nChannels;
+        const float* frames = m_in.data();
+        if (ch == 1) {
+            for (uint32_t i = 0; i < n; ++i) m_chan[i] = 0.5f * (m_in[2 * i] + m_in[2 * i + 1]);
+            frames = m_chan.data();
+        }
+        m_pending = frames;
+        m_pendingLeft = n;
+#ifdef QUAVIX_HAVE_SAMPLERATE
+        if (m_src == nullptr) return;
+        const long outCap = static_cast<long>(m_out.size() / ch);
+        long left = n, made = 0;
+        while (left > 0 && made < outCap) {
+            SRC_DATA d{};
+            d.data_in = frames;
+            d.input_frames = left;
+            d.data_out = m_out.data() + size_t(made) * ch;
+            d.output_frames = outCap - made;
+            d.src_ratio = m_ratio;
+            if (src_process(m_src, &d) != 0 || (d.input_frames_used == 0 && d.output_frames_gen == 0)) break;
+            made += d.output_frames_gen;
+            frames += d.input_frames_used * ch;
+            left -= d.input_frames_used;
+        }
+        m_pending = m_out.data();
+        m_pendingLeft = static_cast<uint32_t>(made);
+#endif
+    }
+
+    // Under m_lock: frames in the input's channel count go into the queued buffers, as
+    // many as they take; returns how many did.
+    uint32_t Emit(const float* samples, uint32_t nFrames)
+    {
         const WORD ch = m_fmt.nChannels;
         uint32_t done = 0;
         while (done < nFrames && !m_queue.empty()) {
@@ -316,6 +346,37 @@ private:
             done += k;
             if (h->dwBytesRecorded + m_block > cap) Complete();
         }
+        m_position += done;
+        return done;
+    }
+
+    // Under m_lock: frames the source dropped are told with a WIM_OVERRUN (param1: how
+    // many, at the input's rate) ahead of the buffers filled after them. While no buffer
+    // is queued the first loss is told at once and the rest once one is queued again;
+    // while buffers are, a lasting overrun is told at most once every kOverrunEvery.
+    void CountOverrun()
+    {
+        const uint64_t total = m_port->OverrunFrames();
+        if (total != m_overrunSeen) {
+            m_overrunUntold += std::max<uint64_t>((total - m_overrunSeen) * m_fmt.nSamplesPerSec / m_srcRate, 1);
+            m_overrunSeen = total;
+        }
+        const bool bEmpty = m_queue.empty();
+        const bool bRequeued = !bEmpty && m_overrunToldEmpty;
+        if (!bEmpty) m_overrunToldEmpty = false;
+        if (m_overrunUntold == 0) return;
+        const auto now = std::chrono::steady_clock::now();
+        if (bEmpty) {
+            if (m_overrunToldEmpty) return;
+            m_overrunToldEmpty = true;
+        } else if (!bRequeued && m_overrunTold != std::chrono::steady_clock::time_point{} &&
+                   now - m_overrunTold < kOverrunEvery) {
+            return;
+        }
+        m_overrunTold = now;
+        m_notes.push_back({WIM_OVERRUN, static_cast<DWORD_PTR>(std::min<uint64_t>(m_overrunUntold, 0xFFFFFFFFu))});
+        m_overrunUntold = 0;
+        ++m_notesQueued;
     }
 
     void Encode(const float* s, size_t nSamples, BYTE* out) const
@@ -355,6 +416,7 @@ private:
     const WAVEFORMATEX m_fmt;
     const DWORD m_block;
     const std::unique_ptr<qxplat::AudioInPort> m_port;
+    const DWORD m_srcRate;
     const DWORD m_callbackType;
     const DWORD_PTR m_dwCallback;
     const DWORD_PTR m_dwInstance;
@@ -373,8 +435,15 @@ private:
     std::vector<Note> m_notes;
     uint64_t m_notesQueued = 0;
     uint64_t m_notesDone = 0;
-    uint64_t m_position = 0; // frames at the input's rate
+    uint64_t m_position = 0; // frames put into buffers, at the input's rate
     bool m_started = false;
+    // Converted frames that found no buffer yet (in m_chan or m_out).
+    const float* m_pending = nullptr;
+    uint32_t m_pendingLeft = 0;
+    uint64_t m_overrunSeen = 0;   // the port's count at the last look
+    uint64_t m_overrunUntold = 0; // frames at the input's rate
+    std::chrono::steady_clock::time_point m_overrunTold{};
+    bool m_overrunToldEmpty = false; // told while no buffer was queued
     bool m_quit = false;
     // The capture thread's scratch, used under m_lock.
     std::vector<float> m_in, m_chan, m_out;

@@ -4,11 +4,14 @@
 #include <quavix/Quavix.h>
 
 #include "manager/QXDeviceFactory.h"
+#include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -16,9 +19,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <numbers>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -72,6 +77,7 @@ struct Recorder {
     std::condition_variable cv;
     std::vector<Seen> seen;
     std::vector<std::vector<BYTE>> data;
+    size_t perDevice[2] = {0, 0};
     Probe* probes[2] = {nullptr, nullptr};
     std::function<void(size_t)> inside; // called with the count so far, on the device's thread
 
@@ -88,6 +94,7 @@ struct Recorder {
             self->data.emplace_back(reinterpret_cast<const BYTE*>(h->lpData),
                                     reinterpret_cast<const BYTE*>(h->lpData) + h->dwBytesRecorded);
             n = self->seen.size();
+            ++self->perDevice[pEvent->m_nDevice & 1];
         }
         self->cv.notify_all();
         if (self->inside) self->inside(n);
@@ -98,6 +105,12 @@ struct Recorder {
     {
         std::unique_lock<std::mutex> lock(mutex);
         return cv.wait_for(lock, std::chrono::seconds(seconds), [&] { return seen.size() >= n; });
+    }
+    bool WaitForEach(size_t n, int seconds)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cv.wait_for(lock, std::chrono::seconds(seconds),
+                           [&] { return perDevice[0] >= n && perDevice[1] >= n; });
     }
     size_t Count()
     {
@@ -119,11 +132,16 @@ std::vector<DWORD>& Reports()
     return codes;
 }
 std::mutex g_reportMutex;
+// Frames each input lost to an overrun (a loaded machine): reported, so not a fault.
+DWORD g_overrun[2];
 
-void NoteReport(DWORD code, DWORD, DWORD_PTR)
+void NoteReport(DWORD code, DWORD value, DWORD_PTR device)
 {
     std::lock_guard<std::mutex> lock(g_reportMutex);
-    Reports().push_back(code);
+    if (code == QXN_WAVEIN_OVERRUN)
+        g_overrun[device & 1] += value;
+    else
+        Reports().push_back(code);
 }
 
 class WaveInDevice : public ::testing::Test {
@@ -140,6 +158,7 @@ protected:
         tag = q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&rec), 1);
         std::lock_guard<std::mutex> lock(g_reportMutex);
         Reports().clear();
+        g_overrun[0] = g_overrun[1] = 0;
     }
     void TearDown() override
     {
@@ -326,9 +345,77 @@ TEST_F(WaveInDevice, StopAndCloseFromTheRecordingCallback)
     EXPECT_TRUE(rec.WaitFor(4));
 }
 
+// A notification callback may stop or close the devices: a buffer that cannot be
+// queued again while recording is reported with no lock of the input held. A reaction
+// that does not come back within its bound is a deadlock, and ends the program rather
+// than hang it.
+TEST_F(WaveInDevice, ANotificationCallbackMayStopOrCloseTheDevices)
+{
+    static std::atomic<int> reaction{0}; // 1 stop, 2 close; taken by the first report
+    static std::atomic<DWORD> reported{0};
+    static std::atomic<bool> reacted{false};
+    struct {
+        const char* call;
+        DWORD code;
+        int reaction;
+        UINT state; // of input 0 afterwards
+    } cases[] = {
+        {"waveInAddBuffer", QXN_WAVEIN_ADDBUFFER, 1, QX_STATE_OPEN | QX_STATE_STOPPED},
+        {"waveInAddBuffer", QXN_WAVEIN_ADDBUFFER, 2, QX_STATE_CLOSED},
+        {"waveInPrepareHeader", QXN_WAVEIN_PREPARE, 2, QX_STATE_CLOSED},
+    };
+    q->SetNotificationCallback(
+        [](DWORD code, DWORD, DWORD_PTR) {
+            const int r = reaction.exchange(0);
+            if (r == 0) return;
+            reported = code;
+            CQuavix* m = CQuavix::GetQuavix();
+            if (r == 1) m->StopDevices();
+            if (r == 2) m->CloseDevices();
+            reacted = true;
+        },
+        0);
+    for (const auto& c : cases) {
+        const std::string what = std::string(c.call) + (c.reaction == 1 ? " / StopDevices" : " / CloseDevices");
+        reacted = false;
+        ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1) << what;
+        ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1) << what;
+        ASSERT_TRUE(rec.WaitFor(rec.Count() + 1)) << what;
+        reaction = c.reaction;
+        QXFaultInject(c.call, MMSYSERR_NOMEM);
+        const auto t0 = std::chrono::steady_clock::now();
+        while (!reacted && Seconds(t0) < 20) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        if (!reacted) {
+            std::fprintf(stderr, "%s: the reaction to the report did not return (deadlock)\n", what.c_str());
+            std::_Exit(1);
+        }
+        EXPECT_EQ(reported.load(), c.code) << what;
+        EXPECT_EQ(State(0), c.state) << what;
+        q->CloseDevices();
+    }
+    QXFaultClear();
+}
+
+// An input whose thread is held up for longer than the other buffer and the platform's
+// own buffer last loses samples, and says so, with its number.
+TEST_F(WaveInDevice, AnInputHeldUpTooLongReportsTheLoss)
+{
+    rec.inside = [](size_t n) {
+        if (n == 1) std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    };
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_TRUE(rec.WaitFor(3, 20));
+    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    std::lock_guard<std::mutex> lock(g_reportMutex);
+    EXPECT_GT(g_overrun[0], 0u);
+    EXPECT_EQ(g_overrun[1], 0u);
+}
+
 // A continuous 1 kHz sine recorded for 60 s by two inputs at once, one at the source's
 // own rate (every sample exact) and one converted to 22,050 Hz: not one sample is
-// missing or repeated, across every buffer boundary.
+// missing or repeated, across every buffer boundary, though once a recording callback
+// holds both inputs' threads up for longer than a buffer lasts. Only an input that
+// reported an overrun may have lost samples.
 TEST_F(WaveInDevice, ALongSineIsRecordedWithoutAGap)
 {
     setenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE", "sine:1000", 1);
@@ -336,11 +423,19 @@ TEST_F(WaveInDevice, ALongSineIsRecordedWithoutAGap)
     QX_DevFormat exact = Pcm(srcRate, 1, 16), converted = Pcm(22050, 1, 16);
     ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &exact), 1);
     ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 1, &converted), 1);
+    rec.inside = [](size_t n) {
+        if (n == 20) std::this_thread::sleep_for(std::chrono::milliseconds(900));
+    };
     ASSERT_EQ(q->OpenDevices(), 1);
     ASSERT_EQ(q->StartDevices(), 1);
     const int kSeconds = 60;
-    ASSERT_TRUE(rec.WaitFor(2 * 2 * kSeconds, kSeconds + 30));
+    const bool whole = rec.WaitForEach(2 * kSeconds, kSeconds + 60);
     ASSERT_EQ(q->StopDevices(), 1);
+    DWORD lost[2];
+    {
+        std::lock_guard<std::mutex> lock(g_reportMutex);
+        std::copy(std::begin(g_overrun), std::end(g_overrun), lost);
+    }
 
     std::vector<int16_t> samples[2];
     std::lock_guard<std::mutex> lock(rec.mutex);
@@ -354,6 +449,10 @@ TEST_F(WaveInDevice, ALongSineIsRecordedWithoutAGap)
     for (int dev = 0; dev < 2; ++dev) {
         const double rate = dev == 0 ? srcRate : 22050.0;
         const std::vector<int16_t>& s = samples[dev];
+        if (lost[dev] > 0 && !whole) {
+            std::printf("note: input %d overran, %u frames lost (machine load): not judged\n", dev, lost[dev]);
+            continue;
+        }
         ASSERT_GE(s.size(), static_cast<size_t>(rate * kSeconds)) << "input " << dev;
         // The phase of the first samples (past the converter's start), then every sample
         // against the sine that phase continues.
@@ -373,6 +472,11 @@ TEST_F(WaveInDevice, ALongSineIsRecordedWithoutAGap)
         for (size_t i = skip; i < s.size(); ++i) {
             const double want = amp * std::sin(2 * std::numbers::pi * 1000.0 * static_cast<double>(i) / rate + phase);
             if (std::abs(s[i] / 32768.0 - want) > tol && bad++ == 0) firstBad = i;
+        }
+        if (lost[dev] > 0) {
+            std::printf("note: input %d overran, %u frames lost (machine load): %zu samples off\n", dev, lost[dev],
+                        bad);
+            continue;
         }
         EXPECT_EQ(bad, 0u) << "input " << dev << ": first off at sample " << firstBad << " (buffer "
                            << firstBad / static_cast<size_t>(rate / 2) << ")";

@@ -219,12 +219,20 @@ private:
         return n;
     }
 
+    // A generated signal whose thread came late catches up: what finds the ring full
+    // stays due for a later tick. Only when more than a ring's worth is owed as well has
+    // the consumer stayed away longer than a card's buffer would wait: then the oldest
+    // owed frames are lost, and counted. A loopback takes what the output fed; what does
+    // not fit the ring is lost, and counted.
     void Produce(uint64_t due, uint64_t& produced)
     {
+        const bool bLooped = m_sig.kind == Signal::Loopback && m_tapped;
         while (produced < due) {
             uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(due - produced, 1024));
+            if (!bLooped) n = std::min(n, m_ring.Writable());
+            if (n == 0) break;
             const uint32_t want = n;
-            if (m_sig.kind == Signal::Loopback && m_tapped)
+            if (bLooped)
                 n = TakeLooped(m_chunk.data(), n);
             else
                 Generate(m_chunk.data(), n);
@@ -232,6 +240,13 @@ private:
             if (put < n) m_overruns.fetch_add(n - put);
             produced += n;
             if (n < want) break; // the rest comes at a later tick
+        }
+        const uint64_t owed = due - produced;
+        if (!bLooped && owed > m_ring.Capacity()) {
+            const uint64_t lost = owed - m_ring.Capacity();
+            m_pos += lost;
+            produced += lost;
+            m_overruns.fetch_add(lost);
         }
     }
 
