@@ -15,8 +15,10 @@ const std::vector<Command>& Commands()
     static const std::vector<Command> commands{
         {"devices", "list every device of the backend", R"(Usage: quavix devices [--backend NAME]
 
-Lists every device of the backend by type, direction and number, with its name,
-whether it is enabled, and its default format ("none" for MIDI devices).
+Lists every device of the backend by type, direction and number, with the system it
+belongs to (JACK, PulseAudio, ALSA, the ALSA sequencer or virtual), its whole name,
+whether it is enabled, and its format: for a wave input the one quavix record uses,
+for a wave output the one it opens with ("none" for MIDI devices).
 )",
          RunDevices},
         {"perform", "play a Standard MIDI File through the performance engine",
@@ -153,7 +155,7 @@ void PrintOverview()
     std::printf("Usage: quavix COMMAND [OPTIONS]\n\nCommands:\n");
     for (const auto& c : qxcli::Commands()) std::printf("  %-12s %s\n", c.name, c.summary);
     std::printf("\n'quavix COMMAND --help' or 'quavix help COMMAND' tells more.\n"
-                "QUAVIX_BACKEND (virtual, jack, alsa, auto) chooses the backend; --backend overrides it.\n"
+                "QUAVIX_BACKEND (virtual, jack, pulse, alsa, auto) chooses the backend; --backend overrides it.\n"
                 "QUAVIX_VIRTUAL_DEVICES (e.g. midi-in=2,midi-out=2) sets the virtual backend's device counts.\n"
                 "Exit status: 0 done, 1 failed, 2 bad usage, 130 stopped by Ctrl-C (128 + n for signal n).\n");
 }
