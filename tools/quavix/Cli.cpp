@@ -34,6 +34,7 @@ std::string g_lostServer;
 std::map<std::pair<int, int>, int64_t> g_lostDevices; // {direction, number}: when
 std::atomic<bool> g_serverLost{false};
 std::atomic<bool> g_verbose{false};
+std::atomic<bool> g_ended{false}; // the manager is gone: reports now come only from teardown
 
 // Debug builds trace each report just before the callback gets it, on the same thread:
 // the callback leaves out what was traced already.
@@ -70,7 +71,7 @@ void OnTrace(const char* pszLine, void*)
 {
     if (!g_verbose.load()) return;
     std::fputs(pszLine, stderr);
-    t_lastTrace = pszLine;
+    if (!g_ended.load()) t_lastTrace = pszLine; // at exit the thread's own copy may be gone
 }
 
 // Decimal only, as people write numbers: no hexadecimal, exponents, "inf" or spaces.
@@ -271,7 +272,9 @@ Session::~Session()
     if (m_q == nullptr) return;
     m_q->CloseDevices();
     CQuavix::ExitQuavix();
-    QXSetTraceProc(nullptr, nullptr);
+    g_ended.store(true);
+    // The trace stays ours until the process ends: a backend torn down at exit (the
+    // sound server's connection) still reports, and only -v shows it.
 }
 
 bool Session::Begin(const Args& args, DWORD dwFlags, const std::function<int(const Session&)>& beforeManager)
