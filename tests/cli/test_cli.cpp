@@ -290,6 +290,8 @@ TEST(Cli, BadInputGivesOneLineAndAFailingStatus)
         {{"thru", "--in", "0", "--out", "1", "--channel", "17"}, 2, "--channel takes a whole number from 1 to 16"},
         {{"record-midi", "--in", "0"}, 2, "needs the OUT.mid"},
         {{"record-midi", "--in", "0", "/nonexistent-dir/x.mid", "--seconds", "1"}, 1, "cannot write /nonexistent-dir/x.mid"},
+        {{"record-midi", "--in", "0", truncated, "--inject", truncated}, 2, "one of the files it reads"},
+        {{"perform", truncated, "--capture", truncated}, 2, "it is one of the files it reads"},
         {{"sync-slave", text}, 2, "needs --in N"},
         {{"sync-slave", "--in", "0", missing}, 1, "cannot open"},
         {{"help", "dance"}, 2, "unknown command"},

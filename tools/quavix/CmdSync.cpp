@@ -228,6 +228,7 @@ int RunSyncSlave(int argc, char** argv)
     qxsmf::File file;
     qxsmf::Timeline timeline;
     const std::string path = args.Positional()[0];
+    if (args.Has("capture") && !CheckNotAnInput(cmd, args.Get("capture"), {path, args.Get("inject")})) return kExitUsage;
     if (!LoadSong(cmd, path, scale, file, timeline)) return kExitFailure;
     const std::vector<Item> items = MakeItems(timeline);
 
