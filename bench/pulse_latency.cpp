@@ -159,7 +159,7 @@ int main(int argc, char** argv)
 {
     const int tries = argc > 1 ? std::max(1, std::atoi(argv[1])) : 20;
     const int soak = argc > 2 ? std::max(1, std::atoi(argv[2])) : 60;
-    setenv("QUAVIX_BACKEND", "alsa", 0); // the ALSA sequencer with PulseAudio's outputs
+    setenv("QUAVIX_BACKEND", "pulse", 0); // PulseAudio's outputs (and the ALSA sequencer's MIDI)
     if (qxplat::PulseBackendIfServer() == nullptr) {
         std::printf("pulse_latency: no PulseAudio server answers (set PULSE_SERVER)\n");
         return 1;

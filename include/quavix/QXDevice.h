@@ -3,6 +3,8 @@
 #ifndef QUAVIX_QXDEVICE_H
 #define QUAVIX_QXDEVICE_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXEventData.h>
 #include <quavix/QXRecords.h>
 
@@ -10,7 +12,7 @@
 #include <memory>
 #include <string>
 
-class CQXDevice {
+class QUAVIX_API CQXDevice {
 public:
     CQXDevice();
     virtual ~CQXDevice();

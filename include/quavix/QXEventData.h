@@ -2,6 +2,8 @@
 #ifndef QUAVIX_QXEVENTDATA_H
 #define QUAVIX_QXEVENTDATA_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXRecords.h>
 
 #include <cstddef>
@@ -15,7 +17,7 @@ typedef QXPositionTag* POSITION;
 // through a free list, so that moving events between lists never allocates per event.
 // The list does not own what its elements point to.
 template <class T>
-class CQXPtrList {
+class QUAVIX_API CQXPtrList {
 public:
     explicit CQXPtrList(int nBlockSize = 10) : m_nBlockSize(nBlockSize < 1 ? 1 : nBlockSize) {}
     ~CQXPtrList() { RemoveAll(); }
@@ -154,7 +156,7 @@ private:
     int m_nBlockSize;
 };
 
-class CQXEventData {
+class QUAVIX_API CQXEventData {
 public:
     CQXEventData() = default;
     ~CQXEventData();
@@ -181,7 +183,7 @@ public:
     DWORD_PTR m_dwLength = 0; // likewise: the wave player of a wave start event
 };
 
-class CQXEventList : public CQXPtrList<CQXEventData> {
+class QUAVIX_API CQXEventList : public CQXPtrList<CQXEventData> {
 public:
     explicit CQXEventList(int nBlockSize = 10) : CQXPtrList<CQXEventData>(nBlockSize) {}
 };

@@ -3,11 +3,13 @@
 #ifndef QUAVIX_QXMIDIIN_H
 #define QUAVIX_QXMIDIIN_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXDevice.h>
 
 #include <atomic>
 
-class CMidiIn : public CQXDevice {
+class QUAVIX_API CMidiIn : public CQXDevice {
 public:
     CMidiIn() = default;
     ~CMidiIn() override;

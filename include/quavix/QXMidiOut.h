@@ -3,12 +3,14 @@
 #ifndef QUAVIX_QXMIDIOUT_H
 #define QUAVIX_QXMIDIOUT_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXDevice.h>
 
 #include <atomic>
 #include <vector>
 
-class CMidiOut : public CQXDevice {
+class QUAVIX_API CMidiOut : public CQXDevice {
 public:
     CMidiOut();
     ~CMidiOut() override;

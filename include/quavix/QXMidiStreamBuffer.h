@@ -2,9 +2,11 @@
 #ifndef QUAVIX_QXMIDISTREAMBUFFER_H
 #define QUAVIX_QXMIDISTREAMBUFFER_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXEventData.h>
 
-class CMidiStreamBuffer {
+class QUAVIX_API CMidiStreamBuffer {
 public:
     static constexpr DWORD STRMBUF_SHORT_MESSAGE = 0x00000000u;
     static constexpr DWORD STRMBUF_SHORT_NO_OP = 0x02000000u;

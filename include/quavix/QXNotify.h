@@ -3,6 +3,8 @@
 #ifndef QUAVIX_QXNOTIFY_H
 #define QUAVIX_QXNOTIFY_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXWinTypes.h>
 
 #include <string>
@@ -105,7 +107,7 @@
 // Called with the three values of every report, from whichever thread reports.
 typedef void (*QX_NotifyProc)(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice);
 
-class CQXNotify {
+class QUAVIX_API CQXNotify {
 public:
     CQXNotify() = default;
     ~CQXNotify() = default;
@@ -130,9 +132,9 @@ private:
 // Where the library's devices report: the shared manager's service while a manager
 // exists (it registers itself with QXSetSharedNotify), else a process-wide one, so
 // that devices used without a manager (wave files, for one) still report.
-void QXSetSharedNotify(CQXNotify* pNotify);
-CQXNotify* QXGetSharedNotify();
-void QXNotifyShared(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice);
+QUAVIX_API void QXSetSharedNotify(CQXNotify* pNotify);
+QUAVIX_API CQXNotify* QXGetSharedNotify();
+QUAVIX_API void QXNotifyShared(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice);
 
 // The diagnostic trace. Debug builds write Notify's lines and the library's own trace
 // lines to it; release builds write nothing. Lines go to stderr unless redirected.
@@ -142,7 +144,7 @@ void QXNotifyShared(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice);
 // after QXSetTraceProc has replaced it; it must not wait for another thread that
 // traces. Lines that the sink traces itself go to stderr. A null sink means stderr.
 typedef void (*QX_TraceProc)(const char* pszLine, void* pUser);
-void QXSetTraceProc(QX_TraceProc pProc, void* pUser);
-void QXTrace(const char* pszFormat, ...) __attribute__((format(printf, 1, 2)));
+QUAVIX_API void QXSetTraceProc(QX_TraceProc pProc, void* pUser);
+QUAVIX_API void QXTrace(const char* pszFormat, ...) __attribute__((format(printf, 1, 2)));
 
 #endif // QUAVIX_QXNOTIFY_H

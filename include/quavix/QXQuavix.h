@@ -3,6 +3,8 @@
 #ifndef QUAVIX_QXQUAVIX_H
 #define QUAVIX_QXQUAVIX_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXDevice.h>
 #include <quavix/QXEventData.h>
 #include <quavix/QXNotify.h>
@@ -75,7 +77,7 @@ struct QX_DELAYSTART {
 typedef std::vector<CQXDevice*> CQXDeviceArray;
 struct DSDevice;
 
-class CQuavix {
+class QUAVIX_API CQuavix {
 public:
     static CQuavix* InitQuavix();
     // Closes the devices and destroys the manager. Called from inside a callback of
@@ -299,6 +301,6 @@ private:
 };
 
 // Exported under its plain name; does nothing.
-int InitQuavix();
+QUAVIX_API int InitQuavix();
 
 #endif // QUAVIX_QXQUAVIX_H

@@ -3,13 +3,15 @@
 #ifndef QUAVIX_QXWAVEFILE_H
 #define QUAVIX_QXWAVEFILE_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXDevice.h>
 
 #include <string>
 
 // One RIFF WAVE file on disk. Opened, paused, stopped and closed like any device; a
 // plain CWaveFile can be neither opened nor started, only asked about files by name.
-class CWaveFile : public CQXDevice {
+class QUAVIX_API CWaveFile : public CQXDevice {
 public:
     CWaveFile() = default;
     ~CWaveFile() override;
@@ -52,7 +54,7 @@ protected:
 };
 
 // Delivers the samples of an existing file, padded with silence once they run out.
-class CWaveFileRead : public CWaveFile {
+class QUAVIX_API CWaveFileRead : public CWaveFile {
 public:
     CWaveFileRead() = default;
     ~CWaveFileRead() override;
@@ -69,7 +71,7 @@ protected:
 
 // Creates a file and appends recorded buffers to it; closing (or destroying the
 // device) finishes the chunk lengths.
-class CWaveFileWrite : public CWaveFile {
+class QUAVIX_API CWaveFileWrite : public CWaveFile {
 public:
     CWaveFileWrite() = default;
     ~CWaveFileWrite() override;

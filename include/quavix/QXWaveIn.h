@@ -7,13 +7,15 @@
 #ifndef QUAVIX_QXWAVEIN_H
 #define QUAVIX_QXWAVEIN_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXDevice.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
 
-class CWaveIn : public CQXDevice {
+class QUAVIX_API CWaveIn : public CQXDevice {
 public:
     CWaveIn() = default;
     ~CWaveIn() override;

@@ -4,6 +4,8 @@
 #ifndef QUAVIX_QXWAVEOUT_H
 #define QUAVIX_QXWAVEOUT_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXDevice.h>
 #include <quavix/QXWinTypes.h>
 
@@ -37,7 +39,7 @@ struct DSPerformance {
     CQXPtrList<DSTrack> tracks{10};
 };
 
-class CWaveOut : public CQXDevice {
+class QUAVIX_API CWaveOut : public CQXDevice {
 public:
     CWaveOut();
     ~CWaveOut() override;

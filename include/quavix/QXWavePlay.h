@@ -4,6 +4,8 @@
 #ifndef QUAVIX_QXWAVEPLAY_H
 #define QUAVIX_QXWAVEPLAY_H
 
+#include <quavix/QXExport.h>
+
 #include <quavix/QXRecords.h>
 #include <quavix/QXWinTypes.h>
 
@@ -19,7 +21,7 @@ class CWaveFileRead;
 // Called when a player has stopped: (user value, the player's handle).
 typedef void (*QX_WaveDoneProc)(DWORD_PTR dwUser, DWORD dwPlayer);
 
-class CWavePlay {
+class QUAVIX_API CWavePlay {
 public:
     CWavePlay();
     ~CWavePlay();

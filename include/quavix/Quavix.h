@@ -17,5 +17,6 @@
 #include <quavix/QXWaveIn.h>
 #include <quavix/QXWaveOut.h>
 #include <quavix/QXWavePlay.h>
+#include <quavix/QXFaults.h>
 
 #endif // QUAVIX_QUAVIX_H

@@ -3,12 +3,7 @@
 #ifndef QUAVIX_PLATFORM_QXFAULTS_H
 #define QUAVIX_PLATFORM_QXFAULTS_H
 
-#include <quavix/QXWinTypes.h>
-
-// Arms one failure: the nCall-th call from now (1 = the next) of pszOperation (its
-// platform name, e.g. "timeSetEvent") fails with dwResult. Several may be armed.
-void QXFaultInject(const char* pszOperation, DWORD dwResult, int nCall = 1);
-void QXFaultClear();
+#include <quavix/QXFaults.h> // QXFaultInject, QXFaultClear
 // Called by the platform operations themselves: true when this call is to fail.
 bool QXFaultCheck(const char* pszOperation, DWORD* pdwResult);
 

@@ -132,12 +132,17 @@ TEST(Cli, DevicesListsTheVirtualDevices)
 {
     const CliResult r = RunCli({"devices"}, {"QUAVIX_VIRTUAL_DEVICES=midi-in=2,midi-out=3,wave-in=0,wave-out=0"});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("Backend: virtual"), std::string::npos);
+    EXPECT_NE(r.out.find("Backend: virtual\n"), std::string::npos) << r.out;
     EXPECT_EQ(Count(r.out, "Quavix Virtual MIDI In "), 2u) << r.out;
     EXPECT_EQ(Count(r.out, "Quavix Virtual MIDI Out "), 3u) << r.out;
-    EXPECT_NE(r.out.find("MIDI  out    2  Quavix Virtual MIDI Out 3"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("wave  in     -  (none)"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("MIDI  out    2  virtual        Quavix Virtual MIDI Out 3"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("wave  in     -  virtual        (none)"), std::string::npos) << r.out;
     EXPECT_EQ(Count(r.out, " yes "), 5u) << "every MIDI device starts enabled\n" << r.out;
+    // auto says what it chose, whatever this machine has.
+    const CliResult a = RunCli({"devices", "--backend", "auto"});
+    ASSERT_EQ(a.status, 0) << a.err;
+    EXPECT_EQ(a.out.rfind("Backend: ", 0), 0u) << a.out;
+    EXPECT_NE(a.out.find(" (chosen by auto)\n"), std::string::npos) << a.out;
 }
 
 TEST(Cli, SendPutsTheBytesOnTheOutputAndPanicSilencesIt)
@@ -271,7 +276,7 @@ TEST(Cli, BadInputGivesOneLineAndAFailingStatus)
         {{"perform", text, "--tempo-scale", "fast"}, 2, "--tempo-scale takes a number"},
         {{"perform", text, "--loud"}, 2, "unknown option '--loud'"},
         {{"perform", text, "--output"}, 2, "--output needs a value"},
-        {{"devices", "--backend", "wasapi"}, 2, "--backend takes virtual, jack, alsa or auto"},
+        {{"devices", "--backend", "wasapi"}, 2, "--backend takes virtual, jack, pulse, alsa or auto"},
         {{"devices", "extra"}, 2, "takes no arguments"},
         {{"send", "--out", "0"}, 2, "no bytes"},
         {{"send", "--out", "0", "9G"}, 2, "not a hexadecimal byte"},
@@ -285,6 +290,8 @@ TEST(Cli, BadInputGivesOneLineAndAFailingStatus)
         {{"thru", "--in", "0", "--out", "1", "--channel", "17"}, 2, "--channel takes a whole number from 1 to 16"},
         {{"record-midi", "--in", "0"}, 2, "needs the OUT.mid"},
         {{"record-midi", "--in", "0", "/nonexistent-dir/x.mid", "--seconds", "1"}, 1, "cannot write /nonexistent-dir/x.mid"},
+        {{"record-midi", "--in", "0", truncated, "--inject", truncated}, 2, "one of the files it reads"},
+        {{"perform", truncated, "--capture", truncated}, 2, "it is one of the files it reads"},
         {{"sync-slave", text}, 2, "needs --in N"},
         {{"sync-slave", "--in", "0", missing}, 1, "cannot open"},
         {{"help", "dance"}, 2, "unknown command"},
@@ -456,7 +463,7 @@ TEST(Cli, MessagesNameTheFileCountRightAndBlameTheRightByte)
         int status;
         std::string says;
     } cases[] = {
-        {{"devices"}, {"QUAVIX_BACKEND=bogus"}, 2, "QUAVIX_BACKEND takes virtual, jack, alsa or auto, not 'bogus'"},
+        {{"devices"}, {"QUAVIX_BACKEND=bogus"}, 2, "QUAVIX_BACKEND takes virtual, jack, pulse, alsa or auto, not 'bogus'"},
         {{"perform", format2}, {}, 1, format2 + ": it is a format 2 file"},
         {{"perform", longer}, {}, 1, longer + ": it plays for longer than 24 hours"},
         {{"perform", oneTrack}, {}, 1, "announces 1 track,"},

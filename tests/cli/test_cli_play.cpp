@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <string>
@@ -137,25 +138,66 @@ TEST(CliPlay, AtStartsEachFileAtItsTimeOnATrackOfItsOwn)
 {
     const std::string now = WriteTone("now.wav", 400, 0.3, 0.5), late = WriteTone("late.wav", 1000, 0.5, 0.5);
     const std::string early = WriteTone("early.wav", 1500, 1.0, 0.3), out = TempPath("at.wav");
-    const CliResult r = RunCli({"play", now, late, "--at", "700", early, "--at", "250", "--render", out});
-    ASSERT_EQ(r.status, 0) << r.err;
-    const Render mix = ReadRender(out);
-    // The render starts with the output; a sound reaches it a mix block or few later.
-    // Timed files start early by the output's latency, so they sound at their times less
-    // however long the output (and the render) started after the performance: a few ms,
-    // more on a busy machine. Between themselves they keep their distance.
-    const double onNow = mix.OnsetMs(400, 100), onEarly = mix.OnsetMs(1500, 500), onLate = mix.OnsetMs(1000, 900);
-    EXPECT_GE(onNow, 0);
-    EXPECT_LT(onNow, 100);
-    EXPECT_GE(onEarly, 200);
-    EXPECT_LT(onEarly, 350);
-    EXPECT_GE(onLate, 650);
-    EXPECT_LT(onLate, 800);
-    EXPECT_NEAR(onLate - onEarly, 450, 20);
-    // The two timed files overlap, neither cut short by the other.
-    EXPECT_NEAR(mix.Level(0, 1500, 850, 1150) / 0.3, 1.0, 0.05);
-    EXPECT_NEAR(mix.Level(0, 1000, 850, 1150) / 0.5, 1.0, 0.05);
-    EXPECT_GT(mix.Seconds(), 1.25) << "it ends after the last file, which ends at 1.25 s";
+    // With one time given, every file is on the one timeline: a file without --at (or
+    // with --at 0) starts at 0 of it, as exactly as the others (a file that started at
+    // once instead would be 25 ms, the output's latency, closer to the others).
+    for (const std::string first : {"", "0"}) {
+        std::vector<std::string> args{"play", now};
+        if (!first.empty()) args.insert(args.end(), {"--at", first});
+        args.insert(args.end(), {late, "--at", "700", early, "--at", "250", "--render", out});
+        const CliResult r = RunCli(args);
+        ASSERT_EQ(r.status, 0) << r.err;
+        const Render mix = ReadRender(out);
+        // Judged against each tone's level well inside it: the timeline starts a little
+        // after the render (by a lead of no more than 250 ms).
+        const double onNow = mix.OnsetMs(400, 350), onEarly = mix.OnsetMs(1500, 800), onLate = mix.OnsetMs(1000, 1200);
+        ASSERT_GE(onNow, 0) << "--at '" << first << "'";
+        ASSERT_LT(onNow, 300) << "--at '" << first << "'";
+        EXPECT_NEAR(onEarly - onNow, 250, 15) << "--at '" << first << "'";
+        EXPECT_NEAR(onLate - onNow, 700, 15) << "--at '" << first << "'";
+        // The two timed files overlap, neither cut short by the other.
+        EXPECT_NEAR(mix.Level(0, 1500, onLate + 100, onLate + 400) / 0.3, 1.0, 0.05);
+        EXPECT_NEAR(mix.Level(0, 1000, onLate + 100, onLate + 400) / 0.5, 1.0, 0.05);
+        EXPECT_GT(mix.Seconds(), (onNow + 1250) / 1000) << "it ends after the last file";
+    }
+}
+
+// A file cut short plays what is there, and the command says how much that is.
+TEST(CliPlay, AFileShorterThanItsHeaderSaysHowMuchIsThere)
+{
+    const std::string whole = WriteTone("whole-tone.wav", 1000, 1.0, 0.5), cut = TempPath("cut.wav");
+    std::vector<uint8_t> b = ReadBytes(whole);
+    b.resize(44 + 48000); // half a second of 16-bit mono
+    ASSERT_TRUE(WriteBytes(cut, b));
+    const CliResult r = RunCli({"play", cut, "-q"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    ASSERT_EQ(r.ErrLines().size(), 1u) << r.err;
+    EXPECT_NE(r.err.find(cut + ": the file ends early: its header says 1.00 s, 0.50 s is there"), std::string::npos)
+        << r.err;
+    EXPECT_NE(r.out.find("0.5 s of sound"), std::string::npos) << r.out;
+}
+
+// What sox writes by default, and 24-bit and multichannel files (all in a
+// WAVE_FORMAT_EXTENSIBLE header), play as other files do.
+TEST(CliPlay, EverydayFilesFromSoxPlay)
+{
+    if (std::system("command -v sox >/dev/null 2>&1") != 0) GTEST_SKIP() << "sox not installed (apt-get install -y sox)";
+    const struct {
+        const char* name;
+        const char* options; // sox's output options
+    } cases[] = {{"sox-default.wav", "-r 48000 -c 2"}, {"sox-24.wav", "-r 44100 -c 2 -b 24"},
+                 {"sox-6ch.wav", "-r 48000 -c 6 -b 16"}, {"sox-float.wav", "-r 48000 -c 1 -e floating-point -b 32"}};
+    for (const auto& c : cases) {
+        const std::string wav = TempPath(c.name), out = TempPath(std::string("heard-") + c.name);
+        const std::string make = std::string("sox -n ") + c.options + " " + wav + " synth 0.5 sine 1000 vol 0.5";
+        ASSERT_EQ(std::system(make.c_str()), 0) << make;
+        const CliResult r = RunCli({"play", wav, "-q", "--render", out});
+        EXPECT_EQ(r.status, 0) << c.name << ": " << r.err;
+        if (r.status != 0) continue;
+        const Render mix = ReadRender(out);
+        for (int side = 0; side < 2; ++side)
+            EXPECT_GT(mix.Level(side, 1000, 150, 400), 0.1) << c.name << ", side " << side;
+    }
 }
 
 TEST(CliPlay, ABadFileIsNamedWithItsReasonAndTheOthersStillPlay)
@@ -189,7 +231,7 @@ TEST(CliPlay, ABadFileIsNamedWithItsReasonAndTheOthersStillPlay)
     EXPECT_NE(lines[1].find("DSERR_BADFORMAT"), std::string::npos) << lines[1];
     EXPECT_EQ(lines[2], "quavix play: " + missing + ": No such file or directory");
     EXPECT_NE(r.out.find("files     1 of 4 played"), std::string::npos) << r.out;
-    EXPECT_NEAR(Db(ReadRender(out).Level(1, 1000, 100, 500) / 0.5), 0.0, 0.3);
+    EXPECT_NEAR(Db(ReadRender(out).Level(1, 1000, 300, 700) / 0.5), 0.0, 0.3);
     // The meter saw the one tone, at -6 dBFS on both sides.
     double left = 0, right = 0;
     ASSERT_TRUE(SummaryPeak(r.out, left, right)) << r.out;
@@ -267,6 +309,9 @@ TEST(CliPlay, BadUsageIsRefusedBeforeAnythingPlays)
         {{"play", tone, "--render", "/nonexistent-dir/x.wav"}, 1, "cannot write /nonexistent-dir/x.wav"},
         {{"perform", tone, "--audio", tone + "@99999999999"}, 2, "--audio takes a whole number"},
         {{"perform", tone, "--wave-out", "x"}, 2, "--wave-out takes a whole number"},
+        {{"perform", tone, "--audio", tone + "@abc"}, 2, "--audio takes FILE.wav or FILE.wav@MS"},
+        {{"play", tone, "--volume", "-6", "--render", tone}, 2, "will not write " + tone + ": it is one of the files"},
+        {{"perform", tone, "--audio", tone + "@5", "--render", tone}, 2, "one of the files it reads"},
     };
     for (const auto& c : cases) {
         const CliResult r = RunCli(c.args);

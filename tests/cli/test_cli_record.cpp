@@ -8,7 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 namespace {
@@ -53,6 +55,16 @@ Wav ReadWav(const std::string& path)
     }
     EXPECT_NE(w.dataOffset, 0u) << "no data chunk in " << path;
     return w;
+}
+
+size_t DirEntries(const std::string& dir)
+{
+    size_t n = 0;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (const dirent* e = readdir(d)) n += e->d_name[0] != '.' || std::strlen(e->d_name) > 2 ? 1 : 0;
+        closedir(d);
+    }
+    return n;
 }
 
 double Level(const std::vector<int16_t>& s, double hz, double rate, size_t from, size_t n)
@@ -186,5 +198,17 @@ TEST(CliRecord, BadUsageAndMissingDevicesAreRefused)
     EXPECT_EQ(dir.ErrLines().size(), 1u) << dir.err;
     const CliResult devs = RunCli({"devices"}, {"QUAVIX_VIRTUAL_DEVICES=wave-in=2"});
     EXPECT_NE(devs.out.find("wave  in     1"), std::string::npos) << devs.out;
-    EXPECT_NE(devs.out.find("22.050 kHz 16-bit Mono"), std::string::npos) << "the input's default format\n" << devs.out;
+    EXPECT_NE(devs.out.find("48000:16:2 (what quavix record uses"), std::string::npos) << devs.out;
+
+    // A take that cannot start leaves the file that was there as it was, and nothing beside.
+    const std::string keepDir = TempPath("keep-dir");
+    ASSERT_EQ(mkdir(keepDir.c_str(), 0755), 0);
+    const std::string kept = keepDir + "/kept.wav";
+    ASSERT_TRUE(WriteBytes(kept, {'o', 'l', 'd'}));
+    for (const char* fault : {"waveInOpen", "waveInStart"}) {
+        const CliResult r = RunCli({"record", kept, "--seconds", "1"}, {std::string("QUAVIX_VIRTUAL_FAULT=") + fault});
+        EXPECT_EQ(r.status, 1) << fault << "\n" << r.err;
+        EXPECT_EQ(ReadBytes(kept), (std::vector<uint8_t>{'o', 'l', 'd'})) << fault;
+        EXPECT_EQ(DirEntries(keepDir), 1u) << fault << ": the file only";
+    }
 }

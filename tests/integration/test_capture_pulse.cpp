@@ -4,7 +4,7 @@
 // pulse ALSA plugin from the same server, and a capture device that is not there.
 //
 // Environment (set by CTest): PULSE_SERVER names the fixture's server,
-// QUAVIX_PULSE_DIR its directory, QUAVIX_BACKEND=alsa.
+// QUAVIX_PULSE_DIR its directory, QUAVIX_BACKEND=pulse.
 #include "capture_take.h"
 #include "tone.h"
 
@@ -213,10 +213,11 @@ TEST(PulseCapture, StopEndsDeliveryAndStartResumesIt)
     std::remove(wav.c_str());
 }
 
-// Raw ALSA capture where no server answers libpulse: "default" is the pulse ALSA plugin,
-// its capture side the monitor of quavix_a, by an ALSA configuration of the test's own.
+// Raw ALSA capture, the alsa backend: "default" is the pulse ALSA plugin, its capture
+// side the monitor of quavix_a, by an ALSA configuration of the test's own.
 TEST(AlsaCapture, RawPcmRecordsTheDefaultCaptureDevice)
 {
+    setenv("QUAVIX_BACKEND", "alsa", 1);
     const std::string server = std::getenv("PULSE_SERVER");
     const std::string conf = FixtureDir() + "/alsa-capture-test.conf";
     {
@@ -240,6 +241,7 @@ TEST(AlsaCapture, RawPcmRecordsTheDefaultCaptureDevice)
 
 TEST(AlsaCapture, ACaptureDeviceThatIsNotThereIsAClearError)
 {
+    setenv("QUAVIX_BACKEND", "alsa", 1);
     const std::string conf = FixtureDir() + "/alsa-missing-test.conf";
     {
         std::ofstream f(conf);
@@ -251,6 +253,27 @@ TEST(AlsaCapture, ACaptureDeviceThatIsNotThereIsAClearError)
     capture::Take take;
     EXPECT_EQ(take.Open(0, 48000, 2), MMSYSERR_NODRIVER);
     EXPECT_EQ(take.Handle(), nullptr);
+}
+
+// quavix devices on the pulse backend: each device's system, and an input's whole name
+// where the device caps keep 31 characters.
+TEST(PulseCapture, DevicesShowsTheSystemAndWholeNames)
+{
+    qxplat::Backend& backend = qxplat::CurrentBackend();
+    ASSERT_GE(backend.Count(qxplat::DeviceKind::WaveIn), 1);
+    const std::string name = backend.DeviceName(qxplat::DeviceKind::WaveIn, 0);
+    ASSERT_GT(name.size(), 31u) << name << ": a name the caps would cut";
+    FILE* p = popen(QUAVIX_CLI_PATH " devices --backend pulse 2>&1", "r");
+    ASSERT_NE(p, nullptr);
+    std::string out;
+    char b[512];
+    while (std::fgets(b, sizeof b, p) != nullptr) out += b;
+    EXPECT_EQ(pclose(p), 0) << out;
+    EXPECT_EQ(out.rfind("Backend: pulse\n", 0), 0u) << out;
+    EXPECT_NE(out.find("wave  in     0  PulseAudio     " + name + " "), std::string::npos) << out;
+    EXPECT_NE(out.find("wave  out    0  PulseAudio     "), std::string::npos) << out;
+    EXPECT_NE(out.find("MIDI  out"), std::string::npos) << out;
+    EXPECT_EQ(out.find("MIDI  out    0  PulseAudio"), std::string::npos) << "MIDI is the ALSA sequencer's\n" << out;
 }
 
 } // namespace

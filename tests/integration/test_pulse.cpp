@@ -4,7 +4,7 @@
 // ALSA PCM, through the pulse ALSA plugin into the same server, and a server that dies.
 //
 // Environment (set by CTest): PULSE_SERVER names the fixture's server,
-// QUAVIX_PULSE_DIR its directory, QUAVIX_BACKEND=alsa.
+// QUAVIX_PULSE_DIR its directory, QUAVIX_BACKEND=pulse.
 #include "platform/backends/QXBackend.h"
 #include "platform/dsound/QXDSound.h"
 #include "platform/dsound/QXMixer.h"
@@ -274,17 +274,17 @@ TEST(Pulse, OutputsAreTheDefaultThenEachSinkByDescription)
 }
 
 // With no setting beyond the default, a machine without JACK plays through the sound
-// server; the backend keeps the MIDI side's name.
+// server: the pulse backend.
 TEST(Pulse, AutoChoosesTheSoundServerWhenNoJackServerAnswers)
 {
     setenv("QUAVIX_BACKEND", "auto", 1); // CTest names no JACK server that exists
     qxplat::Backend& b = qxplat::CurrentBackend();
-    EXPECT_STREQ(b.Name(), "alsa");
+    EXPECT_STREQ(b.Name(), "pulse");
     EXPECT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
     EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 2), "Quavix_B");
     const std::vector<Driver> ds = Drivers();
     ASSERT_EQ(ds.size(), 4u);
-    EXPECT_EQ(ds[2].module, "alsa");
+    EXPECT_EQ(ds[2].module, "pulse");
 }
 
 TEST(Pulse, ToneThroughTheDefaultDriverIsHeardWholeOnTheDefaultSink)
@@ -392,10 +392,11 @@ TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
     EXPECT_EQ(g_lost.load(), 2) << "the second server's end is reported as well";
 }
 
-// Raw ALSA PCM where no server answers libpulse: "default" is the pulse ALSA plugin,
-// pointed at the fixture's server by an ALSA configuration of the test's own.
+// Raw ALSA PCM, the alsa backend: "default" is the pulse ALSA plugin, pointed at the
+// fixture's server by an ALSA configuration of the test's own.
 TEST(AlsaPcm, ToneThroughRawPcmIsHeardWhole)
 {
+    setenv("QUAVIX_BACKEND", "alsa", 1);
     const std::string server = std::getenv("PULSE_SERVER");
     const std::string conf = FixtureDir() + "/alsa-test.conf";
     {

@@ -34,6 +34,7 @@ std::string g_lostServer;
 std::map<std::pair<int, int>, int64_t> g_lostDevices; // {direction, number}: when
 std::atomic<bool> g_serverLost{false};
 std::atomic<bool> g_verbose{false};
+std::atomic<bool> g_ended{false}; // the manager is gone: reports now come only from teardown
 
 // Debug builds trace each report just before the callback gets it, on the same thread:
 // the callback leaves out what was traced already.
@@ -70,7 +71,7 @@ void OnTrace(const char* pszLine, void*)
 {
     if (!g_verbose.load()) return;
     std::fputs(pszLine, stderr);
-    t_lastTrace = pszLine;
+    if (!g_ended.load()) t_lastTrace = pszLine; // at exit the thread's own copy may be gone
 }
 
 // Decimal only, as people write numbers: no hexadecimal, exponents, "inf" or spaces.
@@ -89,6 +90,24 @@ bool IsDecimal(const std::string& v, bool bFraction)
 }
 
 const std::set<std::string> kCommonValued{"backend"};
+const std::set<std::string> kBackends{"virtual", "jack", "pulse", "alsa", "auto"};
+const char* const kBackendList = "virtual, jack, pulse, alsa or auto";
+
+// The backends this program was built with, and the package each other one needs.
+const char* MissingPackage(const std::string& backend)
+{
+#ifndef QUAVIX_HAVE_JACK
+    if (backend == "jack") return "libjack-jackd2-dev";
+#endif
+#ifndef QUAVIX_HAVE_ALSA
+    if (backend == "alsa" || backend == "pulse") return "libasound2-dev";
+#endif
+#ifndef QUAVIX_HAVE_PULSE
+    if (backend == "pulse") return "libpulse-dev";
+#endif
+    (void)backend;
+    return nullptr;
+}
 const std::set<std::string> kCommonFlags{"help", "quiet", "verbose"};
 
 } // namespace
@@ -167,8 +186,8 @@ bool Args::Parse(int argc, char** argv)
     }
     if (Has("backend")) {
         const std::string b = Get("backend");
-        if (b != "virtual" && b != "jack" && b != "alsa" && b != "auto") {
-            Fail(m_command, "--backend takes virtual, jack, alsa or auto, not '" + b + "'", kExitUsage);
+        if (kBackends.count(b) == 0) {
+            Fail(m_command, std::string("--backend takes ") + kBackendList + ", not '" + b + "'", kExitUsage);
             return false;
         }
     }
@@ -236,7 +255,9 @@ int PrintHelp(const std::string& command)
         if (command == c.name) {
             std::fputs(c.help, stdout);
             std::fputs("\nCommon options:\n"
-                       "  --backend NAME   virtual, jack, alsa or auto (default: $QUAVIX_BACKEND, else auto)\n"
+                       "  --backend NAME   virtual, jack, pulse, alsa or auto (default: $QUAVIX_BACKEND, else\n"
+                       "                   auto: jack if a JACK server answers, else pulse if a PulseAudio\n"
+                       "                   or PipeWire server does, else alsa if it has devices, else virtual)\n"
                        "  -q, --quiet      no progress output\n"
                        "  -v, --verbose    show the library's diagnostic lines\n"
                        "  -h, --help       this help\n",
@@ -251,7 +272,9 @@ Session::~Session()
     if (m_q == nullptr) return;
     m_q->CloseDevices();
     CQuavix::ExitQuavix();
-    QXSetTraceProc(nullptr, nullptr);
+    g_ended.store(true);
+    // The trace stays ours until the process ends: a backend torn down at exit (the
+    // sound server's connection) still reports, and only -v shows it.
 }
 
 bool Session::Begin(const Args& args, DWORD dwFlags, const std::function<int(const Session&)>& beforeManager)
@@ -265,15 +288,22 @@ bool Session::Begin(const Args& args, DWORD dwFlags, const std::function<int(con
     } else if (const char* env = std::getenv("QUAVIX_BACKEND")) {
         want = env;
         // Checked here, before the platform reads it and goes its own way.
-        if (!want.empty() && want != "virtual" && want != "jack" && want != "alsa" && want != "auto") {
-            Fail(m_command, "QUAVIX_BACKEND takes virtual, jack, alsa or auto, not '" + want + "'", kExitUsage);
+        if (!want.empty() && kBackends.count(want) == 0) {
+            Fail(m_command, std::string("QUAVIX_BACKEND takes ") + kBackendList + ", not '" + want + "'", kExitUsage);
             m_status = kExitUsage;
             return false;
         }
     }
+    // Said before the platform chooses, which would fall back to the virtual backend.
+    if (const char* package = MissingPackage(want)) {
+        Fail(m_command, "the " + want + " backend was not built into this quavix (it needs " + package +
+                            "; install it and build again)");
+        return false;
+    }
+    m_bAuto = want.empty() || want == "auto";
     QXSetTraceProc(OnTrace, nullptr);
     m_backend = qxplat::SelectedBackendName();
-    if (!want.empty() && want != "auto" && want != m_backend) {
+    if (!m_bAuto && want != m_backend) {
         Fail(m_command, "the " + want + " backend is not available here (--backend auto chooses one that is)");
         return false;
     }
@@ -348,21 +378,27 @@ void Session::KeepOnly(std::initializer_list<std::array<int, 3>> keep)
             }
 }
 
+std::string Session::SystemOf(int nType) const
+{
+    if (m_backend == "jack") return "JACK";
+    if (m_backend == "virtual") return "virtual";
+    if (nType == QX_DEVTYPE_MIDI) return "ALSA sequencer";
+    return m_backend == "pulse" ? "PulseAudio" : "ALSA";
+}
+
 std::string Session::DeviceName(int nType, int nDir, int nDevice) const
 {
-    QX_DevCaps caps{};
     if (nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_OUT) {
-        // A wave output is a DirectSound driver: its description, and the backend that
-        // carries it as its module.
+        // A wave output is a DirectSound driver: its description.
         const char* description = CWaveOut::DSGetDescription(nDevice);
-        const char* module = CWaveOut::DSGetModule(nDevice);
-        if (description == nullptr) return "?";
-        return std::string(description) + (module != nullptr && *module ? std::string(" [") + module + "]" : "");
+        return description != nullptr ? description : "?";
     }
-    if (!m_q->GetDeviceCaps(nType, nDir, nDevice, &caps)) return "?";
-    const char* name = nType == QX_DEVTYPE_MIDI ? (nDir == QX_DEVDIR_IN ? caps.midiIn.szPname : caps.midiOut.szPname)
-                                                 : caps.waveIn.szPname;
-    return std::string(name, strnlen(name, MAXPNAMELEN));
+    // The backend's whole name: the device caps keep 31 characters of it.
+    const qxplat::DeviceKind kind = nType == QX_DEVTYPE_MIDI
+                                        ? (nDir == QX_DEVDIR_IN ? qxplat::DeviceKind::MidiIn : qxplat::DeviceKind::MidiOut)
+                                        : qxplat::DeviceKind::WaveIn;
+    const std::string name = qxplat::CurrentBackend().DeviceName(kind, nDevice);
+    return name.empty() ? "?" : name;
 }
 
 void InstallSignalHandlers()
@@ -433,6 +469,21 @@ bool CheckOutputPath(const std::string& command, const std::string& path)
     return false;
 }
 
+bool CheckNotAnInput(const std::string& command, const std::string& output, const std::vector<std::string>& inputs)
+{
+    struct stat out {};
+    if (stat(output.c_str(), &out) != 0) return true; // a new file is no input
+    for (const std::string& input : inputs) {
+        struct stat in {};
+        if (stat(input.c_str(), &in) == 0 && in.st_dev == out.st_dev && in.st_ino == out.st_ino) {
+            Fail(command, "will not write " + output + ": it is " + (input == output ? "" : input + ", ") +
+                              "one of the files it reads", kExitUsage);
+            return false;
+        }
+    }
+    return true;
+}
+
 OutputFile::~OutputFile()
 {
     if (!m_temp.empty()) unlink(m_temp.c_str());
@@ -457,8 +508,20 @@ bool OutputFile::Prepare(const std::string& command, const std::string& path)
     return true;
 }
 
+bool OutputFile::Publish(std::string& error)
+{
+    if (m_bInPlace || m_temp.empty()) return m_temp.empty();
+    if (std::rename(m_temp.c_str(), m_target.c_str()) != 0) {
+        error = "cannot replace " + m_path + ": " + std::strerror(errno);
+        return false;
+    }
+    m_temp.clear();
+    return true;
+}
+
 bool OutputFile::Finish(std::string& error)
 {
+    if (m_temp.empty()) return true; // published already
     const std::string temp = std::exchange(m_temp, std::string());
     auto failed = [&](const std::string& what) {
         error = "cannot " + what + " " + m_path + ": " + std::strerror(errno);

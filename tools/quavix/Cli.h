@@ -24,6 +24,9 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitInterrupted = 130;
 
+// What quavix record writes unless --format says otherwise.
+constexpr const char* kRecordFormat = "48000:16:2";
+
 // A subcommand: its name, one line for the overview, and its --help text.
 struct Command {
     const char* name;
@@ -93,7 +96,11 @@ public:
     CQuavix* operator->() const { return m_q; }
     CQuavix* Get() const { return m_q; }
     const std::string& Backend() const { return m_backend; }
+    // The backend's name, and "(auto)" when auto chose it.
+    std::string BackendText() const { return m_backend + (m_bAuto ? " (chosen by auto)" : ""); }
     bool IsVirtual() const { return m_backend == "virtual"; }
+    // The sound or MIDI system a device of that kind belongs to on this backend.
+    std::string SystemOf(int nType) const;
 
     // The device exists, else a one-line error naming what there is.
     bool CheckDevice(int nType, int nDir, int nDevice) const;
@@ -112,6 +119,7 @@ public:
 private:
     CQuavix* m_q = nullptr;
     std::string m_backend;
+    bool m_bAuto = false;
     std::string m_command;
     int m_status = kExitFailure;
 };
@@ -134,6 +142,9 @@ int FailServerLost(const std::string& command, const std::string& what);
 // file, and it is no directory); else one line on stderr. Checked before anything plays.
 bool CheckOutputPath(const std::string& command, const std::string& path);
 
+// The output is none of the inputs (the same file by any name); else one line on stderr.
+bool CheckNotAnInput(const std::string& command, const std::string& output, const std::vector<std::string>& inputs);
+
 // An output file written elsewhere first (by the library) and put in place at the end:
 // beside the file a link leads to, renamed over it, or copied into what is no regular
 // file (/dev/null). Checks the place when made; removes a temporary file left behind.
@@ -144,6 +155,11 @@ public:
     bool Prepare(const std::string& command, const std::string& path);
     const std::string& Path() const { return m_path; }
     const std::string& Temp() const { return m_temp; } // where it is written meanwhile
+    // Puts what was written in place; Publish may come while it is still being written
+    // (through a descriptor held open), for a regular file only: then Finish has
+    // nothing left to do.
+    bool CanPublishEarly() const { return !m_bInPlace; }
+    bool Publish(std::string& error);
     bool Finish(std::string& error);
 
 private:

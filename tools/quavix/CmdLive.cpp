@@ -82,6 +82,8 @@ int CheckCapture(const Args& args, const Session& session)
     if (!session.IsVirtual())
         return Fail(args.Command(), "--capture records what a virtual output emitted: it needs the virtual backend",
                     kExitUsage);
+    if (args.Has("inject") && !CheckNotAnInput(args.Command(), args.Get("capture"), {args.Get("inject")}))
+        return kExitUsage;
     return CheckOutputPath(args.Command(), args.Get("capture")) ? kExitOk : kExitFailure;
 }
 
@@ -292,6 +294,7 @@ int RunRecordMidi(int argc, char** argv)
     double seconds = 0;
     if (!args.GetInt("in", nIn, 0, 1023) || !args.GetDouble("seconds", seconds, 0.001, 86400)) return kExitUsage;
     const std::string path = args.Positional()[0];
+    if (args.Has("inject") && !CheckNotAnInput(cmd, path, {args.Get("inject")})) return kExitUsage;
 
     Session session;
     if (!session.Begin(args, QX_INIT_MIDI)) return session.FailStatus();

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <new>
+#include <sys/stat.h>
 
 namespace qxcli {
 
@@ -116,15 +117,20 @@ private:
     std::atomic<bool> m_bWavesOver;
 };
 
-// --audio FILE.wav[@MS]: the time is what follows the last '@', when that is a number.
+// --audio FILE.wav[@MS]: the time is what follows the last '@'. A file whose own name
+// has an '@' is taken whole; anything else after an '@' is no time.
 bool ParseAudio(const std::string& cmd, const std::string& arg, WaveItem& item)
 {
     item.path = arg;
     item.atMs = 0;
     const size_t at = arg.rfind('@');
-    if (at == std::string::npos || at + 1 == arg.size() ||
-        arg.find_first_not_of("0123456789", at + 1) != std::string::npos)
-        return true;
+    struct stat st {};
+    if (at == std::string::npos || stat(arg.c_str(), &st) == 0) return true;
+    if (at + 1 == arg.size() || arg.find_first_not_of("0123456789", at + 1) != std::string::npos) {
+        Fail(cmd, "--audio takes FILE.wav or FILE.wav@MS (a whole number of milliseconds), not '" + arg + "'",
+             kExitUsage);
+        return false;
+    }
     int ms = 0;
     if (!ParseInt(cmd, "audio", arg.substr(at + 1), ms, 0, 86'400'000)) return false;
     item.path = arg.substr(0, at);
@@ -154,6 +160,12 @@ int RunPerform(int argc, char** argv)
         if (!ParseAudio(cmd, arg, *waveItems.back())) return kExitUsage;
     }
     const bool bWave = !waveItems.empty() || args.Has("render");
+    {
+        std::vector<std::string> inputs{args.Positional()[0]};
+        for (const auto& item : waveItems) inputs.push_back(item->path);
+        for (const char* output : {"render", "capture"})
+            if (args.Has(output) && !CheckNotAnInput(cmd, args.Get(output), inputs)) return kExitUsage;
+    }
 
     const std::string path = args.Positional()[0];
     qxsmf::File file;
@@ -186,6 +198,8 @@ int RunPerform(int argc, char** argv)
             item->bFailed = true;
             ++wavesFailed;
             Fail(cmd, item->path + ": " + why);
+        } else if (!item->warning.empty()) {
+            Fail(cmd, item->path + ": " + item->warning);
         }
     }
     CQuavix* q = session.Get();
@@ -202,7 +216,7 @@ int RunPerform(int argc, char** argv)
         char tempo[48] = "";
         if (scale != 1.0) std::snprintf(tempo, sizeof tempo, ", tempo x%g", scale);
         std::printf("Playing %s (%s)\n  on MIDI output %d (%s), %s backend%s\n", path.c_str(),
-                    Describe(file, timeline).c_str(), nOutput, outName.c_str(), session.Backend().c_str(), tempo);
+                    Describe(file, timeline).c_str(), nOutput, outName.c_str(), session.BackendText().c_str(), tempo);
         if (bWave)
             std::printf("  wave output %d (%s)\n", nWaveOut,
                         session.DeviceName(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, nWaveOut).c_str());

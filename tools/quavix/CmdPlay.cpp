@@ -14,6 +14,9 @@ namespace {
 
 const std::set<std::string> kFileOptions{"volume", "pan", "rate", "at"};
 const std::set<std::string> kValued{"out", "render", "backend"};
+// How much later than their times files of a timeline start: more than an output's
+// latency, for which each start is made early, so that none starts late.
+constexpr long kTimelineLeadMs = 200;
 
 bool SetFileOption(const std::string& cmd, WaveItem& item, std::set<std::string>& given, const std::string& name,
                    const std::string& value)
@@ -119,6 +122,16 @@ int RunPlay(int argc, char** argv)
     if (items.empty()) return Fail(cmd, "needs a FILE.wav to play", kExitUsage);
     int nOut = 0;
     if (!args.GetInt("out", nOut, 0, 1023)) return kExitUsage;
+    if (args.Has("render")) {
+        std::vector<std::string> inputs;
+        for (const auto& item : items) inputs.push_back(item->path);
+        if (!CheckNotAnInput(cmd, args.Get("render"), inputs)) return kExitUsage;
+    }
+    // With one time given, every file is on the performance's timeline (a file without
+    // one at 0), so that their distances are exact.
+    const bool bTimeline = std::any_of(items.begin(), items.end(), [](const auto& item) { return item->atMs >= 0; });
+    if (bTimeline)
+        for (auto& item : items) item->atMs = std::max(item->atMs, 0L);
 
     WaveRender render;
     Session session;
@@ -142,25 +155,28 @@ int RunPlay(int argc, char** argv)
             item->state = WaveItem::kDone;
             ++failed;
             Fail(cmd, item->path + ": " + why);
+        } else if (!item->warning.empty()) {
+            Fail(cmd, item->path + ": " + item->warning);
         }
     }
     if (failed == items.size()) return kExitFailure;
 
     session.KeepOnly({{QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, nOut}});
     const std::string outName = session.DeviceName(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, nOut);
+    const long leadMs = bTimeline ? kTimelineLeadMs : 0;
     double endMs = 0;
     for (const auto& item : items)
-        if (!item->bFailed) endMs = std::max(endMs, static_cast<double>(std::max(item->atMs, 0L)) + item->playMs);
+        if (!item->bFailed) endMs = std::max(endMs, static_cast<double>(std::max(item->atMs, 0L) + leadMs) + item->playMs);
     if (!args.Quiet()) {
         std::printf("Playing %s on wave output %d (%s), %s backend\n",
                     qxsmf::Counted(items.size() - failed, "file").c_str(), nOut, outName.c_str(),
-                    session.Backend().c_str());
+                    session.BackendText().c_str());
         for (const auto& item : items)
             if (!item->bFailed) std::printf("  %s  %s\n", item->path.c_str(), DescribeWave(*item).c_str());
         std::fflush(stdout);
     }
 
-    WaveSchedule schedule(items, q->GetUniqueTag(), nOut);
+    WaveSchedule schedule(items, q->GetUniqueTag(), nOut, leadMs);
     WavePerformance perf(q, schedule);
     if (!schedule.Empty()) {
         // The periods written when the output opens are not asked for (and a timer-paced

@@ -161,22 +161,24 @@ int RunRecord(int argc, char** argv)
     double seconds = 0;
     if (!args.GetInt("in", nIn, 0, 1023) || !args.GetDouble("seconds", seconds, 0.001, 86400)) return kExitUsage;
     QX_DevFormat format{};
-    if (!ParseFormat(cmd, args.Get("format", "48000:16:2"), format)) return kExitUsage;
+    if (!ParseFormat(cmd, args.Get("format", kRecordFormat), format)) return kExitUsage;
     const std::string path = args.Positional()[0];
 
     Session session;
     if (!session.Begin(args, QX_INIT_WAVE)) return session.FailStatus();
     if (!session.CheckDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, nIn)) return kExitFailure;
-    // Written in place as it records, not renamed at the end: a recorder that is killed
-    // leaves a file whose header is at most a second behind its data.
-    if (!CheckOutputPath(cmd, path)) return kExitFailure;
+    // Written beside its place, and renamed over it once the first sound is in it: a
+    // take that never starts leaves the file that was there whole, and a recorder that
+    // is killed later leaves a file whose header is at most a second behind its data.
+    OutputFile out;
+    if (!out.Prepare(cmd, path)) return kExitFailure;
     CQuavix* q = session.Get();
     session.KeepOnly({{QX_DEVTYPE_WAVE, QX_DEVDIR_IN, nIn}});
     if (!q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, nIn, &format)) return Fail(cmd, "out of memory");
 
     CWaveFileWrite file;
     file.SetFormat(&format);
-    file.SetFilename(path.c_str());
+    file.SetFilename(out.Temp().c_str());
     if (!file.Open(0)) {
         const std::string why = Session::LastReport();
         return Fail(cmd, "cannot write " + path + (why.empty() ? "" : ": " + why));
@@ -196,7 +198,7 @@ int RunRecord(int argc, char** argv)
     CQXDevice::FillFormatString(reinterpret_cast<WAVEFORMATEX*>(&format), formatText);
     if (!args.Quiet())
         std::printf("Recording wave input %d (%s), %s backend, %s, to %s; %s\n", nIn, inName.c_str(),
-                    session.Backend().c_str(), formatText.c_str(), path.c_str(),
+                    session.BackendText().c_str(), formatText.c_str(), path.c_str(),
                     seconds > 0 ? (FormatTime(seconds * 1000) + " long").c_str() : "Ctrl-C stops");
     std::fflush(stdout);
 
@@ -204,7 +206,9 @@ int RunRecord(int argc, char** argv)
     Progress progress(args.Quiet());
     bool bInterrupted = false, bServerLost = false, bStalled = false;
     double elapsed = 0;
-    while (!take.Full() && !take.WriteFailed()) {
+    std::string publishError;
+    while (!take.Full() && !take.WriteFailed() && publishError.empty()) {
+        if (take.Bytes() > 0 && out.CanPublishEarly()) out.Publish(publishError);
         if (!SleepUnlessInterrupted(100)) {
             (Interrupted() ? bInterrupted : bServerLost) = true;
             break;
@@ -231,9 +235,13 @@ int RunRecord(int argc, char** argv)
     const double recorded = static_cast<double>(bytes) / format.nAvgBytesPerSec;
     if (take.WriteFailed() || !bClosed) {
         const std::string why = Session::LastReport();
+        // Kept only where it was put in place already; the file that was there otherwise.
+        std::string ignored;
+        if (bytes > 0) out.Publish(ignored);
         return Fail(cmd, "cannot write " + path + (why.empty() ? "" : " (" + why + ")") + "; " +
-                             FormatTime(recorded * 1000) + " kept");
+                             (bytes > 0 ? FormatTime(recorded * 1000) + " kept" : "nothing recorded, the file left as it was"));
     }
+    if (!publishError.empty() || !out.Finish(publishError)) return Fail(cmd, publishError);
     char what[200];
     std::snprintf(what, sizeof what, "%.1f s (%s) recorded to %s", recorded, FormatBytes(bytes).c_str(), path.c_str());
     if (bServerLost) return FailServerLost(cmd, std::string("recording stopped; ") + what);

@@ -228,6 +228,7 @@ int RunSyncSlave(int argc, char** argv)
     qxsmf::File file;
     qxsmf::Timeline timeline;
     const std::string path = args.Positional()[0];
+    if (args.Has("capture") && !CheckNotAnInput(cmd, args.Get("capture"), {path, args.Get("inject")})) return kExitUsage;
     if (!LoadSong(cmd, path, scale, file, timeline)) return kExitFailure;
     const std::vector<Item> items = MakeItems(timeline);
 
@@ -270,7 +271,7 @@ int RunSyncSlave(int argc, char** argv)
     if (!args.Quiet())
         std::printf("Waiting for MIDI Start or Continue on input %d (%s) to play %s\n  on MIDI output %d (%s), %s backend\n",
                     nIn, session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, nIn).c_str(), path.c_str(), nOut,
-                    session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut).c_str(), session.Backend().c_str());
+                    session.DeviceName(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOut).c_str(), session.BackendText().c_str());
 
     Injector injector;
     if (!feed.empty()) injector.Start(nIn, std::move(feed));

@@ -71,6 +71,30 @@ bool CheckWaveFile(int nOutput, WaveItem& item, std::string& why)
         return false;
     }
     item.durationMs = CWaveFile::FileDuration(item.path.c_str());
+    // A file cut short (a copy or a download that stopped) plays what is there; say so.
+    in.seekg(0, std::ios::end);
+    const auto fileSize = static_cast<uint64_t>(in.tellg());
+    for (uint64_t at = 12; at + 8 <= fileSize;) {
+        unsigned char chunk[8];
+        in.seekg(static_cast<std::streamoff>(at));
+        if (!in.read(reinterpret_cast<char*>(chunk), 8)) break;
+        const uint64_t size = Le32(chunk + 4);
+        if (std::memcmp(chunk, "data", 4) != 0) {
+            at += 8 + size + (size & 1);
+            continue;
+        }
+        const uint64_t there = fileSize - at - 8;
+        if (there < size && item.format.nAvgBytesPerSec != 0) {
+            const double rate = item.format.nAvgBytesPerSec;
+            char b[160];
+            std::snprintf(b, sizeof b, "the file ends early: its header says %.2f s, %.2f s is there (%llu of %llu bytes); that plays",
+                          static_cast<double>(size) / rate, static_cast<double>(there) / rate,
+                          static_cast<unsigned long long>(there), static_cast<unsigned long long>(size));
+            item.warning = b;
+            item.durationMs = std::min<long>(item.durationMs, std::lround(static_cast<double>(there) * 1000.0 / rate));
+        }
+        break;
+    }
 
     // The mixer's own answer: a buffer of this format, made and let go at once.
     IDirectSound* pDS = CWaveOut::DSGetDevice(nOutput);
@@ -170,7 +194,8 @@ bool PlayWaveNow(CQuavix* q, int nOutput, WaveItem& item, std::string& why)
     return false;
 }
 
-WaveSchedule::WaveSchedule(const WaveItems& items, int nTag, int nOutput) : m_nTag(nTag), m_nOutput(nOutput)
+WaveSchedule::WaveSchedule(const WaveItems& items, int nTag, int nOutput, long leadMs)
+    : m_nTag(nTag), m_nOutput(nOutput), m_leadMs(leadMs)
 {
     for (const auto& item : items)
         if (item->atMs >= 0 && !item->bFailed) m_items.push_back(item.get());
@@ -181,7 +206,7 @@ WaveSchedule::WaveSchedule(const WaveItems& items, int nTag, int nOutput) : m_nT
 
 void WaveSchedule::AddDue(CQXEventList& list, DWORD dwEnd)
 {
-    for (; m_next < m_items.size() && static_cast<DWORD>(m_items[m_next]->atMs) < dwEnd; ++m_next) {
+    for (; m_next < m_items.size() && static_cast<DWORD>(m_items[m_next]->atMs + m_leadMs) < dwEnd; ++m_next) {
         const WaveItem& item = *m_items[m_next];
         auto* params = new (std::nothrow) QX_WaveParams{};
         auto* e = params != nullptr ? new (std::nothrow) CQXEventData : nullptr;
@@ -193,7 +218,7 @@ void WaveSchedule::AddDue(CQXEventList& list, DWORD dwEnd)
         params->nTrack = item.nTrack;
         params->dsParams = ParamsOf(item);
         e->SetWaveData(params); // the event owns them now
-        e->SetTimeStamp(static_cast<DWORD>(item.atMs));
+        e->SetTimeStamp(static_cast<DWORD>(item.atMs + m_leadMs));
         e->SetDevice(m_nOutput);
         if (list.AddTail(e) == nullptr) delete e;
     }
@@ -209,7 +234,7 @@ bool WaveSchedule::Watch(CQuavix* q, double performanceMs)
         if (bOnTrack) {
             item->state.store(WaveItem::kSounding);
         } else if (item->state.load() == WaveItem::kSounding ||
-                   performanceMs >= static_cast<double>(item->atMs) + item->playMs + 1000.0) {
+                   performanceMs >= static_cast<double>(item->atMs + m_leadMs) + item->playMs + 1000.0) {
             // Off its track once it has played out; or never seen there at all (a file
             // too short to catch), but long past its end.
             item->state.store(WaveItem::kDone);
@@ -222,7 +247,7 @@ bool WaveSchedule::Watch(CQuavix* q, double performanceMs)
 double WaveSchedule::EndMs() const
 {
     double end = 0;
-    for (const WaveItem* item : m_items) end = std::max(end, static_cast<double>(item->atMs) + item->playMs);
+    for (const WaveItem* item : m_items) end = std::max(end, static_cast<double>(item->atMs + m_leadMs) + item->playMs);
     return end;
 }
 

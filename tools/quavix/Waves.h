@@ -29,6 +29,7 @@ struct WaveItem {
     double playMs = 0;   // at the chosen rate
     LONG lFrequency = 0; // the output's relative rate control for that rate
     int nTrack = 0;      // its track in the performance (files with a time)
+    std::string warning; // what is wrong with a file that plays all the same
     std::atomic<int> state{kWaiting};
     bool bFailed = false;
 };
@@ -48,19 +49,22 @@ bool PlayWaveNow(CQuavix* q, int nOutput, WaveItem& item, std::string& why);
 // own. AddDue runs on the engine's thread; Watch on the main thread.
 class WaveSchedule {
 public:
-    WaveSchedule(const WaveItems& items, int nTag, int nOutput);
+    // Files play leadMs later than their times: room for the output's latency, for which
+    // every start is made early, so that a file at 0 keeps its distance from the others.
+    WaveSchedule(const WaveItems& items, int nTag, int nOutput, long leadMs = 0);
     bool Empty() const { return m_items.empty(); }
     int Tag() const { return m_nTag; }
     // Adds the events of the files that start before dwEnd.
     void AddDue(CQXEventList& list, DWORD dwEnd);
     // Follows each file on its track; true once every one has played.
     bool Watch(CQuavix* q, double performanceMs);
-    double EndMs() const; // when the last one ends, in performance time
+    double EndMs() const; // when the last one ends, in performance time (lead included)
 
 private:
     std::vector<WaveItem*> m_items; // by time
     int m_nTag;
     int m_nOutput;
+    long m_leadMs;
     size_t m_next = 0;
 };
 

@@ -15,8 +15,10 @@ const std::vector<Command>& Commands()
     static const std::vector<Command> commands{
         {"devices", "list every device of the backend", R"(Usage: quavix devices [--backend NAME]
 
-Lists every device of the backend by type, direction and number, with its name,
-whether it is enabled, and its default format ("none" for MIDI devices).
+Lists every device of the backend by type, direction and number, with the system it
+belongs to (JACK, PulseAudio, ALSA, the ALSA sequencer or virtual), its whole name,
+whether it is enabled, and its format: for a wave input the one quavix record uses,
+for a wave output the one it opens with ("none" for MIDI devices).
 )",
          RunDevices},
         {"perform", "play a Standard MIDI File through the performance engine",
@@ -29,7 +31,8 @@ and silences the output.
   --output N            MIDI output number (quavix devices lists them)
   --tempo-scale X       play X times as fast (0.05 to 20; 2 is twice as fast)
   --audio FILE.wav[@MS] also play a wave file, from MS milliseconds of the performance
-                        (default 0), in time with the MIDI; may be given again
+                        (default 0, a whole number), in time with the MIDI; may be
+                        given again
   --wave-out N          the wave output for --audio (default 0)
   --capture OUT.mid     virtual backend: write what the output emitted, as a file
   --capture-times WHAT  emitted (default) or due: the times written by --capture
@@ -40,10 +43,13 @@ and silences the output.
          R"(Usage: quavix play FILE.wav [FILE OPTIONS] [FILE.wav [FILE OPTIONS]]... [--out N]
 
 Plays wave files together on wave output N (default 0) and ends when every one has
-played, with a peak meter of the output's mix. A file without --at starts at once;
-files with --at start at their times of one performance, each on a track of its own.
+played, with a peak meter of the output's mix. Without --at every file starts at once;
+with one, every file is on the timeline of one performance, each on a track of its own
+(a file without --at at 0), and its time 0 comes 200 ms after the output starts, so
+that each file starts exactly at its time.
 A file that cannot be played is named with the reason, and the others play (the exit
-status is then 1). Ctrl-C stops the sound.
+status is then 1); a file shorter than its header says plays what is there, and a line
+says how much. Ctrl-C stops the sound.
 
 File options apply to the FILE.wav just before them:
   --volume DB           0 (as recorded) down to -100 (silence)
@@ -54,7 +60,8 @@ File options apply to the FILE.wav just before them:
   --at MS               start at MS milliseconds (0 to 86400000)
 
   --out N               wave output number (quavix devices lists them)
-  --render OUT.wav      virtual backend: write what the output mixed (16-bit stereo)
+  --render OUT.wav      virtual backend: write what the output mixed (16-bit stereo);
+                        none of the files played
 
 Example: quavix play drums.wav bass.wav --volume -6 --pan -0.1 voice.wav --at 1500
 )",
@@ -64,8 +71,10 @@ Example: quavix play drums.wav bass.wav --volume -6 --pan -0.1 voice.wav --at 15
 
 Records wave input N (default 0) into OUT.wav until Ctrl-C, or for S seconds, with a
 progress line: the time recorded, a peak meter in dBFS and the bytes written. The file
-is written as the sound comes, and its header is brought up to date every second, so
-that even a recorder that is killed leaves a file other programs read. The input hands
+is written beside OUT.wav and renamed over it once the first sound is in it, so a
+take that cannot start leaves the OUT.wav that was there as it was. It is written as
+the sound comes, and its header is brought up to date every second, so that even a
+recorder that is killed leaves a file other programs read. The input hands
 over half a second at a time: a take stopped by Ctrl-C ends with the last whole half
 second.
 
@@ -153,7 +162,7 @@ void PrintOverview()
     std::printf("Usage: quavix COMMAND [OPTIONS]\n\nCommands:\n");
     for (const auto& c : qxcli::Commands()) std::printf("  %-12s %s\n", c.name, c.summary);
     std::printf("\n'quavix COMMAND --help' or 'quavix help COMMAND' tells more.\n"
-                "QUAVIX_BACKEND (virtual, jack, alsa, auto) chooses the backend; --backend overrides it.\n"
+                "QUAVIX_BACKEND (virtual, jack, pulse, alsa, auto) chooses the backend; --backend overrides it.\n"
                 "QUAVIX_VIRTUAL_DEVICES (e.g. midi-in=2,midi-out=2) sets the virtual backend's device counts.\n"
                 "Exit status: 0 done, 1 failed, 2 bad usage, 130 stopped by Ctrl-C (128 + n for signal n).\n");
 }

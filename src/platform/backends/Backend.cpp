@@ -1,17 +1,13 @@
 // Chooses the process's backend from QUAVIX_BACKEND: a named backend is used whether or
-// not it finds devices (then it reports none).
-//
-// Audio follows the same one setting, so that a desktop user without JACK hears sound
-// with no setting at all:
+// not it finds devices (then it reports none). Each name is one system:
 // - "jack": MIDI and audio are JACK ports.
-// - "alsa": the ALSA sequencer for MIDI; audio through PulseAudio (or PipeWire's pulse
-//   server) when one answers, else raw ALSA PCM when its "default" device opens, else
-//   PulseAudio again, which finds a server started later on its next device count.
-// - "auto" (the default): "jack" when a JACK server answers; else "alsa" when the
-//   sequencer has a MIDI device, a sound server answers or raw PCM opens; else virtual.
+// - "pulse": audio through PulseAudio (or PipeWire's pulse server), MIDI through the
+//   ALSA sequencer (PulseAudio has none).
+// - "alsa": audio through raw ALSA PCM ("default"), MIDI through the ALSA sequencer.
+// - "auto" (the default): "jack" when a JACK server answers; else "pulse" when a sound
+//   server answers; else "alsa" when the sequencer has a MIDI device or raw PCM opens;
+//   else virtual. A desktop user without JACK hears sound with no setting at all.
 // - "virtual": in-process devices and paced audio outputs.
-// There is no separate audio setting: the sound server is what a desktop routes through,
-// and raw PCM is what is left where none runs. The backend keeps the MIDI side's name.
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/virtual/QXVirtual.h"
 #ifdef QUAVIX_HAVE_JACK
@@ -54,8 +50,8 @@ std::atomic<BackendEventProc> g_eventProc{nullptr};
 // MIDI devices from one backend, audio outputs and inputs from another.
 class WithAudio final : public Backend {
 public:
-    WithAudio(Backend& midi, Backend& audio) : m_midi(midi), m_audio(audio) {}
-    const char* Name() const override { return m_midi.Name(); }
+    WithAudio(const char* pszName, Backend& midi, Backend& audio) : m_pszName(pszName), m_midi(midi), m_audio(audio) {}
+    const char* Name() const override { return m_pszName; }
     int Count(DeviceKind kind) override { return Side(kind).Count(kind); }
     std::string DeviceName(DeviceKind kind, int n) override { return Side(kind).DeviceName(kind, n); }
     MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override { return m_midi.OpenMidiOut(n, port); }
@@ -71,38 +67,39 @@ private:
     {
         return kind == DeviceKind::WaveOut || kind == DeviceKind::WaveIn ? m_audio : m_midi;
     }
+    const char* m_pszName;
     Backend& m_midi;
     Backend& m_audio;
 };
 
 #ifdef QUAVIX_HAVE_ALSA
-// The ALSA sequencer with the desktop's audio; null when neither offers anything.
-Backend* AlsaWithAudio(bool bAlways)
+// The ALSA sequencer's MIDI with raw ALSA PCM audio; made once.
+Backend& AlsaWithPcm()
 {
-    Backend* audio = nullptr;
-#ifdef QUAVIX_HAVE_PULSE
-    audio = PulseBackendIfServer();
-#endif
-    if (audio == nullptr) audio = AlsaPcmIfDevices();
-    Backend* midi = AlsaBackendIfDevices();
-    if (!bAlways && midi == nullptr && audio == nullptr) return nullptr;
-    if (audio == nullptr) {
-#ifdef QUAVIX_HAVE_PULSE
-        audio = &PulseBackendAlways();
-#else
-        audio = &AlsaPcmAlways();
-#endif
-    }
-    static WithAudio* s_backend = new WithAudio(AlsaBackendAlways(), *audio); // chosen once
-    return s_backend;
+    static WithAudio* s_backend = new WithAudio("alsa", AlsaBackendAlways(), AlsaPcmAlways());
+    return *s_backend;
 }
 #endif
+
+#if defined(QUAVIX_HAVE_ALSA) && defined(QUAVIX_HAVE_PULSE)
+// The ALSA sequencer's MIDI with PulseAudio's audio; made once.
+Backend& AlsaWithPulse()
+{
+    static WithAudio* s_backend = new WithAudio("pulse", AlsaBackendAlways(), PulseBackendAlways());
+    return *s_backend;
+}
+#endif
+
+bool Is(const char* want, const char* name)
+{
+    return want != nullptr && std::strcmp(want, name) == 0;
+}
 
 Backend& Choose()
 {
     const char* want = std::getenv("QUAVIX_BACKEND");
-    if (want != nullptr && std::strcmp(want, "virtual") == 0) return VirtualBackend();
-    if (want != nullptr && std::strcmp(want, "jack") == 0) {
+    if (Is(want, "virtual")) return VirtualBackend();
+    if (Is(want, "jack")) {
 #ifdef QUAVIX_HAVE_JACK
         if (JackBackendIfAvailable() == nullptr)
             std::fprintf(stderr, "quavix: no JACK server answers; the jack backend has no devices\n");
@@ -111,22 +108,34 @@ Backend& Choose()
         return Unavailable(want);
 #endif
     }
-    if (want != nullptr && std::strcmp(want, "alsa") == 0) {
-#ifdef QUAVIX_HAVE_ALSA
-        if (AlsaBackendIfDevices() == nullptr)
-            std::fprintf(stderr, "quavix: the ALSA sequencer offers no MIDI device\n");
-        return *AlsaWithAudio(true);
+    if (Is(want, "pulse")) {
+#if defined(QUAVIX_HAVE_ALSA) && defined(QUAVIX_HAVE_PULSE)
+        if (PulseBackendIfServer() == nullptr)
+            std::fprintf(stderr, "quavix: no PulseAudio server answers; the pulse backend has no wave devices until one does\n");
+        return AlsaWithPulse();
 #else
         return Unavailable(want);
 #endif
     }
-    if (want != nullptr && *want != '\0' && std::strcmp(want, "auto") != 0)
+    if (Is(want, "alsa")) {
+#ifdef QUAVIX_HAVE_ALSA
+        if (AlsaBackendIfDevices() == nullptr && AlsaPcmIfDevices() == nullptr)
+            std::fprintf(stderr, "quavix: ALSA offers no MIDI device and no PCM device\n");
+        return AlsaWithPcm();
+#else
+        return Unavailable(want);
+#endif
+    }
+    if (want != nullptr && *want != '\0' && !Is(want, "auto"))
         std::fprintf(stderr, "quavix: unknown backend \"%s\"; choosing automatically\n", want);
 #ifdef QUAVIX_HAVE_JACK
     if (Backend* jack = JackBackendIfAvailable()) return *jack;
 #endif
+#if defined(QUAVIX_HAVE_ALSA) && defined(QUAVIX_HAVE_PULSE)
+    if (PulseBackendIfServer() != nullptr) return AlsaWithPulse();
+#endif
 #ifdef QUAVIX_HAVE_ALSA
-    if (Backend* alsa = AlsaWithAudio(false)) return *alsa;
+    if (AlsaBackendIfDevices() != nullptr || AlsaPcmIfDevices() != nullptr) return AlsaWithPcm();
 #endif
     return VirtualBackend();
 }

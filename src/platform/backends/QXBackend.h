@@ -1,5 +1,5 @@
 // A device backend: what the platform's MIDI and audio services run on. One backend is
-// chosen per process (QUAVIX_BACKEND = virtual | jack | alsa | auto) on first use.
+// chosen per process (QUAVIX_BACKEND = virtual | jack | pulse | alsa | auto) on first use.
 #ifndef QUAVIX_PLATFORM_BACKENDS_QXBACKEND_H
 #define QUAVIX_PLATFORM_BACKENDS_QXBACKEND_H
 
