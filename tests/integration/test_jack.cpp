@@ -1,6 +1,7 @@
 // The library against a real JACK server and the clients that ship with jackd2.
 #include <quavix/Quavix.h>
 
+#include "harness.h"
 #include "jack_clients.h"
 #include "platform/QXPlatform.h"
 
@@ -8,16 +9,12 @@
 #include <jack/jack.h>
 #include <jack/midiport.h>
 
-
-#include <unistd.h>
-
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <cstdio>
-#include <algorithm>
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -25,36 +22,9 @@
 
 namespace {
 
-using jackclients::Child;
-
-// Per process: another build's tests may run at the same time.
-std::string TempName(const char* what)
-{
-    return "/tmp/quavix-jack-" + std::string(what) + "-" + std::to_string(getpid()) + ".txt";
-}
-
-// The one port connected to a port, or "" (a new connection shows from the next cycle).
-std::string OnlyConnection(jack_client_t* c, const char* port)
-{
-    jack_port_t* p = jack_port_by_name(c, port);
-    for (int i = 0; i < 100 && p != nullptr; ++i) {
-        if (const char** names = jack_port_get_all_connections(c, p)) {
-            std::string name = names[0];
-            jack_free(names);
-            return name;
-        }
-        Sleep(20);
-    }
-    return {};
-}
-
-std::string Slurp(const std::string& path)
-{
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
+using harness::Child;
+using harness::Slurp;
+using harness::Temp;
 
 // Index of the device whose name is exactly port, or -1; waits for the port to appear.
 int FindDevice(CQuavix* q, int dir, const std::string& port)
@@ -70,17 +40,7 @@ int FindDevice(CQuavix* q, int dir, const std::string& port)
 
 bool WaitForPort(const char* name)
 {
-    jack_client_t* c = nullptr;
-    for (int i = 0; i < 100 && c == nullptr; ++i) // a server just started may not answer yet
-        if ((c = jack_client_open("qxprobe", JackNoStartServer, nullptr)) == nullptr) Sleep(50);
-    if (c == nullptr) return false;
-    bool found = false;
-    for (int i = 0; i < 100 && !found; ++i) {
-        found = jack_port_by_name(c, name) != nullptr;
-        if (!found) Sleep(50);
-    }
-    jack_client_close(c);
-    return found;
+    return jackclients::Probe().WaitExists(name);
 }
 
 // A receiving client of the test's own, for what jack_midi_dump does not show exactly:
@@ -294,7 +254,7 @@ protected:
 
 TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
 {
-    const std::string file = TempName("dump");
+    const std::string file = Temp("dump.txt");
     Child dump({"jack_midi_dump", "-a", "qxdump"}, file);
     ASSERT_TRUE(WaitForPort("qxdump:input"));
     CQuavix* q = Manager();
@@ -361,7 +321,7 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
 TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacing)
 {
     // A 500 ms loop: note 60 at 0 for 8000 frames, note 63 at 12000 (250 ms) for 8000.
-    Child seq({"jack_midiseq", "qxseq", "24000", "0", "60", "8000", "12000", "63", "8000"}, TempName("seq"));
+    Child seq({"jack_midiseq", "qxseq", "24000", "0", "60", "8000", "12000", "63", "8000"}, Temp("seq.txt"));
     ASSERT_TRUE(WaitForPort("qxseq:out"));
     CQuavix* q = Manager();
     int in = FindDevice(q, QX_DEVDIR_IN, "qxseq:out");
@@ -409,7 +369,7 @@ TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacing)
 // order. Runs are repeated until one completes or enough messages have gone through.
 TEST_F(JackTest, ThruLatencyMeasuredByJackMidiLatencyTest)
 {
-    const std::string file = TempName("latency");
+    const std::string file = Temp("latency.txt");
     const auto begin = std::chrono::steady_clock::now();
     int total = 0, runs = 0;
     bool complete = false;
@@ -432,11 +392,11 @@ TEST_F(JackTest, ThruLatencyMeasuredByJackMidiLatencyTest)
         ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in), 1);
         ASSERT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in), 1);
         ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, out), 1);
-        std::string ourIn = OnlyConnection(watch.Client(), "qxsilent:out");
-        std::string ourOut = OnlyConnection(watch.Client(), "qxwatch:thru");
-        ASSERT_FALSE(ourIn.empty());
-        ASSERT_FALSE(ourOut.empty());
-        Child tester({"jack_midi_latency_test", "-s", "200", "-t", "5", ourIn, ourOut}, file);
+        const jackclients::Probe probe;
+        const std::vector<std::string> ourIn = probe.Connections("qxsilent:out"), ourOut = probe.Connections("qxwatch:thru");
+        ASSERT_EQ(ourIn.size(), 1u);
+        ASSERT_EQ(ourOut.size(), 1u);
+        Child tester({"jack_midi_latency_test", "-s", "200", "-t", "5", ourIn[0], ourOut[0]}, file);
         ASSERT_TRUE(WaitForPort("jack_midi_latency_test:out"));
         ASSERT_TRUE(watch.Connect("jack_midi_latency_test:out", 0));
         const int xrunsBefore = watch.Xruns(); // connecting clients costs xruns of its own
@@ -500,7 +460,7 @@ TEST_F(JackTest, LongSysExAndImmediateMessagesArriveWhole)
     q->SendMidiMsg(static_cast<UINT>(out), 0x00403C90, 0);
     q->SendSysExMsg(static_cast<UINT>(out), sysex.data(), static_cast<int>(sysex.size()), 0);
     q->SendMidiMsg(static_cast<UINT>(out), 0x00003C80, 0);
-    Sleep(300);
+    harness::Await([&] { return recv.Take().size() >= 3; });
     auto ev = recv.Take();
     ASSERT_EQ(ev.size(), 3u);
     EXPECT_EQ(ev[0].first[0], 0x90);
@@ -525,11 +485,9 @@ TEST_F(JackTest, DevicesAreTheOtherClientsMidiPorts)
 TEST(JackGone, AServerThatGoesAwayGivesNotificationsAndCleanFailures)
 {
     // A server of this test's own, so that the others keep theirs.
-    const std::string name = "quavix-ctest-gone-" + std::to_string(getpid());
-    setenv("JACK_DEFAULT_SERVER", name.c_str(), 1);
-    Child server({"jackd", "-n", name, "-r", "-d", "dummy", "-r", "48000", "-p", "256"}, TempName("jackd-gone"));
-    Sleep(300);
-    ASSERT_TRUE(WaitForPort("system:playback_1")) << "private server did not start";
+    harness::JackServer server("quavix-ctest-gone-" + std::to_string(getpid()));
+    ASSERT_TRUE(server.Ready()) << "private server did not start";
+    setenv("JACK_DEFAULT_SERVER", server.Name().c_str(), 1);
     Receiver recv;
     CQuavix* q = CQuavix::InitQuavix();
     q->Initialize(QX_INIT_MIDI);

@@ -8,6 +8,8 @@
 // QUAVIX_BACKEND=jack.
 #include <quavix/Quavix.h>
 
+#include "harness.h"
+
 #include <gtest/gtest.h>
 #include <jack/jack.h>
 
@@ -124,8 +126,7 @@ std::vector<int16_t> PlayAndRecord(const std::string& file, double seconds)
     EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     EXPECT_NE(q->PlayWaveFile(file.c_str(), 0, nullptr, 0), 0);
     const size_t want = static_cast<size_t>((seconds + 1.0) * kRate);
-    for (int i = 0; i < static_cast<int>(seconds + 10) * 10 && take.Size() < want; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    harness::Await([&] { return take.Size() >= want; }, std::chrono::seconds(static_cast<int>(seconds) + 10));
     q->CloseDevices();
     q->StopRecording(tag);
     CQuavix::ExitQuavix();
