@@ -124,11 +124,8 @@ TEST_F(DSoundApi, PrimaryBufferNeedsThePriorityLevelAndOnlyLoops)
     EXPECT_EQ(ds->SetCooperativeLevel(nullptr, DSSCL_PRIORITY), DSERR_INVALIDPARAM);
     EXPECT_EQ(ds->SetCooperativeLevel(hwnd, 0), DSERR_INVALIDPARAM);
 
-    DSBUFFERDESC d{};
-    d.dwSize = sizeof d;
-    d.dwFlags = DSBCAPS_PRIMARYBUFFER;
-    LPDIRECTSOUNDBUFFER primary = nullptr;
-    ASSERT_EQ(ds->CreateSoundBuffer(&d, &primary, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER primary = Primary(ds);
+    ASSERT_NE(primary, nullptr);
     WAVEFORMATEX f = Pcm(22050, 2, 16);
     EXPECT_EQ(primary->SetFormat(&f), DSERR_PRIOLEVELNEEDED);
     ASSERT_EQ(ds->SetCooperativeLevel(hwnd, DSSCL_PRIORITY), DS_OK);

@@ -106,11 +106,8 @@ TEST(DSoundRealtime, VirtualOutputPlaysInRealTimeAndCapturesWhatItMixed)
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
     HWND hwnd = MakeWindow();
     ASSERT_EQ(ds->SetCooperativeLevel(hwnd, DSSCL_PRIORITY), DS_OK);
-    DSBUFFERDESC pd{};
-    pd.dwSize = sizeof pd;
-    pd.dwFlags = DSBCAPS_PRIMARYBUFFER;
-    LPDIRECTSOUNDBUFFER primary = nullptr;
-    ASSERT_EQ(ds->CreateSoundBuffer(&pd, &primary, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER primary = Primary(ds);
+    ASSERT_NE(primary, nullptr);
     WAVEFORMATEX pf = Pcm(22050, 2, 16);
     ASSERT_EQ(primary->SetFormat(&pf), DS_OK);
 
@@ -195,11 +192,8 @@ TEST(DSoundRealtime, EachStartSoundsTheOutputsLatencyAfterItsPlay)
     ASSERT_EQ(rate, 48000u);
     const int64_t latency = 1200;
 
-    DSBUFFERDESC pd{};
-    pd.dwSize = sizeof pd;
-    pd.dwFlags = DSBCAPS_PRIMARYBUFFER;
-    LPDIRECTSOUNDBUFFER primary = nullptr;
-    ASSERT_EQ(ds->CreateSoundBuffer(&pd, &primary, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER primary = Primary(ds);
+    ASSERT_NE(primary, nullptr);
     // 1 ms at half scale, then the buffer ends.
     LPDIRECTSOUNDBUFFER click = MakeBuffer(ds, Pcm(48000, 1, 16), 96);
     Fill(click, [](BYTE* p, DWORD n) {
