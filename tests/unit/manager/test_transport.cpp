@@ -120,17 +120,21 @@ TEST_F(ManagerTest, DelayedStartRunsOnTheManagerThreadAndCanBeCancelled)
     EXPECT_NE(id, 0u);
     EXPECT_TRUE(Eventually([&] { return q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 1) == 0x0012u; }));
 
+    // A start due later than a cancelled one has run: the cancelled one would have by then.
     UINT cancelled = q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 0, 150);
     q->StopDelay(0);
     q->StopDelay(cancelled + 1);
     q->StopDelay(cancelled);
-    Sleep(300);
+    q->DelayStart(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, 200);
+    EXPECT_TRUE(Eventually([&] { return q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0) == 0x0012u; }));
     EXPECT_EQ(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 0), QX_STATE_CLOSED);
 
     // StopDevices cancels the pending one too.
     q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1, 150);
     q->StopDevices();
-    Sleep(300);
+    ASSERT_NE(q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 0x0012u);
+    q->DelayStart(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, 200);
+    EXPECT_TRUE(Eventually([&] { return q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0) == 0x0012u; }));
     EXPECT_EQ(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1), QX_STATE_CLOSED);
 
     QXFaultInject("timeSetEvent", 0);
