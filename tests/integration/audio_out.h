@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -79,6 +80,32 @@ inline bool AwaitPlaying(LPDIRECTSOUNDBUFFER b)
     DWORD first = 0, play = 0, write = 0;
     b->GetCurrentPosition(&first, &write);
     return harness::Await([&] { return b->GetCurrentPosition(&play, &write) == DS_OK && play != first; });
+}
+
+// Servers lost so far, and the name the last one was reported by.
+inline std::atomic<int> g_serversLost{0};
+inline std::string g_lastServerLost; // written before the count, read after it
+
+inline void CountLostServers()
+{
+    qxplat::SetBackendEventProc([](qxplat::BackendEvent e, int, const char* server) {
+        if (e != qxplat::BackendEvent::ServerLost) return;
+        g_lastServerLost = server;
+        g_serversLost.fetch_add(1);
+    });
+}
+
+// A looping 1 kHz tone through the default driver that the output takes; null when not.
+inline LPDIRECTSOUNDBUFFER PlayTone(LPDIRECTSOUND* pds)
+{
+    LPDIRECTSOUNDBUFFER b = nullptr;
+    EXPECT_EQ(DirectSoundCreate(nullptr, pds, nullptr), DS_OK);
+    if (*pds != nullptr) b = ToneBuffer(*pds, 48000, 1000.0, 0.5);
+    EXPECT_NE(b, nullptr);
+    if (b == nullptr) return nullptr;
+    EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    EXPECT_TRUE(AwaitPlaying(b)) << "the output takes nothing";
+    return b;
 }
 
 // Fed by a mixer for two seconds, the port's ring never runs dry for long on an idle

@@ -4,6 +4,7 @@
 
 #include "harness.h"
 
+#include <gtest/gtest.h>
 #include <jack/jack.h>
 
 #include <atomic>
@@ -60,6 +61,21 @@ private:
     jack_client_t* m_client = nullptr;
     std::atomic<int> m_xruns{0};
 };
+
+// A second output or input open beside a first has ports of its own (`port`_1, _2 and
+// `port`2_1, 2_2); closing one takes its ports away and leaves the other's.
+template <class First, class Second>
+void ExpectPortsOfTheirOwn(const Probe& probe, const std::string& port, First& first, Second& second)
+{
+    EXPECT_TRUE(probe.Exists(port + "2_1"));
+    EXPECT_TRUE(probe.Exists(port + "2_2"));
+    first.reset();
+    EXPECT_FALSE(probe.Exists(port + "_1"));
+    EXPECT_FALSE(probe.Exists(port + "_2"));
+    EXPECT_TRUE(probe.Exists(port + "2_1"));
+    second.reset();
+    EXPECT_FALSE(probe.Exists(port + "2_1"));
+}
 
 } // namespace jackclients
 

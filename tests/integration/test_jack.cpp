@@ -43,67 +43,10 @@ bool WaitForPort(const char* name)
     return jackclients::Probe().WaitExists(name);
 }
 
-// A receiving client of the test's own, for what jack_midi_dump does not show exactly:
-// every event with its absolute frame and its bytes. The process callback only appends
-// to preallocated storage.
-class Receiver {
-public:
-    Receiver()
-    {
-        m_events.resize(4096);
-        m_client = jack_client_open("qxrecv", JackNoStartServer, nullptr);
-        if (m_client == nullptr) return;
-        m_port = jack_port_register(m_client, "in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
-        jack_set_process_callback(m_client, Process, this);
-        jack_activate(m_client);
-    }
-    ~Receiver()
-    {
-        if (m_client != nullptr) jack_client_close(m_client);
-    }
-    struct Event {
-        jack_nframes_t frame;
-        size_t size;
-        unsigned char first[4];
-        unsigned char last;
-    };
-    std::vector<Event> Take()
-    {
-        size_t n = m_count.load();
-        return std::vector<Event>(m_events.begin(), m_events.begin() + static_cast<long>(n));
-    }
-    jack_client_t* Client() const { return m_client; }
-
-private:
-    static int Process(jack_nframes_t nframes, void* arg)
-    {
-        auto* self = static_cast<Receiver*>(arg);
-        void* buf = jack_port_get_buffer(self->m_port, nframes);
-        const jack_nframes_t start = jack_last_frame_time(self->m_client);
-        for (jack_nframes_t i = 0; i < jack_midi_get_event_count(buf); ++i) {
-            jack_midi_event_t ev;
-            if (jack_midi_event_get(&ev, buf, i) != 0) continue;
-            size_t n = self->m_count.load();
-            if (n >= self->m_events.size()) return 0;
-            Event& e = self->m_events[n];
-            e.frame = start + ev.time;
-            e.size = ev.size;
-            for (size_t k = 0; k < 4; ++k) e.first[k] = k < ev.size ? ev.buffer[k] : 0;
-            e.last = ev.buffer[ev.size - 1];
-            self->m_count.store(n + 1);
-        }
-        return 0;
-    }
-    jack_client_t* m_client = nullptr;
-    jack_port_t* m_port = nullptr;
-    std::vector<Event> m_events;
-    std::atomic<size_t> m_count{0};
-};
-
-
-// Listens to the messages a client sends (port 0) and to our thru's replies (port 1);
-// JACK lets an output feed several inputs. It notes every event with its absolute frame
-// and first bytes, and each time a cycle starts at a JACK time before one it has
+// A receiving client of the test's own, for what jack_midi_dump does not show exactly.
+// It listens to the messages a client sends, or ours (port 0), and to our thru's replies
+// (port 1); JACK lets an output feed several inputs. It notes every event with its
+// absolute frame, size, first bytes and last byte, and each time a cycle starts at a JACK time before one it has
 // already handed out (for an earlier cycle or for a message sent): the clock stepping
 // back, as it does in the cycles after a late wake-up.
 class Watch {
@@ -112,7 +55,7 @@ public:
         int port;
         jack_nframes_t frame;
         size_t size;
-        unsigned char bytes[3];
+        unsigned char bytes[3], last;
     };
     Watch()
     {
@@ -168,6 +111,7 @@ private:
                 e.frame = start + ev.time;
                 e.size = ev.size;
                 for (size_t k = 0; k < 3; ++k) e.bytes[k] = k < ev.size ? ev.buffer[k] : 0;
+                e.last = ev.buffer[ev.size - 1];
                 if (p == 0)
                     self->m_latestUs =
                         std::max(self->m_latestUs, static_cast<int64_t>(jack_frames_to_time(self->m_client, e.frame)));
@@ -270,7 +214,7 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
     q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, QX_ALL_DEVICES, 0);
     q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, out, 1);
     EXPECT_EQ(q->OpenDevices(), 1); // queues the first periods: the engine's clock
-    Watch watch;
+    jackclients::Probe watch;
     const int xrunsBefore = watch.Xruns();
     q->StartDevices();
     for (int i = 0; i < 100 && q->IsActive(); ++i) Sleep(50);
@@ -337,7 +281,7 @@ TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacing)
         },
         0, 0);
     q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in);
-    Watch watch;
+    jackclients::Probe watch;
     const int xrunsBefore = watch.Xruns();
     q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in);
     Sleep(1600);
@@ -447,10 +391,10 @@ TEST_F(JackTest, ThruLatencyMeasuredByJackMidiLatencyTest)
 
 TEST_F(JackTest, LongSysExAndImmediateMessagesArriveWhole)
 {
-    Receiver recv;
+    Watch recv;
     ASSERT_NE(recv.Client(), nullptr);
     CQuavix* q = Manager();
-    int out = FindDevice(q, QX_DEVDIR_OUT, "qxrecv:in");
+    int out = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent");
     ASSERT_GE(out, 0);
     q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, out);
     std::vector<BYTE> sysex(4096);
@@ -463,18 +407,18 @@ TEST_F(JackTest, LongSysExAndImmediateMessagesArriveWhole)
     harness::Await([&] { return recv.Take().size() >= 3; });
     auto ev = recv.Take();
     ASSERT_EQ(ev.size(), 3u);
-    EXPECT_EQ(ev[0].first[0], 0x90);
+    EXPECT_EQ(ev[0].bytes[0], 0x90);
     EXPECT_EQ(ev[1].size, 4096u);
-    EXPECT_EQ(ev[1].first[0], 0xF0);
+    EXPECT_EQ(ev[1].bytes[0], 0xF0);
     EXPECT_EQ(ev[1].last, 0xF7);
-    EXPECT_EQ(ev[2].first[0], 0x80);
+    EXPECT_EQ(ev[2].bytes[0], 0x80);
 }
 
 TEST_F(JackTest, DevicesAreTheOtherClientsMidiPorts)
 {
-    Receiver recv;
+    Watch recv;
     CQuavix* q = Manager();
-    EXPECT_GE(FindDevice(q, QX_DEVDIR_OUT, "qxrecv:in"), 0);
+    EXPECT_GE(FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent"), 0);
     for (int n = 0; n < q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT); ++n) {
         QX_DevCaps caps;
         ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n, &caps), 1);
@@ -488,7 +432,7 @@ TEST(JackGone, AServerThatGoesAwayGivesNotificationsAndCleanFailures)
     harness::JackServer server("quavix-ctest-gone-" + std::to_string(getpid()));
     ASSERT_TRUE(server.Ready()) << "private server did not start";
     setenv("JACK_DEFAULT_SERVER", server.Name().c_str(), 1);
-    Receiver recv;
+    Watch recv;
     CQuavix* q = CQuavix::InitQuavix();
     q->Initialize(QX_INIT_MIDI);
     // Notifications come from the library's threads too (the server lost, a peer gone).
@@ -501,7 +445,7 @@ TEST(JackGone, AServerThatGoesAwayGivesNotificationsAndCleanFailures)
             codes.push_back(c);
         },
         0);
-    int out = FindDevice(q, QX_DEVDIR_OUT, "qxrecv:in");
+    int out = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent");
     ASSERT_GE(out, 0);
     q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, QX_ALL_DEVICES, 0);
     q->OpenDevices();

@@ -84,18 +84,9 @@ TEST(JackAudio, TheServerIsOneOutputWhosePortsGoToThePlaybackPorts)
     EXPECT_EQ(probe.Connections(client + ":out_1"), std::vector<std::string>{"system:playback_1"});
     EXPECT_EQ(probe.Connections(client + ":out_2"), std::vector<std::string>{"system:playback_2"});
 
-    // A second output open at the same time has ports of its own; closing one takes its
-    // ports away and leaves the other's.
     std::unique_ptr<qxplat::AudioOutPort> second;
     ASSERT_EQ(b.OpenAudioOut(0, second), MMSYSERR_NOERROR);
-    EXPECT_TRUE(probe.Exists(client + ":out2_1"));
-    EXPECT_TRUE(probe.Exists(client + ":out2_2"));
-    port.reset();
-    EXPECT_FALSE(probe.Exists(client + ":out_1"));
-    EXPECT_FALSE(probe.Exists(client + ":out_2"));
-    EXPECT_TRUE(probe.Exists(client + ":out2_1"));
-    second.reset();
-    EXPECT_FALSE(probe.Exists(client + ":out2_1"));
+    jackclients::ExpectPortsOfTheirOwn(probe, client + ":out", port, second);
 }
 
 // A 1 kHz tone from a 22050 Hz 16-bit buffer at -6 dB, recorded from our ports by jack_rec.
@@ -167,34 +158,23 @@ TEST(JackAudio, UnderrunsAreCountedOnlyWhileTheRingRunsDryAndStopKeepsTheRing)
     audioout::ExpectStopKeepsTheRingAndRunningDryIsCounted(*port);
 }
 
-std::atomic<int> g_lost{0};
-std::atomic<bool> g_lostNamedJack{false};
-
 TEST(JackAudioGone, AServerThatGoesAwayWhileTheOutputPlaysIsReportedAndNothingHangs)
 {
     // A server of this test's own, so that the fixture's stays up for the others.
     harness::JackServer server("quavix-ctest-audiogone-" + std::to_string(getpid()));
     ASSERT_TRUE(server.Ready()) << "private server did not start";
     setenv("JACK_DEFAULT_SERVER", server.Name().c_str(), 1);
-    qxplat::SetBackendEventProc([](qxplat::BackendEvent e, int, const char* server) {
-        if (e != qxplat::BackendEvent::ServerLost) return;
-        g_lostNamedJack.store(std::strcmp(server, "JACK") == 0);
-        g_lost.fetch_add(1);
-    });
+    audioout::CountLostServers();
     qxplat::Backend& backend = qxplat::CurrentBackend();
     ASSERT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 1);
-
     LPDIRECTSOUND ds = nullptr;
-    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
-    LPDIRECTSOUNDBUFFER b = audioout::ToneBuffer(ds, 48000, 1000.0, 0.5);
+    LPDIRECTSOUNDBUFFER b = audioout::PlayTone(&ds);
     ASSERT_NE(b, nullptr);
-    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-    ASSERT_TRUE(audioout::AwaitPlaying(b));
 
     server.Stop(); // the server goes away while the output plays
-    harness::Await([] { return g_lost.load() > 0; });
-    EXPECT_EQ(g_lost.load(), 1);
-    EXPECT_TRUE(g_lostNamedJack.load());
+    harness::Await([] { return audioout::g_serversLost.load() > 0; });
+    EXPECT_EQ(audioout::g_serversLost.load(), 1);
+    EXPECT_EQ(audioout::g_lastServerLost, "JACK");
 
     // The output stops consuming: once the ring is full, the play cursor stands still.
     auto done = std::async(std::launch::async, [&] {

@@ -207,38 +207,27 @@ TEST(Pulse, UnderrunsAreCountedOnlyWhileTheRingRunsDryAndStopKeepsTheRing)
     audioout::ExpectStopKeepsTheRingAndRunningDryIsCounted(*port);
 }
 
-std::atomic<int> g_lost{0};
-std::string g_lostServer;
-
 TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
 {
     // A server of this test's own, so that the fixture's stays up for the others.
     const std::string dir = harness::PulseDir() + "/lost";
     ASSERT_EQ(harness::Command({QUAVIX_PULSE_SCRIPT, "start", dir}), 0);
     setenv("PULSE_SERVER", ("unix:" + dir + "/native").c_str(), 1);
-    qxplat::SetBackendEventProc([](qxplat::BackendEvent e, int, const char* server) {
-        if (e != qxplat::BackendEvent::ServerLost) return;
-        g_lostServer = server;
-        g_lost.fetch_add(1);
-    });
+    audioout::CountLostServers();
     qxplat::Backend& backend = qxplat::CurrentBackend();
     ASSERT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 3);
-
     LPDIRECTSOUND ds = nullptr;
-    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
-    LPDIRECTSOUNDBUFFER b = audioout::ToneBuffer(ds, 48000, 1000.0, 0.5);
+    LPDIRECTSOUNDBUFFER b = audioout::PlayTone(&ds);
     ASSERT_NE(b, nullptr);
-    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-    ASSERT_TRUE(audioout::AwaitPlaying(b));
 
     std::ifstream pidFile(dir + "/pid");
     pid_t pid = 0;
     pidFile >> pid;
     ASSERT_GT(pid, 0);
     kill(pid, SIGKILL);
-    harness::Await([] { return g_lost.load() > 0; });
-    EXPECT_EQ(g_lost.load(), 1);
-    EXPECT_EQ(g_lostServer, "PulseAudio");
+    harness::Await([] { return audioout::g_serversLost.load() > 0; });
+    EXPECT_EQ(audioout::g_serversLost.load(), 1);
+    EXPECT_EQ(audioout::g_lastServerLost, "PulseAudio");
 
     // The application's calls still return; the output is gone from the list.
     auto done = std::async(std::launch::async, [&] {
@@ -259,8 +248,8 @@ TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
     EXPECT_EQ(DirectSoundCreate(nullptr, &again, nullptr), DS_OK);
     if (again != nullptr) again->Release();
     harness::Command({QUAVIX_PULSE_SCRIPT, "stop", dir});
-    harness::Await([] { return g_lost.load() >= 2; });
-    EXPECT_EQ(g_lost.load(), 2) << "the second server's end is reported as well";
+    harness::Await([] { return audioout::g_serversLost.load() >= 2; });
+    EXPECT_EQ(audioout::g_serversLost.load(), 2) << "the second server's end is reported as well";
 }
 
 // Raw ALSA PCM where no server answers libpulse: "default" is the pulse ALSA plugin,
