@@ -57,6 +57,27 @@ public:
         return out;
     }
 
+    // The first audio port whose name matches the pattern, or "".
+    std::string Find(const std::string& pattern, unsigned long flags) const
+    {
+        std::string name;
+        if (const char** ports = jack_get_ports(m_client, pattern.c_str(), JACK_DEFAULT_AUDIO_TYPE, flags)) {
+            if (ports[0] != nullptr) name = ports[0];
+            jack_free(ports);
+        }
+        return name;
+    }
+    // Connects `out` to `in`, after taking whatever else fed `in` away from it.
+    bool ConnectOnly(const std::string& out, const std::string& in) const
+    {
+        if (out.empty() || in.empty()) return false;
+        if (const char** from = jack_port_get_all_connections(m_client, jack_port_by_name(m_client, in.c_str()))) {
+            for (const char** p = from; *p != nullptr; ++p) jack_disconnect(m_client, *p, in.c_str());
+            jack_free(from);
+        }
+        return jack_connect(m_client, out.c_str(), in.c_str()) == 0;
+    }
+
 private:
     jack_client_t* m_client = nullptr;
     std::atomic<int> m_xruns{0};

@@ -38,6 +38,14 @@ int FindDevice(CQuavix* q, int dir, const std::string& port)
     return -1;
 }
 
+// A short message's three bytes as jack_midi_dump prints them.
+std::string Hex(DWORD msg)
+{
+    char s[8];
+    std::snprintf(s, sizeof s, "%02x%02x%02x", msg & 0xFF, (msg >> 8) & 0xFF, (msg >> 16) & 0xFF);
+    return s;
+}
+
 bool WaitForPort(const char* name)
 {
     return jackclients::Probe().WaitExists(name);
@@ -237,14 +245,9 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
         size_t k = 0; // what arrived is the score in order, with gaps and repeats at most
         std::string last;
         for (auto& g : got) {
-            char expect[8];
             if (g.second == last) continue; // a late client may read one cycle's buffer twice
             last = g.second;
-            for (; k < score.notes.size(); ++k) {
-                DWORD msg = score.notes[k].second;
-                std::snprintf(expect, sizeof expect, "%02x%02x%02x", msg & 0xFF, (msg >> 8) & 0xFF, (msg >> 16) & 0xFF);
-                if (g.second == expect) break;
-            }
+            while (k < score.notes.size() && g.second != Hex(score.notes[k].second)) ++k;
             ASSERT_LT(k++, score.notes.size()) << g.second << " out of order or not sent";
         }
         EXPECT_GE(got.size(), score.notes.size() / 2);
@@ -252,10 +255,7 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
     }
     ASSERT_EQ(got.size(), score.notes.size()) << "every event arrives";
     for (size_t i = 0; i < got.size(); ++i) {
-        char expect[8];
-        DWORD msg = score.notes[i].second;
-        std::snprintf(expect, sizeof expect, "%02x%02x%02x", msg & 0xFF, (msg >> 8) & 0xFF, (msg >> 16) & 0xFF);
-        EXPECT_EQ(got[i].second, expect) << i;
+        EXPECT_EQ(got[i].second, Hex(score.notes[i].second)) << i;
         // 48 frames a millisecond; within one frame of the intended distance from the first.
         const long intended = static_cast<long>(score.notes[i].first - score.notes[0].first) * 48;
         EXPECT_NEAR(static_cast<double>(got[i].first - got[0].first), static_cast<double>(intended), 1.0) << i;

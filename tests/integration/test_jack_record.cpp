@@ -9,6 +9,7 @@
 #include <quavix/Quavix.h>
 
 #include "harness.h"
+#include "jack_clients.h"
 
 #include <gtest/gtest.h>
 #include <jack/jack.h>
@@ -65,47 +66,6 @@ struct Take {
     }
 };
 
-// Our output's ports into our input's ports, with a client of the test's own.
-class Patch {
-public:
-    Patch()
-    {
-        m_client = jack_client_open("quavix-record-test", JackNoStartServer, nullptr);
-        EXPECT_NE(m_client, nullptr);
-    }
-    ~Patch()
-    {
-        if (m_client != nullptr) jack_client_close(m_client);
-    }
-    // out_1 into in_1 and out_2 into in_2, and nothing else into either.
-    bool Connect()
-    {
-        for (const char* side : {"1", "2"}) {
-            const std::string out = Find((std::string("^quavix[^:]*:out_") + side + "$").c_str(), JackPortIsOutput);
-            const std::string in = Find((std::string("^quavix[^:]*:in_") + side + "$").c_str(), JackPortIsInput);
-            if (out.empty() || in.empty()) return false;
-            if (const char** from = jack_port_get_all_connections(m_client, jack_port_by_name(m_client, in.c_str()))) {
-                for (const char** p = from; *p != nullptr; ++p) jack_disconnect(m_client, *p, in.c_str());
-                jack_free(from);
-            }
-            if (jack_connect(m_client, out.c_str(), in.c_str()) != 0) return false;
-        }
-        return true;
-    }
-
-private:
-    std::string Find(const char* pattern, unsigned long flags)
-    {
-        std::string name;
-        if (const char** ports = jack_get_ports(m_client, pattern, JACK_DEFAULT_AUDIO_TYPE, flags)) {
-            if (ports[0] != nullptr) name = ports[0];
-            jack_free(ports);
-        }
-        return name;
-    }
-    jack_client_t* m_client = nullptr;
-};
-
 // Plays a file on wave output 0 into wave input 0 and records until `seconds` of sound
 // have come (48 kHz 16-bit mono); the take starts before the sound does.
 std::vector<int16_t> PlayAndRecord(const std::string& file, double seconds)
@@ -120,8 +80,10 @@ std::vector<int16_t> PlayAndRecord(const std::string& file, double seconds)
     const int tag = q->StartRecording(Take::Proc, reinterpret_cast<DWORD_PTR>(&take), 1);
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    Patch patch;
-    EXPECT_TRUE(patch.Connect());
+    const jackclients::Probe probe;
+    for (const char* side : {"1", "2"}) // nothing but our output into our input
+        EXPECT_TRUE(probe.ConnectOnly(probe.Find(std::string("^quavix[^:]*:out_") + side + "$", JackPortIsOutput),
+                                      probe.Find(std::string("^quavix[^:]*:in_") + side + "$", JackPortIsInput)));
     EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     EXPECT_NE(q->PlayWaveFile(file.c_str(), 0, nullptr, 0), 0);
