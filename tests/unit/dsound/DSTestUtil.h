@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <string>
 #include <vector>
 
 namespace dstest {
@@ -60,6 +61,31 @@ inline LPDIRECTSOUNDBUFFER MakeBuffer(LPDIRECTSOUND ds, const WAVEFORMATEX& wfx,
     LPDIRECTSOUNDBUFFER b = nullptr;
     EXPECT_EQ(ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
     return b;
+}
+
+struct Driver {
+    bool hasGuid;
+    GUID guid;
+    std::string description, module;
+};
+
+// Enumerates into a std::vector<Driver>.
+inline BOOL CALLBACK Collect(LPGUID pGuid, LPCSTR pszDescription, LPCSTR pszModule, LPVOID pContext)
+{
+    auto* list = static_cast<std::vector<Driver>*>(pContext);
+    list->push_back({pGuid != nullptr, pGuid != nullptr ? *pGuid : GUID_NULL, pszDescription, pszModule});
+    return TRUE;
+}
+
+// An application's main window, for the cooperative level.
+inline HWND MakeWindow()
+{
+    WNDCLASSA wc{};
+    wc.lpfnWndProc = DefWindowProcA;
+    wc.lpszClassName = "QXDSoundTestWindow";
+    RegisterClassA(&wc); // may exist from an earlier test
+    return CreateWindowExA(0, "QXDSoundTestWindow", "main", 0, 0, 0, 0, 0, nullptr, nullptr, QXGetModuleInstance(),
+                           nullptr);
 }
 
 inline LPDIRECTSOUNDBUFFER Primary(LPDIRECTSOUND ds)
