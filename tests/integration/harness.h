@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -126,22 +127,79 @@ inline int Command(std::vector<std::string> argv, const std::vector<std::string>
     return c.Wait(60s);
 }
 
-// A private JACK server (dummy driver) that the test may stop or kill; the fixture's
-// server is never touched. A server killed hard stays in JACK's registry of servers,
-// which holds eight, until one of the same name starts again: so a killed one is
-// started once more and stopped cleanly at the end.
-class JackServer {
+// A private server that one of this folder's scripts starts and waits for (`SCRIPT start
+// ARGS`) and stops (`SCRIPT stop ARGS`), as the fixtures' servers are; stopped at the end
+// also when the test fails. The test may kill it hard. A JACK server killed so stays in
+// JACK's registry of servers, which holds eight, until one of the same name starts
+// again: so a killed server is started once more before it is stopped.
+class Server {
 public:
-    explicit JackServer(std::string name) : m_name(std::move(name)) { Start(); }
-    ~JackServer()
+    Server(std::string script, std::vector<std::string> args, std::string pidFile)
+        : m_script(std::move(script)), m_args(std::move(args)), m_pidFile(std::move(pidFile))
+    {
+        // The server outlives the script: adopted by us, it is reaped at once when it
+        // ends, and a JACK server of the same name can start again (a zombie still
+        // counts as running for JACK).
+        prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+        Start();
+    }
+    ~Server()
     {
         if (m_bKilled) Start();
-        m_server.reset();
+        Stop();
     }
-    JackServer(const JackServer&) = delete;
-    JackServer& operator=(const JackServer&) = delete;
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
 
     bool Ready() const { return m_ready; }
+    bool Start()
+    {
+        m_bKilled = false;
+        return m_ready = Run("start") == 0;
+    }
+    void Stop()
+    {
+        const pid_t pid = Pid();
+        Run("stop");
+        if (pid > 0) waitpid(pid, nullptr, WNOHANG);
+    }
+    void Kill()
+    {
+        const pid_t pid = Pid();
+        if (pid <= 0) return;
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        m_bKilled = true;
+    }
+
+private:
+    pid_t Pid() const
+    {
+        pid_t pid = 0;
+        std::ifstream(m_pidFile) >> pid;
+        return pid;
+    }
+    int Run(const std::string& action)
+    {
+        std::vector<std::string> argv{m_script, action};
+        argv.insert(argv.end(), m_args.begin(), m_args.end());
+        return Command(argv);
+    }
+    std::string m_script;
+    std::vector<std::string> m_args;
+    std::string m_pidFile;
+    bool m_ready = false, m_bKilled = false;
+};
+
+// A private JACK server (dummy driver) of the given name; the fixture's server is never
+// touched.
+class JackServer : public Server {
+public:
+    explicit JackServer(std::string name)
+        : Server(QUAVIX_JACK_SCRIPT, {name, "/tmp/quavix-jackd-" + name + ".pid"}, "/tmp/quavix-jackd-" + name + ".pid"),
+          m_name(std::move(name))
+    {
+    }
     const std::string& Name() const { return m_name; }
     std::vector<std::string> Env() const { return {"JACK_DEFAULT_SERVER=" + m_name, "QUAVIX_BACKEND=jack"}; }
     // True once a port whose name contains `port` is there.
@@ -155,23 +213,9 @@ public:
         std::remove(out.c_str());
         return found;
     }
-    void Stop() { m_server->Stop(); }
-    void Kill()
-    {
-        m_server->Kill(SIGKILL);
-        m_bKilled = true;
-    }
 
 private:
-    void Start()
-    {
-        m_server = std::make_unique<Child>(
-            std::vector<std::string>{"jackd", "-n", m_name, "-r", "-d", "dummy", "-r", "48000", "-p", "256"});
-        m_ready = m_server->Started() && WaitForPort("system:");
-    }
     std::string m_name;
-    std::unique_ptr<Child> m_server;
-    bool m_ready = false, m_bKilled = false;
 };
 
 // The fixture's PulseAudio (or PipeWire) server: its directory, set by CTest.

@@ -24,7 +24,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <future>
 #include <string>
 #include <thread>
@@ -211,7 +210,8 @@ TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
 {
     // A server of this test's own, so that the fixture's stays up for the others.
     const std::string dir = harness::PulseDir() + "/lost";
-    ASSERT_EQ(harness::Command({QUAVIX_PULSE_SCRIPT, "start", dir}), 0);
+    harness::Server pulse(QUAVIX_PULSE_SCRIPT, {dir}, dir + "/pid");
+    ASSERT_TRUE(pulse.Ready());
     setenv("PULSE_SERVER", ("unix:" + dir + "/native").c_str(), 1);
     audioout::CountLostServers();
     qxplat::Backend& backend = qxplat::CurrentBackend();
@@ -220,11 +220,7 @@ TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
     LPDIRECTSOUNDBUFFER b = audioout::PlayTone(&ds);
     ASSERT_NE(b, nullptr);
 
-    std::ifstream pidFile(dir + "/pid");
-    pid_t pid = 0;
-    pidFile >> pid;
-    ASSERT_GT(pid, 0);
-    kill(pid, SIGKILL);
+    pulse.Kill();
     harness::Await([] { return audioout::g_serversLost.load() > 0; });
     EXPECT_EQ(audioout::g_serversLost.load(), 1);
     EXPECT_EQ(audioout::g_lastServerLost, "PulseAudio");
@@ -243,11 +239,11 @@ TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
     EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
 
     // A server that comes back is found again.
-    ASSERT_EQ(harness::Command({QUAVIX_PULSE_SCRIPT, "start", dir}), 0);
+    ASSERT_TRUE(pulse.Start());
     EXPECT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 3);
     EXPECT_EQ(DirectSoundCreate(nullptr, &again, nullptr), DS_OK);
     if (again != nullptr) again->Release();
-    harness::Command({QUAVIX_PULSE_SCRIPT, "stop", dir});
+    pulse.Stop();
     harness::Await([] { return audioout::g_serversLost.load() >= 2; });
     EXPECT_EQ(audioout::g_serversLost.load(), 2) << "the second server's end is reported as well";
 }
