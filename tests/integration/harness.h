@@ -48,6 +48,16 @@ inline std::string Temp(const std::string& what)
     return "/tmp/quavix-it-" + std::to_string(getpid()) + "-" + std::to_string(++n) + "-" + what;
 }
 
+// A Temp name whose file goes with it.
+struct TempFile {
+    const std::string path;
+    explicit TempFile(const std::string& what) : path(Temp(what)) {}
+    ~TempFile() { std::remove(path.c_str()); }
+    TempFile(const TempFile&) = delete;
+    TempFile& operator=(const TempFile&) = delete;
+    operator const std::string&() const { return path; }
+};
+
 inline std::string Slurp(const std::string& path)
 {
     std::ifstream f(path, std::ios::binary);

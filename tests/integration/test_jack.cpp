@@ -24,7 +24,6 @@ namespace {
 
 using harness::Child;
 using harness::Slurp;
-using harness::Temp;
 
 // Index of the device whose name is exactly port, or -1; waits for the port to appear.
 int FindDevice(CQuavix* q, int dir, const std::string& port)
@@ -206,7 +205,7 @@ protected:
 
 TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
 {
-    const std::string file = Temp("dump.txt");
+    const harness::TempFile file("dump.txt");
     Child dump({"jack_midi_dump", "-a", "qxdump"}, file);
     ASSERT_TRUE(WaitForPort("qxdump:input"));
     CQuavix* q = Manager();
@@ -265,7 +264,7 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
 TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacing)
 {
     // A 500 ms loop: note 60 at 0 for 8000 frames, note 63 at 12000 (250 ms) for 8000.
-    Child seq({"jack_midiseq", "qxseq", "24000", "0", "60", "8000", "12000", "63", "8000"}, Temp("seq.txt"));
+    Child seq({"jack_midiseq", "qxseq", "24000", "0", "60", "8000", "12000", "63", "8000"});
     ASSERT_TRUE(WaitForPort("qxseq:out"));
     CQuavix* q = Manager();
     int in = FindDevice(q, QX_DEVDIR_IN, "qxseq:out");
@@ -313,7 +312,7 @@ TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacing)
 // order. Runs are repeated until one completes or enough messages have gone through.
 TEST_F(JackTest, ThruLatencyMeasuredByJackMidiLatencyTest)
 {
-    const std::string file = Temp("latency.txt");
+    const harness::TempFile file("latency.txt");
     const auto begin = std::chrono::steady_clock::now();
     int total = 0, runs = 0;
     bool complete = false;
