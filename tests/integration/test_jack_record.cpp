@@ -8,6 +8,7 @@
 // QUAVIX_BACKEND=jack.
 #include <quavix/Quavix.h>
 
+#include "analysis.h"
 #include "harness.h"
 #include "jack_clients.h"
 
@@ -16,6 +17,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -190,16 +192,10 @@ TEST(JackRecord, ASweepFromOurOutputIsWhatOurInputRecords)
     ASSERT_LT(onset, s.size()) << "the sound did not come";
     // Correlation of take[from, to) with the sweep shifted by `lag` (take index − sweep
     // index), over the part the sweep covers.
+    const std::vector<float> take(s.begin(), s.end()), src(sweep.begin(), sweep.end());
     auto correlate = [&](size_t from, size_t to, ptrdiff_t lag) {
-        double xy = 0, xx = 0, yy = 0;
-        for (size_t i = from; i < to; ++i) {
-            const ptrdiff_t k = ptrdiff_t(i) - lag;
-            if (k < 0 || k >= ptrdiff_t(sweep.size())) continue;
-            xy += double(sweep[size_t(k)]) * s[i];
-            xx += double(sweep[size_t(k)]) * sweep[size_t(k)];
-            yy += double(s[i]) * s[i];
-        }
-        return xx > 0 && yy > 0 ? xy / std::sqrt(xx * yy) : 0.0;
+        const ptrdiff_t a = std::max<ptrdiff_t>(0, ptrdiff_t(from) - lag), b = std::max(a, ptrdiff_t(to) - lag);
+        return analysis::Correlation(take, src, lag, size_t(a), size_t(b));
     };
     // The first loud sample is within a few samples of the sweep's start.
     ptrdiff_t lo = ptrdiff_t(onset) - 200, hi = ptrdiff_t(onset) + 200;
