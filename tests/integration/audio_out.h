@@ -1,5 +1,5 @@
-// What the tests of audio outputs on real servers share: a tone to play, and the contract
-// every output port keeps with the mixer that feeds it.
+// What the tests of audio outputs on real servers share: the drivers listed, a tone to
+// play, and the contract every output port keeps with the mixer that feeds it.
 #ifndef QUAVIX_TESTS_INTEGRATION_AUDIO_OUT_H
 #define QUAVIX_TESTS_INTEGRATION_AUDIO_OUT_H
 
@@ -7,16 +7,38 @@
 #include "platform/dsound/QXDSound.h"
 #include "platform/dsound/QXMixer.h"
 
+#include "harness.h"
+
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <string>
 #include <thread>
 #include <vector>
 
 namespace audioout {
+
+struct Driver {
+    bool hasGuid;
+    GUID guid;
+    std::string description, module;
+};
+
+inline std::vector<Driver> Drivers()
+{
+    std::vector<Driver> out;
+    DirectSoundEnumerateA(
+        [](LPGUID g, LPCSTR d, LPCSTR m, LPVOID ctx) -> BOOL {
+            static_cast<std::vector<Driver>*>(ctx)->push_back({g != nullptr, g != nullptr ? *g : GUID{}, d, m});
+            return TRUE;
+        },
+        &out);
+    return out;
+}
 
 // A looping secondary buffer of one second of a 16-bit stereo sine.
 inline LPDIRECTSOUNDBUFFER ToneBuffer(LPDIRECTSOUND ds, unsigned rate, double hz, double amplitude)
@@ -52,6 +74,40 @@ inline LPDIRECTSOUNDBUFFER ToneBuffer(LPDIRECTSOUND ds, unsigned rate, double hz
     return b;
 }
 
+// True once the buffer's play cursor moves: the output takes what the mixer makes.
+inline bool AwaitPlaying(LPDIRECTSOUNDBUFFER b)
+{
+    DWORD first = 0, play = 0, write = 0;
+    b->GetCurrentPosition(&first, &write);
+    return harness::Await([&] { return b->GetCurrentPosition(&play, &write) == DS_OK && play != first; });
+}
+
+// Servers lost so far, and the name the last one was reported by.
+inline std::atomic<int> g_serversLost{0};
+inline std::string g_lastServerLost; // written before the count, read after it
+
+inline void CountLostServers()
+{
+    qxplat::SetBackendEventProc([](qxplat::BackendEvent e, int, const char* server) {
+        if (e != qxplat::BackendEvent::ServerLost) return;
+        g_lastServerLost = server;
+        g_serversLost.fetch_add(1);
+    });
+}
+
+// A looping 1 kHz tone through the default driver that the output takes; null when not.
+inline LPDIRECTSOUNDBUFFER PlayTone(LPDIRECTSOUND* pds)
+{
+    LPDIRECTSOUNDBUFFER b = nullptr;
+    EXPECT_EQ(DirectSoundCreate(nullptr, pds, nullptr), DS_OK);
+    if (*pds != nullptr) b = ToneBuffer(*pds, 48000, 1000.0, 0.5);
+    EXPECT_NE(b, nullptr);
+    if (b == nullptr) return nullptr;
+    EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    EXPECT_TRUE(AwaitPlaying(b)) << "the output takes nothing";
+    return b;
+}
+
 // Fed by a mixer for two seconds, the port's ring never runs dry for long on an idle
 // machine; the bound is generous so that a busy build machine does not fail it.
 inline void ExpectAFedPortKeepsPlaying(qxplat::AudioOutPort& port)
@@ -81,9 +137,7 @@ inline void ExpectStopKeepsTheRingAndRunningDryIsCounted(qxplat::AudioOutPort& p
     EXPECT_EQ(port.UnderrunFrames(), before);
 
     port.Start();
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (port.UnderrunFrames() < before + rate / 10 && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    harness::Await([&] { return port.UnderrunFrames() >= before + rate / 10; });
     EXPECT_EQ(ring.Readable(), 0u);
     EXPECT_GE(port.UnderrunFrames(), before + rate / 10);
     port.Stop();

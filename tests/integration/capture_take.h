@@ -1,9 +1,13 @@
-// What the capture tests share: a recording made through the platform's waveIn calls, a
-// WAV writer for the tones other programs play, and the peak of what came in.
+// What the capture tests share: a recording made through the platform's waveIn calls, and
+// the inputs by name.
 #ifndef QUAVIX_TESTS_INTEGRATION_CAPTURE_TAKE_H
 #define QUAVIX_TESTS_INTEGRATION_CAPTURE_TAKE_H
 
+#include "harness.h"
 #include "platform/QXPlatform.h"
+#include "platform/backends/QXBackend.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
@@ -11,15 +15,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace capture {
-
-constexpr double kPi = 3.14159265358979323846;
 
 inline WAVEFORMATEX Pcm16(DWORD rate, WORD channels)
 {
@@ -170,40 +172,22 @@ inline int FindInput(const std::string& part)
     return -1;
 }
 
-// `seconds` of a stereo 16-bit sine, the same on both channels.
-inline bool WriteToneWav(const std::string& path, unsigned rate, double hz, double amplitude, double seconds)
+// The port's own contract: frames flow only between Start and Stop. What comes after a
+// Stop can only be looked for after a while.
+inline void ExpectStopEndsDeliveryAndStartResumesIt(qxplat::AudioInPort& port)
 {
-    const auto frames = static_cast<uint32_t>(seconds * rate);
-    std::ofstream f(path, std::ios::binary);
-    auto put = [&](uint32_t v, int bytes) {
-        for (int k = 0; k < bytes; ++k) f.put(static_cast<char>(v >> (8 * k) & 0xFF));
-    };
-    const uint32_t bytes = frames * 4;
-    f.write("RIFF", 4);
-    put(36 + bytes, 4);
-    f.write("WAVEfmt ", 8);
-    put(16, 4);
-    put(1, 2);
-    put(2, 2);
-    put(rate, 4);
-    put(rate * 4, 4);
-    put(4, 2);
-    put(16, 2);
-    f.write("data", 4);
-    put(bytes, 4);
-    for (uint32_t i = 0; i < frames; ++i) {
-        const auto v = static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * kPi * hz * i / rate)));
-        put(static_cast<uint16_t>(v), 2);
-        put(static_cast<uint16_t>(v), 2);
+    qxplat::AudioRing& ring = port.Ring();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(ring.Readable(), 0u) << "frames before Start";
+    for (int round = 0; round < 3; ++round) {
+        port.Start();
+        EXPECT_TRUE(harness::Await([&] { return ring.Readable() >= port.Rate() / 10; }))
+            << "round " << round << ": nothing comes after Start";
+        port.Stop();
+        ring.Skip(ring.Readable());
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        EXPECT_EQ(ring.Readable(), 0u) << "round " << round << ": frames after Stop returned";
     }
-    return f.good();
-}
-
-inline float Peak(const std::vector<float>& x)
-{
-    float p = 0;
-    for (float v : x) p = std::max(p, std::fabs(v));
-    return p;
 }
 
 } // namespace capture

@@ -4,7 +4,9 @@
 //
 // Environment (set by CTest): JACK_DEFAULT_SERVER names the fixture's server,
 // QUAVIX_BACKEND=jack.
+#include "analysis.h"
 #include "capture_take.h"
+#include "harness.h"
 #include "jack_clients.h"
 
 #include "platform/QXPlatform.h"
@@ -14,29 +16,20 @@
 #include <gtest/gtest.h>
 #include <jack/jack.h>
 
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
 
 using namespace std::chrono_literals;
-using jackclients::Child;
+using harness::Child;
 using jackclients::Probe;
-
-std::string TempName(const char* what)
-{
-    return "/tmp/quavix-capture-jack-" + std::string(what) + "-" + std::to_string(getpid()) + ".txt";
-}
 
 TEST(JackCapture, TheServerIsOneInputWhosePortsComeFromTheCapturePorts)
 {
@@ -64,18 +57,9 @@ TEST(JackCapture, TheServerIsOneInputWhosePortsComeFromTheCapturePorts)
     EXPECT_EQ(probe.Connections(client + ":in_1"), std::vector<std::string>{"system:capture_1"});
     EXPECT_EQ(probe.Connections(client + ":in_2"), std::vector<std::string>{"system:capture_2"});
 
-    // A second input open at the same time has ports of its own; closing one takes its
-    // ports away and leaves the other's.
     auto second = std::make_unique<capture::Take>();
     ASSERT_EQ(second->Open(0, 44100, 1), MMSYSERR_NOERROR);
-    EXPECT_TRUE(probe.Exists(client + ":in2_1"));
-    EXPECT_TRUE(probe.Exists(client + ":in2_2"));
-    first.reset();
-    EXPECT_FALSE(probe.Exists(client + ":in_1"));
-    EXPECT_FALSE(probe.Exists(client + ":in_2"));
-    EXPECT_TRUE(probe.Exists(client + ":in2_1"));
-    second.reset();
-    EXPECT_FALSE(probe.Exists(client + ":in2_1"));
+    jackclients::ExpectPortsOfTheirOwn(probe, client + ":in", first, second);
 }
 
 // The port's own contract: frames flow only between Start and Stop, at the server's rate.
@@ -88,23 +72,12 @@ TEST(JackCapture, StopEndsDeliveryAndStartResumesIt)
     EXPECT_EQ(b.OpenAudioIn(-1, port), MMSYSERR_BADDEVICEID);
     ASSERT_EQ(b.OpenAudioIn(0, port), MMSYSERR_NOERROR);
     EXPECT_EQ(port->Rate(), jack_get_sample_rate(probe.Client()));
-    qxplat::AudioRing& ring = port->Ring();
-
-    std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(ring.Readable(), 0u) << "frames before Start";
-    for (int round = 0; round < 3; ++round) {
-        port->Start();
-        for (int i = 0; i < 500 && ring.Readable() < port->Rate() / 10; ++i) std::this_thread::sleep_for(5ms);
-        EXPECT_GE(ring.Readable(), port->Rate() / 10) << "round " << round << ": nothing comes after Start";
-        port->Stop();
-        ring.Skip(ring.Readable());
-        std::this_thread::sleep_for(100ms);
-        EXPECT_EQ(ring.Readable(), 0u) << "round " << round << ": frames after Stop returned";
-    }
+    capture::ExpectStopEndsDeliveryAndStartResumesIt(*port);
 
     // Nobody reading: the ring fills, and what finds it full is counted.
+    qxplat::AudioRing& ring = port->Ring();
     port->Start();
-    for (int i = 0; i < 1000 && port->OverrunFrames() == 0; ++i) std::this_thread::sleep_for(5ms);
+    harness::Await([&] { return port->OverrunFrames() > 0; });
     port->Stop();
     EXPECT_EQ(ring.Readable(), ring.Capacity());
     EXPECT_GT(port->OverrunFrames(), 0u);
@@ -121,8 +94,7 @@ TEST(JackCapture, MetronomeClicksAreRecordedAtTheirSpacing)
     const jack_nframes_t period = jack_get_buffer_size(probe.Client());
     constexpr int kBpm = 120;
     const std::string metro = "qxmetro" + std::to_string(getpid());
-    const std::string log = TempName("metro");
-    Child clicks({"jack_metro", "-n", metro, "-b", std::to_string(kBpm), "-f", "1000", "-A", "0.5", "-D", "20"}, log);
+    Child clicks({"jack_metro", "-n", metro, "-b", std::to_string(kBpm), "-f", "1000", "-A", "0.5", "-D", "20"});
     ASSERT_TRUE(clicks.Started()) << "jack_metro does not start (package jackd2)";
     const std::string source = metro + ":" + std::to_string(kBpm) + "_bpm";
     ASSERT_TRUE(probe.WaitExists(source)) << "jack_metro's port does not appear";
@@ -137,33 +109,22 @@ TEST(JackCapture, MetronomeClicksAreRecordedAtTheirSpacing)
     take.Close();
     const int xruns = probe.Xruns() - xrunsBefore;
     clicks.Stop();
-    std::remove(log.c_str());
     EXPECT_EQ(take.StopResult(), MMSYSERR_NOERROR);
     EXPECT_EQ(take.CloseResult(), MMSYSERR_NOERROR);
 
-    // A click begins where the left channel first passes 0.1 after 25 ms of quiet (the
-    // recording may begin inside a 20 ms click).
+    // A click begins where the left channel first passes 0.1 after 25 ms of quiet.
     const std::vector<float> left = take.Channel(0), right = take.Channel(1);
     const long spacing = 60L * rate / kBpm;
-    std::vector<long> onsets;
-    size_t quiet = 0;
-    for (size_t i = 0; i < left.size(); ++i) {
-        if (std::fabs(left[i]) < 0.1f) {
-            ++quiet;
-            continue;
-        }
-        if (quiet >= rate / 40) onsets.push_back(static_cast<long>(i));
-        quiet = 0;
-    }
+    const std::vector<long> onsets = analysis::Onsets(left, 0.1f, rate / 40);
     long worst = 0;
     for (size_t k = 1; k < onsets.size(); ++k) worst = std::max(worst, std::labs(onsets[k] - onsets[k - 1] - spacing));
     std::printf("%zu frames recorded, %zu clicks, spacing %ld frames expected, worst error %ld frames (period %u), "
                 "click peak %.4f, right channel peak %.5f, %d xruns\n",
-                take.Frames(), onsets.size(), spacing, worst, period, capture::Peak(left), capture::Peak(right),
+                take.Frames(), onsets.size(), spacing, worst, period, analysis::Peak(left), analysis::Peak(right),
                 xruns);
     ASSERT_GE(onsets.size(), 6u) << "the clicks did not come through in_1";
-    EXPECT_NEAR(capture::Peak(left), 0.5, 0.02) << "the click's level changed on the way";
-    EXPECT_LT(capture::Peak(right), 0.001) << "the click leaked into the right channel";
+    EXPECT_NEAR(analysis::Peak(left), 0.5, 0.02) << "the click's level changed on the way";
+    EXPECT_LT(analysis::Peak(right), 0.001) << "the click leaked into the right channel";
     if (xruns != 0)
         std::printf("the server fell behind while recording: the spacing is not checked\n");
     else
@@ -175,15 +136,9 @@ std::atomic<int> g_lost{0};
 TEST(JackCaptureGone, AServerThatGoesAwayWhileRecordingHangsNeitherStopNorClose)
 {
     // A server of this test's own, so that the fixture's stays up for the others.
-    const std::string name = "quavix-ctest-capturegone-" + std::to_string(getpid());
-    setenv("JACK_DEFAULT_SERVER", name.c_str(), 1);
-    const std::string log = TempName("jackd");
-    Child server({"jackd", "-n", name, "-d", "dummy", "-r", "48000", "-p", "256"}, log);
-    ASSERT_TRUE(server.Started());
-    {
-        Probe probe; // waits for the server to answer
-        ASSERT_NE(probe.Client(), nullptr) << "private server did not start";
-    }
+    harness::JackServer server("quavix-ctest-capturegone-" + std::to_string(getpid()));
+    ASSERT_TRUE(server.Ready()) << "private server did not start";
+    setenv("JACK_DEFAULT_SERVER", server.Name().c_str(), 1);
     qxplat::SetBackendEventProc([](qxplat::BackendEvent e, int, const char*) {
         if (e == qxplat::BackendEvent::ServerLost) g_lost.fetch_add(1);
     });
@@ -195,8 +150,7 @@ TEST(JackCaptureGone, AServerThatGoesAwayWhileRecordingHangsNeitherStopNorClose)
     EXPECT_TRUE(take->Collect(48000 / 4, 10s)) << "nothing recorded while the server ran";
 
     server.Stop(); // the server goes away while the input records
-    const auto end = std::chrono::steady_clock::now() + 10s;
-    while (g_lost.load() == 0 && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(20ms);
+    harness::Await([] { return g_lost.load() > 0; });
     EXPECT_EQ(g_lost.load(), 1);
 
     auto done = std::async(std::launch::async, [&] { take->Close(); });
@@ -209,7 +163,6 @@ TEST(JackCaptureGone, AServerThatGoesAwayWhileRecordingHangsNeitherStopNorClose)
     EXPECT_EQ(waveInGetNumDevs(), 0u);
     capture::Take again;
     EXPECT_EQ(again.Open(0, 48000, 2), MMSYSERR_NODRIVER);
-    std::remove(log.c_str());
 }
 
 } // namespace

@@ -5,111 +5,35 @@
 //
 // Environment (set by CTest): PULSE_SERVER names the fixture's server,
 // QUAVIX_PULSE_DIR its directory, QUAVIX_BACKEND=pulse.
+#include "analysis.h"
 #include "capture_take.h"
-#include "tone.h"
+#include "harness.h"
 
 #include "platform/QXPlatform.h"
 #include "platform/backends/QXBackend.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cctype>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string FixtureDir()
-{
-    const char* d = std::getenv("QUAVIX_PULSE_DIR");
-    return d != nullptr ? d : "";
-}
-
-pid_t Spawn(std::vector<std::string> args)
-{
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-    pid_t pid;
-    const bool ok = posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ) == 0;
-    posix_spawn_file_actions_destroy(&fa);
-    return ok ? pid : -1;
-}
-
-int Command(std::vector<std::string> args)
-{
-    const pid_t pid = Spawn(std::move(args));
-    if (pid < 0) return -1;
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// paplay playing a WAV file into a sink for the length of a test.
-class Player {
-public:
-    Player(const std::string& sink, const std::string& wav) : m_pid(Spawn({"paplay", "-d", sink, wav})) {}
-    ~Player()
-    {
-        if (m_pid <= 0) return;
-        kill(m_pid, SIGTERM);
-        waitpid(m_pid, nullptr, 0);
-    }
-    Player(const Player&) = delete;
-    Player& operator=(const Player&) = delete;
-    bool Started() const { return m_pid > 0; }
-
-private:
-    pid_t m_pid;
-};
-
-// The rate a sink of the fixture's server runs at now.
-unsigned SinkRate(const std::string& sink)
-{
-    FILE* f = popen("pactl list short sinks 2>/dev/null", "r");
-    if (f == nullptr) return 0;
-    char line[512];
-    unsigned rate = 0;
-    while (std::fgets(line, sizeof line, f) != nullptr) {
-        const std::string l = line;
-        const size_t hz = l.find("Hz");
-        if (l.find("\t" + sink + "\t") == std::string::npos || hz == std::string::npos) continue;
-        size_t at = hz;
-        while (at > 0 && std::isdigit(static_cast<unsigned char>(l[at - 1]))) --at;
-        rate = static_cast<unsigned>(std::stoul(l.substr(at, hz - at)));
-    }
-    pclose(f);
-    return rate;
-}
+using harness::SinkRate;
 
 std::string ToneFile(unsigned rate)
 {
-    const std::string path = FixtureDir() + "/tone-" + std::to_string(rate) + "-" + std::to_string(getpid()) + ".wav";
-    return capture::WriteToneWav(path, rate, 1000.0, 0.5, 8.0) ? path : std::string();
+    const std::string path = harness::Temp("tone.wav");
+    return analysis::WriteWav(path, rate, 2, analysis::Sine(rate, 2, 1000.0, 0.5, 8.0)) ? path : std::string();
 }
 
-// Plays a 1 kHz tone at 0.5 into a sink and records it through wave input `device` as
-// 16-bit stereo at `rate`.
-tone::Report RecordTone(int device, const std::string& sink, unsigned rate)
+// Plays a 1 kHz tone at 0.5 into a sink, records it through wave input `device` as 16-bit
+// stereo at `rate`, and expects the tone at its pitch and level on both channels.
+void ExpectToneRecorded(int device, const std::string& sink, unsigned rate, double hzTolerance = 0.5)
 {
     const std::string wav = ToneFile(48000);
     EXPECT_FALSE(wav.empty());
@@ -117,20 +41,23 @@ tone::Report RecordTone(int device, const std::string& sink, unsigned rate)
     EXPECT_EQ(take.Open(static_cast<UINT>(device), rate, 2), MMSYSERR_NOERROR);
     EXPECT_EQ(take.Start(), MMSYSERR_NOERROR);
     {
-        Player player(sink, wav);
+        harness::Child player({"paplay", "-d", sink, wav});
         EXPECT_TRUE(player.Started()) << "paplay does not start (package pulseaudio-utils)";
         EXPECT_TRUE(take.Collect(4 * rate, 30s)) << "the recording does not fill";
     }
     take.Close();
     std::remove(wav.c_str());
     EXPECT_EQ(take.CloseResult(), MMSYSERR_NOERROR);
-    const tone::Report t = tone::Analyse(take.Samples(), 2, rate, 1000.0, 2.0, 0.05f);
+    const analysis::Report t = analysis::Analyse(take.Samples(), 2, rate, 1000.0, 2.0, 0.05f);
     std::printf("input %d (%s) recording %s at %u Hz: %zu frames, tone %.3f Hz, amplitude %.4f, right/left %.4f, "
                 "unbroken for %.2f s\n",
                 device, capture::InputName(static_cast<UINT>(device)).c_str(), sink.c_str(), rate, take.Frames(),
                 t.frequency, t.amplitude, t.rightToLeft, t.steadySeconds);
+    ASSERT_TRUE(t.found) << "no tone came in";
     EXPECT_GE(t.steadySeconds, 0.1) << "not a tenth of a second of the tone came unbroken";
-    return t;
+    EXPECT_NEAR(t.frequency, 1000.0, hzTolerance);
+    EXPECT_NEAR(t.amplitude, 0.5, 0.02);
+    EXPECT_NEAR(t.rightToLeft, 1.0, 0.02);
 }
 
 TEST(PulseCapture, InputsAreTheDefaultThenEachSourceMonitorsIncluded)
@@ -155,12 +82,11 @@ TEST(PulseCapture, InputsAreTheDefaultThenEachSourceMonitorsIncluded)
     EXPECT_EQ(bad.Open(waveInGetNumDevs(), 48000, 2), MMSYSERR_BADDEVICEID);
 
     // The default follows the server (the capabilities' name holds 31 characters of it).
-    const std::string server = std::getenv("PULSE_SERVER");
-    ASSERT_EQ(Command({"pactl", "-s", server, "set-default-source", "quavix_b.monitor"}), 0);
+    ASSERT_EQ(harness::Pactl("set-default-source", "quavix_b.monitor"), 0);
     waveInGetNumDevs();
     EXPECT_EQ(backend.DeviceName(qxplat::DeviceKind::WaveIn, 0), "Default input (Monitor of Quavix_B)");
     EXPECT_EQ(capture::InputName(0), std::string("Default input (Monitor of Quavix_B)").substr(0, MAXPNAMELEN - 1));
-    Command({"pactl", "-s", server, "set-default-source", "quavix_a.monitor"});
+    harness::Pactl("set-default-source", "quavix_a.monitor");
 }
 
 // At the monitor's own rate nothing is converted but the sample format.
@@ -168,11 +94,7 @@ TEST(PulseCapture, ToneOnANullSinkIsRecordedFromItsMonitor)
 {
     const int a = capture::FindInput("Monitor of Quavix_A");
     ASSERT_GE(a, 0);
-    const tone::Report t = RecordTone(a, "quavix_a", SinkRate("quavix_a"));
-    ASSERT_TRUE(t.found) << "no tone came in";
-    EXPECT_NEAR(t.frequency, 1000.0, 0.5);
-    EXPECT_NEAR(t.amplitude, 0.5, 0.02);
-    EXPECT_NEAR(t.rightToLeft, 1.0, 0.02);
+    ExpectToneRecorded(a, "quavix_a", SinkRate("quavix_a"));
 }
 
 // A 44.1 kHz monitor recorded at 48 kHz: a source whose rate were taken wrongly would put
@@ -181,10 +103,7 @@ TEST(PulseCapture, ToneFromAMonitorAtAnotherRateIsConvertedToTheInputsRate)
 {
     const int b = capture::FindInput("Monitor of Quavix_B");
     ASSERT_GE(b, 0);
-    const tone::Report t = RecordTone(b, "quavix_b", 48000);
-    ASSERT_TRUE(t.found) << "no tone came in";
-    EXPECT_NEAR(t.frequency, 1000.0, 0.5);
-    EXPECT_NEAR(t.amplitude, 0.5, 0.02);
+    ExpectToneRecorded(b, "quavix_b", 48000);
 }
 
 // The port's own contract, with a tone playing so that the monitor has something to send.
@@ -194,22 +113,11 @@ TEST(PulseCapture, StopEndsDeliveryAndStartResumesIt)
     ASSERT_GE(a, 0);
     const std::string wav = ToneFile(48000);
     ASSERT_FALSE(wav.empty());
-    Player player("quavix_a", wav);
+    harness::Child player({"paplay", "-d", "quavix_a", wav});
     qxplat::Backend& backend = qxplat::CurrentBackend();
     std::unique_ptr<qxplat::AudioInPort> port;
     ASSERT_EQ(backend.OpenAudioIn(a, port), MMSYSERR_NOERROR);
-    qxplat::AudioRing& ring = port->Ring();
-    std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(ring.Readable(), 0u) << "frames before Start";
-    for (int round = 0; round < 3; ++round) {
-        port->Start();
-        for (int i = 0; i < 1000 && ring.Readable() < port->Rate() / 10; ++i) std::this_thread::sleep_for(5ms);
-        EXPECT_GE(ring.Readable(), port->Rate() / 10) << "round " << round << ": nothing comes after Start";
-        port->Stop();
-        ring.Skip(ring.Readable());
-        std::this_thread::sleep_for(200ms);
-        EXPECT_EQ(ring.Readable(), 0u) << "round " << round << ": frames after Stop returned";
-    }
+    capture::ExpectStopEndsDeliveryAndStartResumesIt(*port);
     std::remove(wav.c_str());
 }
 
@@ -219,36 +127,20 @@ TEST(AlsaCapture, RawPcmRecordsTheDefaultCaptureDevice)
 {
     setenv("QUAVIX_BACKEND", "alsa", 1);
     const std::string server = std::getenv("PULSE_SERVER");
-    const std::string conf = FixtureDir() + "/alsa-capture-test.conf";
-    {
-        std::ofstream f(conf);
-        f << "pcm.!default { type asym;\n"
-             "  playback.pcm { type pulse; server \"" << server << "\"; device \"quavix_a\" }\n"
-             "  capture.pcm { type pulse; server \"" << server << "\"; device \"quavix_a.monitor\" } }\n";
-    }
-    setenv("ALSA_CONFIG_PATH", ("/usr/share/alsa/alsa.conf:" + conf).c_str(), 1);
-    setenv("PULSE_SERVER", "unix:/nonexistent/quavix", 1); // libpulse itself finds no server
+    harness::UseAlsaDefault("alsa-capture-test", "{ type asym;\n"
+                            "  playback.pcm { type pulse; server \"" + server + "\"; device \"quavix_a\" }\n"
+                            "  capture.pcm { type pulse; server \"" + server + "\"; device \"quavix_a.monitor\" } }");
     ASSERT_GE(waveInGetNumDevs(), 1u);
     EXPECT_EQ(capture::InputName(0), "Default ALSA input");
 
     setenv("PULSE_SERVER", server.c_str(), 1); // for paplay
-    const tone::Report t = RecordTone(0, "quavix_a", 48000);
-    ASSERT_TRUE(t.found) << "no tone came through raw ALSA";
-    EXPECT_NEAR(t.frequency, 1000.0, 1.0);
-    EXPECT_NEAR(t.amplitude, 0.5, 0.02);
-    EXPECT_NEAR(t.rightToLeft, 1.0, 0.02);
+    ExpectToneRecorded(0, "quavix_a", 48000, 1.0);
 }
 
 TEST(AlsaCapture, ACaptureDeviceThatIsNotThereIsAClearError)
 {
     setenv("QUAVIX_BACKEND", "alsa", 1);
-    const std::string conf = FixtureDir() + "/alsa-missing-test.conf";
-    {
-        std::ofstream f(conf);
-        f << "pcm.!default { type asym; playback.pcm \"null\"; capture.pcm \"hw:97,0\" }\n";
-    }
-    setenv("ALSA_CONFIG_PATH", ("/usr/share/alsa/alsa.conf:" + conf).c_str(), 1);
-    setenv("PULSE_SERVER", "unix:/nonexistent/quavix", 1);
+    harness::UseAlsaDefault("alsa-missing-test", "{ type asym; playback.pcm \"null\"; capture.pcm \"hw:97,0\" }");
     ASSERT_GE(waveInGetNumDevs(), 1u);
     capture::Take take;
     EXPECT_EQ(take.Open(0, 48000, 2), MMSYSERR_NODRIVER);

@@ -1,6 +1,7 @@
 // The library against a real JACK server and the clients that ship with jackd2.
 #include <quavix/Quavix.h>
 
+#include "harness.h"
 #include "jack_clients.h"
 #include "platform/QXPlatform.h"
 
@@ -8,16 +9,12 @@
 #include <jack/jack.h>
 #include <jack/midiport.h>
 
-
-#include <unistd.h>
-
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <cstdio>
-#include <algorithm>
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -25,36 +22,8 @@
 
 namespace {
 
-using jackclients::Child;
-
-// Per process: another build's tests may run at the same time.
-std::string TempName(const char* what)
-{
-    return "/tmp/quavix-jack-" + std::string(what) + "-" + std::to_string(getpid()) + ".txt";
-}
-
-// The one port connected to a port, or "" (a new connection shows from the next cycle).
-std::string OnlyConnection(jack_client_t* c, const char* port)
-{
-    jack_port_t* p = jack_port_by_name(c, port);
-    for (int i = 0; i < 100 && p != nullptr; ++i) {
-        if (const char** names = jack_port_get_all_connections(c, p)) {
-            std::string name = names[0];
-            jack_free(names);
-            return name;
-        }
-        Sleep(20);
-    }
-    return {};
-}
-
-std::string Slurp(const std::string& path)
-{
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
+using harness::Child;
+using harness::Slurp;
 
 // Index of the device whose name is exactly port, or -1; waits for the port to appear.
 int FindDevice(CQuavix* q, int dir, const std::string& port)
@@ -68,82 +37,23 @@ int FindDevice(CQuavix* q, int dir, const std::string& port)
     return -1;
 }
 
-bool WaitForPort(const char* name)
+// A short message's three bytes as jack_midi_dump prints them.
+std::string Hex(DWORD msg)
 {
-    jack_client_t* c = nullptr;
-    for (int i = 0; i < 100 && c == nullptr; ++i) // a server just started may not answer yet
-        if ((c = jack_client_open("qxprobe", JackNoStartServer, nullptr)) == nullptr) Sleep(50);
-    if (c == nullptr) return false;
-    bool found = false;
-    for (int i = 0; i < 100 && !found; ++i) {
-        found = jack_port_by_name(c, name) != nullptr;
-        if (!found) Sleep(50);
-    }
-    jack_client_close(c);
-    return found;
+    char s[8];
+    std::snprintf(s, sizeof s, "%02x%02x%02x", msg & 0xFF, (msg >> 8) & 0xFF, (msg >> 16) & 0xFF);
+    return s;
 }
 
-// A receiving client of the test's own, for what jack_midi_dump does not show exactly:
-// every event with its absolute frame and its bytes. The process callback only appends
-// to preallocated storage.
-class Receiver {
-public:
-    Receiver()
-    {
-        m_events.resize(4096);
-        m_client = jack_client_open("qxrecv", JackNoStartServer, nullptr);
-        if (m_client == nullptr) return;
-        m_port = jack_port_register(m_client, "in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
-        jack_set_process_callback(m_client, Process, this);
-        jack_activate(m_client);
-    }
-    ~Receiver()
-    {
-        if (m_client != nullptr) jack_client_close(m_client);
-    }
-    struct Event {
-        jack_nframes_t frame;
-        size_t size;
-        unsigned char first[4];
-        unsigned char last;
-    };
-    std::vector<Event> Take()
-    {
-        size_t n = m_count.load();
-        return std::vector<Event>(m_events.begin(), m_events.begin() + static_cast<long>(n));
-    }
-    jack_client_t* Client() const { return m_client; }
+bool WaitForPort(const char* name)
+{
+    return jackclients::Probe().WaitExists(name);
+}
 
-private:
-    static int Process(jack_nframes_t nframes, void* arg)
-    {
-        auto* self = static_cast<Receiver*>(arg);
-        void* buf = jack_port_get_buffer(self->m_port, nframes);
-        const jack_nframes_t start = jack_last_frame_time(self->m_client);
-        for (jack_nframes_t i = 0; i < jack_midi_get_event_count(buf); ++i) {
-            jack_midi_event_t ev;
-            if (jack_midi_event_get(&ev, buf, i) != 0) continue;
-            size_t n = self->m_count.load();
-            if (n >= self->m_events.size()) return 0;
-            Event& e = self->m_events[n];
-            e.frame = start + ev.time;
-            e.size = ev.size;
-            for (size_t k = 0; k < 4; ++k) e.first[k] = k < ev.size ? ev.buffer[k] : 0;
-            e.last = ev.buffer[ev.size - 1];
-            self->m_count.store(n + 1);
-        }
-        return 0;
-    }
-    jack_client_t* m_client = nullptr;
-    jack_port_t* m_port = nullptr;
-    std::vector<Event> m_events;
-    std::atomic<size_t> m_count{0};
-};
-
-
-// Listens to the messages a client sends (port 0) and to our thru's replies (port 1);
-// JACK lets an output feed several inputs. It notes every event with its absolute frame
-// and first bytes, and each time a cycle starts at a JACK time before one it has
+// A receiving client of the test's own, for what jack_midi_dump does not show exactly.
+// It listens to the messages a client sends, or ours (port 0), and to our thru's replies
+// (port 1); JACK lets an output feed several inputs. It notes every event with its
+// absolute frame, size, first bytes and last byte, and each time a cycle starts at a JACK time before one it has
 // already handed out (for an earlier cycle or for a message sent): the clock stepping
 // back, as it does in the cycles after a late wake-up.
 class Watch {
@@ -152,7 +62,7 @@ public:
         int port;
         jack_nframes_t frame;
         size_t size;
-        unsigned char bytes[3];
+        unsigned char bytes[3], last;
     };
     Watch()
     {
@@ -208,6 +118,7 @@ private:
                 e.frame = start + ev.time;
                 e.size = ev.size;
                 for (size_t k = 0; k < 3; ++k) e.bytes[k] = k < ev.size ? ev.buffer[k] : 0;
+                e.last = ev.buffer[ev.size - 1];
                 if (p == 0)
                     self->m_latestUs =
                         std::max(self->m_latestUs, static_cast<int64_t>(jack_frames_to_time(self->m_client, e.frame)));
@@ -294,7 +205,7 @@ protected:
 
 TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
 {
-    const std::string file = TempName("dump");
+    const harness::TempFile file("dump.txt");
     Child dump({"jack_midi_dump", "-a", "qxdump"}, file);
     ASSERT_TRUE(WaitForPort("qxdump:input"));
     CQuavix* q = Manager();
@@ -310,7 +221,7 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
     q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, QX_ALL_DEVICES, 0);
     q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, out, 1);
     EXPECT_EQ(q->OpenDevices(), 1); // queues the first periods: the engine's clock
-    Watch watch;
+    jackclients::Probe watch;
     const int xrunsBefore = watch.Xruns();
     q->StartDevices();
     for (int i = 0; i < 100 && q->IsActive(); ++i) Sleep(50);
@@ -333,14 +244,9 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
         size_t k = 0; // what arrived is the score in order, with gaps and repeats at most
         std::string last;
         for (auto& g : got) {
-            char expect[8];
             if (g.second == last) continue; // a late client may read one cycle's buffer twice
             last = g.second;
-            for (; k < score.notes.size(); ++k) {
-                DWORD msg = score.notes[k].second;
-                std::snprintf(expect, sizeof expect, "%02x%02x%02x", msg & 0xFF, (msg >> 8) & 0xFF, (msg >> 16) & 0xFF);
-                if (g.second == expect) break;
-            }
+            while (k < score.notes.size() && g.second != Hex(score.notes[k].second)) ++k;
             ASSERT_LT(k++, score.notes.size()) << g.second << " out of order or not sent";
         }
         EXPECT_GE(got.size(), score.notes.size() / 2);
@@ -348,10 +254,7 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
     }
     ASSERT_EQ(got.size(), score.notes.size()) << "every event arrives";
     for (size_t i = 0; i < got.size(); ++i) {
-        char expect[8];
-        DWORD msg = score.notes[i].second;
-        std::snprintf(expect, sizeof expect, "%02x%02x%02x", msg & 0xFF, (msg >> 8) & 0xFF, (msg >> 16) & 0xFF);
-        EXPECT_EQ(got[i].second, expect) << i;
+        EXPECT_EQ(got[i].second, Hex(score.notes[i].second)) << i;
         // 48 frames a millisecond; within one frame of the intended distance from the first.
         const long intended = static_cast<long>(score.notes[i].first - score.notes[0].first) * 48;
         EXPECT_NEAR(static_cast<double>(got[i].first - got[0].first), static_cast<double>(intended), 1.0) << i;
@@ -361,7 +264,7 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
 TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacing)
 {
     // A 500 ms loop: note 60 at 0 for 8000 frames, note 63 at 12000 (250 ms) for 8000.
-    Child seq({"jack_midiseq", "qxseq", "24000", "0", "60", "8000", "12000", "63", "8000"}, TempName("seq"));
+    Child seq({"jack_midiseq", "qxseq", "24000", "0", "60", "8000", "12000", "63", "8000"});
     ASSERT_TRUE(WaitForPort("qxseq:out"));
     CQuavix* q = Manager();
     int in = FindDevice(q, QX_DEVDIR_IN, "qxseq:out");
@@ -377,7 +280,7 @@ TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacing)
         },
         0, 0);
     q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in);
-    Watch watch;
+    jackclients::Probe watch;
     const int xrunsBefore = watch.Xruns();
     q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in);
     Sleep(1600);
@@ -409,7 +312,7 @@ TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacing)
 // order. Runs are repeated until one completes or enough messages have gone through.
 TEST_F(JackTest, ThruLatencyMeasuredByJackMidiLatencyTest)
 {
-    const std::string file = TempName("latency");
+    const harness::TempFile file("latency.txt");
     const auto begin = std::chrono::steady_clock::now();
     int total = 0, runs = 0;
     bool complete = false;
@@ -432,11 +335,11 @@ TEST_F(JackTest, ThruLatencyMeasuredByJackMidiLatencyTest)
         ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in), 1);
         ASSERT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in), 1);
         ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, out), 1);
-        std::string ourIn = OnlyConnection(watch.Client(), "qxsilent:out");
-        std::string ourOut = OnlyConnection(watch.Client(), "qxwatch:thru");
-        ASSERT_FALSE(ourIn.empty());
-        ASSERT_FALSE(ourOut.empty());
-        Child tester({"jack_midi_latency_test", "-s", "200", "-t", "5", ourIn, ourOut}, file);
+        const jackclients::Probe probe;
+        const std::vector<std::string> ourIn = probe.Connections("qxsilent:out"), ourOut = probe.Connections("qxwatch:thru");
+        ASSERT_EQ(ourIn.size(), 1u);
+        ASSERT_EQ(ourOut.size(), 1u);
+        Child tester({"jack_midi_latency_test", "-s", "200", "-t", "5", ourIn[0], ourOut[0]}, file);
         ASSERT_TRUE(WaitForPort("jack_midi_latency_test:out"));
         ASSERT_TRUE(watch.Connect("jack_midi_latency_test:out", 0));
         const int xrunsBefore = watch.Xruns(); // connecting clients costs xruns of its own
@@ -487,10 +390,10 @@ TEST_F(JackTest, ThruLatencyMeasuredByJackMidiLatencyTest)
 
 TEST_F(JackTest, LongSysExAndImmediateMessagesArriveWhole)
 {
-    Receiver recv;
+    Watch recv;
     ASSERT_NE(recv.Client(), nullptr);
     CQuavix* q = Manager();
-    int out = FindDevice(q, QX_DEVDIR_OUT, "qxrecv:in");
+    int out = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent");
     ASSERT_GE(out, 0);
     q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, out);
     std::vector<BYTE> sysex(4096);
@@ -500,21 +403,21 @@ TEST_F(JackTest, LongSysExAndImmediateMessagesArriveWhole)
     q->SendMidiMsg(static_cast<UINT>(out), 0x00403C90, 0);
     q->SendSysExMsg(static_cast<UINT>(out), sysex.data(), static_cast<int>(sysex.size()), 0);
     q->SendMidiMsg(static_cast<UINT>(out), 0x00003C80, 0);
-    Sleep(300);
+    harness::Await([&] { return recv.Take().size() >= 3; });
     auto ev = recv.Take();
     ASSERT_EQ(ev.size(), 3u);
-    EXPECT_EQ(ev[0].first[0], 0x90);
+    EXPECT_EQ(ev[0].bytes[0], 0x90);
     EXPECT_EQ(ev[1].size, 4096u);
-    EXPECT_EQ(ev[1].first[0], 0xF0);
+    EXPECT_EQ(ev[1].bytes[0], 0xF0);
     EXPECT_EQ(ev[1].last, 0xF7);
-    EXPECT_EQ(ev[2].first[0], 0x80);
+    EXPECT_EQ(ev[2].bytes[0], 0x80);
 }
 
 TEST_F(JackTest, DevicesAreTheOtherClientsMidiPorts)
 {
-    Receiver recv;
+    Watch recv;
     CQuavix* q = Manager();
-    EXPECT_GE(FindDevice(q, QX_DEVDIR_OUT, "qxrecv:in"), 0);
+    EXPECT_GE(FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent"), 0);
     for (int n = 0; n < q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT); ++n) {
         QX_DevCaps caps;
         ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n, &caps), 1);
@@ -525,12 +428,10 @@ TEST_F(JackTest, DevicesAreTheOtherClientsMidiPorts)
 TEST(JackGone, AServerThatGoesAwayGivesNotificationsAndCleanFailures)
 {
     // A server of this test's own, so that the others keep theirs.
-    const std::string name = "quavix-ctest-gone-" + std::to_string(getpid());
-    setenv("JACK_DEFAULT_SERVER", name.c_str(), 1);
-    Child server({"jackd", "-n", name, "-r", "-d", "dummy", "-r", "48000", "-p", "256"}, TempName("jackd-gone"));
-    Sleep(300);
-    ASSERT_TRUE(WaitForPort("system:playback_1")) << "private server did not start";
-    Receiver recv;
+    harness::JackServer server("quavix-ctest-gone-" + std::to_string(getpid()));
+    ASSERT_TRUE(server.Ready()) << "private server did not start";
+    setenv("JACK_DEFAULT_SERVER", server.Name().c_str(), 1);
+    Watch recv;
     CQuavix* q = CQuavix::InitQuavix();
     q->Initialize(QX_INIT_MIDI);
     // Notifications come from the library's threads too (the server lost, a peer gone).
@@ -543,7 +444,7 @@ TEST(JackGone, AServerThatGoesAwayGivesNotificationsAndCleanFailures)
             codes.push_back(c);
         },
         0);
-    int out = FindDevice(q, QX_DEVDIR_OUT, "qxrecv:in");
+    int out = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent");
     ASSERT_GE(out, 0);
     q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, QX_ALL_DEVICES, 0);
     q->OpenDevices();

@@ -8,11 +8,16 @@
 // QUAVIX_BACKEND=jack.
 #include <quavix/Quavix.h>
 
+#include "analysis.h"
+#include "harness.h"
+#include "jack_clients.h"
+
 #include <gtest/gtest.h>
 #include <jack/jack.h>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -63,47 +68,6 @@ struct Take {
     }
 };
 
-// Our output's ports into our input's ports, with a client of the test's own.
-class Patch {
-public:
-    Patch()
-    {
-        m_client = jack_client_open("quavix-record-test", JackNoStartServer, nullptr);
-        EXPECT_NE(m_client, nullptr);
-    }
-    ~Patch()
-    {
-        if (m_client != nullptr) jack_client_close(m_client);
-    }
-    // out_1 into in_1 and out_2 into in_2, and nothing else into either.
-    bool Connect()
-    {
-        for (const char* side : {"1", "2"}) {
-            const std::string out = Find((std::string("^quavix[^:]*:out_") + side + "$").c_str(), JackPortIsOutput);
-            const std::string in = Find((std::string("^quavix[^:]*:in_") + side + "$").c_str(), JackPortIsInput);
-            if (out.empty() || in.empty()) return false;
-            if (const char** from = jack_port_get_all_connections(m_client, jack_port_by_name(m_client, in.c_str()))) {
-                for (const char** p = from; *p != nullptr; ++p) jack_disconnect(m_client, *p, in.c_str());
-                jack_free(from);
-            }
-            if (jack_connect(m_client, out.c_str(), in.c_str()) != 0) return false;
-        }
-        return true;
-    }
-
-private:
-    std::string Find(const char* pattern, unsigned long flags)
-    {
-        std::string name;
-        if (const char** ports = jack_get_ports(m_client, pattern, JACK_DEFAULT_AUDIO_TYPE, flags)) {
-            if (ports[0] != nullptr) name = ports[0];
-            jack_free(ports);
-        }
-        return name;
-    }
-    jack_client_t* m_client = nullptr;
-};
-
 // Plays a file on wave output 0 into wave input 0 and records until `seconds` of sound
 // have come (48 kHz 16-bit mono); the take starts before the sound does.
 std::vector<int16_t> PlayAndRecord(const std::string& file, double seconds)
@@ -118,14 +82,15 @@ std::vector<int16_t> PlayAndRecord(const std::string& file, double seconds)
     const int tag = q->StartRecording(Take::Proc, reinterpret_cast<DWORD_PTR>(&take), 1);
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    Patch patch;
-    EXPECT_TRUE(patch.Connect());
+    const jackclients::Probe probe;
+    for (const char* side : {"1", "2"}) // nothing but our output into our input
+        EXPECT_TRUE(probe.ConnectOnly(probe.Find(std::string("^quavix[^:]*:out_") + side + "$", JackPortIsOutput),
+                                      probe.Find(std::string("^quavix[^:]*:in_") + side + "$", JackPortIsInput)));
     EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     EXPECT_NE(q->PlayWaveFile(file.c_str(), 0, nullptr, 0), 0);
     const size_t want = static_cast<size_t>((seconds + 1.0) * kRate);
-    for (int i = 0; i < static_cast<int>(seconds + 10) * 10 && take.Size() < want; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    harness::Await([&] { return take.Size() >= want; }, std::chrono::seconds(static_cast<int>(seconds) + 10));
     q->CloseDevices();
     q->StopRecording(tag);
     CQuavix::ExitQuavix();
@@ -227,16 +192,10 @@ TEST(JackRecord, ASweepFromOurOutputIsWhatOurInputRecords)
     ASSERT_LT(onset, s.size()) << "the sound did not come";
     // Correlation of take[from, to) with the sweep shifted by `lag` (take index − sweep
     // index), over the part the sweep covers.
+    const std::vector<float> take(s.begin(), s.end()), src(sweep.begin(), sweep.end());
     auto correlate = [&](size_t from, size_t to, ptrdiff_t lag) {
-        double xy = 0, xx = 0, yy = 0;
-        for (size_t i = from; i < to; ++i) {
-            const ptrdiff_t k = ptrdiff_t(i) - lag;
-            if (k < 0 || k >= ptrdiff_t(sweep.size())) continue;
-            xy += double(sweep[size_t(k)]) * s[i];
-            xx += double(sweep[size_t(k)]) * sweep[size_t(k)];
-            yy += double(s[i]) * s[i];
-        }
-        return xx > 0 && yy > 0 ? xy / std::sqrt(xx * yy) : 0.0;
+        const ptrdiff_t a = std::max<ptrdiff_t>(0, ptrdiff_t(from) - lag), b = std::max(a, ptrdiff_t(to) - lag);
+        return analysis::Correlation(take, src, lag, size_t(a), size_t(b));
     };
     // The first loud sample is within a few samples of the sweep's start.
     ptrdiff_t lo = ptrdiff_t(onset) - 200, hi = ptrdiff_t(onset) + 200;

@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <string>
 #include <vector>
 
 namespace dstest {
@@ -62,6 +63,41 @@ inline LPDIRECTSOUNDBUFFER MakeBuffer(LPDIRECTSOUND ds, const WAVEFORMATEX& wfx,
     return b;
 }
 
+struct Driver {
+    bool hasGuid;
+    GUID guid;
+    std::string description, module;
+};
+
+// Enumerates into a std::vector<Driver>.
+inline BOOL CALLBACK Collect(LPGUID pGuid, LPCSTR pszDescription, LPCSTR pszModule, LPVOID pContext)
+{
+    auto* list = static_cast<std::vector<Driver>*>(pContext);
+    list->push_back({pGuid != nullptr, pGuid != nullptr ? *pGuid : GUID_NULL, pszDescription, pszModule});
+    return TRUE;
+}
+
+// An application's main window, for the cooperative level.
+inline HWND MakeWindow()
+{
+    WNDCLASSA wc{};
+    wc.lpfnWndProc = DefWindowProcA;
+    wc.lpszClassName = "QXDSoundTestWindow";
+    RegisterClassA(&wc); // may exist from an earlier test
+    return CreateWindowExA(0, "QXDSoundTestWindow", "main", 0, 0, 0, 0, 0, nullptr, nullptr, QXGetModuleInstance(),
+                           nullptr);
+}
+
+inline LPDIRECTSOUNDBUFFER Primary(LPDIRECTSOUND ds)
+{
+    DSBUFFERDESC d{};
+    d.dwSize = sizeof d;
+    d.dwFlags = DSBCAPS_PRIMARYBUFFER;
+    LPDIRECTSOUNDBUFFER b = nullptr;
+    EXPECT_EQ(ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
+    return b;
+}
+
 // Writes the whole buffer through Lock/Unlock.
 inline void Fill(LPDIRECTSOUNDBUFFER b, const std::function<void(BYTE*, DWORD)>& write)
 {
@@ -70,6 +106,12 @@ inline void Fill(LPDIRECTSOUNDBUFFER b, const std::function<void(BYTE*, DWORD)>&
     ASSERT_EQ(b->Lock(0, 0, &p1, &b1, &p2, &b2, DSBLOCK_ENTIREBUFFER), DS_OK);
     write(static_cast<BYTE*>(p1), b1);
     ASSERT_EQ(b->Unlock(p1, b1, p2, b2), DS_OK);
+}
+
+// 16-bit samples of one level from p for n bytes.
+inline void Level16(void* p, DWORD n, int16_t v)
+{
+    for (DWORD i = 0; i < n; i += 2) std::memcpy(static_cast<BYTE*>(p) + i, &v, 2);
 }
 
 // A 16-bit mono sine of freq Hz at rate, amplitude amp, over the whole buffer.

@@ -13,33 +13,10 @@ namespace {
 
 const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
 
-struct Driver {
-    bool hasGuid;
-    GUID guid;
-    std::string description, module;
-};
-
-BOOL CALLBACK Collect(LPGUID pGuid, LPCSTR pszDescription, LPCSTR pszModule, LPVOID pContext)
-{
-    auto* list = static_cast<std::vector<Driver>*>(pContext);
-    list->push_back({pGuid != nullptr, pGuid != nullptr ? *pGuid : GUID_NULL, pszDescription, pszModule});
-    return TRUE;
-}
-
 BOOL CALLBACK FirstOnly(LPGUID, LPCSTR, LPCSTR, LPVOID pContext)
 {
     ++*static_cast<int*>(pContext);
     return FALSE;
-}
-
-HWND MakeWindow()
-{
-    WNDCLASSA wc{};
-    wc.lpfnWndProc = DefWindowProcA;
-    wc.lpszClassName = "QXDSoundTestWindow";
-    RegisterClassA(&wc); // may exist from an earlier test
-    return CreateWindowExA(0, "QXDSoundTestWindow", "main", 0, 0, 0, 0, 0, nullptr, nullptr, QXGetModuleInstance(),
-                           nullptr);
 }
 
 class DSoundApi : public ::testing::Test {
@@ -124,11 +101,8 @@ TEST_F(DSoundApi, PrimaryBufferNeedsThePriorityLevelAndOnlyLoops)
     EXPECT_EQ(ds->SetCooperativeLevel(nullptr, DSSCL_PRIORITY), DSERR_INVALIDPARAM);
     EXPECT_EQ(ds->SetCooperativeLevel(hwnd, 0), DSERR_INVALIDPARAM);
 
-    DSBUFFERDESC d{};
-    d.dwSize = sizeof d;
-    d.dwFlags = DSBCAPS_PRIMARYBUFFER;
-    LPDIRECTSOUNDBUFFER primary = nullptr;
-    ASSERT_EQ(ds->CreateSoundBuffer(&d, &primary, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER primary = Primary(ds);
+    ASSERT_NE(primary, nullptr);
     WAVEFORMATEX f = Pcm(22050, 2, 16);
     EXPECT_EQ(primary->SetFormat(&f), DSERR_PRIOLEVELNEEDED);
     ASSERT_EQ(ds->SetCooperativeLevel(hwnd, DSSCL_PRIORITY), DS_OK);

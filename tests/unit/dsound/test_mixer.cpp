@@ -28,12 +28,7 @@ TEST(DSoundMixer, VolumeAndPanFollowTheDecibelLaw)
 {
     Offline off;
     LPDIRECTSOUNDBUFFER mono = MakeBuffer(off.ds, Pcm(48000, 1, 16), 960);
-    Fill(mono, [](BYTE* p, DWORD n) {
-        for (DWORD i = 0; i < n; i += 2) {
-            const int16_t v = 16384;
-            std::memcpy(p + i, &v, 2);
-        }
-    });
+    Fill(mono, [](BYTE* p, DWORD n) { Level16(p, n, 16384); });
     ASSERT_EQ(mono->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     struct Case {
         LONG volume, pan;
@@ -223,12 +218,7 @@ TEST(DSoundMixer, OnceStopsAtTheEndAndLoopingGoesOn)
 {
     Offline off;
     LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(48000, 1, 16), 2000);
-    Fill(b, [](BYTE* p, DWORD n) {
-        for (DWORD i = 0; i < n; i += 2) {
-            const int16_t v = 16384;
-            std::memcpy(p + i, &v, 2);
-        }
-    });
+    Fill(b, [](BYTE* p, DWORD n) { Level16(p, n, 16384); });
     LPDIRECTSOUNDNOTIFY notify = nullptr;
     ASSERT_EQ(b->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&notify)), DS_OK);
     HANDLE last = CreateEventA(nullptr, FALSE, FALSE, nullptr), stop = CreateEventA(nullptr, FALSE, FALSE, nullptr);
@@ -306,14 +296,8 @@ TEST(DSoundMixer, LockGivesTheSecondRegionOnAWrap)
     EXPECT_EQ(p2, base);
     EXPECT_EQ(b2, 2000u);
     // What goes into both regions is what plays across the wrap.
-    for (DWORD i = 0; i < b1; i += 2) {
-        const int16_t v = 8192;
-        std::memcpy(static_cast<BYTE*>(p1) + i, &v, 2);
-    }
-    for (DWORD i = 0; i < b2; i += 2) {
-        const int16_t v = -8192;
-        std::memcpy(static_cast<BYTE*>(p2) + i, &v, 2);
-    }
+    Level16(p1, b1, 8192);
+    Level16(p2, b2, -8192);
     ASSERT_EQ(b->Unlock(p1, b1, p2, b2), DS_OK);
     ASSERT_EQ(b->SetCurrentPosition(95000), DS_OK);
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);

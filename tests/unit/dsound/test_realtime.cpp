@@ -21,22 +21,6 @@ namespace {
 
 const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
 
-BOOL CALLBACK Collect(LPGUID pGuid, LPCSTR, LPCSTR, LPVOID pContext)
-{
-    if (pGuid != nullptr) static_cast<std::vector<GUID>*>(pContext)->push_back(*pGuid);
-    return TRUE;
-}
-
-HWND MakeWindow()
-{
-    WNDCLASSA wc{};
-    wc.lpfnWndProc = DefWindowProcA;
-    wc.lpszClassName = "QXDSoundRtWindow";
-    RegisterClassA(&wc);
-    return CreateWindowExA(0, "QXDSoundRtWindow", "main", 0, 0, 0, 0, 0, nullptr, nullptr, QXGetModuleInstance(),
-                           nullptr);
-}
-
 struct WavData {
     WAVEFORMATEX fmt{};
     std::vector<int16_t> samples;
@@ -96,21 +80,18 @@ TEST(DSoundRealtime, VirtualOutputPlaysInRealTimeAndCapturesWhatItMixed)
     qxplat::QXVirtualSetDevices(1, 1, 1, 2);
     const size_t liveBefore = qxplat::LiveDirectSoundObjects();
 
-    std::vector<GUID> guids;
-    ASSERT_EQ(DirectSoundEnumerateA(Collect, &guids), DS_OK);
-    ASSERT_EQ(guids.size(), 2u);
+    std::vector<Driver> drivers;
+    ASSERT_EQ(DirectSoundEnumerateA(Collect, &drivers), DS_OK);
+    ASSERT_EQ(drivers.size(), 3u);
     LPDIRECTSOUND ds = nullptr;
-    ASSERT_EQ(DirectSoundCreate(&guids[1], &ds, nullptr), DS_OK);
+    ASSERT_EQ(DirectSoundCreate(&drivers[2].guid, &ds, nullptr), DS_OK);
     unsetenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE");
     unsetenv("QUAVIX_VIRTUAL_AUDIO_RATE");
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
     HWND hwnd = MakeWindow();
     ASSERT_EQ(ds->SetCooperativeLevel(hwnd, DSSCL_PRIORITY), DS_OK);
-    DSBUFFERDESC pd{};
-    pd.dwSize = sizeof pd;
-    pd.dwFlags = DSBCAPS_PRIMARYBUFFER;
-    LPDIRECTSOUNDBUFFER primary = nullptr;
-    ASSERT_EQ(ds->CreateSoundBuffer(&pd, &primary, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER primary = Primary(ds);
+    ASSERT_NE(primary, nullptr);
     WAVEFORMATEX pf = Pcm(22050, 2, 16);
     ASSERT_EQ(primary->SetFormat(&pf), DS_OK);
 
@@ -195,11 +176,8 @@ TEST(DSoundRealtime, EachStartSoundsTheOutputsLatencyAfterItsPlay)
     ASSERT_EQ(rate, 48000u);
     const int64_t latency = 1200;
 
-    DSBUFFERDESC pd{};
-    pd.dwSize = sizeof pd;
-    pd.dwFlags = DSBCAPS_PRIMARYBUFFER;
-    LPDIRECTSOUNDBUFFER primary = nullptr;
-    ASSERT_EQ(ds->CreateSoundBuffer(&pd, &primary, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER primary = Primary(ds);
+    ASSERT_NE(primary, nullptr);
     // 1 ms at half scale, then the buffer ends.
     LPDIRECTSOUNDBUFFER click = MakeBuffer(ds, Pcm(48000, 1, 16), 96);
     Fill(click, [](BYTE* p, DWORD n) {

@@ -93,20 +93,28 @@ std::pair<size_t, size_t> Span(const std::vector<float>& x, float level)
     return {first, last + 1};
 }
 
+// Two voices started while the ring stands full at its 960 frames: one whose start lies
+// 1077 frames into the future, one whose start has long passed.
+struct TwoStarts {
+    HandPort port;
+    std::unique_ptr<qxplat::ds::Voice> later = ConstantVoice(16384, 500), past = ConstantVoice(8192, 100);
+    qxplat::ds::Mixer mixer{48000, qxplat::Resampler::Cubic}; // stops its thread before they go
+    explicit TwoStarts(bool clocked) : port(clocked)
+    {
+        EXPECT_TRUE(mixer.AddVoice(later.get()) && mixer.AddVoice(past.get()));
+        mixer.StartThread(&port);
+        EXPECT_TRUE(port.WaitFull());
+        later->Play(false, 2037 - HandPort::kLatency);
+        past->Play(false, -100000);
+    }
+};
+
 } // namespace
 
-// Both voices are started while the ring stands full at its 960 frames: one whose start
-// lies 1077 frames into the future, one whose start has long passed.
 TEST(DSoundSink, AClockedPortStartsEachVoiceAtItsFrameInsideTheBlock)
 {
-    HandPort port(true);
-    auto later = ConstantVoice(16384, 500), past = ConstantVoice(8192, 100);
-    qxplat::ds::Mixer mixer(48000, qxplat::Resampler::Cubic); // stops its thread before they go
-    ASSERT_TRUE(mixer.AddVoice(later.get()) && mixer.AddVoice(past.get()));
-    mixer.StartThread(&port);
-    ASSERT_TRUE(port.WaitFull());
-    later->Play(false, 2037 - HandPort::kLatency);
-    past->Play(false, -100000);
+    TwoStarts t(true);
+    auto& [port, later, past, mixer] = t;
     std::vector<float> left = port.Take(1000);
     // Mixed up to frame 1960 now: the later voice waits, its cursor where it was.
     DWORD cursor = 1;
@@ -128,16 +136,9 @@ TEST(DSoundSink, AClockedPortStartsEachVoiceAtItsFrameInsideTheBlock)
 
 TEST(DSoundSink, APortWithoutAClockStartsEveryVoiceWithTheNextFrameMixed)
 {
-    HandPort port(false);
-    auto later = ConstantVoice(16384, 500), past = ConstantVoice(8192, 100);
-    qxplat::ds::Mixer mixer(48000, qxplat::Resampler::Cubic); // stops its thread before they go
-    ASSERT_TRUE(mixer.AddVoice(later.get()) && mixer.AddVoice(past.get()));
-    mixer.StartThread(&port);
-    ASSERT_TRUE(port.WaitFull());
-    later->Play(false, 2037 - HandPort::kLatency);
-    past->Play(false, -100000);
-    const std::vector<float> left = port.Take(3000);
-    mixer.StopThread();
+    TwoStarts t(false);
+    const std::vector<float> left = t.port.Take(3000);
+    t.mixer.StopThread();
     ASSERT_EQ(left.size(), 3000u);
     EXPECT_EQ(Span(left, 0.75f), std::make_pair(size_t{960}, size_t{1060}));
     EXPECT_EQ(Span(left, 0.5f), std::make_pair(size_t{1060}, size_t{1460}));

@@ -12,6 +12,19 @@ std::vector<std::string> Only(const std::vector<std::string>& log, const std::st
     return out;
 }
 
+std::atomic<int> g_polls;
+
+// A performance that only counts its polls, with every MIDI output disabled: the timer
+// paces the engine.
+CQuavix* OpenWithoutMidiOutputs(CQuavix* q)
+{
+    g_polls = 0;
+    q->StartPerformance([](DWORD_PTR, int, DWORD, DWORD) { return ++g_polls, 1; }, 0, 0, 0);
+    q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES, 0);
+    q->OpenDevices();
+    return q;
+}
+
 } // namespace
 
 TEST_F(ManagerTest, GroupOperationsVisitDevicesInTheirFixedOrder)
@@ -70,18 +83,13 @@ TEST_F(ManagerTest, FirstOpenMidiOutputBecomesTheTimingDevice)
 
 TEST_F(ManagerTest, WithoutAnOpenMidiOutputTheTimerPacesTheEngine)
 {
-    CQuavix* q = Make();
-    static std::atomic<int> polls;
-    polls = 0;
-    q->StartPerformance([](DWORD_PTR, int, DWORD, DWORD) { return ++polls, 1; }, 0, 0, 0);
-    q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES, 0);
-    q->OpenDevices();
+    CQuavix* q = OpenWithoutMidiOutputs(Make());
     EXPECT_EQ(q->GetBufferTime(), 200u) << "two prefetch periods written, no performance asked";
-    EXPECT_EQ(polls.load(), 0);
+    EXPECT_EQ(g_polls.load(), 0);
     EXPECT_EQ(q->StartDevices(), 1);
     EXPECT_EQ(q->GetTimingDevice(), nullptr);
     EXPECT_NE(q->GetRecordStartTime(), 0u);
-    EXPECT_TRUE(Eventually([&] { return polls.load() >= 3; }));
+    EXPECT_TRUE(Eventually([&] { return g_polls.load() >= 3; }));
     DWORD dwRecord = q->GetRecordStartTime();
     Sleep(10);
     q->StartDevices(); // no second timer; a new play start
@@ -91,9 +99,9 @@ TEST_F(ManagerTest, WithoutAnOpenMidiOutputTheTimerPacesTheEngine)
     EXPECT_EQ(q->GetPlayStartTime(), 0u);
     EXPECT_EQ(q->GetRecordStartTime(), 0u);
     EXPECT_EQ(q->GetBufferTime(), 0u);
-    int after = polls.load();
+    int after = g_polls.load();
     Sleep(350);
-    EXPECT_EQ(polls.load(), after) << "the timer is gone after StopDevices";
+    EXPECT_EQ(g_polls.load(), after) << "the timer is gone after StopDevices";
 }
 
 TEST_F(ManagerTest, NoTimerMeansNoDeviceStarts)
@@ -120,17 +128,21 @@ TEST_F(ManagerTest, DelayedStartRunsOnTheManagerThreadAndCanBeCancelled)
     EXPECT_NE(id, 0u);
     EXPECT_TRUE(Eventually([&] { return q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 1) == 0x0012u; }));
 
+    // A start due later than a cancelled one has run: the cancelled one would have by then.
     UINT cancelled = q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 0, 150);
     q->StopDelay(0);
     q->StopDelay(cancelled + 1);
     q->StopDelay(cancelled);
-    Sleep(300);
+    q->DelayStart(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, 200);
+    EXPECT_TRUE(Eventually([&] { return q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0) == 0x0012u; }));
     EXPECT_EQ(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 0), QX_STATE_CLOSED);
 
     // StopDevices cancels the pending one too.
     q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1, 150);
     q->StopDevices();
-    Sleep(300);
+    ASSERT_NE(q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 0x0012u);
+    q->DelayStart(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, 200);
+    EXPECT_TRUE(Eventually([&] { return q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0) == 0x0012u; }));
     EXPECT_EQ(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1), QX_STATE_CLOSED);
 
     QXFaultInject("timeSetEvent", 0);
@@ -174,12 +186,7 @@ TEST_F(ManagerTest, SyncMessagesOutsideSlaveModeDoNothing)
 
 TEST_F(ManagerTest, ATickLeftOverFromAStoppedTimerPollsNothing)
 {
-    CQuavix* q = Make();
-    static std::atomic<int> polls;
-    polls = 0;
-    q->StartPerformance([](DWORD_PTR, int, DWORD, DWORD) { return ++polls, 1; }, 0, 0, 0);
-    q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES, 0);
-    q->OpenDevices();
+    CQuavix* q = OpenWithoutMidiOutputs(Make());
     q->StartDevices();
     q->StopDevices();
     // What a tick posted just before the timer was killed looks like: the play start is
@@ -187,5 +194,5 @@ TEST_F(ManagerTest, ATickLeftOverFromAStoppedTimerPollsNothing)
     PostMessageA(q->GetHWnd(), QXM_TIMER, 0, 0);
     q->DelayStart(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, 10); // handled after the tick
     EXPECT_TRUE(Eventually([&] { return q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0) == 0x0012u; }));
-    EXPECT_EQ(polls.load(), 0);
+    EXPECT_EQ(g_polls.load(), 0);
 }

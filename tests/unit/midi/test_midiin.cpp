@@ -109,10 +109,14 @@ protected:
         CQuavix::ExitQuavix();
         qxplat::QXVirtualSetDevices(1, 1, 1, 1);
     }
-    std::vector<std::vector<BYTE>> Out(int n)
+    // What output n sent, once it holds `count` messages or three seconds have passed.
+    std::vector<std::vector<BYTE>> Out(int n, size_t count = 0)
     {
         std::vector<std::vector<BYTE>> v;
-        for (auto& m : QXVirtualTakeMidiOut(n)) v.push_back(m.bytes);
+        for (int i = 0; i < 3000; ++i, Sleep(1)) {
+            for (auto& m : QXVirtualTakeMidiOut(n)) v.push_back(m.bytes);
+            if (v.size() >= count) break;
+        }
         return v;
     }
     CQuavix* q = nullptr;
@@ -139,7 +143,8 @@ TEST_F(MidiInTest, StatusTableDecidesWhatIsRecordedAndEchoed)
     Send(0, {0x92, 0x3C, 0x40});
     Send(0, {0x3D, 0x41}); // running status: another note-on
     ASSERT_TRUE(rec.WaitFor(7));
-    Sleep(50);
+    // The echoes of the last messages: whatever else was recorded is in by now.
+    const auto echoed = Out(1, 7);
     auto seen = rec.Take();
     std::vector<DWORD> data;
     for (auto& s : seen) data.push_back(s.data);
@@ -148,7 +153,7 @@ TEST_F(MidiInTest, StatusTableDecidesWhatIsRecordedAndEchoed)
         EXPECT_EQ(s.kind, QX_EVENT_MIDI);
         EXPECT_EQ(s.device, 0);
     }
-    EXPECT_EQ(Out(1), (std::vector<std::vector<BYTE>>{{0xF4}, {0xF5}, {0xF9}, {0xFD}, {0xC3, 0x05},
+    EXPECT_EQ(echoed, (std::vector<std::vector<BYTE>>{{0xF4}, {0xF5}, {0xF9}, {0xFD}, {0xC3, 0x05},
                                                       {0x92, 0x3C, 0x40}, {0x92, 0x3D, 0x41}}));
 }
 
@@ -163,14 +168,12 @@ TEST_F(MidiInTest, ThruRewritesTheChannelAndFollowsTheDefaultOutput)
     q->OpenDevices();
     q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0);
     Send(0, {0x92, 0x3C, 0x40});
-    Sleep(50);
-    EXPECT_EQ(Out(1), (std::vector<std::vector<BYTE>>{{0x99, 0x3C, 0x40}}));
+    EXPECT_EQ(Out(1, 1), (std::vector<std::vector<BYTE>>{{0x99, 0x3C, 0x40}}));
     q->SetDefaultMidiDevice(2);
     q->EnableDefaultMidiDevice(1);
     Send(0, {0xB2, 0x07, 0x64});
-    Sleep(50);
+    EXPECT_EQ(Out(2, 1), (std::vector<std::vector<BYTE>>{{0xB9, 0x07, 0x64}}));
     EXPECT_TRUE(Out(1).empty());
-    EXPECT_EQ(Out(2), (std::vector<std::vector<BYTE>>{{0xB9, 0x07, 0x64}}));
     q->EnableMidiThru(0);
     Send(0, {0x92, 0x3C, 0x40});
     Sleep(50);
@@ -239,11 +242,11 @@ TEST_F(MidiInTest, StartAndContinueWaitForTheNextClock)
     q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0);
     q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0);
     Send(0, {0xFA});
-    Sleep(60);
+    Sleep(60); // what is not to come can only be looked for after a while
     EXPECT_TRUE(log.Codes().empty());
     Send(0, {0xF8});
     Send(0, {0xF8});
-    Sleep(60);
+    for (int i = 0; i < 3000 && log.Codes().size() < 3; ++i) Sleep(1);
     EXPECT_EQ(log.Codes(), (std::vector<int>{QX_SYNC_START, QX_SYNC_CLOCK, QX_SYNC_CLOCK}));
 
     // Outside slave mode the same bytes do nothing at all.
@@ -281,7 +284,7 @@ TEST_F(MidiInTest, SlaveRunFollowsAnExternalClockFromStartToStop)
         Send(0, {0xFC});
     });
     source.join();
-    Sleep(100);
+    for (int i = 0; i < 3000 && (first.Codes().size() < 50 || q->IsActive() != 0); ++i) Sleep(1);
     auto played = QXVirtualTakeMidiOut(0);
     ASSERT_FALSE(played.empty());
     EXPECT_GE(played.front().timeNs, startNs) << "the queued periods start with the external start";
@@ -310,7 +313,7 @@ TEST_F(MidiInTest, SlaveRunFollowsAnExternalClockFromStartToStop)
         Send(0, {0xFC});
     });
     again.join();
-    Sleep(100);
+    for (int i = 0; i < 3000 && (second.Codes().size() < 26 || q->IsActive() != 0); ++i) Sleep(1);
     expect.assign({QX_SYNC_CONTINUE});
     expect.insert(expect.end(), 24, QX_SYNC_CLOCK);
     expect.push_back(QX_SYNC_STOP);
@@ -331,6 +334,7 @@ TEST_F(MidiInTest, StoppingARecordingFromASyncNotificationCannotDeadlock)
         q->SendMidiMsg(0, 0x00403C90, 1); // takes the device lock
     };
     tag = q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&rec), 0);
+    q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&a), 0); // called after rec
     perf.also = [&](int code) {
         if (code != QX_SYNC_CLOCK || syncDone) return;
         for (int i = 0; i < 2000 && !inRecording; ++i) Sleep(1);
@@ -347,9 +351,8 @@ TEST_F(MidiInTest, StoppingARecordingFromASyncNotificationCannotDeadlock)
     for (int i = 0; i < 3000 && !syncDone; ++i) Sleep(1);
     ASSERT_TRUE(syncDone) << "the sync handler is stuck";
     ASSERT_TRUE(rec.WaitFor(1));
-    Sleep(50);
     Send(0, {0x90, 0x3D, 0x40});
-    Sleep(100);
+    ASSERT_TRUE(a.WaitFor(2));
     EXPECT_EQ(rec.Take().size(), 1u) << "the recording was stopped";
 }
 

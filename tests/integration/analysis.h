@@ -1,0 +1,252 @@
+// The analysis of what the audio tests against real servers record: a tone's frequency,
+// level and continuity, clicks' onsets, a recording's match with its source, and the WAV
+// files that carry them. On a loaded machine a server, a player or our own output may leave gaps in what is
+// recorded; the frequency and level then come from the longest unbroken stretch, so a
+// gap never reads as a wrong pitch. Whether gaps may be there at all is the test's call,
+// from the continuity figures and what the servers counted.
+#ifndef QUAVIX_TESTS_INTEGRATION_ANALYSIS_H
+#define QUAVIX_TESTS_INTEGRATION_ANALYSIS_H
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace analysis {
+
+constexpr double kPi = 3.14159265358979323846;
+
+struct Report {
+    bool found = false;
+    double frequency = 0;  // over the steady stretch
+    double amplitude = 0;  // first channel, from its RMS over the steady stretch
+    double rightToLeft = 0; // second channel's RMS over the first's, stereo only
+    double steadySeconds = 0; // the longest stretch of whole, even cycles in the window
+    double worstStep = 0;  // largest deviation from the sine recurrence, relative to the amplitude
+    size_t longestQuiet = 0; // longest run of frames below 1 % of the amplitude
+    int jumps = 0;           // deviations of more than 2 % of the amplitude
+    int jumpsBesidePadding = 0; // of them, those next to frames of exact silence
+};
+
+// `x` holds `channels` interleaved channels. From the first frame of the first channel
+// above `onset`, 50 ms on, over `seconds`: upward zero crossings whose spacing stays
+// within 2 % of the median make the steady stretch; the recurrence
+// x[n+1] = 2 cos(w) x[n] - x[n-1], which a pure sine meets exactly, finds any gap, repeat
+// or click in the whole window.
+inline Report Analyse(const std::vector<float>& x, int channels, unsigned rate, double nominalHz, double seconds,
+                      float onset = 0.02f)
+{
+    Report r;
+    const size_t stride = static_cast<size_t>(channels), frames = x.size() / stride;
+    auto at = [&](size_t i) { return double{x[i * stride]}; };
+    size_t first = 0;
+    while (first < frames && std::fabs(at(first)) < onset) ++first;
+    const size_t begin = first + rate / 20, end = begin + static_cast<size_t>(seconds * rate);
+    if (first == frames || end > frames) return r;
+
+    std::vector<double> crossings;
+    for (size_t i = begin; i < end; ++i)
+        if (const double p = at(i - 1), c = at(i); p < 0 && c >= 0) crossings.push_back(double(i - 1) + p / (p - c));
+    if (crossings.size() < 3) return r;
+    std::vector<double> gaps(crossings.size() - 1);
+    for (size_t k = 0; k + 1 < crossings.size(); ++k) gaps[k] = crossings[k + 1] - crossings[k];
+    std::vector<double> sorted = gaps;
+    std::nth_element(sorted.begin(), sorted.begin() + ptrdiff_t(sorted.size() / 2), sorted.end());
+    const double median = sorted[sorted.size() / 2];
+    size_t bestFrom = 0, bestLen = 0;
+    for (size_t k = 0, from = 0; k <= gaps.size(); ++k) {
+        if (k < gaps.size() && std::fabs(gaps[k] - median) <= 0.02 * median) continue;
+        if (k - from > bestLen) bestFrom = from, bestLen = k - from;
+        from = k + 1;
+    }
+    if (bestLen == 0) return r;
+    r.found = true;
+    const double t0 = crossings[bestFrom], t1 = crossings[bestFrom + bestLen];
+    r.frequency = double(bestLen) * rate / (t1 - t0);
+    r.steadySeconds = (t1 - t0) / rate;
+    double sum = 0, sumR = 0;
+    const size_t i0 = static_cast<size_t>(std::ceil(t0)), i1 = static_cast<size_t>(std::ceil(t1));
+    for (size_t i = i0; i < i1; ++i) {
+        sum += at(i) * at(i);
+        if (channels >= 2) sumR += double{x[i * stride + 1]} * x[i * stride + 1];
+    }
+    r.amplitude = std::sqrt(2 * sum / double(i1 - i0));
+    if (channels >= 2 && sum > 0) r.rightToLeft = std::sqrt(sumR / sum);
+
+    const double c = 2 * std::cos(2 * kPi * nominalHz / rate);
+    size_t quiet = 0;
+    for (size_t i = begin + 1; i + 1 < end; ++i) {
+        const double step = std::fabs(at(i + 1) - (c * at(i) - at(i - 1))) / std::max(r.amplitude, 1e-6);
+        r.worstStep = std::max(r.worstStep, step);
+        if (step > 0.02) {
+            ++r.jumps;
+            bool padded = false;
+            for (size_t k = i - 1; k <= i + 2 && k < frames; ++k) padded = padded || at(k) == 0.0;
+            r.jumpsBesidePadding += padded ? 1 : 0;
+        }
+        quiet = std::fabs(at(i)) < 0.01 * r.amplitude ? quiet + 1 : 0;
+        r.longestQuiet = std::max(r.longestQuiet, quiet);
+    }
+    return r;
+}
+
+// `seconds` of a sine, the same on each of `channels` interleaved channels.
+inline std::vector<float> Sine(unsigned rate, int channels, double hz, double amplitude, double seconds)
+{
+    std::vector<float> x;
+    for (size_t i = 0; i < static_cast<size_t>(seconds * rate); ++i)
+        x.insert(x.end(), static_cast<size_t>(channels), static_cast<float>(amplitude * std::sin(2 * kPi * hz * double(i) / rate)));
+    return x;
+}
+
+// A 16-bit PCM WAV file of `x` (interleaved, in [-1, 1]).
+inline bool WriteWav(const std::string& path, unsigned rate, int channels, const std::vector<float>& x)
+{
+    std::ofstream f(path, std::ios::binary);
+    auto put = [&](uint32_t v, int bytes) {
+        for (int k = 0; k < bytes; ++k) f.put(static_cast<char>(v >> (8 * k) & 0xFF));
+    };
+    const auto bytes = static_cast<uint32_t>(x.size() * 2), align = static_cast<uint32_t>(2 * channels);
+    f.write("RIFF", 4);
+    put(36 + bytes, 4);
+    f.write("WAVEfmt ", 8);
+    put(16, 4);
+    put(1, 2);
+    put(static_cast<uint32_t>(channels), 2);
+    put(rate, 4);
+    put(rate * align, 4);
+    put(align, 2);
+    put(16, 2);
+    f.write("data", 4);
+    put(bytes, 4);
+    for (float v : x) put(static_cast<uint16_t>(static_cast<int16_t>(std::lround(v * 32767.0))), 2);
+    return f.good();
+}
+
+// The stereo frames of a PCM WAV file (16/24/32-bit, as jack_rec writes them), as float.
+inline bool ReadWav(const std::string& path, unsigned& rate, std::vector<float>& stereo)
+{
+    std::ifstream f(path, std::ios::binary);
+    const std::vector<unsigned char> d((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    auto u16 = [&](size_t at) { return static_cast<unsigned>(d[at] | d[at + 1] << 8); };
+    auto u32 = [&](size_t at) { return uint32_t{u16(at)} | uint32_t{u16(at + 2)} << 16; };
+    if (d.size() < 12 || std::memcmp(d.data(), "RIFF", 4) != 0 || std::memcmp(d.data() + 8, "WAVE", 4) != 0)
+        return false;
+    unsigned channels = 0, bits = 0;
+    for (size_t at = 12; at + 8 <= d.size();) {
+        const uint32_t size = u32(at + 4);
+        const size_t body = at + 8, end = std::min(d.size(), body + size);
+        if (std::memcmp(&d[at], "fmt ", 4) == 0 && size >= 16) {
+            channels = u16(body + 2);
+            rate = u32(body + 4);
+            bits = u16(body + 14);
+        } else if (std::memcmp(&d[at], "data", 4) == 0) {
+            if (channels != 2 || (bits != 16 && bits != 24 && bits != 32)) return false;
+            const unsigned bytes = bits / 8;
+            stereo.clear();
+            for (size_t p = body; p + bytes <= end; p += bytes) {
+                int32_t v = 0;
+                for (unsigned k = 0; k < bytes; ++k) v |= static_cast<int32_t>(d[p + k]) << (8 * (4 - bytes + k));
+                stereo.push_back(static_cast<float>(v / 2147483648.0));
+            }
+            return true;
+        }
+        at = body + size + (size & 1);
+    }
+    return false;
+}
+
+inline float Peak(const std::vector<float>& x)
+{
+    float p = 0;
+    for (float v : x) p = std::max(p, std::fabs(v));
+    return p;
+}
+
+// Where a sound begins after at least `quiet` frames below `level` (the recording may
+// begin inside one).
+inline std::vector<long> Onsets(const std::vector<float>& x, float level, size_t quiet)
+{
+    std::vector<long> onsets;
+    size_t run = 0;
+    for (size_t i = 0; i < x.size(); ++i) {
+        if (std::fabs(x[i]) < level) {
+            ++run;
+            continue;
+        }
+        if (run >= quiet) onsets.push_back(static_cast<long>(i));
+        run = 0;
+    }
+    return onsets;
+}
+
+// The normalised cross-correlation of rec[lag + i] with src[i] over i in [from, to);
+// frames outside the recording count as silence.
+inline double Correlation(const std::vector<float>& rec, const std::vector<float>& src, long lag, size_t from, size_t to)
+{
+    double rs = 0, rr = 0, ss = 0;
+    for (size_t i = from; i < to && i < src.size(); ++i) {
+        const long j = lag + static_cast<long>(i);
+        const double r = j >= 0 && static_cast<size_t>(j) < rec.size() ? rec[static_cast<size_t>(j)] : 0, s = src[i];
+        rs += r * s;
+        rr += r * r;
+        ss += s * s;
+    }
+    return rr > 0 && ss > 0 ? rs / std::sqrt(rr * ss) : 0;
+}
+
+// The best correlation of a recording with the source's audible part, over lags within
+// 10 ms of where their first audible frames line up; the whole audible part must lie
+// within the recording.
+inline double BestCorrelation(const std::vector<float>& rec, const std::vector<float>& src, unsigned rate, long& lagOut)
+{
+    auto firstLoud = [](const std::vector<float>& x) {
+        size_t i = 0;
+        while (i < x.size() && std::fabs(x[i]) < 0.05) ++i;
+        return i;
+    };
+    const size_t s0 = firstLoud(src), r0 = firstLoud(rec);
+    if (s0 == src.size() || r0 == rec.size()) return 0;
+    size_t from = s0;
+    while (from > 0 && src[from - 1] != 0.0f) --from; // the attack below the threshold too
+    double best = 0;
+    const long span = static_cast<long>(rate / 100), mid = static_cast<long>(r0) - static_cast<long>(s0);
+    for (long lag = mid - span; lag <= mid + span; ++lag) {
+        if (lag + static_cast<long>(from) < 0 || lag + static_cast<long>(src.size()) > static_cast<long>(rec.size())) continue;
+        if (const double c = Correlation(rec, src, lag, from, src.size()); c > best) best = c, lagOut = lag;
+    }
+    return best;
+}
+
+// The left channel of a recording, less the padding that an output that ran dry inserts
+// (runs of two or more frames of exact silence between the first and last audible
+// frames): it delays what follows and loses nothing. *pPadding counts what went.
+inline std::vector<float> LeftWithoutPadding(const std::vector<float>& stereo, size_t* pPadding)
+{
+    const size_t frames = stereo.size() / 2;
+    size_t first = 0, last = frames;
+    while (first < frames && std::fabs(stereo[2 * first]) < 0.02) ++first;
+    while (last > first && std::fabs(stereo[2 * (last - 1)]) < 0.02) --last;
+    std::vector<float> out;
+    *pPadding = 0;
+    for (size_t i = 0; i < frames;) {
+        size_t run = 0;
+        while (i + run < frames && stereo[2 * (i + run)] == 0.0f && stereo[2 * (i + run) + 1] == 0.0f) ++run;
+        if (run >= 2 && i > first && i + run < last) {
+            *pPadding += run;
+            i += run;
+            continue;
+        }
+        for (size_t k = 0; k < std::max<size_t>(run, 1) && i < frames; ++k, ++i) out.push_back(stereo[2 * i]);
+    }
+    return out;
+}
+
+} // namespace analysis
+
+#endif // QUAVIX_TESTS_INTEGRATION_ANALYSIS_H
