@@ -58,6 +58,7 @@
 // | 406  | QXN_WAVEIN_UNPREPARE      | Failures.WaveInputReportsEveryFailingCall                      |
 // | 407  | QXN_WAVEIN_RESET          | Failures.WaveInputReportsEveryFailingCall                      |
 // | 408  | QXN_WAVEIN_GETCAPS        | Failures.WaveInputReportsEveryFailingCall                      |
+// | 409  | QXN_WAVEIN_OVERRUN        | WaveInDevice.AnInputHeldUpTooLongReportsTheLoss (wavein)       |
 // | 600  | QXN_FILE_OPENREAD         | WaveFile.EachFailingFileCallIsReported,                        |
 // |      |                           |   WaveFile.BadPathsAreReportedAndLeaveNothingOpen (wavefile)   |
 // | 601  | QXN_FILE_CLOSE            | WaveFile.EachFailingFileCallIsReported (wavefile)              |
