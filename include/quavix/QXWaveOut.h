@@ -71,7 +71,7 @@ public:
     // What an application may ask from any thread while players come and go (the
     // records themselves belong to the engine's thread): copies the pan, volume and rate
     // in force on that track's current player and returns 1; 0 when no player sounds
-    // there. Makes no record.
+    // there (none, or one that has played out and waits to be displaced). Makes no record.
     int GetTrackParameters(int nPerformance, int nTrack, QX_DSParams* pParams);
 
     // What a CWavePlay asks of the output it plays on. The output knows every player
@@ -123,7 +123,7 @@ protected:
     // The track of that number, or null; makes nothing. With the lock held.
     DSTrack* _FindTrack(int nPerformance, int nTrack);
     // Calls fn on the track's current player, pinned and with no lock of the output
-    // held; 1 when there was one. bMake makes missing records, as SetWaveParams does.
+    // held, and returns what it returns; 0 when there is none. bMake makes missing records, as SetWaveParams does.
     template <class Fn> int _WithTrackPlayer(int nPerformance, int nTrack, bool bMake, Fn fn);
 
     DSDevice* m_pDSDevice = nullptr;

@@ -30,9 +30,10 @@ public:
 
     QX_WaveParams& GetWaveParameters() { return m_WaveParams; }
     // The values in force; while the player may be playing on other threads, read them
-    // with CopyBufferParameters.
+    // with CopyBufferParameters, which returns 1 while the player has its sound buffer
+    // (prepared or sounding), 0 once it has stopped.
     QX_DSParams& GetBufferParameters() { return m_WaveParams.dsParams; }
-    void CopyBufferParameters(QX_DSParams* pParams);
+    int CopyBufferParameters(QX_DSParams* pParams);
     // Under the player's lock, like every control operation: a file that ends on the
     // notification thread meanwhile cannot release the buffer under it.
     void SetBufferParameters(QX_DSParams& params);

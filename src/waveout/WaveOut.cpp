@@ -125,8 +125,10 @@ int CWaveOut::PlayData(CQXEventList* pEvents, DWORD, DWORD)
                     bYours)
                     delete pPlayer;
             } else {
-                _WithTrackPlayer(pParams->nPerformance, pParams->nTrack, true,
-                                 [&](CWavePlay* p) { p->SetBufferParameters(pParams->dsParams); });
+                _WithTrackPlayer(pParams->nPerformance, pParams->nTrack, true, [&](CWavePlay* p) {
+                    p->SetBufferParameters(pParams->dsParams);
+                    return 1;
+                });
             }
         }
         delete pEvent; // frees its parameters too
@@ -137,8 +139,10 @@ int CWaveOut::PlayData(CQXEventList* pEvents, DWORD, DWORD)
 void CWaveOut::SetWaveParams(QX_WaveParams* pParams)
 {
     if (pParams == nullptr) return;
-    _WithTrackPlayer(pParams->nPerformance, pParams->nTrack, true,
-                     [&](CWavePlay* p) { p->SetBufferParameters(pParams->dsParams); });
+    _WithTrackPlayer(pParams->nPerformance, pParams->nTrack, true, [&](CWavePlay* p) {
+        p->SetBufferParameters(pParams->dsParams);
+        return 1;
+    });
 }
 
 template <class Fn> int CWaveOut::_WithTrackPlayer(int nPerformance, int nTrack, bool bMake, Fn fn)
@@ -154,9 +158,9 @@ template <class Fn> int CWaveOut::_WithTrackPlayer(int nPerformance, int nTrack,
     // the output's.
     auto* pPlayer = static_cast<CWavePlay*>(QXAcquirePlayer(dwHandle));
     if (pPlayer == nullptr) return 0;
-    fn(pPlayer);
+    const int nResult = fn(pPlayer);
     QXReleasePlayer(dwHandle);
-    return 1;
+    return nResult;
 }
 
 int CWaveOut::IsActive()
@@ -167,7 +171,7 @@ int CWaveOut::IsActive()
 
 int CWaveOut::GetTrackParameters(int nPerformance, int nTrack, QX_DSParams* pParams)
 {
-    return _WithTrackPlayer(nPerformance, nTrack, false, [&](CWavePlay* p) { p->CopyBufferParameters(pParams); });
+    return _WithTrackPlayer(nPerformance, nTrack, false, [&](CWavePlay* p) { return p->CopyBufferParameters(pParams); });
 }
 
 DSPerformance* CWaveOut::GetPerformance(int nPerformance)

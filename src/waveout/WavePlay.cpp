@@ -498,12 +498,13 @@ void CWavePlay::SetBufferParameters(QX_DSParams& params)
     _Unlock();
 }
 
-void CWavePlay::CopyBufferParameters(QX_DSParams* pParams)
+int CWavePlay::CopyBufferParameters(QX_DSParams* pParams)
 {
-    if (pParams == nullptr) return;
     _Lock();
-    *pParams = m_WaveParams.dsParams;
+    if (pParams != nullptr) *pParams = m_WaveParams.dsParams;
+    const int bSounding = m_pDSBuffer != nullptr ? 1 : 0;
     _Unlock();
+    return bSounding;
 }
 
 void CWavePlay::_ApplyParameters(const QX_DSParams& params)
