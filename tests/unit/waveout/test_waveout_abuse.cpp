@@ -75,10 +75,12 @@ private:
 };
 
 std::atomic<int> g_reports[1000];
+std::atomic<DWORD> g_closeOnReport{0};
 
 void Count(DWORD dwCode, DWORD, DWORD_PTR)
 {
     if (dwCode < 1000) ++g_reports[dwCode];
+    if (dwCode == g_closeOnReport) CQuavix::GetQuavix()->CloseDevices();
 }
 
 class Abuse : public ScratchTest {
@@ -88,6 +90,7 @@ protected:
         (void)kVirtual;
         ScratchTest::SetUp();
         for (auto& n : g_reports) n = 0;
+        g_closeOnReport = 0;
         qxplat::QXVirtualSetDevices(1, 1, 1, 1);
         q = CQuavix::InitQuavix();
         q->SetNotificationCallback(Count, 0);
@@ -136,7 +139,7 @@ void CloseFromDone(DWORD_PTR, DWORD)
 
 // A done callback may close the group, send MIDI or try to end the manager, whichever
 // thread stopped its player: the notification thread at the end of the file, the
-// application's CloseDevices, or its ExitQuavix.
+// application's CloseDevices, a notification callback's, or its ExitQuavix.
 TEST_F(Abuse, DoneCallbacksThatCloseOrExitTheManagerAreSafe)
 {
     Watchdog watchdog(std::chrono::seconds(60));
@@ -151,11 +154,22 @@ TEST_F(Abuse, DoneCallbacksThatCloseOrExitTheManagerAreSafe)
     EXPECT_EQ(q->CloseDevices(), 1);
     EXPECT_EQ(g_done, 2) << "the close destroyed the player, and its callback closed again inside";
 
+    // A report the player makes while it holds its lock (its sound does not start)
+    // reaches a notification callback that closes the group, which destroys the player.
+    ASSERT_EQ(q->OpenDevices(), 1);
+    ASSERT_EQ(q->StartDevices(), 1);
+    g_closeOnReport = QXN_DS_START;
+    QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
+    q->PlayWaveFile(m_long.c_str(), 0, CloseFromDone, 0);
+    EXPECT_EQ(g_reports[QXN_DS_START], 1);
+    EXPECT_TRUE(Eventually([] { return g_done == 3; }));
+    g_closeOnReport = 0;
+
     ASSERT_EQ(q->OpenDevices(), 1);
     ASSERT_EQ(q->StartDevices(), 1);
     ASSERT_NE(q->PlayWaveFile(m_long.c_str(), 0, CloseFromDone, 0), 0);
     CQuavix::ExitQuavix();
-    EXPECT_EQ(g_done, 3);
+    EXPECT_EQ(g_done, 4);
     EXPECT_EQ(CQuavix::GetQuavix(), nullptr);
 }
 
