@@ -19,15 +19,6 @@ MMTIME Time(UINT type, DWORD value)
     return t;
 }
 
-// Takes an lvalue: the header points into the string.
-WAVEHDR Header(std::string& bytes)
-{
-    WAVEHDR h{};
-    h.lpData = bytes.data();
-    h.dwBytesRecorded = DWORD(bytes.size());
-    return h;
-}
-
 std::string Read(CWaveFileRead& r, int size, int* pResult = nullptr)
 {
     std::string buf(size_t(size > 0 ? size : 0), '#');
