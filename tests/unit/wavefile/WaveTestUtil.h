@@ -75,6 +75,12 @@ inline std::string Sine(WORD bits, DWORD rate, double freq, size_t frames, WORD 
     return s;
 }
 
+inline QX_DevFormat Pcm(DWORD rate, WORD channels, WORD bits)
+{
+    const WORD align = WORD(channels * bits / 8);
+    return {WAVE_FORMAT_PCM, channels, rate, rate * align, align, bits, 0};
+}
+
 // A standard format of the devices as a record.
 inline QX_DevFormat StdFormat(int index)
 {
@@ -212,6 +218,11 @@ struct ReportLog {
     {
         std::lock_guard<std::mutex> lock(s_mutex);
         return std::exchange(s_got, {});
+    }
+    static Log Peek()
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        return s_got;
     }
     static bool Has(const Report& r)
     {
