@@ -81,6 +81,16 @@ inline QX_DevFormat Pcm(DWORD rate, WORD channels, WORD bits)
     return {WAVE_FORMAT_PCM, channels, rate, rate * align, align, bits, 0};
 }
 
+// Parameters of a file on a track of a performance.
+inline QX_WaveParams WaveParams(int nPerformance, int nTrack, const std::string& path)
+{
+    QX_WaveParams params{};
+    params.nPerformance = nPerformance;
+    params.nTrack = nTrack;
+    params.dsParams.lpszFileName = path.c_str();
+    return params;
+}
+
 // A standard format of the devices as a record.
 inline QX_DevFormat StdFormat(int index)
 {

@@ -48,21 +48,17 @@ public:
     explicit Watchdog(std::chrono::seconds limit)
         : m_thread([this, limit] {
               std::unique_lock<std::mutex> lock(m_mutex);
-              if (!m_done.wait_for(lock, limit, [this] { return m_bDone; })) {
-                  std::fprintf(stderr, "deadlock: %s did not end within %d s\n",
-                               ::testing::UnitTest::GetInstance()->current_test_info()->name(),
-                               static_cast<int>(limit.count()));
-                  std::abort();
-              }
+              if (m_done.wait_for(lock, limit, [this] { return m_bDone; })) return;
+              std::fprintf(stderr, "deadlock: %s\n", ::testing::UnitTest::GetInstance()->current_test_info()->name());
+              std::abort();
           })
     {
     }
     ~Watchdog()
     {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_bDone = true;
-        }
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_bDone = true;
+        lock.unlock();
         m_done.notify_one();
         m_thread.join();
     }
@@ -107,14 +103,6 @@ protected:
         ScratchTest::TearDown();
     }
     CWaveOut* Out() { return dynamic_cast<CWaveOut*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0)); }
-    static QX_WaveParams Params(int nPerformance, int nTrack, const std::string& path)
-    {
-        QX_WaveParams params{};
-        params.nPerformance = nPerformance;
-        params.nTrack = nTrack;
-        params.dsParams.lpszFileName = path.c_str();
-        return params;
-    }
 
     CQuavix* q = nullptr;
     std::string m_short, m_long;
@@ -188,7 +176,7 @@ TEST_F(Abuse, OwnPlayersSurviveDeletionInTheirCallbackAndParametersAtTheirEnd)
     for (int i = 0; i < 5; ++i) {
         OwnPlayer own;
         own.p = new CWavePlay;
-        QX_WaveParams params = Params(0x40000000, i, m_short);
+        QX_WaveParams params = WaveParams(0x40000000, i, m_short);
         ASSERT_EQ(own.p->Play(&params, 0, 0, DeleteFromDone, reinterpret_cast<DWORD_PTR>(&own), 0), 1);
         ASSERT_TRUE(Eventually([&] { return own.done == 1; })) << "round " << i;
     }
@@ -198,7 +186,7 @@ TEST_F(Abuse, OwnPlayersSurviveDeletionInTheirCallbackAndParametersAtTheirEnd)
     own.p = &player;
     for (int round = 0; round < 40; ++round) {
         own.done = 0;
-        QX_WaveParams params = Params(0x40000001, 1, m_short);
+        QX_WaveParams params = WaveParams(0x40000001, 1, m_short);
         ASSERT_EQ(player.Play(&params, 0, 0, CountDone, reinterpret_cast<DWORD_PTR>(&own), 0), 1);
         std::thread setter([&] {
             for (LONG v = 0; own.done == 0; v = (v + 37) % 5000) {
@@ -252,7 +240,7 @@ TEST_F(Abuse, OnePlayerDrivenFromFourThreadsNeverDeadlocks)
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
             for (unsigned n = 0; !stop; ++n) {
-                QX_WaveParams params = Params(0x40000002, 1, n % 3 == 0 ? m_long : m_short);
+                QX_WaveParams params = WaveParams(0x40000002, 1, n % 3 == 0 ? m_long : m_short);
                 switch ((n + t) % 4) {
                 case 0: player.Play(&params, 0, 0, nullptr, 0, 0); break;
                 case 1: player.Stop(); break;
@@ -266,7 +254,7 @@ TEST_F(Abuse, OnePlayerDrivenFromFourThreadsNeverDeadlocks)
     for (std::thread& t : threads) t.join();
     player.Stop();
     // The manager's thread still answers: a timed start is handled.
-    QX_WaveParams params = Params(0x40000002, 1, m_long);
+    QX_WaveParams params = WaveParams(0x40000002, 1, m_long);
     ASSERT_EQ(player.Play(&params, 0, timeGetTime() - q->GetPlayStartTime() + 100, nullptr, 0, 0), 1);
     EXPECT_TRUE(Eventually([&] { return Out()->GetTrackParameters(0x40000002, 1, nullptr) == 1; }));
 }
@@ -382,7 +370,7 @@ TEST_F(Abuse, AFailedPlayRacingADeletedTrackIsDeletedOnce)
         QXFaultInject("IDirectSound::CreateSoundBuffer", static_cast<DWORD>(DSERR_OUTOFMEMORY));
         EXPECT_EQ(q->PlayWaveFile(m_short.c_str(), 0, nullptr, 0), 0);
         auto* p = new CWavePlay;
-        QX_WaveParams params = Params(0x40000003, 1, m_short);
+        QX_WaveParams params = WaveParams(0x40000003, 1, m_short);
         QXFaultInject("IDirectSound::CreateSoundBuffer", static_cast<DWORD>(DSERR_OUTOFMEMORY));
         int bYours = 1;
         if (p->_Play(&params, 0, 0, nullptr, 0, 0, &bYours) == 0 && bYours) delete p;

@@ -472,14 +472,6 @@ protected:
     }
     CWaveOut* Out(int n) { return dynamic_cast<CWaveOut*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, n)); }
     DWORD Now() const { return timeGetTime() - q->GetPlayStartTime(); }
-    QX_WaveParams Params(int nPerformance, int nTrack, const std::string& path) const
-    {
-        QX_WaveParams params{};
-        params.nPerformance = nPerformance;
-        params.nTrack = nTrack;
-        params.dsParams.lpszFileName = path.c_str();
-        return params;
-    }
     static bool Gone(DWORD dwHandle)
     {
         void* p = QXAcquirePlayer(dwHandle);
@@ -526,7 +518,7 @@ TEST_F(OnOutput, AStartTimeAheadArmsTheTimerAndTheManagerStartsIt)
     auto* p = new TestPlayer; // the output's once Play succeeds
     p->SignalStart();
     EXPECT_FALSE(p->StartSignalled()) << "not prepared: no start event";
-    QX_WaveParams params = Params(7, 2, m_long);
+    QX_WaveParams params = WaveParams(7, 2, m_long);
     ASSERT_EQ(p->Play(&params, 0, Now() + 1500, Done, 9, 0), 1);
     EXPECT_FALSE(p->Playing()) << "prepared, waiting for its time";
     EXPECT_TRUE(QXSignalPlayer(p->GetHandle()));
@@ -541,7 +533,7 @@ TEST_F(OnOutput, AStartTimeAheadArmsTheTimerAndTheManagerStartsIt)
 
     // A start time already passed starts before Play returns.
     auto* p2 = new TestPlayer;
-    QX_WaveParams params2 = Params(7, 3, m_long);
+    QX_WaveParams params2 = WaveParams(7, 3, m_long);
     ASSERT_EQ(p2->Play(&params2, 0, 1, nullptr, 0, 0), 1);
     EXPECT_TRUE(p2->Playing());
     EXPECT_EQ(ReportLog::Take(), Log{});
@@ -552,7 +544,7 @@ TEST_F(OnOutput, AStartTimeAheadArmsTheTimerAndTheManagerStartsIt)
 TEST_F(OnOutput, APlayerDestroyedBeforeItsTimerFiresDoesNothing)
 {
     auto* p = new TestPlayer;
-    QX_WaveParams params = Params(7, 2, m_long);
+    QX_WaveParams params = WaveParams(7, 2, m_long);
     ASSERT_EQ(p->Play(&params, 0, Now() + 300, Done, 3, 0), 1);
     const DWORD dwHandle = p->GetHandle();
     Out(0)->DeletePerformance(7, 1);
@@ -569,7 +561,7 @@ TEST_F(OnOutput, APlayerDestroyedBeforeItsTimerFiresDoesNothing)
 TEST_F(OnOutput, ASelfDeletingPlayerWhoseTimedStartFailsIsReleasedOnce)
 {
     auto* p = new TestPlayer;
-    QX_WaveParams params = Params(12, 0, m_long);
+    QX_WaveParams params = WaveParams(12, 0, m_long);
     ASSERT_EQ(p->Play(&params, 1, Now() + 200, Done, 11, 1), 1);
     const DWORD dwHandle = p->GetHandle();
     QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
@@ -584,7 +576,7 @@ TEST_F(OnOutput, ASecondPlayerOnTheTrackDestroysTheFirst)
 {
     auto* p1 = new TestPlayer;
     auto* p2 = new TestPlayer;
-    QX_WaveParams params = Params(7, 2, m_long);
+    QX_WaveParams params = WaveParams(7, 2, m_long);
     ASSERT_EQ(p1->Play(&params, 0, 0, Done, 1, 0), 1);
     ASSERT_TRUE(p1->Playing());
     const DWORD dwFirst = p1->GetHandle();
@@ -593,7 +585,7 @@ TEST_F(OnOutput, ASecondPlayerOnTheTrackDestroysTheFirst)
     EXPECT_EQ(DoneCalls(), (std::vector<DoneCall>{{1, dwFirst}}));
     EXPECT_TRUE(p2->Playing());
     // Parameters for the track reach the player that sounds there now.
-    QX_WaveParams change = Params(7, 2, m_long);
+    QX_WaveParams change = WaveParams(7, 2, m_long);
     change.dsParams.lpszFileName = nullptr;
     change.dsParams.lVolume = -1200;
     Out(0)->SetWaveParams(&change);
@@ -606,7 +598,7 @@ TEST_F(OnOutput, APlayerPlaysAgainAfterItStopped)
 {
     const std::string path = Make("short.wav", Wave(WAVE_FORMAT_PCM, 2, 48000, 16, SegmentRamp(3 * kSegment)));
     auto* p = new TestPlayer;
-    QX_WaveParams params = Params(4, 1, path);
+    QX_WaveParams params = WaveParams(4, 1, path);
     for (size_t nRun = 1; nRun <= 3; ++nRun) {
         SCOPED_TRACE("run " + std::to_string(nRun));
         ASSERT_EQ(p->Play(&params, 1, 0, Done, nRun, 0), 1);
@@ -639,7 +631,7 @@ TEST_F(OnOutput, ThePlayersReportsNameItsOutput)
                                    {"IDirectSoundBuffer::SetPan", QXN_DS_SETPAN}}) {
         SCOPED_TRACE(op);
         auto* p = new TestPlayer;
-        QX_WaveParams params = Params(8, 1, m_long);
+        QX_WaveParams params = WaveParams(8, 1, m_long);
         QXFaultInject(op, kOom);
         ASSERT_EQ(p->Play(&params, 1, 0, nullptr, 0, 0), 1);
         EXPECT_TRUE(p->Playing());
@@ -648,7 +640,7 @@ TEST_F(OnOutput, ThePlayersReportsNameItsOutput)
     }
 
     auto* p = new TestPlayer;
-    QX_WaveParams params = Params(8, 2, m_long);
+    QX_WaveParams params = WaveParams(8, 2, m_long);
     ASSERT_EQ(p->Play(&params, 1, 0, nullptr, 0, 0), 1);
     QXFaultInject("IDirectSoundBuffer::Stop", static_cast<DWORD>(DSERR_GENERIC));
     p->Stop();
@@ -656,7 +648,7 @@ TEST_F(OnOutput, ThePlayersReportsNameItsOutput)
 
     // No timer for a start ahead: Play fails, and the caller destroys the player.
     auto* pLate = new TestPlayer;
-    QX_WaveParams late = Params(8, 3, m_long);
+    QX_WaveParams late = WaveParams(8, 3, m_long);
     QXFaultInject("timeSetEvent", 0);
     EXPECT_EQ(pLate->Play(&late, 1, Now() + 5000, nullptr, 0, 0), 0);
     EXPECT_EQ(ReportLog::Take(), (Log{{QXN_TIMER_CREATE, 0, 0}}));
