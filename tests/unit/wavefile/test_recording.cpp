@@ -26,10 +26,7 @@ constexpr DWORD kRate = 8000; // 8 kHz mono 8-bit: a second of audio is 8000 byt
 
 QX_DevFormat Format8k()
 {
-    WAVEFORMATEX wfx;
-    CQXDevice::FillFormat(&wfx, 0);
-    QX_DevFormat f;
-    std::memcpy(&f, &wfx, sizeof(f));
+    const QX_DevFormat f = StdFormat(0);
     EXPECT_EQ(f.nAvgBytesPerSec, kRate);
     return f;
 }
@@ -115,9 +112,7 @@ TEST_F(Recording, TheHeaderKeepsUpWithTheDataWhileRecording)
         ASSERT_EQ(w.Open(0), 1);
         for (size_t at = 0; at < data.size(); at += piece) {
             std::string bytes = data.substr(at, piece);
-            WAVEHDR h{};
-            h.lpData = bytes.data();
-            h.dwBytesRecorded = DWORD(bytes.size());
+            WAVEHDR h = Header(bytes);
             ASSERT_EQ(w.Write(&h), long(bytes.size()));
             const size_t written = at + bytes.size();
             // What another program sees now: lengths at most a second behind, and true.
@@ -155,9 +150,7 @@ TEST_F(Recording, DroppingTheFormatWhileRecordingKeepsTheHeaderTrue)
     for (size_t at = 0; at < data.size(); at += 5000) {
         if (at == 15000) w.SetFormat(nullptr);
         std::string bytes = data.substr(at, 5000);
-        WAVEHDR h{};
-        h.lpData = bytes.data();
-        h.dwBytesRecorded = DWORD(bytes.size());
+        WAVEHDR h = Header(bytes);
         ASSERT_EQ(w.Write(&h), 5000);
         const std::string file = Slurp(path);
         EXPECT_GE(HeaderLe32(file, 42) + kRate, at + 5000);
@@ -186,9 +179,7 @@ TEST_F(Recording, AWriterKilledMidRecordingLeavesAFileEveryoneReads)
                 if (!w->Open(0)) return 1;
                 for (int i = 0; i < pieces; ++i) {
                     std::string bytes = data.substr(size_t(i * piece), size_t(piece));
-                    WAVEHDR h{};
-                    h.lpData = bytes.data();
-                    h.dwBytesRecorded = DWORD(bytes.size());
+                    WAVEHDR h = Header(bytes);
                     if (w->Write(&h) != piece) return 2;
                 }
                 return 0;
@@ -221,9 +212,7 @@ TEST_F(Recording, AFullDiskLeavesTrueLengths)
         bool failed = false;
         for (size_t at = 0; at < data.size() && !failed; at += 3000) {
             std::string bytes = data.substr(at, 3000);
-            WAVEHDR h{};
-            h.lpData = bytes.data();
-            h.dwBytesRecorded = DWORD(bytes.size());
+            WAVEHDR h = Header(bytes);
             const long n = w.Write(&h);
             if (n != 3000 && n != -1) return 11;
             failed = n < 0;

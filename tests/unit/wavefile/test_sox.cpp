@@ -79,10 +79,7 @@ TEST_F(Sox, SoxAcceptsWhatWeWrite)
     // 44.1 kHz stereo 16-bit.
     for (auto [index, encoding, bytes] : {std::tuple{0, "Unsigned", 4001}, {3, "Unsigned", 66150},
                                           {8, "Signed", 88202}, {13, "Signed", 352804}}) {
-        WAVEFORMATEX wfx;
-        CQXDevice::FillFormat(&wfx, index);
-        QX_DevFormat format;
-        std::memcpy(&format, &wfx, sizeof(format));
+        QX_DevFormat wfx = StdFormat(index), format = wfx;
         const std::string data = Pattern(size_t(bytes), unsigned(index));
         {
             CWaveFileWrite w;
@@ -91,9 +88,7 @@ TEST_F(Sox, SoxAcceptsWhatWeWrite)
             ASSERT_EQ(w.Open(0), 1);
             for (size_t at = 0, half = wfx.nAvgBytesPerSec / 2; at < data.size(); at += half) {
                 std::string piece = data.substr(at, half);
-                WAVEHDR h{};
-                h.lpData = piece.data();
-                h.dwBytesRecorded = DWORD(piece.size());
+                WAVEHDR h = Header(piece);
                 ASSERT_EQ(w.Write(&h), long(piece.size()));
             }
             if (index != 8) {

@@ -154,9 +154,7 @@ TEST_F(WaveFile, NonsenseFormatsNeitherCrashNorHang)
     w.SetFormat(&zero);
     ASSERT_EQ(w.Open(0), 1);
     std::string bytes = data;
-    WAVEHDR h{};
-    h.lpData = bytes.data();
-    h.dwBytesRecorded = DWORD(bytes.size());
+    WAVEHDR h = Header(bytes);
     for (int i = 0; i < 5; ++i) ASSERT_EQ(w.Write(&h), 3001);
     EXPECT_EQ(w.GetDuration(), 0);
     ASSERT_EQ(w.Close(), 1);
@@ -473,10 +471,7 @@ TEST_F(WaveFile, WriterLaysOutTheFileByteForByte)
 TEST_F(WaveFile, WhatTheWriterWritesTheReaderReads)
 {
     const std::string path = Path("rt.wav");
-    WAVEFORMATEX wfx;
-    CQXDevice::FillFormat(&wfx, 13); // 44.1 kHz stereo 16-bit
-    QX_DevFormat format;
-    std::memcpy(&format, &wfx, sizeof(format));
+    QX_DevFormat format = StdFormat(13); // 44.1 kHz stereo 16-bit
     const std::string data = Pattern(3 * 176400 + 2);
     {
         CWaveFileWrite w; // destroyed while open: the file is finished all the same
