@@ -501,16 +501,36 @@ TEST_F(OnOutput, PlayWaveFileEndsByItselfAndIsGone)
     EXPECT_EQ(ReportLog::Take(), Log{});
 }
 
-// The immediate start fails inside Play: the player is stopped, reports, calls back
-// once and is freed once, after Play is done with it; PlayWaveFile has succeeded.
+// A self-deleting player whose start fails is stopped, reports, calls back once and is
+// freed once: after Play is done with it when it starts at once (PlayWaveFile has
+// succeeded), and on the manager's thread, which holds it pinned, when it starts later.
 TEST_F(OnOutput, ASelfDeletingPlayerWhoseStartFailsIsReleasedOnce)
 {
-    QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
-    EXPECT_GT(q->PlayWaveFile(m_long.c_str(), 1, Done, 5), 0);
-    EXPECT_EQ(ReportLog::Take(), (Log{{QXN_DS_START, static_cast<DWORD>(DSERR_BUFFERLOST), 1}}));
-    ASSERT_EQ(DoneCount(), 1u) << "called back before PlayWaveFile returned";
-    EXPECT_TRUE(Gone(DoneCalls()[0].second));
-    EXPECT_EQ(Out(1)->IsActive(), 0);
+    for (const bool bTimed : {false, true}) {
+        SCOPED_TRACE(bTimed ? "timed start" : "immediate start");
+        ClearDone();
+        DWORD dwPlayer = 0;
+        if (!bTimed) {
+            QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
+            EXPECT_GT(q->PlayWaveFile(m_long.c_str(), 1, Done, 11), 0);
+            ASSERT_EQ(DoneCount(), 1u) << "called back before PlayWaveFile returned";
+        } else {
+            auto* p = new TestPlayer;
+            QX_WaveParams params = WaveParams(12, 0, m_long);
+            ASSERT_EQ(p->Play(&params, 1, Now() + 200, Done, 11, 1), 1);
+            dwPlayer = p->GetHandle();
+            QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
+            ASSERT_TRUE(Eventually([] { return DoneCount() == 1; }));
+        }
+        const auto [dwUser, dwHandle] = DoneCalls()[0];
+        EXPECT_EQ(dwUser, 11u);
+        if (bTimed) {
+            EXPECT_EQ(dwHandle, dwPlayer);
+        }
+        EXPECT_TRUE(Eventually([&] { return Gone(dwHandle); }));
+        EXPECT_EQ(ReportLog::Take(), (Log{{QXN_DS_START, static_cast<DWORD>(DSERR_BUFFERLOST), 1}}));
+        EXPECT_EQ(Out(1)->IsActive(), 0);
+    }
 }
 
 TEST_F(OnOutput, AStartTimeAheadArmsTheTimerAndTheManagerStartsIt)
@@ -554,22 +574,6 @@ TEST_F(OnOutput, APlayerDestroyedBeforeItsTimerFiresDoesNothing)
     Sleep(600); // past its start time
     EXPECT_EQ(DoneCount(), 1u);
     EXPECT_EQ(Out(0)->IsActive(), 0);
-}
-
-// Started by the manager's thread, which holds it pinned, a self-deleting player whose
-// start fails deletes itself there without waiting for its own pin.
-TEST_F(OnOutput, ASelfDeletingPlayerWhoseTimedStartFailsIsReleasedOnce)
-{
-    auto* p = new TestPlayer;
-    QX_WaveParams params = WaveParams(12, 0, m_long);
-    ASSERT_EQ(p->Play(&params, 1, Now() + 200, Done, 11, 1), 1);
-    const DWORD dwHandle = p->GetHandle();
-    QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
-    ASSERT_TRUE(Eventually([] { return DoneCount() == 1; }));
-    EXPECT_EQ(DoneCalls()[0], (DoneCall{11, dwHandle}));
-    EXPECT_TRUE(Eventually([&] { return Gone(dwHandle); }));
-    EXPECT_EQ(ReportLog::Take(), (Log{{QXN_DS_START, static_cast<DWORD>(DSERR_BUFFERLOST), 1}}));
-    EXPECT_EQ(Out(1)->IsActive(), 0);
 }
 
 TEST_F(OnOutput, ASecondPlayerOnTheTrackDestroysTheFirst)
