@@ -161,32 +161,29 @@ TEST(DSoundMixer, NotificationsFireWhereTheCursorPasses)
     ASSERT_EQ(notify->SetNotificationPositions(4, pos), DS_OK);
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
 
+    // Which events fired since the last look, one digit each.
+    auto fired = [&] {
+        std::string s;
+        for (HANDLE h : ev) s += Signalled(h) ? '1' : '0';
+        return s;
+    };
     off.Render(498); // cursor at byte 996
-    for (HANDLE h : ev) EXPECT_FALSE(Signalled(h));
+    EXPECT_EQ(fired(), "0000");
     off.Render(1); // 998: reached
-    EXPECT_TRUE(Signalled(ev[1]));
-    EXPECT_FALSE(Signalled(ev[0]));
+    EXPECT_EQ(fired(), "0100");
     off.Render(500); // 1998
-    for (HANDLE h : ev) EXPECT_FALSE(Signalled(h));
+    EXPECT_EQ(fired(), "0000");
     off.Render(1); // wraps to 0, passing the last byte
-    EXPECT_TRUE(Signalled(ev[2]));
-    EXPECT_TRUE(Signalled(ev[0]));
-    EXPECT_FALSE(Signalled(ev[1]));
-    EXPECT_FALSE(Signalled(ev[3]));
+    EXPECT_EQ(fired(), "1010");
+    off.Render(1500); // more than the whole buffer: every position once
+    EXPECT_EQ(fired(), "1110");
 
-    // A block passing more than the whole buffer fires every position once.
-    off.Render(1500);
-    EXPECT_TRUE(Signalled(ev[0]));
-    EXPECT_TRUE(Signalled(ev[1]));
-    EXPECT_TRUE(Signalled(ev[2]));
-    EXPECT_FALSE(Signalled(ev[3]));
-
-    // Positions change only while stopped; Stop fires the stop entry.
+    // Positions change only while stopped; Stop fires the stop entry, once.
     EXPECT_EQ(notify->SetNotificationPositions(1, pos), DSERR_INVALIDCALL);
     ASSERT_EQ(b->Stop(), DS_OK);
-    EXPECT_TRUE(Signalled(ev[3]));
-    ASSERT_EQ(b->Stop(), DS_OK); // not playing: nothing more
-    EXPECT_FALSE(Signalled(ev[3]));
+    EXPECT_EQ(fired(), "0001");
+    ASSERT_EQ(b->Stop(), DS_OK);
+    EXPECT_EQ(fired(), "0000");
     DSBPOSITIONNOTIFY stopFirst[2] = {{DSBPN_OFFSETSTOP, ev[3]}, {10, ev[0]}};
     EXPECT_EQ(notify->SetNotificationPositions(2, stopFirst), DSERR_INVALIDPARAM);
     DSBPOSITIONNOTIFY outside[1] = {{2000, ev[0]}};
@@ -198,7 +195,7 @@ TEST(DSoundMixer, NotificationsFireWhereTheCursorPasses)
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     off.Render(3000);
     b->Stop();
-    for (HANDLE h : ev) EXPECT_FALSE(Signalled(h));
+    EXPECT_EQ(fired(), "0000");
 
     // The notification interface shares the buffer's reference count.
     EXPECT_EQ(notify->Release(), 1u);
@@ -221,12 +218,11 @@ TEST(DSoundMixer, OnceStopsAtTheEndAndLoopingGoesOn)
     DWORD status = 0;
     ASSERT_EQ(b->GetStatus(&status), DS_OK);
     EXPECT_EQ(status & (DSBSTATUS_PLAYING | DSBSTATUS_LOOPING), DSBSTATUS_PLAYING);
+    auto fired = [&] { return std::string{Signalled(last) ? 'L' : '-', Signalled(stop) ? 'S' : '-'}; };
     off.Render(999);
-    EXPECT_FALSE(Signalled(last));
-    EXPECT_FALSE(Signalled(stop));
+    EXPECT_EQ(fired(), "--");
     std::vector<float> tail = off.Render(10);
-    EXPECT_TRUE(Signalled(last));
-    EXPECT_TRUE(Signalled(stop));
+    EXPECT_EQ(fired(), "LS");
     EXPECT_NEAR(tail[0], 0.5f, 1e-6f); // the last frame, then silence
     for (size_t i = 2; i < tail.size(); ++i) EXPECT_EQ(tail[i], 0.0f);
     ASSERT_EQ(b->GetStatus(&status), DS_OK);
@@ -241,15 +237,14 @@ TEST(DSoundMixer, OnceStopsAtTheEndAndLoopingGoesOn)
     ASSERT_EQ(b->GetStatus(&status), DS_OK);
     EXPECT_EQ(status & (DSBSTATUS_PLAYING | DSBSTATUS_LOOPING), DSBSTATUS_PLAYING | DSBSTATUS_LOOPING);
     tail = off.Render(2500);
-    EXPECT_TRUE(Signalled(last));
-    EXPECT_FALSE(Signalled(stop));
+    EXPECT_EQ(fired(), "L-");
     for (size_t i = 0; i < tail.size(); ++i) ASSERT_NEAR(tail[i], 0.5f, 1e-6f) << i;
 
     // Stop leaves the cursor after the last frame played; Play goes on from there.
     ASSERT_EQ(b->GetCurrentPosition(&play, nullptr), DS_OK);
     EXPECT_EQ(play, 1000u); // 2500 frames into a 1000-frame loop
     ASSERT_EQ(b->Stop(), DS_OK);
-    EXPECT_TRUE(Signalled(stop));
+    EXPECT_EQ(fired(), "-S");
     tail = off.Render(100);
     for (float s : tail) EXPECT_EQ(s, 0.0f);
     ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
@@ -261,7 +256,7 @@ TEST(DSoundMixer, OnceStopsAtTheEndAndLoopingGoesOn)
     EXPECT_EQ(play, 1500u);
     EXPECT_NE(write, play); // leads while playing
     off.Render(250); // reaches the end, played once
-    EXPECT_TRUE(Signalled(stop));
+    EXPECT_EQ(fired(), "LS");
 
     notify->Release();
     b->Release();
