@@ -255,10 +255,7 @@ TEST_F(DSoundApi, EveryCallCanBeMadeToFail)
     LONG l;
     WAVEFORMATEX pf = Pcm(44100, 2, 16);
 
-    struct Call {
-        const char* name;
-        std::function<HRESULT()> call;
-    };
+    struct Call { const char* name; std::function<HRESULT()> call; };
     const Call calls[] = {
         {"IDirectSound::SetCooperativeLevel", [&] { return ds->SetCooperativeLevel(hwnd, DSSCL_PRIORITY); }},
         {"IDirectSound::CreateSoundBuffer",

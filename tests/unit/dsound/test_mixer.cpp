@@ -30,9 +30,7 @@ TEST(DSoundMixer, VolumeAndPanFollowTheDecibelLaw)
     LPDIRECTSOUNDBUFFER mono = MakeBuffer(off.ds, Pcm(48000, 1, 16), 960);
     Fill(mono, [](BYTE* p, DWORD n) { Level16(p, n, 16384); });
     ASSERT_EQ(mono->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-    struct Case {
-        LONG volume, pan;
-    };
+    struct Case { LONG volume, pan; };
     const Case cases[] = {{0, 0}, {-600, 0}, {0, -2173}, {0, 870}, {-1000, 3000}, {-2500, -7000}, {-37, 9000}};
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << "volume " << c.volume << " pan " << c.pan);

@@ -206,11 +206,7 @@ TEST_F(Failures, WaveInputReportsEveryFailingCall)
     EXPECT_EQ(CWaveIn::GetDeviceCaps(1, &caps), 1);
 
     CWaveIn in;
-    struct {
-        const char* call;
-        DWORD result;
-        Report report;
-    } opens[] = {
+    struct { const char* call; DWORD result; Report report; } opens[] = {
         {"waveInOpen", MMSYSERR_ALLOCATED, {QXN_WAVEIN_OPEN, MMSYSERR_ALLOCATED, 1}},
         {"VirtualAlloc", ERROR_NOT_ENOUGH_MEMORY, {QXN_WAVEIN_VIRTUALALLOC, 0, 1}},
         {"VirtualLock", ERROR_NOT_ENOUGH_MEMORY, {QXN_WAVEIN_VIRTUALLOCK, 0, 1}},

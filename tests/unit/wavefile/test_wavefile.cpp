@@ -168,10 +168,7 @@ TEST_F(WaveFile, NonsenseFormatsNeitherCrashNorHang)
 TEST_F(WaveFile, WhatIsNotWaveIsRefusedWithTheReason)
 {
     const std::string fmt = Fmt(1, 8000, 8);
-    const struct {
-        std::string bytes;
-        DWORD code, value;
-    } cases[] = {
+    const struct { std::string bytes; DWORD code, value; } cases[] = {
         {Riff(fmt + Chunk("LIST", "INFO")), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND}, // no data
         {Riff(Chunk("data", "xx")), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},         // no format
         {"plain words, no chunks", QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},
@@ -278,10 +275,7 @@ TEST_F(WaveFile, LengthsThatTheFileDoesNotHoldReadToItsEnd)
 {
     const std::string fmt = Fmt(1, 8000, 8), data = Pattern(5000);
     const std::string tail = Chunk("LIST", "INFO" + Chunk("ICMT", "after"));
-    const struct {
-        std::string bytes;
-        long size;
-    } cases[] = {
+    const struct { std::string bytes; long size; } cases[] = {
         {Riff(fmt + "data" + Le32(0xFFFFFFFFu) + data), 5000},                   // a streaming writer's
         {"RIFF" + Le32(0xFFFFFFFFu) + "WAVE" + fmt + "data" + Le32(0xFFFFFFFFu) + data, 5000},
         {Riff(fmt + "data" + Le32(9000) + data), 5000},                          // cut short

@@ -172,13 +172,7 @@ TEST(WaveOutTracks, RecommendedTrackCountFollowsTheMachine)
         EXPECT_EQ(CWaveOut::GetRecommendedTrackCount(), 16);
     }
 
-    struct Row {
-        DWORD platform;
-        WORD arch;
-        WORD level;
-        DWORD type;
-        int expected;
-    };
+    struct Row { DWORD platform; WORD arch; WORD level; DWORD type; int expected; };
     const Row rows[] = {
         {2, 0, 3, 0, 2},    {2, 0, 4, 0, 4},  {2, 0, 5, 0, 8},   {2, 0, 6, 0, 12}, {2, 3, 0, 0, 12},
         {2, 2, 0, 0, 16},   {2, 9, 6, 0, 16}, {1, 0, 5, 386, 2}, {1, 9, 0, 486, 4}, {1, 0, 0, 586, 8},

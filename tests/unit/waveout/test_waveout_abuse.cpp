@@ -386,12 +386,7 @@ TEST_F(Abuse, AFailedPlayRacingADeletedTrackIsDeletedOnce)
 // anything read past it.
 TEST_F(Abuse, ExtensibleFilesPlayAndNoFormatRecordIsReadPastItsSize)
 {
-    struct Case {
-        const char* name;
-        WORD channels, bits;
-        DWORD subFormat;
-        bool plays;
-    };
+    struct Case { const char* name; WORD channels, bits; DWORD subFormat; bool plays; };
     for (const Case& c : {Case{"s32", 2, 32, WAVE_FORMAT_PCM, true}, Case{"s24", 2, 24, WAVE_FORMAT_PCM, true},
                           Case{"f32", 1, 32, WAVE_FORMAT_IEEE_FLOAT, true},
                           Case{"six", 6, 16, WAVE_FORMAT_PCM, true}, Case{"alaw", 2, 8, 6, false}}) {
