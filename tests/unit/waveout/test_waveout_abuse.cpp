@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
+#include <future>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -43,12 +43,10 @@ std::string WaveFileBytes(WORD channels, DWORD rate, WORD bits, size_t nFrames, 
 
 // Aborts the process when a test does not end in time: a deadlock must fail the run,
 // not hang it.
-class Watchdog {
-public:
+struct Watchdog {
     explicit Watchdog(std::chrono::seconds limit)
-        : m_thread([this, limit] {
-              std::unique_lock<std::mutex> lock(m_mutex);
-              if (m_done.wait_for(lock, limit, [this] { return m_bDone; })) return;
+        : thread([f = done.get_future(), limit] {
+              if (f.wait_for(limit) == std::future_status::ready) return;
               std::fprintf(stderr, "deadlock: %s\n", ::testing::UnitTest::GetInstance()->current_test_info()->name());
               std::abort();
           })
@@ -56,18 +54,11 @@ public:
     }
     ~Watchdog()
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_bDone = true;
-        lock.unlock();
-        m_done.notify_one();
-        m_thread.join();
+        done.set_value();
+        thread.join();
     }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_done;
-    bool m_bDone = false;
-    std::thread m_thread;
+    std::promise<void> done;
+    std::thread thread;
 };
 
 std::atomic<int> g_reports[1000];
