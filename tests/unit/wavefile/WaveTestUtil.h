@@ -101,6 +101,14 @@ inline QX_DevFormat StdFormat(int index)
     return f;
 }
 
+// Names a reader's or writer's file, and a writer's format, and opens it.
+template <class File> int OpenFile(File& f, const std::string& path, QX_DevFormat* pFormat = nullptr)
+{
+    f.SetFilename(path.c_str());
+    if (pFormat != nullptr) f.SetFormat(pFormat);
+    return f.Open(0);
+}
+
 // Takes an lvalue: the header points into the string.
 inline WAVEHDR Header(std::string& bytes)
 {

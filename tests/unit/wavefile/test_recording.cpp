@@ -107,9 +107,7 @@ TEST_F(Recording, TheHeaderKeepsUpWithTheDataWhileRecording)
     // Pieces shorter and longer than the one-second file buffer, and one of exactly it.
     for (size_t piece : {size_t(3000), size_t(kRate), size_t(21000)}) {
         CWaveFileWrite w;
-        w.SetFilename(path.c_str());
-        w.SetFormat(&format);
-        ASSERT_EQ(w.Open(0), 1);
+        ASSERT_EQ(OpenFile(w, path, &format), 1);
         for (size_t at = 0; at < data.size(); at += piece) {
             std::string bytes = data.substr(at, piece);
             WAVEHDR h = Header(bytes);
@@ -144,9 +142,7 @@ TEST_F(Recording, DroppingTheFormatWhileRecordingKeepsTheHeaderTrue)
     QX_DevFormat format = Format8k();
     const std::string data = Pattern(40000, 9);
     CWaveFileWrite w;
-    w.SetFilename(path.c_str());
-    w.SetFormat(&format);
-    ASSERT_EQ(w.Open(0), 1);
+    ASSERT_EQ(OpenFile(w, path, &format), 1);
     for (size_t at = 0; at < data.size(); at += 5000) {
         if (at == 15000) w.SetFormat(nullptr);
         std::string bytes = data.substr(at, 5000);
@@ -174,9 +170,7 @@ TEST_F(Recording, AWriterKilledMidRecordingLeavesAFileEveryoneReads)
         const int result = RunChild(
             [&, piece = piece, pieces = pieces] {
                 auto* w = new CWaveFileWrite; // never finished: the process dies with it open
-                w->SetFilename(path.c_str());
-                w->SetFormat(&format);
-                if (!w->Open(0)) return 1;
+                if (!OpenFile(*w, path, &format)) return 1;
                 for (int i = 0; i < pieces; ++i) {
                     std::string bytes = data.substr(size_t(i * piece), size_t(piece));
                     WAVEHDR h = Header(bytes);
@@ -206,9 +200,7 @@ TEST_F(Recording, AFullDiskLeavesTrueLengths)
     // exit code.
     auto record = [&](const std::string& path) {
         CWaveFileWrite w;
-        w.SetFilename(path.c_str());
-        w.SetFormat(&format);
-        if (!w.Open(0)) return 10;
+        if (!OpenFile(w, path, &format)) return 10;
         bool failed = false;
         for (size_t at = 0; at < data.size() && !failed; at += 3000) {
             std::string bytes = data.substr(at, 3000);

@@ -61,8 +61,7 @@ TEST_F(Sox, WeReadWhatSoxWritesWithAndWithoutExtraChunks)
             EXPECT_EQ(f.nAvgBytesPerSec, rate * align);
             EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), long(raw.size() * 1000.0 / (rate * align)));
             CWaveFileRead r;
-            r.SetFilename(path.c_str());
-            ASSERT_EQ(r.Open(0), 1);
+            ASSERT_EQ(OpenFile(r, path), 1);
             EXPECT_EQ(r.GetDataSize(), long(raw.size()));
             std::string back(raw.size() + 100, '\0');
             EXPECT_EQ(r.Read(reinterpret_cast<unsigned char*>(back.data()), int(back.size())), int(raw.size()));
@@ -83,9 +82,7 @@ TEST_F(Sox, SoxAcceptsWhatWeWrite)
         const std::string data = Pattern(size_t(bytes), unsigned(index));
         {
             CWaveFileWrite w;
-            w.SetFilename(Path("ours.wav").c_str());
-            w.SetFormat(&format);
-            ASSERT_EQ(w.Open(0), 1);
+            ASSERT_EQ(OpenFile(w, Path("ours.wav"), &format), 1);
             for (size_t at = 0, half = wfx.nAvgBytesPerSec / 2; at < data.size(); at += half) {
                 std::string piece = data.substr(at, half);
                 WAVEHDR h = Header(piece);
