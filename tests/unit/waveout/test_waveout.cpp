@@ -7,6 +7,7 @@
 #include "platform/backends/virtual/QXVirtual.h"
 #include "platform/dsound/QXDSound.h"
 
+#include "unit/dsound/DSTestUtil.h"
 #include "unit/wavefile/WaveTestUtil.h"
 
 #include <gtest/gtest.h>
@@ -314,15 +315,8 @@ TEST_F(WaveOutTest, APausedOutputHoldsItsMixAndGoesOnWhereItWas)
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     IDirectSound* ds = CWaveOut::DSGetDevice(0);
     ASSERT_NE(ds, nullptr);
-    WAVEFORMATEX wf{};
-    CQXDevice::FillFormat(&wf, 9);
-    DSBUFFERDESC desc{};
-    desc.dwSize = sizeof desc;
-    desc.dwFlags = DSBCAPS_GETCURRENTPOSITION2;
-    desc.dwBufferBytes = 88200; // one second
-    desc.lpwfxFormat = &wf;
-    IDirectSoundBuffer* b = nullptr;
-    ASSERT_EQ(ds->CreateSoundBuffer(&desc, &b, nullptr), DS_OK);
+    IDirectSoundBuffer* b = dstest::MakeBuffer(ds, dstest::Pcm(22050, 2, 16), 88200, DSBCAPS_GETCURRENTPOSITION2);
+    ASSERT_NE(b, nullptr);
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     auto cursor = [&] {
         DWORD play = 0, write = 0;
