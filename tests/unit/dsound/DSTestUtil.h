@@ -63,11 +63,7 @@ inline LPDIRECTSOUNDBUFFER MakeBuffer(LPDIRECTSOUND ds, const WAVEFORMATEX& wfx,
     return b;
 }
 
-struct Driver {
-    bool hasGuid;
-    GUID guid;
-    std::string description, module;
-};
+struct Driver { bool hasGuid; GUID guid; std::string description, module; };
 
 // Enumerates into a std::vector<Driver>.
 inline BOOL CALLBACK Collect(LPGUID pGuid, LPCSTR pszDescription, LPCSTR pszModule, LPVOID pContext)

@@ -230,20 +230,15 @@ TEST_F(DSoundApi, EveryCallCanBeMadeToFail)
     ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
     HWND hwnd = MakeWindow();
 
-    DSBUFFERDESC pd{};
-    pd.dwSize = sizeof pd;
-    pd.dwFlags = DSBCAPS_PRIMARYBUFFER;
-    LPDIRECTSOUNDBUFFER primary = nullptr;
     WAVEFORMATEX f = Pcm(22050, 1, 16);
     DSBUFFERDESC sd{};
     sd.dwSize = sizeof sd;
     sd.dwFlags = kAllControls;
     sd.dwBufferBytes = 4410;
     sd.lpwfxFormat = &f;
-    LPDIRECTSOUNDBUFFER b = nullptr;
     ASSERT_EQ(ds->SetCooperativeLevel(hwnd, DSSCL_PRIORITY), DS_OK);
-    ASSERT_EQ(ds->CreateSoundBuffer(&pd, &primary, nullptr), DS_OK);
-    ASSERT_EQ(ds->CreateSoundBuffer(&sd, &b, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER primary = Primary(ds), b = MakeBuffer(ds, f, 4410);
+    ASSERT_TRUE(primary != nullptr && b != nullptr);
     LPDIRECTSOUNDNOTIFY notify = nullptr;
     ASSERT_EQ(b->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&notify)), DS_OK);
     HANDLE ev = CreateEventA(nullptr, FALSE, FALSE, nullptr);
@@ -255,10 +250,7 @@ TEST_F(DSoundApi, EveryCallCanBeMadeToFail)
     LONG l;
     WAVEFORMATEX pf = Pcm(44100, 2, 16);
 
-    struct Call {
-        const char* name;
-        std::function<HRESULT()> call;
-    };
+    struct Call { const char* name; std::function<HRESULT()> call; };
     const Call calls[] = {
         {"IDirectSound::SetCooperativeLevel", [&] { return ds->SetCooperativeLevel(hwnd, DSSCL_PRIORITY); }},
         {"IDirectSound::CreateSoundBuffer",

@@ -2,8 +2,8 @@
 // land, and the application's calls racing the mixer thread.
 #include "DSTestUtil.h"
 
-#include "platform/mmio/QXMmio.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "unit/wavefile/WaveTestUtil.h"
 
 #include <unistd.h>
 
@@ -21,6 +21,7 @@ namespace {
 
 const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
 
+// The capture file as the output writes it: RIFF, a 16-byte format chunk, the data.
 struct WavData {
     WAVEFORMATEX fmt{};
     std::vector<int16_t> samples;
@@ -28,44 +29,31 @@ struct WavData {
     long fileSize = 0;
 };
 
+DWORD At(const std::string& file, size_t at)
+{
+    DWORD v = 0;
+    if (file.size() >= at + 4) std::memcpy(&v, file.data() + at, 4);
+    return v;
+}
+
 bool ReadWav(const std::string& path, WavData& out)
 {
-    std::vector<char> name(path.begin(), path.end());
-    name.push_back('\0');
-    HMMIO h = mmioOpenA(name.data(), nullptr, MMIO_READ | MMIO_ALLOCBUF);
-    if (h == nullptr) return false;
-    MMCKINFO riff{}, ck{};
-    riff.fccType = mmioFOURCC('W', 'A', 'V', 'E');
-    bool ok = mmioDescend(h, &riff, nullptr, MMIO_FINDRIFF) == MMSYSERR_NOERROR;
-    ck.ckid = mmioFOURCC('f', 'm', 't', ' ');
-    ok = ok && mmioDescend(h, &ck, &riff, MMIO_FINDCHUNK) == MMSYSERR_NOERROR &&
-         mmioRead(h, reinterpret_cast<char*>(&out.fmt), 16) == 16 && mmioAscend(h, &ck, 0) == MMSYSERR_NOERROR;
-    ck.ckid = mmioFOURCC('d', 'a', 't', 'a');
-    ok = ok && mmioDescend(h, &ck, &riff, MMIO_FINDCHUNK) == MMSYSERR_NOERROR;
-    if (ok) {
-        out.samples.resize(ck.cksize / 2);
-        ok = mmioRead(h, reinterpret_cast<char*>(out.samples.data()), static_cast<LONG>(ck.cksize)) ==
-             static_cast<LONG>(ck.cksize);
-    }
-    out.riffSize = riff.cksize;
-    mmioClose(h, 0);
-    if (FILE* f = std::fopen(path.c_str(), "rb")) {
-        std::fseek(f, 0, SEEK_END);
-        out.fileSize = std::ftell(f);
-        std::fclose(f);
-    }
-    return ok;
+    const std::string f = wavetest::Slurp(path);
+    if (f.size() < 44 || f.compare(0, 4, "RIFF") != 0 || f.compare(8, 12, std::string("WAVEfmt \x10\0\0\0", 12)) != 0 ||
+        f.compare(36, 4, "data") != 0 || f.size() < 44 + At(f, 40))
+        return false;
+    std::memcpy(&out.fmt, f.data() + 20, 16);
+    out.samples.resize(At(f, 40) / 2);
+    std::memcpy(out.samples.data(), f.data() + 44, out.samples.size() * 2);
+    out.riffSize = At(f, 4);
+    out.fileSize = long(f.size());
+    return true;
 }
 
 // The data size the file's header claims now.
 DWORD HeaderDataSize(const std::string& path)
 {
-    DWORD size = 0;
-    if (FILE* f = std::fopen(path.c_str(), "rb")) {
-        if (std::fseek(f, 40, SEEK_SET) != 0 || std::fread(&size, 4, 1, f) != 1) size = 0;
-        std::fclose(f);
-    }
-    return size;
+    return At(wavetest::Slurp(path), 40);
 }
 
 } // namespace

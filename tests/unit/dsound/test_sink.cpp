@@ -1,5 +1,6 @@
 // The lock-free ring between a mixer and its sink, where the mixer starts a sound in
 // it, and the virtual outputs' settings.
+#include "DSTestUtil.h"
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/virtual/QXVirtualAudio.h"
 #include "platform/dsound/QXMixer.h"
@@ -67,13 +68,7 @@ private:
 // A mono 16-bit voice at 48 kHz holding a constant level.
 std::unique_ptr<qxplat::ds::Voice> ConstantVoice(int16_t level, DWORD frames)
 {
-    WAVEFORMATEX f{};
-    f.wFormatTag = WAVE_FORMAT_PCM;
-    f.nChannels = 1;
-    f.nSamplesPerSec = 48000;
-    f.wBitsPerSample = 16;
-    f.nBlockAlign = 2;
-    f.nAvgBytesPerSec = 96000;
+    const WAVEFORMATEX f = dstest::Pcm(48000, 1, 16);
     qxplat::ds::SourceFormat fmt;
     EXPECT_TRUE(qxplat::ds::ParseFormat(&f, fmt));
     auto v = std::make_unique<qxplat::ds::Voice>(fmt, frames * 2);

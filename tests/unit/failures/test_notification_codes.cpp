@@ -1,124 +1,40 @@
 // Every notification code the library raises, provoked by making the platform call
-// behind it fail (fault injection), with its value and its device checked, grouped by
-// the device that reports. Where another test already provokes a code, the table names
-// that test; extend the table and the groups as devices are added.
-//
-// | code | name                      | provoked and checked by                                        |
-// |------|---------------------------|----------------------------------------------------------------|
-// | 100  | QXN_DS_CREATE             | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
-// | 101  | QXN_DS_SETCOOPLEVEL       | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
-// | 102  | QXN_DS_CREATEBUFFER       | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber   |
-// |      |                           |   (waveout: the primary buffer); Offline.BufferCreation-       |
-// |      |                           |   FailuresAreReported (waveplay: a player's buffer)            |
-// | 103  | QXN_DS_START              | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber;  |
-// |      |                           |   Offline.StartAndStopOfThePlayer (waveplay)                   |
-// | 104  | QXN_DS_STOP               | WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber;  |
-// |      |                           |   Offline.StartAndStopOfThePlayer (waveplay)                   |
-// | 105  | QXN_DS_SETFORMAT          | WaveOutTest.PrimaryBufferFollowsTheFormatAndTheTransport,      |
-// |      |                           |   WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber |
-// | 109  | QXN_DS_GETCAPS            | WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver (waveout)|
-// | 113  | QXN_DS_SETFREQUENCY       | Offline.RefusedParametersAreReportedAndStoredAllTheSame        |
-// |      |                           |   (waveplay)                                                   |
-// | 115  | QXN_DS_SETPAN             | Offline.RefusedParametersAreReportedAndStoredAllTheSame        |
-// | 117  | QXN_DS_SETVOLUME          | Offline.RefusedParametersAreReportedAndStoredAllTheSame        |
-// | 121  | QXN_DS_LOCK               | Offline.RefillFailuresAreReportedAndChangeNothing (waveplay)   |
-// | 122  | QXN_DS_UNLOCK             | Offline.RefillFailuresAreReportedAndChangeNothing (waveplay)   |
-// | 123  | QXN_DS_QUERYNOTIFY        | Offline.BufferCreationFailuresAreReported (waveplay)           |
-// | 124  | QXN_DS_SETNOTIFYPOSITIONS | Offline.BufferCreationFailuresAreReported (waveplay)           |
-// | 200  | QXN_MIDIIN_OPEN           | Failures.MidiInputReportsEveryFailingCall                      |
-// | 201  | QXN_MIDIIN_START          | Failures.MidiInputReportsEveryFailingCall                      |
-// | 202  | QXN_MIDIIN_STOP           | Failures.MidiInputReportsEveryFailingCall (by stop and pause)  |
-// | 203  | QXN_MIDIIN_CLOSE          | Failures.MidiInputReportsEveryFailingCall                      |
-// | 204  | QXN_MIDIIN_GETCAPS        | Failures.MidiInputReportsEveryFailingCall                      |
-// | 300  | QXN_MIDIOUT_OPEN          | Failures.MidiOutputReportsEveryFailingCall;                    |
-// |      |                           |   EngineTest.FailuresAreReportedAndLeaveNoStreamOpen (midi)    |
-// | 301  | QXN_MIDIOUT_START         | Failures.MidiOutputReportsEveryFailingCall                     |
-// | 302  | QXN_MIDIOUT_PAUSE         | Failures.MidiOutputReportsEveryFailingCall                     |
-// | 303  | QXN_MIDIOUT_STOP          | Failures.MidiOutputReportsEveryFailingCall                     |
-// | 304  | QXN_MIDIOUT_CLOSE         | Failures.MidiOutputReportsEveryFailingCall                     |
-// | 305  | QXN_MIDIOUT_PREPARE       | Failures.MidiOutputReportsEveryFailingCall;                    |
-// |      |                           |   EngineTest.ADensePeriodPlaysWholeAndPacesAsOne (midi: an     |
-// |      |                           |   event larger than any stream buffer)                         |
-// | 306  | QXN_MIDIOUT_SEND          | Failures.MidiOutputReportsEveryFailingCall;                    |
-// |      |                           |   EngineTest.FailuresAreReportedAndLeaveNoStreamOpen (midi)    |
-// | 307  | QXN_MIDIOUT_UNPREPARE     | Failures.MidiOutputReportsEveryFailingCall                     |
-// | 308  | QXN_MIDIOUT_SETTIMING     | Failures.MidiOutputReportsEveryFailingCall;                    |
-// |      |                           |   EngineTest.FailuresAreReportedAndLeaveNoStreamOpen (midi)    |
-// | 309  | QXN_MIDIOUT_GETCAPS       | Failures.MidiOutputReportsEveryFailingCall;                    |
-// |      |                           |   ManagerTest.CapabilitiesNameTheBackendsDevices (manager)     |
-// | 310  | QXN_MIDIOUT_SHORTMSG      | Failures.MidiOutputReportsEveryFailingCall (short message,     |
-// |      |                           |   note, SysEx); JackGone.AServerThatGoesAwayGivesNotifications- |
-// |      |                           |   AndCleanFailures (integration, a JACK server that went away) |
-// | 400  | QXN_WAVEIN_OPEN           | Failures.WaveInputReportsEveryFailingCall                      |
-// | 401  | QXN_WAVEIN_START          | Failures.WaveInputReportsEveryFailingCall                      |
-// | 402  | QXN_WAVEIN_STOP           | Failures.WaveInputReportsEveryFailingCall (by stop and pause)  |
-// | 403  | QXN_WAVEIN_CLOSE          | Failures.WaveInputReportsEveryFailingCall                      |
-// | 404  | QXN_WAVEIN_PREPARE        | Failures.WaveInputReportsEveryFailingCall                      |
-// | 405  | QXN_WAVEIN_ADDBUFFER      | Failures.WaveInputReportsEveryFailingCall                      |
-// | 406  | QXN_WAVEIN_UNPREPARE      | Failures.WaveInputReportsEveryFailingCall                      |
-// | 407  | QXN_WAVEIN_RESET          | Failures.WaveInputReportsEveryFailingCall                      |
-// | 408  | QXN_WAVEIN_GETCAPS        | Failures.WaveInputReportsEveryFailingCall                      |
-// | 409  | QXN_WAVEIN_OVERRUN        | WaveInDevice.AnInputHeldUpTooLongReportsTheLoss (wavein)       |
-// | 600  | QXN_FILE_OPENREAD         | WaveFile.EachFailingFileCallIsReported,                        |
-// |      |                           |   WaveFile.BadPathsAreReportedAndLeaveNothingOpen (wavefile)   |
-// | 601  | QXN_FILE_CLOSE            | WaveFile.EachFailingFileCallIsReported (wavefile)              |
-// | 602  | QXN_FILE_SEEK             | WaveFile.EachFailingFileCallIsReported,                        |
-// |      |                           |   WaveFile.SeekByTimeSamplesAndBytes (wavefile)                |
-// | 603  | QXN_FILE_DESCEND          | WaveFile.EachFailingFileCallIsReported,                        |
-// |      |                           |   WaveFile.WhatIsNotWaveIsRefusedWithTheReason (wavefile)      |
-// | 604  | QXN_FILE_ASCEND           | WaveFile.EachFailingFileCallIsReported (wavefile)              |
-// | 605  | QXN_FILE_READ             | WaveFile.EachFailingFileCallIsReported,                        |
-// |      |                           |   WaveFile.WhatIsNotWaveIsRefusedWithTheReason (wavefile)      |
-// | 606  | QXN_FILE_SETBUFFER        | WaveFile.EachFailingFileCallIsReported (wavefile)              |
-// | 607  | QXN_FILE_ADVANCE          | WaveFile.EachFailingFileCallIsReported (wavefile)              |
-// | 608  | QXN_FILE_CREATECHUNK      | WaveFile.EachFailingFileCallIsReported (wavefile)              |
-// | 610  | QXN_FILE_GETINFO          | WaveFile.EachFailingFileCallIsReported (wavefile)              |
-// | 611  | QXN_FILE_SETINFO          | WaveFile.EachFailingFileCallIsReported (wavefile)              |
-// | 613  | QXN_FILE_WRITE            | WaveFile.EachFailingFileCallIsReported (wavefile)              |
-// | 614  | QXN_FILE_OPENWRITE        | WaveFile.EachFailingFileCallIsReported,                        |
-// |      |                           |   WaveFile.BadPathsAreReportedAndLeaveNothingOpen (wavefile)   |
-// | 800  | QXN_TIMER_CREATE          | ManagerTest.NoTimerMeansNoDeviceStarts (manager);              |
-// |      |                           |   OnOutput.ThePlayersReportsNameItsOutput (waveplay)           |
-// | 803  | QXN_WAVEIN_VIRTUALALLOC   | Failures.WaveInputReportsEveryFailingCall                      |
-// | 804  | QXN_WAVEIN_VIRTUALLOCK    | Failures.WaveInputReportsEveryFailingCall                      |
-//
-// The folder in brackets is the test program (tests/unit/<folder>) that holds the test.
+// behind it fail, with its value and its device checked. Codes provoked elsewhere, by
+// test program (tests/unit/<folder>):
+//   waveout   100 101 109  WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver
+//             102-105      WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber,
+//                          WaveOutTest.PrimaryBufferFollowsTheFormatAndTheTransport
+//   waveplay  102 123 124  Offline.BufferCreationFailuresAreReported
+//             103 104      Offline.StartAndStopOfThePlayer
+//             113 115 117  Offline.RefusedParametersAreReportedAndStoredAllTheSame
+//             121 122      Offline.RefillFailuresAreReportedAndChangeNothing
+//             800          OnOutput.ThePlayersReportsNameItsOutput
+//   wavein    409          WaveInDevice.AnInputHeldUpTooLongReportsTheLoss
+//   wavefile  600-614      WaveFile.EachFailingFileCallIsReported, also
+//                          WaveFile.BadPathsAreReportedAndLeaveNothingOpen (600 614),
+//                          WaveFile.SeekByTimeSamplesAndBytes (602),
+//                          WaveFile.WhatIsNotWaveIsRefusedWithTheReason (603 605)
+//   midi      300 305 306 308  EngineTest.FailuresAreReportedAndLeaveNoStreamOpen,
+//                          EngineTest.ADensePeriodPlaysWholeAndPacesAsOne (305)
+//   manager   309 800      ManagerTest.CapabilitiesNameTheBackendsDevices,
+//                          ManagerTest.NoTimerMeansNoDeviceStarts
+//   integration 310        JackGone.AServerThatGoesAwayGivesNotificationsAndCleanFailures
+// Here: 200-204 (MIDI input), 300-310 (MIDI output), 400-408, 803, 804 (wave input).
 #include <quavix/Quavix.h>
 
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "unit/wavefile/WaveTestUtil.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <mutex>
-#include <tuple>
-#include <vector>
-
 namespace {
 
-using Report = std::tuple<DWORD, DWORD, DWORD_PTR>; // code, value, device
-
-// Reports arrive on the caller's thread and on device threads.
-struct Reports {
-    static std::mutex mutex;
-    static std::vector<Report> got;
-    static void Proc(DWORD code, DWORD value, DWORD_PTR device)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        got.emplace_back(code, value, device);
-    }
-    static std::vector<Report> Take()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return std::move(got);
-    }
-};
-std::mutex Reports::mutex;
-std::vector<Report> Reports::got;
-
-using Got = std::vector<Report>;
+using wavetest::Log;
+using wavetest::Report;
+using Reports = wavetest::ReportLog;
+using Got = Log;
 
 class Failures : public ::testing::Test {
 protected:
@@ -290,11 +206,7 @@ TEST_F(Failures, WaveInputReportsEveryFailingCall)
     EXPECT_EQ(CWaveIn::GetDeviceCaps(1, &caps), 1);
 
     CWaveIn in;
-    struct {
-        const char* call;
-        DWORD result;
-        Report report;
-    } opens[] = {
+    struct { const char* call; DWORD result; Report report; } opens[] = {
         {"waveInOpen", MMSYSERR_ALLOCATED, {QXN_WAVEIN_OPEN, MMSYSERR_ALLOCATED, 1}},
         {"VirtualAlloc", ERROR_NOT_ENOUGH_MEMORY, {QXN_WAVEIN_VIRTUALALLOC, 0, 1}},
         {"VirtualLock", ERROR_NOT_ENOUGH_MEMORY, {QXN_WAVEIN_VIRTUALLOCK, 0, 1}},

@@ -1,8 +1,9 @@
-// Scratch folders, byte builders for RIFF files and a collector of notifications,
-// shared by the RIFF file tests.
+// Scratch folders, byte builders for RIFF files and tones, and collectors of
+// notifications, shared by the RIFF file, wave input and wave output tests.
 #ifndef QUAVIX_TESTS_WAVETESTUTIL_H
 #define QUAVIX_TESTS_WAVETESTUTIL_H
 
+#include <quavix/QXDevice.h>
 #include <quavix/QXNotify.h>
 
 #include "platform/QXFaults.h"
@@ -13,12 +14,17 @@
 #include <dirent.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace wavetest {
@@ -33,10 +39,10 @@ inline std::string Chunk(const std::string& id, const std::string& data, long lo
 }
 
 // A format chunk of the given length (16 is plain PCM); bytes past the 18th are 0x7F.
-inline std::string Fmt(WORD channels, DWORD rate, WORD bits, size_t length = 16)
+inline std::string Fmt(WORD channels, DWORD rate, WORD bits, size_t length = 16, WORD tag = WAVE_FORMAT_PCM)
 {
     const WORD align = WORD(channels * bits / 8);
-    std::string s = Le16(WAVE_FORMAT_PCM) + Le16(channels) + Le32(rate) + Le32(rate * align) + Le16(align) +
+    std::string s = Le16(tag) + Le16(channels) + Le32(rate) + Le32(rate * align) + Le16(align) +
                     Le16(bits) + Le16(0);
     s.resize(std::max<size_t>(length, 18), '\x7F');
     return Chunk("fmt ", s.substr(0, length));
@@ -45,6 +51,71 @@ inline std::string Fmt(WORD channels, DWORD rate, WORD bits, size_t length = 16)
 inline std::string Riff(const std::string& chunks, const std::string& form = "WAVE")
 {
     return "RIFF" + Le32(DWORD(4 + chunks.size())) + form + chunks;
+}
+
+// A whole WAVE file; formats other than PCM get the 18-byte record.
+inline std::string Wave(WORD tag, WORD channels, DWORD rate, WORD bits, const std::string& data)
+{
+    return Riff(Fmt(channels, rate, bits, tag == WAVE_FORMAT_PCM ? 16 : 18, tag) + Chunk("data", data));
+}
+
+// A sine in every channel: 8-bit unsigned, 16, 24 or 32-bit signed, or 32-bit float.
+inline std::string Sine(WORD bits, DWORD rate, double freq, size_t frames, WORD channels = 1, double amp = 0.5,
+                        bool isFloat = false)
+{
+    std::string s;
+    for (size_t i = 0; i < frames; ++i) {
+        const double x = amp * std::sin(2 * M_PI * freq * double(i) / rate);
+        for (WORD c = 0; c < channels; ++c) {
+            const float f = float(x);
+            const auto v = int32_t(std::lround(bits == 8 ? 128 + 127 * x : x * (std::ldexp(1.0, bits - 1) - 1)));
+            s.append(isFloat ? reinterpret_cast<const char*>(&f) : reinterpret_cast<const char*>(&v), bits / 8);
+        }
+    }
+    return s;
+}
+
+inline QX_DevFormat Pcm(DWORD rate, WORD channels, WORD bits)
+{
+    const WORD align = WORD(channels * bits / 8);
+    return {WAVE_FORMAT_PCM, channels, rate, rate * align, align, bits, 0};
+}
+
+// Parameters of a file on a track of a performance.
+inline QX_WaveParams WaveParams(int nPerformance, int nTrack, const std::string& path)
+{
+    QX_WaveParams params{};
+    params.nPerformance = nPerformance;
+    params.nTrack = nTrack;
+    params.dsParams.lpszFileName = path.c_str();
+    return params;
+}
+
+// A standard format of the devices as a record.
+inline QX_DevFormat StdFormat(int index)
+{
+    WAVEFORMATEX wfx;
+    CQXDevice::FillFormat(&wfx, index);
+    QX_DevFormat f;
+    std::memcpy(&f, &wfx, sizeof(f));
+    return f;
+}
+
+// Names a reader's or writer's file, and a writer's format, and opens it.
+template <class File> int OpenFile(File& f, const std::string& path, QX_DevFormat* pFormat = nullptr)
+{
+    f.SetFilename(path.c_str());
+    if (pFormat != nullptr) f.SetFormat(pFormat);
+    return f.Open(0);
+}
+
+// Takes an lvalue: the header points into the string.
+inline WAVEHDR Header(std::string& bytes)
+{
+    WAVEHDR h{};
+    h.lpData = bytes.data();
+    h.dwBytesRecorded = DWORD(bytes.size());
+    return h;
 }
 
 inline std::string Pattern(size_t n, unsigned seed = 7)
@@ -151,6 +222,34 @@ private:
 };
 
 using Got = std::vector<std::pair<DWORD, DWORD>>;
+
+// Reports from any thread, with their device, since the last Take.
+using Report = std::tuple<DWORD, DWORD, DWORD_PTR>;
+using Log = std::vector<Report>;
+struct ReportLog {
+    static void Proc(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_got.emplace_back(dwCode, dwValue, dwDevice);
+    }
+    static Log Take()
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        return std::exchange(s_got, {});
+    }
+    static Log Peek()
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        return s_got;
+    }
+    static bool Has(const Report& r)
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        return std::find(s_got.begin(), s_got.end(), r) != s_got.end();
+    }
+    static inline std::mutex s_mutex;
+    static inline Log s_got;
+};
 
 } // namespace wavetest
 

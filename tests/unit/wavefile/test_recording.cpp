@@ -26,10 +26,7 @@ constexpr DWORD kRate = 8000; // 8 kHz mono 8-bit: a second of audio is 8000 byt
 
 QX_DevFormat Format8k()
 {
-    WAVEFORMATEX wfx;
-    CQXDevice::FillFormat(&wfx, 0);
-    QX_DevFormat f;
-    std::memcpy(&f, &wfx, sizeof(f));
+    const QX_DevFormat f = StdFormat(0);
     EXPECT_EQ(f.nAvgBytesPerSec, kRate);
     return f;
 }
@@ -102,73 +99,47 @@ class Recording : public ScratchTest {};
 
 } // namespace
 
+// The refresh rewrites the header from the format record; without one (dropped at
+// dropAt) it writes the two lengths alone, and the format already in the file stays.
 TEST_F(Recording, TheHeaderKeepsUpWithTheDataWhileRecording)
 {
     const std::string path = Path("rec.wav");
     QX_DevFormat format = Format8k();
     const std::string data = Pattern(70000);
     // Pieces shorter and longer than the one-second file buffer, and one of exactly it.
-    for (size_t piece : {size_t(3000), size_t(kRate), size_t(21000)}) {
+    for (const auto& [piece, dropAt] : {std::pair<size_t, size_t>{3000, 0}, {kRate, 0}, {21000, 0}, {5000, 15000}}) {
+        SCOPED_TRACE("pieces of " + std::to_string(piece) + (dropAt ? ", format dropped" : ""));
         CWaveFileWrite w;
-        w.SetFilename(path.c_str());
-        w.SetFormat(&format);
-        ASSERT_EQ(w.Open(0), 1);
+        ASSERT_EQ(OpenFile(w, path, &format), 1);
         for (size_t at = 0; at < data.size(); at += piece) {
+            if (at == dropAt && dropAt > 0) w.SetFormat(nullptr);
             std::string bytes = data.substr(at, piece);
-            WAVEHDR h{};
-            h.lpData = bytes.data();
-            h.dwBytesRecorded = DWORD(bytes.size());
+            WAVEHDR h = Header(bytes);
             ASSERT_EQ(w.Write(&h), long(bytes.size()));
             const size_t written = at + bytes.size();
             // What another program sees now: lengths at most a second behind, and true.
             const std::string file = Slurp(path);
             const DWORD dataLen = HeaderLe32(file, 42);
-            EXPECT_GE(dataLen + kRate, written) << piece << " at " << written;
+            EXPECT_GE(dataLen + kRate, written) << "at " << written;
             ASSERT_LE(dataLen, written);
             EXPECT_EQ(HeaderLe32(file, 4), dataLen == 0 ? 0 : dataLen + 38);
             ASSERT_GE(file.size(), 46 + dataLen);
             EXPECT_TRUE(file.compare(46, dataLen, data, 0, dataLen) == 0);
-            EXPECT_TRUE(ReadWhole(path) == data.substr(0, dataLen)) << piece << " at " << written;
+            EXPECT_TRUE(ReadWhole(path) == data.substr(0, dataLen)) << "at " << written;
         }
         // Refreshing the header left the writer's place alone: the file is whole.
         EXPECT_EQ(w.GetFilePosition(), long(46 + data.size()));
+        EXPECT_EQ(w.GetDuration(), dropAt ? 0 : long(data.size() * 1000 / kRate));
         ASSERT_EQ(w.Close(), 1);
         const std::string file = Slurp(path);
         EXPECT_EQ(file.size(), 46 + data.size());
         EXPECT_EQ(HeaderLe32(file, 4), 38 + data.size());
         EXPECT_EQ(HeaderLe32(file, 42), data.size());
         EXPECT_TRUE(ReadWhole(path) == data);
+        QX_DevFormat back{};
+        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
+        EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
     }
-}
-
-TEST_F(Recording, DroppingTheFormatWhileRecordingKeepsTheHeaderTrue)
-{
-    // The refresh rewrites the header from the format record; without one it writes
-    // the two lengths alone, and the format already in the file stays.
-    const std::string path = Path("drop.wav");
-    QX_DevFormat format = Format8k();
-    const std::string data = Pattern(40000, 9);
-    CWaveFileWrite w;
-    w.SetFilename(path.c_str());
-    w.SetFormat(&format);
-    ASSERT_EQ(w.Open(0), 1);
-    for (size_t at = 0; at < data.size(); at += 5000) {
-        if (at == 15000) w.SetFormat(nullptr);
-        std::string bytes = data.substr(at, 5000);
-        WAVEHDR h{};
-        h.lpData = bytes.data();
-        h.dwBytesRecorded = DWORD(bytes.size());
-        ASSERT_EQ(w.Write(&h), 5000);
-        const std::string file = Slurp(path);
-        EXPECT_GE(HeaderLe32(file, 42) + kRate, at + 5000);
-        EXPECT_EQ(HeaderLe32(file, 4), HeaderLe32(file, 42) == 0 ? 0 : HeaderLe32(file, 42) + 38);
-    }
-    EXPECT_EQ(w.GetDuration(), 0);
-    ASSERT_EQ(w.Close(), 1);
-    QX_DevFormat back{};
-    ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
-    EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
-    EXPECT_TRUE(ReadWhole(path) == data);
 }
 
 TEST_F(Recording, AWriterKilledMidRecordingLeavesAFileEveryoneReads)
@@ -181,14 +152,10 @@ TEST_F(Recording, AWriterKilledMidRecordingLeavesAFileEveryoneReads)
         const int result = RunChild(
             [&, piece = piece, pieces = pieces] {
                 auto* w = new CWaveFileWrite; // never finished: the process dies with it open
-                w->SetFilename(path.c_str());
-                w->SetFormat(&format);
-                if (!w->Open(0)) return 1;
+                if (!OpenFile(*w, path, &format)) return 1;
                 for (int i = 0; i < pieces; ++i) {
                     std::string bytes = data.substr(size_t(i * piece), size_t(piece));
-                    WAVEHDR h{};
-                    h.lpData = bytes.data();
-                    h.dwBytesRecorded = DWORD(bytes.size());
+                    WAVEHDR h = Header(bytes);
                     if (w->Write(&h) != piece) return 2;
                 }
                 return 0;
@@ -215,15 +182,11 @@ TEST_F(Recording, AFullDiskLeavesTrueLengths)
     // exit code.
     auto record = [&](const std::string& path) {
         CWaveFileWrite w;
-        w.SetFilename(path.c_str());
-        w.SetFormat(&format);
-        if (!w.Open(0)) return 10;
+        if (!OpenFile(w, path, &format)) return 10;
         bool failed = false;
         for (size_t at = 0; at < data.size() && !failed; at += 3000) {
             std::string bytes = data.substr(at, 3000);
-            WAVEHDR h{};
-            h.lpData = bytes.data();
-            h.dwBytesRecorded = DWORD(bytes.size());
+            WAVEHDR h = Header(bytes);
             const long n = w.Write(&h);
             if (n != 3000 && n != -1) return 11;
             failed = n < 0;

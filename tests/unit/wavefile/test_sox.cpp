@@ -61,8 +61,7 @@ TEST_F(Sox, WeReadWhatSoxWritesWithAndWithoutExtraChunks)
             EXPECT_EQ(f.nAvgBytesPerSec, rate * align);
             EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), long(raw.size() * 1000.0 / (rate * align)));
             CWaveFileRead r;
-            r.SetFilename(path.c_str());
-            ASSERT_EQ(r.Open(0), 1);
+            ASSERT_EQ(OpenFile(r, path), 1);
             EXPECT_EQ(r.GetDataSize(), long(raw.size()));
             std::string back(raw.size() + 100, '\0');
             EXPECT_EQ(r.Read(reinterpret_cast<unsigned char*>(back.data()), int(back.size())), int(raw.size()));
@@ -79,21 +78,14 @@ TEST_F(Sox, SoxAcceptsWhatWeWrite)
     // 44.1 kHz stereo 16-bit.
     for (auto [index, encoding, bytes] : {std::tuple{0, "Unsigned", 4001}, {3, "Unsigned", 66150},
                                           {8, "Signed", 88202}, {13, "Signed", 352804}}) {
-        WAVEFORMATEX wfx;
-        CQXDevice::FillFormat(&wfx, index);
-        QX_DevFormat format;
-        std::memcpy(&format, &wfx, sizeof(format));
+        QX_DevFormat wfx = StdFormat(index), format = wfx;
         const std::string data = Pattern(size_t(bytes), unsigned(index));
         {
             CWaveFileWrite w;
-            w.SetFilename(Path("ours.wav").c_str());
-            w.SetFormat(&format);
-            ASSERT_EQ(w.Open(0), 1);
+            ASSERT_EQ(OpenFile(w, Path("ours.wav"), &format), 1);
             for (size_t at = 0, half = wfx.nAvgBytesPerSec / 2; at < data.size(); at += half) {
                 std::string piece = data.substr(at, half);
-                WAVEHDR h{};
-                h.lpData = piece.data();
-                h.dwBytesRecorded = DWORD(piece.size());
+                WAVEHDR h = Header(piece);
                 ASSERT_EQ(w.Write(&h), long(piece.size()));
             }
             if (index != 8) {

@@ -19,15 +19,6 @@ MMTIME Time(UINT type, DWORD value)
     return t;
 }
 
-// Takes an lvalue: the header points into the string.
-WAVEHDR Header(std::string& bytes)
-{
-    WAVEHDR h{};
-    h.lpData = bytes.data();
-    h.dwBytesRecorded = DWORD(bytes.size());
-    return h;
-}
-
 std::string Read(CWaveFileRead& r, int size, int* pResult = nullptr)
 {
     std::string buf(size_t(size > 0 ? size : 0), '#');
@@ -47,8 +38,7 @@ class WaveFile : public ScratchTest {
 protected:
     void OpenReader(CWaveFileRead& r, const std::string& bytes, const char* name = "in.wav")
     {
-        r.SetFilename(Make(name, bytes).c_str());
-        ASSERT_EQ(r.Open(0), 1);
+        ASSERT_EQ(OpenFile(r, Make(name, bytes)), 1);
     }
 };
 
@@ -159,19 +149,14 @@ TEST_F(WaveFile, NonsenseFormatsNeitherCrashNorHang)
     // The writer takes such a format too, and the reader its file.
     QX_DevFormat zero{};
     CWaveFileWrite w;
-    w.SetFilename(Path("zero.wav").c_str());
-    w.SetFormat(&zero);
-    ASSERT_EQ(w.Open(0), 1);
+    ASSERT_EQ(OpenFile(w, Path("zero.wav"), &zero), 1);
     std::string bytes = data;
-    WAVEHDR h{};
-    h.lpData = bytes.data();
-    h.dwBytesRecorded = DWORD(bytes.size());
+    WAVEHDR h = Header(bytes);
     for (int i = 0; i < 5; ++i) ASSERT_EQ(w.Write(&h), 3001);
     EXPECT_EQ(w.GetDuration(), 0);
     ASSERT_EQ(w.Close(), 1);
     CWaveFileRead r;
-    r.SetFilename(Path("zero.wav").c_str());
-    ASSERT_EQ(r.Open(0), 1);
+    ASSERT_EQ(OpenFile(r, Path("zero.wav")), 1);
     EXPECT_EQ(r.GetDataSize(), 5 * 3001);
     EXPECT_EQ(ReadAll(r, 4096).substr(4 * 3001), data);
 }
@@ -179,10 +164,7 @@ TEST_F(WaveFile, NonsenseFormatsNeitherCrashNorHang)
 TEST_F(WaveFile, WhatIsNotWaveIsRefusedWithTheReason)
 {
     const std::string fmt = Fmt(1, 8000, 8);
-    const struct {
-        std::string bytes;
-        DWORD code, value;
-    } cases[] = {
+    const struct { std::string bytes; DWORD code, value; } cases[] = {
         {Riff(fmt + Chunk("LIST", "INFO")), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND}, // no data
         {Riff(Chunk("data", "xx")), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},         // no format
         {"plain words, no chunks", QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},
@@ -201,8 +183,7 @@ TEST_F(WaveFile, WhatIsNotWaveIsRefusedWithTheReason)
         EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 0);
         reports.Take();
         CWaveFileRead r;
-        r.SetFilename(path.c_str());
-        EXPECT_EQ(r.Open(0), 0);
+        EXPECT_EQ(OpenFile(r, path), 0);
         EXPECT_EQ(r.GetFormat(), nullptr);
         EXPECT_EQ(reports.Names(), std::vector<std::string>{path});
         EXPECT_EQ(reports.Take(), (Got{{c.code, c.value}})) << c.bytes;
@@ -224,15 +205,13 @@ TEST_F(WaveFile, BadPathsAreReportedAndLeaveNothingOpen)
             EXPECT_EQ(CWaveFile::FileFormat(path.c_str(), f), 0);
             reports.Take();
             CWaveFileRead r;
-            r.SetFilename(path.c_str());
-            EXPECT_EQ(r.Open(0), 0);
+            EXPECT_EQ(OpenFile(r, path), 0);
             const DWORD code = path == text || path == "/proc/self/mem" ? QXN_FILE_DESCEND : QXN_FILE_OPENREAD;
             EXPECT_EQ(reports.Take().at(0).first, code) << path;
         }
         for (const std::string& path : {m_dir, Path("no/x.wav"), std::string("/sys/qx-unwritable.wav")}) {
             CWaveFileWrite w;
-            w.SetFilename(path.c_str());
-            EXPECT_EQ(w.Open(0), 0);
+            EXPECT_EQ(OpenFile(w, path), 0);
             EXPECT_EQ(w.GetState(), QX_STATE_CLOSED);
             EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_OPENWRITE, 0}})) << path;
         }
@@ -240,8 +219,7 @@ TEST_F(WaveFile, BadPathsAreReportedAndLeaveNothingOpen)
     if (geteuid() != 0) { // permissions do not bind root
         chmod(wave.c_str(), 0);
         CWaveFileRead r;
-        r.SetFilename(wave.c_str());
-        EXPECT_EQ(r.Open(0), 0);
+        EXPECT_EQ(OpenFile(r, wave), 0);
         EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_OPENREAD, 0}}));
     }
     EXPECT_EQ(OpenFdCount(), fds);
@@ -289,10 +267,7 @@ TEST_F(WaveFile, LengthsThatTheFileDoesNotHoldReadToItsEnd)
 {
     const std::string fmt = Fmt(1, 8000, 8), data = Pattern(5000);
     const std::string tail = Chunk("LIST", "INFO" + Chunk("ICMT", "after"));
-    const struct {
-        std::string bytes;
-        long size;
-    } cases[] = {
+    const struct { std::string bytes; long size; } cases[] = {
         {Riff(fmt + "data" + Le32(0xFFFFFFFFu) + data), 5000},                   // a streaming writer's
         {"RIFF" + Le32(0xFFFFFFFFu) + "WAVE" + fmt + "data" + Le32(0xFFFFFFFFu) + data, 5000},
         {Riff(fmt + "data" + Le32(9000) + data), 5000},                          // cut short
@@ -327,8 +302,7 @@ TEST_F(WaveFile, LengthsThatTheFileDoesNotHoldReadToItsEnd)
     EXPECT_TRUE(reports.Take().empty());
     // "RIFF" whose length holds the form type alone holds no chunks.
     CWaveFileRead r;
-    r.SetFilename(Make("bad.wav", "RIFF" + Le32(4) + "WAVE" + fmt + Chunk("data", data)).c_str());
-    EXPECT_EQ(r.Open(0), 0);
+    EXPECT_EQ(OpenFile(r, Make("bad.wav", "RIFF" + Le32(4) + "WAVE" + fmt + Chunk("data", data))), 0);
     EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND}}));
 }
 
@@ -434,8 +408,7 @@ TEST_F(WaveFile, FileDevicesPauseAndStopButNeverStart)
     EXPECT_EQ(r.Start(), 0);
     EXPECT_EQ(Read(r, 4), "abcd"); // still open
     CWaveFile plain;
-    plain.SetFilename(Path("in.wav").c_str());
-    EXPECT_EQ(plain.Open(0), 0);
+    EXPECT_EQ(OpenFile(plain, Path("in.wav")), 0);
 }
 
 TEST_F(WaveFile, WriterLaysOutTheFileByteForByte)
@@ -450,8 +423,7 @@ TEST_F(WaveFile, WriterLaysOutTheFileByteForByte)
     CWaveFileWrite w;
     WAVEHDR h = Header(a);
     EXPECT_EQ(w.Write(&h), 0); // not open
-    w.SetFilename(path.c_str());
-    ASSERT_EQ(w.Open(0), 1);
+    ASSERT_EQ(OpenFile(w, path), 1);
     EXPECT_EQ(w.GetFilePosition(), 46);
     ASSERT_EQ(w.Close(), 1);
     EXPECT_EQ(Slurp(path), "RIFF" + Le32(38) + head + Le32(0));
@@ -482,16 +454,11 @@ TEST_F(WaveFile, WriterLaysOutTheFileByteForByte)
 TEST_F(WaveFile, WhatTheWriterWritesTheReaderReads)
 {
     const std::string path = Path("rt.wav");
-    WAVEFORMATEX wfx;
-    CQXDevice::FillFormat(&wfx, 13); // 44.1 kHz stereo 16-bit
-    QX_DevFormat format;
-    std::memcpy(&format, &wfx, sizeof(format));
+    QX_DevFormat format = StdFormat(13); // 44.1 kHz stereo 16-bit
     const std::string data = Pattern(3 * 176400 + 2);
     {
         CWaveFileWrite w; // destroyed while open: the file is finished all the same
-        w.SetFilename(path.c_str());
-        w.SetFormat(&format);
-        ASSERT_EQ(w.Open(0), 1);
+        ASSERT_EQ(OpenFile(w, path, &format), 1);
         for (size_t at = 0; at < data.size(); at += 88200) {
             std::string piece = data.substr(at, 88200);
             WAVEHDR h = Header(piece);
@@ -503,8 +470,7 @@ TEST_F(WaveFile, WhatTheWriterWritesTheReaderReads)
     EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
     EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 3000);
     CWaveFileRead r;
-    r.SetFilename(path.c_str());
-    ASSERT_EQ(r.Open(0), 1);
+    ASSERT_EQ(OpenFile(r, path), 1);
     EXPECT_TRUE(ReadAll(r, 8192) == data);
 }
 
@@ -517,8 +483,7 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
           {"mmioDescend", QXN_FILE_DESCEND, 77}, {"mmioRead", QXN_FILE_READ, 0}, {"mmioAscend", QXN_FILE_ASCEND, 77}}) {
         QXFaultInject(op, 77);
         CWaveFileRead r;
-        r.SetFilename(path.c_str());
-        EXPECT_EQ(r.Open(0), 0);
+        EXPECT_EQ(OpenFile(r, path), 0);
         EXPECT_EQ(reports.Take(), (Got{{code, DWORD(value)}})) << op;
     }
     // While reading: -1, the position kept.
@@ -530,8 +495,7 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
           {"mmioAdvance", 1, 1000, QXN_FILE_ADVANCE, 88}, {"mmioSetInfo", 2, 1000, QXN_FILE_SETINFO, 88},
           {"mmioRead", 1, 70000, QXN_FILE_ADVANCE, DWORD(MMIOERR_CANNOTREAD)}}) {
         CWaveFileRead r;
-        r.SetFilename(path.c_str());
-        ASSERT_EQ(r.Open(0), 1);
+        ASSERT_EQ(OpenFile(r, path), 1);
         int n = 0;
         Read(r, 65000, &n); // the next read needs a refill
         ASSERT_EQ(n, 65000);
@@ -556,15 +520,13 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
           {"mmioSetBuffer", 1, QXN_FILE_SETBUFFER, 77}}) {
         QXFaultInject(op, 77, call);
         CWaveFileWrite w;
-        w.SetFilename(out.c_str());
-        EXPECT_EQ(w.Open(0), 0);
+        EXPECT_EQ(OpenFile(w, out), 0);
         EXPECT_EQ(w.GetHandle(), nullptr);
         EXPECT_EQ(qxplat::LiveMmioCount(), 0u);
         EXPECT_EQ(reports.Take(), (Got{{code, DWORD(value)}})) << op << call;
     }
     CWaveFileWrite w;
-    w.SetFilename(out.c_str());
-    ASSERT_EQ(w.Open(0), 1);
+    ASSERT_EQ(OpenFile(w, out), 1);
     std::string digits = "12345";
     WAVEHDR h = Header(digits);
     ASSERT_EQ(w.Write(&h), 5);

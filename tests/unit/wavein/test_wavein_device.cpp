@@ -7,25 +7,17 @@
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "unit/wavefile/WaveTestUtil.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cmath>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <functional>
-#include <iterator>
-#include <mutex>
 #include <numbers>
-#include <string>
-#include <thread>
-#include <unistd.h>
-#include <vector>
+
+using namespace wavetest;
 
 namespace {
 
@@ -51,18 +43,6 @@ public:
     using CWaveIn::m_pBlock;
     using CWaveIn::m_pHeaders;
 };
-
-QX_DevFormat Pcm(DWORD rate, WORD channels, WORD bits)
-{
-    QX_DevFormat f{};
-    f.wFormatTag = WAVE_FORMAT_PCM;
-    f.nChannels = channels;
-    f.nSamplesPerSec = rate;
-    f.wBitsPerSample = bits;
-    f.nBlockAlign = static_cast<WORD>(channels * bits / 8);
-    f.nAvgBytesPerSec = rate * f.nBlockAlign;
-    return f;
-}
 
 struct Seen {
     const WAVEHDR* header;
@@ -101,21 +81,30 @@ struct Recorder {
         return 1;
     }
 
-    bool WaitFor(size_t n, int seconds = 10)
+    bool WaitFor(size_t n, int seconds = 10, bool bEach = false)
     {
         std::unique_lock<std::mutex> lock(mutex);
-        return cv.wait_for(lock, std::chrono::seconds(seconds), [&] { return seen.size() >= n; });
-    }
-    bool WaitForEach(size_t n, int seconds)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return cv.wait_for(lock, std::chrono::seconds(seconds),
-                           [&] { return perDevice[0] >= n && perDevice[1] >= n; });
+        return cv.wait_for(lock, std::chrono::seconds(seconds), [&] {
+            return bEach ? perDevice[0] >= n && perDevice[1] >= n : seen.size() >= n;
+        });
     }
     size_t Count()
     {
         std::lock_guard<std::mutex> lock(mutex);
         return seen.size();
+    }
+    // The 16-bit samples one input recorded, or all of them.
+    std::vector<int16_t> Samples(int nDevice = -1)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::vector<int16_t> s;
+        for (size_t i = 0; i < seen.size(); ++i) {
+            if (nDevice >= 0 && seen[i].device != nDevice) continue;
+            const size_t at = s.size();
+            s.resize(at + data[i].size() / 2);
+            std::memcpy(s.data() + at, data[i].data(), data[i].size() / 2 * 2);
+        }
+        return s;
     }
 };
 
@@ -126,39 +115,29 @@ CQXDevice* MakeProbes(int nType, int nDir)
     return nullptr;
 }
 
-std::vector<DWORD>& Reports()
-{
-    static std::vector<DWORD> codes;
-    return codes;
-}
-std::mutex g_reportMutex;
 // Frames each input lost to an overrun (a loaded machine): reported, so not a fault.
-DWORD g_overrun[2];
-
-void NoteReport(DWORD code, DWORD value, DWORD_PTR device)
+DWORD Overrun(int nDevice)
 {
-    std::lock_guard<std::mutex> lock(g_reportMutex);
-    if (code == QXN_WAVEIN_OVERRUN)
-        g_overrun[device & 1] += value;
-    else
-        Reports().push_back(code);
+    DWORD n = 0;
+    for (const auto& [code, value, device] : ReportLog::Peek())
+        if (code == QXN_WAVEIN_OVERRUN && int(device) == nDevice) n += value;
+    return n;
 }
 
-class WaveInDevice : public ::testing::Test {
+class WaveInDevice : public ScratchTest {
 protected:
     void SetUp() override
     {
+        ScratchTest::SetUp();
         unsetenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE");
         qxplat::QXVirtualSetDevices(0, 0, 2, 0);
         QXSetDeviceFactory(MakeProbes);
         q = CQuavix::InitQuavix();
         q->Initialize(QX_INIT_WAVE);
-        q->SetNotificationCallback(NoteReport, 0);
+        q->SetNotificationCallback(ReportLog::Proc, 0);
         for (int n = 0; n < 2; ++n) rec.probes[n] = static_cast<Probe*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, n));
         tag = q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&rec), 1);
-        std::lock_guard<std::mutex> lock(g_reportMutex);
-        Reports().clear();
-        g_overrun[0] = g_overrun[1] = 0;
+        ReportLog::Take();
     }
     void TearDown() override
     {
@@ -166,8 +145,9 @@ protected:
         QXSetDeviceFactory(nullptr);
         qxplat::QXVirtualSetDevices(1, 1, 1, 1);
         unsetenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE");
-        std::lock_guard<std::mutex> lock(g_reportMutex);
-        EXPECT_TRUE(Reports().empty()) << "first report: " << Reports().front();
+        for (const auto& [code, value, device] : ReportLog::Take())
+            EXPECT_EQ(code, QXN_WAVEIN_OVERRUN) << "device " << device << ", value " << value;
+        ScratchTest::TearDown();
     }
     Probe* In(int n) { return rec.probes[n]; }
     UINT State(int n) { return q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, n); }
@@ -286,9 +266,9 @@ TEST_F(WaveInDevice, StopPauseAndStartAgain)
     EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
 }
 
-// A null format releases the old one and fails; a new format on a recording input leaves
-// it open and stopped, with buffers of the new size.
-TEST_F(WaveInDevice, FormatChangesReopen)
+// A new format on a recording input leaves it open and stopped, with buffers of the new
+// size; a null format releases the old one and fails.
+TEST_F(WaveInDevice, FormatChangesReopenAndANullFormatLeavesNone)
 {
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     QX_DevFormat f = Pcm(48000, 2, 16);
@@ -297,16 +277,12 @@ TEST_F(WaveInDevice, FormatChangesReopen)
     EXPECT_EQ(In(0)->m_dwBufferLength, 96000u);
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     ASSERT_TRUE(rec.WaitFor(1));
-    std::lock_guard<std::mutex> lock(rec.mutex);
-    EXPECT_EQ(rec.seen[0].bytes, 96000u);
-}
-
-TEST_F(WaveInDevice, ANullFormatIsRefusedAndLeavesNone)
-{
-    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    {
+        std::lock_guard<std::mutex> lock(rec.mutex);
+        EXPECT_EQ(rec.seen[0].bytes, 96000u);
+    }
     EXPECT_EQ(In(0)->SetFormat(nullptr), 0);
     EXPECT_EQ(In(0)->GetFormat(), nullptr);
-    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
 }
 
 // A recording callback that stops or closes its own input: no wait, and the buffer it
@@ -406,9 +382,8 @@ TEST_F(WaveInDevice, AnInputHeldUpTooLongReportsTheLoss)
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     ASSERT_TRUE(rec.WaitFor(3, 20));
     ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    std::lock_guard<std::mutex> lock(g_reportMutex);
-    EXPECT_GT(g_overrun[0], 0u);
-    EXPECT_EQ(g_overrun[1], 0u);
+    EXPECT_GT(Overrun(0), 0u);
+    EXPECT_EQ(Overrun(1), 0u);
 }
 
 // A continuous 1 kHz sine recorded for 60 s by two inputs at once, one at the source's
@@ -429,26 +404,12 @@ TEST_F(WaveInDevice, ALongSineIsRecordedWithoutAGap)
     ASSERT_EQ(q->OpenDevices(), 1);
     ASSERT_EQ(q->StartDevices(), 1);
     const int kSeconds = 60;
-    const bool whole = rec.WaitForEach(2 * kSeconds, kSeconds + 60);
+    const bool whole = rec.WaitFor(2 * kSeconds, kSeconds + 60, true);
     ASSERT_EQ(q->StopDevices(), 1);
-    DWORD lost[2];
-    {
-        std::lock_guard<std::mutex> lock(g_reportMutex);
-        std::copy(std::begin(g_overrun), std::end(g_overrun), lost);
-    }
-
-    std::vector<int16_t> samples[2];
-    std::lock_guard<std::mutex> lock(rec.mutex);
-    for (size_t i = 0; i < rec.seen.size(); ++i) {
-        const auto& d = rec.data[i];
-        auto& s = samples[rec.seen[i].device];
-        const size_t at = s.size();
-        s.resize(at + d.size() / 2);
-        std::memcpy(s.data() + at, d.data(), d.size() / 2 * 2);
-    }
+    const DWORD lost[2] = {Overrun(0), Overrun(1)};
     for (int dev = 0; dev < 2; ++dev) {
         const double rate = dev == 0 ? srcRate : 22050.0;
-        const std::vector<int16_t>& s = samples[dev];
+        const std::vector<int16_t> s = rec.Samples(dev);
         if (lost[dev] > 0 && !whole) {
             std::printf("note: input %d overran, %u frames lost (machine load): not judged\n", dev, lost[dev]);
             continue;
@@ -492,31 +453,20 @@ TEST_F(WaveInDevice, APlayedFileIsFoundInTheLoopbackRecording)
     qxplat::QXVirtualSetDevices(0, 0, 1, 1);
     q = CQuavix::InitQuavix();
     q->Initialize(QX_INIT_WAVE);
-    q->SetNotificationCallback(NoteReport, 0);
+    q->SetNotificationCallback(ReportLog::Proc, 0);
     rec.probes[0] = static_cast<Probe*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0));
     rec.probes[1] = nullptr;
     tag = q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&rec), 1);
 
-    // A second of a sweep at the outputs' rate, written with the library's writer.
+    // A second of a sweep at the outputs' rate.
     std::vector<int16_t> sweep(48000);
     double phase = 0;
     for (size_t i = 0; i < sweep.size(); ++i) {
         phase += 2 * std::numbers::pi * (200.0 + 8000.0 * double(i) / double(sweep.size())) / 48000.0;
         sweep[i] = static_cast<int16_t>(std::lround(12000 * std::sin(phase)));
     }
-    const std::string path = "/tmp/quavix-loopback-" + std::to_string(getpid()) + ".wav";
-    {
-        QX_DevFormat f = Pcm(48000, 1, 16);
-        CWaveFileWrite file;
-        file.SetFilename(path.c_str());
-        file.SetFormat(&f);
-        ASSERT_EQ(file.Open(0), 1);
-        WAVEHDR h{};
-        h.lpData = reinterpret_cast<LPSTR>(sweep.data());
-        h.dwBytesRecorded = static_cast<DWORD>(sweep.size() * 2);
-        ASSERT_EQ(file.Write(&h), static_cast<long>(h.dwBytesRecorded));
-        ASSERT_EQ(file.Close(), 1);
-    }
+    const std::string path = Make("sweep.wav", Wave(WAVE_FORMAT_PCM, 1, 48000, 16,
+                                                    std::string(reinterpret_cast<const char*>(sweep.data()), 2 * sweep.size())));
     QX_DevFormat mono = Pcm(48000, 1, 16);
     ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &mono), 1);
     ASSERT_EQ(q->OpenDevices(), 1);
@@ -526,17 +476,7 @@ TEST_F(WaveInDevice, APlayedFileIsFoundInTheLoopbackRecording)
     ASSERT_TRUE(rec.WaitFor(4));
     const uint64_t dry = qxplat::VirtualAudioUnderrunFramesAll() - dryBefore;
     q->StopDevices();
-    unlink(path.c_str());
-
-    std::vector<int16_t> take;
-    {
-        std::lock_guard<std::mutex> lock(rec.mutex);
-        for (const auto& d : rec.data) {
-            const size_t at = take.size();
-            take.resize(at + d.size() / 2);
-            std::memcpy(take.data() + at, d.data(), d.size() / 2 * 2);
-        }
-    }
+    const std::vector<int16_t> take = rec.Samples();
     size_t onset = 0;
     while (onset < take.size() && std::abs(take[onset]) < 1000) ++onset;
     ASSERT_LT(onset + sweep.size(), take.size()) << "the sweep was not heard whole";

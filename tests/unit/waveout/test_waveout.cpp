@@ -7,74 +7,46 @@
 #include "platform/backends/virtual/QXVirtual.h"
 #include "platform/dsound/QXDSound.h"
 
+#include "unit/dsound/DSTestUtil.h"
+#include "unit/wavefile/WaveTestUtil.h"
+
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <atomic>
-#include <chrono>
-#include <cmath>
-#include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
+
+using namespace wavetest;
 
 namespace {
 
 const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
 
-struct Report {
-    DWORD code;
-    DWORD value;
-    DWORD_PTR device;
-};
-std::mutex g_reportsMutex;
-std::vector<Report> g_reports;
-
-void Collect(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
+bool Reported(DWORD code, HRESULT hr, DWORD_PTR device)
 {
-    std::lock_guard<std::mutex> lock(g_reportsMutex);
-    g_reports.push_back({dwCode, dwValue, dwDevice});
-}
-
-std::vector<Report> Reports()
-{
-    std::lock_guard<std::mutex> lock(g_reportsMutex);
-    return g_reports;
-}
-
-bool Reported(DWORD code, DWORD value, DWORD_PTR device)
-{
-    for (const Report& r : Reports())
-        if (r.code == code && r.value == value && r.device == device) return true;
-    return false;
+    return ReportLog::Has({code, static_cast<DWORD>(hr), device});
 }
 
 // A manager made for wave devices with nWaveOut virtual outputs, torn down after.
-class WaveOutTest : public ::testing::Test {
+class WaveOutTest : public ScratchTest {
 protected:
     void Make(int nWaveOut, DWORD dwFlags = QX_INIT_WAVE)
     {
         (void)kVirtual;
         qxplat::QXVirtualSetDevices(1, 1, 1, nWaveOut);
-        {
-            std::lock_guard<std::mutex> lock(g_reportsMutex);
-            g_reports.clear();
-        }
+        ReportLog::Take();
         q = CQuavix::InitQuavix();
-        q->SetNotificationCallback(Collect, 0);
+        q->SetNotificationCallback(ReportLog::Proc, 0);
         q->Initialize(dwFlags);
     }
     void TearDown() override
     {
-        QXFaultClear();
         CQuavix::ExitQuavix();
         qxplat::QXVirtualSetDevices(1, 1, 1, 1);
         EXPECT_EQ(CWaveOut::DSNumDrivers(), 0);
         EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
+        ScratchTest::TearDown();
     }
     CWaveOut* Out(int n) { return dynamic_cast<CWaveOut*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, n)); }
 
@@ -146,12 +118,12 @@ TEST_F(WaveOutTest, FailuresOfTheRegistryAreReportedPerDriver)
     // and is used all the same.
     qxplat::QXVirtualSetDevices(1, 1, 1, 2);
     q = CQuavix::InitQuavix();
-    q->SetNotificationCallback(Collect, 0);
+    q->SetNotificationCallback(ReportLog::Proc, 0);
     QXFaultInject("IDirectSound::SetCooperativeLevel", static_cast<DWORD>(DSERR_GENERIC), 1);
     QXFaultInject("DirectSoundCreate", static_cast<DWORD>(DSERR_NODRIVER), 2);
     q->Initialize(QX_INIT_WAVE);
-    EXPECT_TRUE(Reported(QXN_DS_SETCOOPLEVEL, static_cast<DWORD>(DSERR_GENERIC), 0));
-    EXPECT_TRUE(Reported(QXN_DS_CREATE, static_cast<DWORD>(DSERR_NODRIVER), 1));
+    EXPECT_TRUE(Reported(QXN_DS_SETCOOPLEVEL, DSERR_GENERIC, 0));
+    EXPECT_TRUE(Reported(QXN_DS_CREATE, DSERR_NODRIVER, 1));
     EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 2);
     EXPECT_NE(CWaveOut::DSGetDevice(0), nullptr);
     EXPECT_EQ(CWaveOut::DSGetDevice(1), nullptr);
@@ -161,7 +133,7 @@ TEST_F(WaveOutTest, FailuresOfTheRegistryAreReportedPerDriver)
     // Without the priority level the primary buffer's format cannot be set, as on
     // DirectSound itself: the output does not open.
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 0);
-    EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, static_cast<DWORD>(DSERR_PRIOLEVELNEEDED), 0));
+    EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, DSERR_PRIOLEVELNEEDED, 0));
 
     // The capabilities of a working driver are its DSCAPS.
     ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0, &caps), 1);
@@ -170,7 +142,7 @@ TEST_F(WaveOutTest, FailuresOfTheRegistryAreReportedPerDriver)
     EXPECT_EQ(caps.dsOut.dwMaxSecondarySampleRate, 100000u);
     QXFaultInject("IDirectSound::GetCaps", static_cast<DWORD>(DSERR_GENERIC));
     EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0, &caps), 0);
-    EXPECT_TRUE(Reported(QXN_DS_GETCAPS, static_cast<DWORD>(DSERR_GENERIC), 0));
+    EXPECT_TRUE(Reported(QXN_DS_GETCAPS, DSERR_GENERIC, 0));
 }
 
 TEST_F(WaveOutTest, WithoutAMainWindowTheDriversStayUnmadeUntilTheRegistryIsEmptied)
@@ -201,13 +173,7 @@ TEST(WaveOutTracks, RecommendedTrackCountFollowsTheMachine)
         EXPECT_EQ(CWaveOut::GetRecommendedTrackCount(), 16);
     }
 
-    struct Row {
-        DWORD platform;
-        WORD arch;
-        WORD level;
-        DWORD type;
-        int expected;
-    };
+    struct Row { DWORD platform; WORD arch; WORD level; DWORD type; int expected; };
     const Row rows[] = {
         {2, 0, 3, 0, 2},    {2, 0, 4, 0, 4},  {2, 0, 5, 0, 8},   {2, 0, 6, 0, 12}, {2, 3, 0, 0, 12},
         {2, 2, 0, 0, 16},   {2, 9, 6, 0, 16}, {1, 0, 5, 386, 2}, {1, 9, 0, 486, 4}, {1, 0, 0, 586, 8},
@@ -294,7 +260,7 @@ TEST_F(WaveOutTest, PrimaryBufferFollowsTheFormatAndTheTransport)
     EXPECT_EQ(PrimaryFormat(0).nSamplesPerSec, 44100u);
     QXFaultInject("IDirectSoundBuffer::SetFormat", static_cast<DWORD>(DSERR_BADFORMAT));
     EXPECT_EQ(out->SetFormat(&f), 0);
-    EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, static_cast<DWORD>(DSERR_BADFORMAT), 0));
+    EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, DSERR_BADFORMAT, 0));
     ASSERT_NE(out->GetFormat(), nullptr);
 
     // Open but not started: the events wait in the list for the start; a closed output
@@ -323,23 +289,23 @@ TEST_F(WaveOutTest, TransportFailuresAreReportedWithTheOutputsNumber)
     Make(2);
     QXFaultInject("IDirectSound::CreateSoundBuffer", static_cast<DWORD>(DSERR_OUTOFMEMORY));
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 0);
-    EXPECT_TRUE(Reported(QXN_DS_CREATEBUFFER, static_cast<DWORD>(DSERR_OUTOFMEMORY), 1));
+    EXPECT_TRUE(Reported(QXN_DS_CREATEBUFFER, DSERR_OUTOFMEMORY, 1));
 
     // A format refused at open leaves the primary buffer in the record; a second open
     // takes it up instead of making another.
     QXFaultInject("IDirectSoundBuffer::SetFormat", static_cast<DWORD>(DSERR_BADFORMAT));
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 0);
-    EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, static_cast<DWORD>(DSERR_BADFORMAT), 1));
+    EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, DSERR_BADFORMAT, 1));
     EXPECT_NE(CQuavix::s_DSDevices[1]->pPrimaryBuffer, nullptr);
     ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 1);
 
     QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
     EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 0);
-    EXPECT_TRUE(Reported(QXN_DS_START, static_cast<DWORD>(DSERR_BUFFERLOST), 1));
+    EXPECT_TRUE(Reported(QXN_DS_START, DSERR_BUFFERLOST, 1));
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 1);
     QXFaultInject("IDirectSoundBuffer::Stop", static_cast<DWORD>(DSERR_GENERIC));
     EXPECT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1), 0);
-    EXPECT_TRUE(Reported(QXN_DS_STOP, static_cast<DWORD>(DSERR_GENERIC), 1));
+    EXPECT_TRUE(Reported(QXN_DS_STOP, DSERR_GENERIC, 1));
 }
 
 TEST_F(WaveOutTest, APausedOutputHoldsItsMixAndGoesOnWhereItWas)
@@ -349,15 +315,8 @@ TEST_F(WaveOutTest, APausedOutputHoldsItsMixAndGoesOnWhereItWas)
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     IDirectSound* ds = CWaveOut::DSGetDevice(0);
     ASSERT_NE(ds, nullptr);
-    WAVEFORMATEX wf{};
-    CQXDevice::FillFormat(&wf, 9);
-    DSBUFFERDESC desc{};
-    desc.dwSize = sizeof desc;
-    desc.dwFlags = DSBCAPS_GETCURRENTPOSITION2;
-    desc.dwBufferBytes = 88200; // one second
-    desc.lpwfxFormat = &wf;
-    IDirectSoundBuffer* b = nullptr;
-    ASSERT_EQ(ds->CreateSoundBuffer(&desc, &b, nullptr), DS_OK);
+    IDirectSoundBuffer* b = dstest::MakeBuffer(ds, dstest::Pcm(22050, 2, 16), 88200, DSBCAPS_GETCURRENTPOSITION2);
+    ASSERT_NE(b, nullptr);
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     auto cursor = [&] {
         DWORD play = 0, write = 0;
@@ -371,40 +330,12 @@ TEST_F(WaveOutTest, APausedOutputHoldsItsMixAndGoesOnWhereItWas)
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     EXPECT_EQ(cursor(), held);
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (cursor() == held && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_NE(cursor(), held);
+    EXPECT_TRUE(Eventually([&] { return cursor() != held; }));
     b->Stop();
     b->Release();
 }
 
 namespace {
-
-// Five seconds of a 440 Hz tone, 22050 Hz 16-bit mono.
-std::string WriteTone(const char* pszName)
-{
-    std::string path = std::string("/tmp/quavix-waveout-") + std::to_string(getpid()) + "-" + pszName + ".wav";
-    const DWORD rate = 22050, frames = rate * 5;
-    std::string data;
-    for (DWORD i = 0; i < frames; ++i) {
-        auto s = static_cast<int16_t>(12000 * std::sin(2 * M_PI * 440.0 * i / rate));
-        data += static_cast<char>(s & 0xFF);
-        data += static_cast<char>((s >> 8) & 0xFF);
-    }
-    auto le = [](DWORD v, int n) {
-        std::string s;
-        for (int i = 0; i < n; ++i) s += static_cast<char>((v >> (8 * i)) & 0xFF);
-        return s;
-    };
-    std::string fmt = le(1, 2) + le(1, 2) + le(rate, 4) + le(rate * 2, 4) + le(2, 2) + le(16, 2);
-    std::string body = "WAVE" + std::string("fmt ") + le(16, 4) + fmt + "data" + le(static_cast<DWORD>(data.size()), 4) + data;
-    FILE* f = std::fopen(path.c_str(), "wb");
-    std::string riff = "RIFF" + le(static_cast<DWORD>(body.size()), 4) + body;
-    std::fwrite(riff.data(), 1, riff.size(), f);
-    std::fclose(f);
-    return path;
-}
 
 struct WaveScript {
     std::string path;
@@ -435,19 +366,13 @@ int WavePerformance(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD)
     return n < s->endAt ? 1 : 0;
 }
 
-bool Eventually(const std::function<bool()>& pred)
-{
-    for (int i = 0; i < 5000 && !pred(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return pred();
-}
-
 } // namespace
 
 TEST_F(WaveOutTest, APerformancesWaveEventPlaysOnItsTrackAndLeavesWithThePerformance)
 {
     Make(1);
     WaveScript script;
-    script.path = WriteTone("perf");
+    script.path = ScratchTest::Make("perf.wav", Wave(WAVE_FORMAT_PCM, 1, 22050, 16, Sine(16, 22050, 440, 5 * 22050)));
     const int nTag = q->StartPerformance(WavePerformance, reinterpret_cast<DWORD_PTR>(&script), 1, 0);
     ASSERT_NE(nTag, 0);
     ASSERT_EQ(q->OpenDevices(), 1);
@@ -472,5 +397,4 @@ TEST_F(WaveOutTest, APerformancesWaveEventPlaysOnItsTrackAndLeavesWithThePerform
     script.endAt = script.calls + 1;
     EXPECT_TRUE(Eventually([&] { return out->IsActive() == 0; }));
     q->CloseDevices();
-    std::remove(script.path.c_str());
 }

@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
+#include <future>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -43,35 +43,22 @@ std::string WaveFileBytes(WORD channels, DWORD rate, WORD bits, size_t nFrames, 
 
 // Aborts the process when a test does not end in time: a deadlock must fail the run,
 // not hang it.
-class Watchdog {
-public:
+struct Watchdog {
     explicit Watchdog(std::chrono::seconds limit)
-        : m_thread([this, limit] {
-              std::unique_lock<std::mutex> lock(m_mutex);
-              if (!m_done.wait_for(lock, limit, [this] { return m_bDone; })) {
-                  std::fprintf(stderr, "deadlock: %s did not end within %d s\n",
-                               ::testing::UnitTest::GetInstance()->current_test_info()->name(),
-                               static_cast<int>(limit.count()));
-                  std::abort();
-              }
+        : thread([f = done.get_future(), limit] {
+              if (f.wait_for(limit) == std::future_status::ready) return;
+              std::fprintf(stderr, "deadlock: %s\n", ::testing::UnitTest::GetInstance()->current_test_info()->name());
+              std::abort();
           })
     {
     }
     ~Watchdog()
     {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_bDone = true;
-        }
-        m_done.notify_one();
-        m_thread.join();
+        done.set_value();
+        thread.join();
     }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_done;
-    bool m_bDone = false;
-    std::thread m_thread;
+    std::promise<void> done;
+    std::thread thread;
 };
 
 std::atomic<int> g_reports[1000];
@@ -110,14 +97,6 @@ protected:
         ScratchTest::TearDown();
     }
     CWaveOut* Out() { return dynamic_cast<CWaveOut*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0)); }
-    static QX_WaveParams Params(int nPerformance, int nTrack, const std::string& path)
-    {
-        QX_WaveParams params{};
-        params.nPerformance = nPerformance;
-        params.nTrack = nTrack;
-        params.dsParams.lpszFileName = path.c_str();
-        return params;
-    }
 
     CQuavix* q = nullptr;
     std::string m_short, m_long;
@@ -202,7 +181,7 @@ TEST_F(Abuse, OwnPlayersSurviveDeletionInTheirCallbackAndParametersAtTheirEnd)
     for (int i = 0; i < 5; ++i) {
         OwnPlayer own;
         own.p = new CWavePlay;
-        QX_WaveParams params = Params(0x40000000, i, m_short);
+        QX_WaveParams params = WaveParams(0x40000000, i, m_short);
         ASSERT_EQ(own.p->Play(&params, 0, 0, DeleteFromDone, reinterpret_cast<DWORD_PTR>(&own), 0), 1);
         ASSERT_TRUE(Eventually([&] { return own.done == 1; })) << "round " << i;
     }
@@ -212,7 +191,7 @@ TEST_F(Abuse, OwnPlayersSurviveDeletionInTheirCallbackAndParametersAtTheirEnd)
     own.p = &player;
     for (int round = 0; round < 40; ++round) {
         own.done = 0;
-        QX_WaveParams params = Params(0x40000001, 1, m_short);
+        QX_WaveParams params = WaveParams(0x40000001, 1, m_short);
         ASSERT_EQ(player.Play(&params, 0, 0, CountDone, reinterpret_cast<DWORD_PTR>(&own), 0), 1);
         std::thread setter([&] {
             for (LONG v = 0; own.done == 0; v = (v + 37) % 5000) {
@@ -266,7 +245,7 @@ TEST_F(Abuse, OnePlayerDrivenFromFourThreadsNeverDeadlocks)
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
             for (unsigned n = 0; !stop; ++n) {
-                QX_WaveParams params = Params(0x40000002, 1, n % 3 == 0 ? m_long : m_short);
+                QX_WaveParams params = WaveParams(0x40000002, 1, n % 3 == 0 ? m_long : m_short);
                 switch ((n + t) % 4) {
                 case 0: player.Play(&params, 0, 0, nullptr, 0, 0); break;
                 case 1: player.Stop(); break;
@@ -280,7 +259,7 @@ TEST_F(Abuse, OnePlayerDrivenFromFourThreadsNeverDeadlocks)
     for (std::thread& t : threads) t.join();
     player.Stop();
     // The manager's thread still answers: a timed start is handled.
-    QX_WaveParams params = Params(0x40000002, 1, m_long);
+    QX_WaveParams params = WaveParams(0x40000002, 1, m_long);
     ASSERT_EQ(player.Play(&params, 0, timeGetTime() - q->GetPlayStartTime() + 100, nullptr, 0, 0), 1);
     EXPECT_TRUE(Eventually([&] { return Out()->GetTrackParameters(0x40000002, 1, nullptr) == 1; }));
 }
@@ -396,7 +375,7 @@ TEST_F(Abuse, AFailedPlayRacingADeletedTrackIsDeletedOnce)
         QXFaultInject("IDirectSound::CreateSoundBuffer", static_cast<DWORD>(DSERR_OUTOFMEMORY));
         EXPECT_EQ(q->PlayWaveFile(m_short.c_str(), 0, nullptr, 0), 0);
         auto* p = new CWavePlay;
-        QX_WaveParams params = Params(0x40000003, 1, m_short);
+        QX_WaveParams params = WaveParams(0x40000003, 1, m_short);
         QXFaultInject("IDirectSound::CreateSoundBuffer", static_cast<DWORD>(DSERR_OUTOFMEMORY));
         int bYours = 1;
         if (p->_Play(&params, 0, 0, nullptr, 0, 0, &bYours) == 0 && bYours) delete p;
@@ -412,12 +391,7 @@ TEST_F(Abuse, AFailedPlayRacingADeletedTrackIsDeletedOnce)
 // anything read past it.
 TEST_F(Abuse, ExtensibleFilesPlayAndNoFormatRecordIsReadPastItsSize)
 {
-    struct Case {
-        const char* name;
-        WORD channels, bits;
-        DWORD subFormat;
-        bool plays;
-    };
+    struct Case { const char* name; WORD channels, bits; DWORD subFormat; bool plays; };
     for (const Case& c : {Case{"s32", 2, 32, WAVE_FORMAT_PCM, true}, Case{"s24", 2, 24, WAVE_FORMAT_PCM, true},
                           Case{"f32", 1, 32, WAVE_FORMAT_IEEE_FLOAT, true},
                           Case{"six", 6, 16, WAVE_FORMAT_PCM, true}, Case{"alaw", 2, 8, 6, false}}) {

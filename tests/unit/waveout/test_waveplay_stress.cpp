@@ -13,23 +13,17 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
-using wavetest::Eventually;
-using wavetest::ThreadCount;
+using namespace wavetest;
 
 namespace {
 
@@ -41,30 +35,6 @@ constexpr int kSeconds = 20;
 constexpr int kSoakSeconds = 60;
 // Owned players get performances of their own, far from the manager's tags.
 constexpr int kOwnedPerformance = 0x40000000;
-
-std::string Le(DWORD v, int n)
-{
-    std::string s;
-    for (int i = 0; i < n; ++i) s += static_cast<char>((v >> (8 * i)) & 0xFF);
-    return s;
-}
-
-void WriteTone(const std::string& path, WORD channels, DWORD rate, WORD bits, double seconds)
-{
-    const WORD align = static_cast<WORD>(channels * bits / 8);
-    std::string data;
-    const auto frames = static_cast<size_t>(seconds * rate);
-    for (size_t i = 0; i < frames; ++i) {
-        const double x = 0.1 * std::sin(2 * M_PI * 330.0 * double(i) / rate);
-        for (WORD c = 0; c < channels; ++c)
-            data += bits == 8 ? Le(static_cast<DWORD>(std::lround(128 + 127 * x)), 1)
-                              : Le(static_cast<DWORD>(static_cast<int16_t>(std::lround(32767 * x))), 2);
-    }
-    std::string fmt = Le(1, 2) + Le(channels, 2) + Le(rate, 4) + Le(rate * align, 4) + Le(align, 2) + Le(bits, 2);
-    std::string body = "WAVE" + std::string("fmt ") + Le(16, 4) + fmt + "data" +
-                       Le(static_cast<DWORD>(data.size()), 4) + data + std::string(data.size() & 1, '\0');
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << "RIFF" << Le(static_cast<DWORD>(body.size()), 4) << body;
-}
 
 // A slot holds at most one player at a time: none, one the test owns, or one of
 // PlayWaveFile, which the done callback gives back. Each slot belongs to one worker; the
@@ -92,27 +62,21 @@ void AutoDone(DWORD_PTR dwUser, DWORD)
         ++g_slots->strayDone; // a second call, or one for a player that never was
 }
 
-class WavePlayStress : public ::testing::Test {
+class WavePlayStress : public ScratchTest {
 protected:
     void SetUp() override
     {
         ASSERT_EQ(kVirtual, 0);
+        ScratchTest::SetUp();
         qxplat::QXVirtualSetDevices(1, 1, 1, 1);
-        char tmpl[] = "/tmp/qx-waveplay-stress-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        m_dir = tmpl;
         // Short ones end by themselves while others start and stop around them.
         m_shortFiles = {File("a.wav", 2, 44100, 16, 0.3), File("b.wav", 1, 22050, 8, 0.6),
                         File("c.wav", 1, 48000, 16, 1.2)};
         m_longFiles = {File("d.wav", 2, 48000, 16, 3.0), File("e.wav", 1, 11025, 16, 2.0)};
     }
-    void TearDown() override { std::filesystem::remove_all(m_dir); }
-
     std::string File(const char* name, WORD channels, DWORD rate, WORD bits, double seconds)
     {
-        const std::string path = m_dir + "/" + name;
-        WriteTone(path, channels, rate, bits, seconds);
-        return path;
+        return Make(name, Wave(WAVE_FORMAT_PCM, channels, rate, bits, Sine(bits, rate, 330, size_t(seconds * rate), channels, 0.1)));
     }
 
     static CQuavix* Open()
@@ -124,7 +88,6 @@ protected:
         return q;
     }
 
-    std::string m_dir;
     std::vector<std::string> m_shortFiles, m_longFiles;
 };
 
