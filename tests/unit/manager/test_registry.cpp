@@ -5,9 +5,6 @@
 
 #include <cstring>
 
-std::mutex FakeDevice::s_logMutex;
-std::vector<std::string> FakeDevice::s_log;
-
 TEST_F(ManagerTest, LifeBeforeAndAfterInitialize)
 {
     EXPECT_EQ(CQuavix::GetQuavix(), nullptr);
@@ -71,10 +68,7 @@ TEST_F(ManagerTest, CapabilitiesNameTheBackendsDevices)
     EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 3, &caps), 0);
     EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, -1, &caps), 0);
 
-    static std::vector<DWORD> reports;
-    reports.clear();
-    q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { reports.insert(reports.end(), {c, v, DWORD(d)}); },
-                               0);
+    const std::vector<DWORD>& reports = Reports(q);
     QXFaultInject("midiOutGetDevCapsA", MMSYSERR_NODRIVER);
     EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1, &caps), 0);
     EXPECT_EQ(reports, (std::vector<DWORD>{QXN_MIDIOUT_GETCAPS, MMSYSERR_NODRIVER, 1}));
