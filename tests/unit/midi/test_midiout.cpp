@@ -77,6 +77,14 @@ protected:
         for (auto* e : events) list.AddTail(e);
         q->PlayBuffer(list);
     }
+    // The manager's notifications from now on, as code, value, device.
+    std::vector<DWORD>& Reports()
+    {
+        static std::vector<DWORD> r;
+        r.clear();
+        q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { r.insert(r.end(), {c, v, DWORD(d)}); }, 0);
+        return r;
+    }
     // Runs the engine for a while on the first output (the timing device).
     void Run(int ms)
     {
@@ -299,10 +307,7 @@ TEST_F(EngineTest, ImmediateNotesEndByThemselves)
 
 TEST_F(EngineTest, FailuresAreReportedAndLeaveNoStreamOpen)
 {
-    static std::vector<DWORD> reports;
-    reports.clear();
-    q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { reports.insert(reports.end(), {c, v, DWORD(d)}); },
-                               0);
+    std::vector<DWORD>& reports = Reports();
     QXFaultInject("midiStreamOpen", MMSYSERR_NOMEM);
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1), 0);
     EXPECT_EQ(reports, (std::vector<DWORD>{QXN_MIDIOUT_OPEN, MMSYSERR_NOMEM, 1}));
@@ -351,10 +356,7 @@ CQXEventData* SysEx(size_t cb, BYTE fill, DWORD time)
 // several buffers that pace the engine as one; an event no buffer can hold is reported.
 TEST_F(EngineTest, ADensePeriodPlaysWholeAndPacesAsOne)
 {
-    static std::vector<DWORD> reports;
-    reports.clear();
-    q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { reports.insert(reports.end(), {c, v, DWORD(d)}); },
-                               0);
+    std::vector<DWORD>& reports = Reports();
     q->SetDefaultMidiDevice(0); // SysEx to output 0 only, not copied to the others
     q->EnableDefaultMidiDevice(1);
     const size_t big = 6u << 20;
