@@ -146,9 +146,7 @@ TEST_F(EngineTest, PrefetchIsWrittenAtOpenAndPerformancesFillTheFollowingPeriods
 {
     Perf p;
     p.fn = [&](int, DWORD s, DWORD) {
-        CQXEventList l;
-        l.AddTail(Midi(0x00400090 | ((s / 100) << 8), s + 10));
-        q->PlayBuffer(l);
+        Play({Midi(0x00400090 | ((s / 100) << 8), s + 10)});
         return 1;
     };
     q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&p), 1, 0);
@@ -180,9 +178,7 @@ TEST_F(EngineTest, PerformancesEndByThemselvesOrByStopAlsoFromInsideAPoll)
             started = true;
             q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&late), 0, 0);
         }
-        CQXEventList l;
-        l.AddTail(Midi(0x00403C90, s));
-        q->PlayBuffer(l); // from inside the poll
+        Play({Midi(0x00403C90, s)}); // from inside the poll
         return 1;
     };
     q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&ends), 1, 0);
@@ -205,9 +201,7 @@ TEST_F(EngineTest, PauseKeepsQueuedBuffersAndANewRunStartsAtTimeZero)
 {
     Perf p;
     p.fn = [&](int, DWORD s, DWORD) {
-        CQXEventList l;
-        l.AddTail(Midi(0x00403C90, s + 50));
-        q->PlayBuffer(l);
+        Play({Midi(0x00403C90, s + 50)});
         return 1;
     };
     q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&p), 0, 0);
@@ -369,9 +363,7 @@ TEST_F(EngineTest, ADensePeriodPlaysWholeAndPacesAsOne)
     int64_t t0 = 0;
     p.fn = [&](int, DWORD s, DWORD) {
         asked.emplace_back(s, (qxplat::NowNs() - t0) / 1'000'000);
-        CQXEventList l;
-        l.AddTail(Midi(0x00400090 | ((s / 100) << 8), s + 10));
-        q->PlayBuffer(l);
+        Play({Midi(0x00400090 | ((s / 100) << 8), s + 10)});
         return 1;
     };
     q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&p), 1, 0);
