@@ -231,17 +231,16 @@ TEST_F(WaveInTest, BuffersFillInOrderAndStopReturnsThePartialOne)
 
     // Every frame since the start went into a buffer.
     const DWORD total = 3 * 4800 + partial;
-    EXPECT_EQ(PositionBytes(h), total);
+    // An unsupported type is answered in bytes.
+    const std::pair<UINT, DWORD> asked[] = {{TIME_BYTES, total}, {TIME_SAMPLES, total / 4}, {TIME_MS, total / 4 / 48},
+                                            {TIME_SMPTE, total}};
     MMTIME t{};
-    t.wType = TIME_SAMPLES;
-    ASSERT_EQ(waveInGetPosition(h, &t, sizeof t), MMSYSERR_NOERROR);
-    EXPECT_EQ(t.u.sample, total / 4);
-    t.wType = TIME_MS;
-    ASSERT_EQ(waveInGetPosition(h, &t, sizeof t), MMSYSERR_NOERROR);
-    EXPECT_EQ(t.u.ms, total / 4 / 48);
-    t.wType = TIME_SMPTE;
-    ASSERT_EQ(waveInGetPosition(h, &t, sizeof t), MMSYSERR_NOERROR);
-    EXPECT_EQ(t.wType, UINT{TIME_BYTES}) << "an unsupported type is answered in bytes";
+    for (auto [type, value] : asked) {
+        t.wType = type;
+        ASSERT_EQ(waveInGetPosition(h, &t, sizeof t), MMSYSERR_NOERROR);
+        EXPECT_EQ(t.wType, type == TIME_SMPTE ? UINT{TIME_BYTES} : type) << type;
+        EXPECT_EQ(t.u.cb, value) << type;
+    }
     EXPECT_EQ(waveInGetPosition(h, &t, sizeof t - 1), MMSYSERR_INVALPARAM);
 
     EXPECT_EQ(waveInClose(h), WAVERR_STILLPLAYING);
