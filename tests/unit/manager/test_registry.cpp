@@ -120,18 +120,6 @@ TEST_F(ManagerTest, TagsComeFromOneCounter)
     EXPECT_EQ(q->IsActive(), 1);
 }
 
-TEST_F(ManagerTest, ExitAndInitAgainGivesAFreshManager)
-{
-    for (int round = 0; round < 3; ++round) {
-        CQuavix* q = Make();
-        EXPECT_EQ(q->GetUniqueTag(), 2);
-        EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT), 3);
-        EXPECT_EQ(CQuavix::s_bRegistered, 1);
-        CQuavix::ExitQuavix();
-        EXPECT_EQ(CQuavix::s_bRegistered, 0);
-    }
-}
-
 TEST_F(ManagerTest, CreateAndDestroyWhileRunningLeavesNothingBehind)
 {
     // Warm up once so that lazily made services (timer thread, queues) exist.
