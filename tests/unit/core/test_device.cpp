@@ -59,7 +59,7 @@ bool WaitFor(const std::atomic<int>& value, int target)
 
 } // namespace
 
-TEST(DeviceState, NewDeviceIsClosedWithALiveWindow)
+TEST(DeviceState, NewIsClosedOpenKeepsTheFirstNumberAndFailureKeepsTheState)
 {
     TestDevice d;
     EXPECT_EQ(d.GetState(), QX_STATE_CLOSED);
@@ -68,11 +68,6 @@ TEST(DeviceState, NewDeviceIsClosedWithALiveWindow)
     EXPECT_EQ(d.GetFormat(), nullptr);
     EXPECT_TRUE(IsWindow(d.GetHWnd()));
     EXPECT_EQ(d.IsEnabled(), 1);
-}
-
-TEST(DeviceState, OpenKeepsTheFirstNumberAndFailureKeepsTheState)
-{
-    TestDevice d;
     EXPECT_EQ(d.Open(3), 1);
     EXPECT_EQ(d.GetState(), QX_STATE_OPEN);
     EXPECT_EQ(d.GetDevice(), 3);
@@ -114,15 +109,12 @@ TEST(DeviceState, TransportRowsCallTheRightHooks)
     EXPECT_EQ(d.GetState(), QX_STATE_CLOSED);
     EXPECT_EQ(d.Close(), 1);
     EXPECT_EQ(d.calls, "OSPTPSTC");
-}
 
-TEST(DeviceState, StopOfAFreshlyOpenedDeviceRunsItsHookOnce)
-{
-    TestDevice d;
+    // Stop of a freshly opened device runs its hook once.
     d.Open(2);
     EXPECT_EQ(d.Stop(), 1);
     EXPECT_EQ(d.Stop(), 1);
-    EXPECT_EQ(d.calls, "OT");
+    EXPECT_EQ(d.calls, "OSPTPSTCOT");
     EXPECT_EQ(d.GetState(), 0x0006u);
 }
 

@@ -14,47 +14,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
-
-// Ends the test program when the test that made it has not finished in time, so that a
-// hang shows up as a failure instead of holding the run until CTest gives up.
-class Watchdog {
-public:
-    Watchdog(int nSeconds, const char* pszWhat)
-        : m_thread([this, nSeconds, pszWhat] {
-              std::unique_lock<std::mutex> lock(m_mutex);
-              if (!m_cv.wait_for(lock, std::chrono::seconds(nSeconds), [this] { return m_bDone; })) {
-                  std::fprintf(stderr, "watchdog: %s has not finished after %d s\n", pszWhat, nSeconds);
-                  std::fflush(stderr);
-                  std::_Exit(1);
-              }
-          })
-    {
-    }
-    ~Watchdog()
-    {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_bDone = true;
-        }
-        m_cv.notify_all();
-        m_thread.join();
-    }
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_cv;
-    bool m_bDone = false;
-    std::thread m_thread;
-};
 
 // One line per event an output takes: its kind's payload (what tells events apart) and
 // its time stamp.
@@ -84,8 +48,8 @@ public:
     FakeDevice(int nType, int nDir) : m_nType(nType), m_nDir(nDir) {}
     ~FakeDevice() override { ThreadStop(); }
 
-    static std::mutex s_logMutex;
-    static std::vector<std::string> s_log;
+    static inline std::mutex s_logMutex;
+    static inline std::vector<std::string> s_log;
     static void ClearLog()
     {
         std::lock_guard<std::mutex> lock(s_logMutex);
@@ -167,6 +131,15 @@ protected:
         CQuavix* q = CQuavix::InitQuavix();
         q->Initialize(dwFlags);
         return q;
+    }
+
+    // The manager's notifications from now on, as code, value, device.
+    static std::vector<DWORD>& Reports(CQuavix* q)
+    {
+        static std::vector<DWORD> r;
+        r.clear();
+        q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { r.insert(r.end(), {c, v, DWORD(d)}); }, 0);
+        return r;
     }
 
     static FakeDevice* Dev(CQuavix* q, int t, int d, int n) { return static_cast<FakeDevice*>(q->GetDevice(t, d, n)); }

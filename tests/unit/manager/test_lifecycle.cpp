@@ -37,7 +37,6 @@ void ExitingNotify(DWORD, DWORD, DWORD_PTR)
 
 TEST_F(ManagerTest, ExitInsideACallbackIsRefusedAndTheManagerGoesOn)
 {
-    Watchdog dog(60, "ExitInsideACallbackIsRefusedAndTheManagerGoesOn");
     CQuavix* q = Make();
 
     // A performance polled by the timer, on the manager's thread.
@@ -95,7 +94,6 @@ TEST_F(ManagerTest, ExitInsideACallbackIsRefusedAndTheManagerGoesOn)
 
 TEST_F(ManagerTest, DelayedStartsPendingAtExitNeverHoldItUp)
 {
-    Watchdog dog(100, "DelayedStartsPendingAtExitNeverHoldItUp");
     std::mt19937 rng(20240601);
     for (int round = 0; round < 40; ++round) {
         CQuavix* q = Make();
@@ -152,7 +150,6 @@ TEST_F(ManagerTest, PrefetchCountIsBoundedAndTheLatencyNeverWraps)
 // whenever their input or buffers call for it; the manager may be going meanwhile.
 TEST_F(ManagerTest, ThreadsReachingForTheManagerSurviveItsExit)
 {
-    Watchdog dog(100, "ThreadsReachingForTheManagerSurviveItsExit");
     static std::atomic<int> recorded;
     recorded = 0;
     std::atomic<bool> stop{false};

@@ -32,18 +32,13 @@ TEST_F(ManagerTest, GroupOperationsVisitDevicesInTheirFixedOrder)
     qxplat::QXVirtualSetDevices(2, 2, 1, 0);
     CQuavix* q = Make();
     EXPECT_EQ(q->OpenDevices(), 1);
-    EXPECT_EQ(Only(FakeDevice::Log(), "open"),
-              (std::vector<std::string>{"open mi0", "open mi1", "open mo0", "open mo1", "open wi0"}));
     EXPECT_EQ(q->StartDevices(), 1);
-    EXPECT_EQ(Only(FakeDevice::Log(), "start"),
-              (std::vector<std::string>{"start mi0", "start mi1", "start mo0", "start mo1", "start wi0"}));
     EXPECT_EQ(q->PauseDevices(), 1);
-    EXPECT_EQ(Only(FakeDevice::Log(), "pause").size(), 5u);
     EXPECT_EQ(q->CloseDevices(), 1);
-    EXPECT_EQ(Only(FakeDevice::Log(), "stop"),
-              (std::vector<std::string>{"stop mi0", "stop mi1", "stop mo0", "stop mo1", "stop wi0"}));
-    EXPECT_EQ(Only(FakeDevice::Log(), "close"),
-              (std::vector<std::string>{"close mi0", "close mi1", "close mo0", "close mo1", "close wi0"}));
+    for (std::string verb : {"open", "start", "pause", "stop", "close"}) {
+        const std::vector<std::string> order{verb + " mi0", verb + " mi1", verb + " mo0", verb + " mo1", verb + " wi0"};
+        EXPECT_EQ(Only(FakeDevice::Log(), verb), order);
+    }
 }
 
 TEST_F(ManagerTest, OpenDevicesSucceedsWhenAnyDeviceOpens)
@@ -107,10 +102,7 @@ TEST_F(ManagerTest, WithoutAnOpenMidiOutputTheTimerPacesTheEngine)
 TEST_F(ManagerTest, NoTimerMeansNoDeviceStarts)
 {
     CQuavix* q = Make();
-    static std::vector<DWORD> reports;
-    reports.clear();
-    q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { reports.insert(reports.end(), {c, v, DWORD(d)}); },
-                               0);
+    const std::vector<DWORD>& reports = Reports(q);
     QXFaultInject("timeSetEvent", 0);
     EXPECT_EQ(q->StartDevices(), 0);
     EXPECT_EQ(reports, (std::vector<DWORD>{QXN_TIMER_CREATE, 0, 0}));

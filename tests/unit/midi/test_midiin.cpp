@@ -263,62 +263,40 @@ TEST_F(MidiInTest, StartAndContinueWaitForTheNextClock)
 TEST_F(MidiInTest, SlaveRunFollowsAnExternalClockFromStartToStop)
 {
     q->SetSyncMode(QX_SYNCMODE_SLAVE);
-    q->StartPerformance(SyncLog::Proc, reinterpret_cast<DWORD_PTR>(&first), 1, 0);
     q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0);
     q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0);
-    q->QueueSlavedPerformance();
-    EXPECT_TRUE(Out(0).empty()) << "queued, not playing before the external start";
-
-    // 24 clocks a quarter note at 120 BPM, as a drum machine would send them.
-    auto clocks = [](int n) {
-        for (int i = 0; i < n; ++i) {
+    // A queued performance, then start or continue, 24 clocks a quarter note at 120 BPM
+    // as a drum machine sends them, and stop: it hears each, in order, and then ends.
+    auto run = [&](SyncLog& perf, BYTE go, int goCode, int clocks) {
+        q->StartPerformance(SyncLog::Proc, reinterpret_cast<DWORD_PTR>(&perf), 1, 0);
+        q->QueueSlavedPerformance();
+        EXPECT_TRUE(Out(0).empty()) << "queued, not playing before the external start";
+        Send(0, {go});
+        const int64_t startNs = NowNs();
+        for (int i = 0; i < clocks; ++i) {
             Send(0, {0xF8});
             std::this_thread::sleep_for(std::chrono::microseconds(20833));
         }
-    };
-    int64_t startNs = 0;
-    std::thread source([&] {
-        Send(0, {0xFA});
-        startNs = NowNs();
-        clocks(48);
         Send(0, {0xFC});
-    });
-    source.join();
-    for (int i = 0; i < 3000 && (first.Codes().size() < 50 || q->IsActive() != 0); ++i) Sleep(1);
-    auto played = QXVirtualTakeMidiOut(0);
-    ASSERT_FALSE(played.empty());
-    EXPECT_GE(played.front().timeNs, startNs) << "the queued periods start with the external start";
-    EXPECT_EQ(q->IsActive(), 0) << "no performance remains after the external stop";
-
-    std::vector<int> expect{QX_SYNC_START};
-    expect.insert(expect.end(), 48, QX_SYNC_CLOCK);
-    expect.push_back(QX_SYNC_STOP);
-    EXPECT_EQ(first.Codes(), expect);
-    {
-        std::lock_guard<std::mutex> lock(first.mutex);
+        for (int i = 0; i < 3000 && (perf.Codes().size() < size_t(clocks) + 2 || q->IsActive() != 0); ++i) Sleep(1);
+        auto played = QXVirtualTakeMidiOut(0);
+        ASSERT_FALSE(played.empty());
+        EXPECT_GE(played.front().timeNs, startNs) << "the queued periods start with the external start";
+        EXPECT_EQ(q->IsActive(), 0) << "no performance remains after the external stop";
+        std::vector<int> expect{goCode};
+        expect.insert(expect.end(), clocks, QX_SYNC_CLOCK);
+        expect.push_back(QX_SYNC_STOP);
+        EXPECT_EQ(perf.Codes(), expect);
+        std::lock_guard<std::mutex> lock(perf.mutex);
         DWORD last = 0;
-        for (auto& c : first.calls)
+        for (auto& c : perf.calls)
             if (c.first == QX_SYNC_CLOCK) {
                 EXPECT_GE(c.second, last) << "clock stamps rise";
                 last = c.second;
             }
-    }
-
-    // Play again: a new performance, queued, then Continue and more clocks.
-    q->StartPerformance(SyncLog::Proc, reinterpret_cast<DWORD_PTR>(&second), 1, 0);
-    q->QueueSlavedPerformance();
-    std::thread again([&] {
-        Send(0, {0xFB});
-        clocks(24);
-        Send(0, {0xFC});
-    });
-    again.join();
-    for (int i = 0; i < 3000 && (second.Codes().size() < 26 || q->IsActive() != 0); ++i) Sleep(1);
-    expect.assign({QX_SYNC_CONTINUE});
-    expect.insert(expect.end(), 24, QX_SYNC_CLOCK);
-    expect.push_back(QX_SYNC_STOP);
-    EXPECT_EQ(second.Codes(), expect);
-    EXPECT_EQ(q->IsActive(), 0);
+    };
+    run(first, 0xFA, QX_SYNC_START, 48);
+    run(second, 0xFB, QX_SYNC_CONTINUE, 24); // play again
 }
 
 TEST_F(MidiInTest, StoppingARecordingFromASyncNotificationCannotDeadlock)

@@ -77,6 +77,14 @@ protected:
         for (auto* e : events) list.AddTail(e);
         q->PlayBuffer(list);
     }
+    // The manager's notifications from now on, as code, value, device.
+    std::vector<DWORD>& Reports()
+    {
+        static std::vector<DWORD> r;
+        r.clear();
+        q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { r.insert(r.end(), {c, v, DWORD(d)}); }, 0);
+        return r;
+    }
     // Runs the engine for a while on the first output (the timing device).
     void Run(int ms)
     {
@@ -138,9 +146,7 @@ TEST_F(EngineTest, PrefetchIsWrittenAtOpenAndPerformancesFillTheFollowingPeriods
 {
     Perf p;
     p.fn = [&](int, DWORD s, DWORD) {
-        CQXEventList l;
-        l.AddTail(Midi(0x00400090 | ((s / 100) << 8), s + 10));
-        q->PlayBuffer(l);
+        Play({Midi(0x00400090 | ((s / 100) << 8), s + 10)});
         return 1;
     };
     q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&p), 1, 0);
@@ -172,9 +178,7 @@ TEST_F(EngineTest, PerformancesEndByThemselvesOrByStopAlsoFromInsideAPoll)
             started = true;
             q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&late), 0, 0);
         }
-        CQXEventList l;
-        l.AddTail(Midi(0x00403C90, s));
-        q->PlayBuffer(l); // from inside the poll
+        Play({Midi(0x00403C90, s)}); // from inside the poll
         return 1;
     };
     q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&ends), 1, 0);
@@ -197,9 +201,7 @@ TEST_F(EngineTest, PauseKeepsQueuedBuffersAndANewRunStartsAtTimeZero)
 {
     Perf p;
     p.fn = [&](int, DWORD s, DWORD) {
-        CQXEventList l;
-        l.AddTail(Midi(0x00403C90, s + 50));
-        q->PlayBuffer(l);
+        Play({Midi(0x00403C90, s + 50)});
         return 1;
     };
     q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&p), 0, 0);
@@ -299,10 +301,7 @@ TEST_F(EngineTest, ImmediateNotesEndByThemselves)
 
 TEST_F(EngineTest, FailuresAreReportedAndLeaveNoStreamOpen)
 {
-    static std::vector<DWORD> reports;
-    reports.clear();
-    q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { reports.insert(reports.end(), {c, v, DWORD(d)}); },
-                               0);
+    std::vector<DWORD>& reports = Reports();
     QXFaultInject("midiStreamOpen", MMSYSERR_NOMEM);
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1), 0);
     EXPECT_EQ(reports, (std::vector<DWORD>{QXN_MIDIOUT_OPEN, MMSYSERR_NOMEM, 1}));
@@ -351,10 +350,7 @@ CQXEventData* SysEx(size_t cb, BYTE fill, DWORD time)
 // several buffers that pace the engine as one; an event no buffer can hold is reported.
 TEST_F(EngineTest, ADensePeriodPlaysWholeAndPacesAsOne)
 {
-    static std::vector<DWORD> reports;
-    reports.clear();
-    q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { reports.insert(reports.end(), {c, v, DWORD(d)}); },
-                               0);
+    std::vector<DWORD>& reports = Reports();
     q->SetDefaultMidiDevice(0); // SysEx to output 0 only, not copied to the others
     q->EnableDefaultMidiDevice(1);
     const size_t big = 6u << 20;
@@ -367,9 +363,7 @@ TEST_F(EngineTest, ADensePeriodPlaysWholeAndPacesAsOne)
     int64_t t0 = 0;
     p.fn = [&](int, DWORD s, DWORD) {
         asked.emplace_back(s, (qxplat::NowNs() - t0) / 1'000'000);
-        CQXEventList l;
-        l.AddTail(Midi(0x00400090 | ((s / 100) << 8), s + 10));
-        q->PlayBuffer(l);
+        Play({Midi(0x00400090 | ((s / 100) << 8), s + 10)});
         return 1;
     };
     q->StartPerformance(Perf::Proc, reinterpret_cast<DWORD_PTR>(&p), 1, 0);

@@ -45,6 +45,18 @@ void CALLBACK Proc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
     c->cv.notify_all();
 }
 
+// Opens MIDI output 0 as a stream with 1 ms ticks, its callback proc given inst.
+HMIDISTRM OpenStream(DWORD_PTR proc, void* inst)
+{
+    HMIDISTRM h = nullptr;
+    UINT dev = 0;
+    EXPECT_EQ(midiStreamOpen(&h, &dev, 1, proc, reinterpret_cast<DWORD_PTR>(inst), CALLBACK_FUNCTION),
+              MMSYSERR_NOERROR);
+    MIDIPROPTIMEDIV td{sizeof td, 0xFFFFE728u};
+    EXPECT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
+    return h;
+}
+
 // A stream buffer built word by word.
 struct Buffer {
     std::vector<DWORD> words;
@@ -69,12 +81,7 @@ protected:
     {
         qxplat::QXVirtualSetDevices(1, 2, 0, 0);
         QXVirtualTakeMidiOut(0);
-        UINT dev = 0;
-        ASSERT_EQ(midiStreamOpen(&h, &dev, 1, reinterpret_cast<DWORD_PTR>(Proc), reinterpret_cast<DWORD_PTR>(&calls),
-                                 CALLBACK_FUNCTION),
-                  MMSYSERR_NOERROR);
-        MIDIPROPTIMEDIV td{sizeof td, 0xFFFFE728u}; // 1 ms ticks
-        ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
+        h = OpenStream(reinterpret_cast<DWORD_PTR>(Proc), &calls);
     }
     void TearDown() override
     {
@@ -345,13 +352,7 @@ TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
 {
     qxplat::QXVirtualSetDevices(0, 1, 0, 0);
     Race race;
-    HMIDISTRM h = nullptr;
-    UINT dev = 0;
-    ASSERT_EQ(midiStreamOpen(&h, &dev, 1, reinterpret_cast<DWORD_PTR>(RaceProc), reinterpret_cast<DWORD_PTR>(&race),
-                             CALLBACK_FUNCTION),
-              MMSYSERR_NOERROR);
-    MIDIPROPTIMEDIV td{sizeof td, 0xFFFFE728u};
-    ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
+    HMIDISTRM h = OpenStream(reinterpret_cast<DWORD_PTR>(RaceProc), &race);
     const DWORD callbackEvent = MEVT_F_CALLBACK | MEVT_F_LONG | (DWORD{MEVT_COMMENT} << 24) | 8;
     int queued = 0;
     for (int round = 0; round < 150; ++round) {
@@ -421,10 +422,7 @@ TEST(MidiStreamRace, APositionCallbackMayPauseOrStopItsOwnStream)
     for (bool bStop : {false, true}) {
         SelfControl c;
         c.bStop = bStop;
-        UINT dev = 0;
-        ASSERT_EQ(midiStreamOpen(&c.h, &dev, 1, reinterpret_cast<DWORD_PTR>(SelfControlProc),
-                                 reinterpret_cast<DWORD_PTR>(&c), CALLBACK_FUNCTION),
-                  MMSYSERR_NOERROR);
+        c.h = OpenStream(reinterpret_cast<DWORD_PTR>(SelfControlProc), &c);
         Buffer b;
         b.Ev(0, MEVT_F_CALLBACK | MEVT_F_LONG | (DWORD{MEVT_COMMENT} << 24) | 8, {1, 77}).Ev(500, 0x02000000u);
         ASSERT_EQ(midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(c.h), b.Hdr(), sizeof(MIDIHDR)), 0u);

@@ -3,6 +3,8 @@
 #include "platform/backends/virtual/QXVirtual.h"
 #include "platform/dsound/QXDSound.h"
 
+#include "unit/wavefile/WaveTestUtil.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -228,17 +231,16 @@ TEST_F(WaveInTest, BuffersFillInOrderAndStopReturnsThePartialOne)
 
     // Every frame since the start went into a buffer.
     const DWORD total = 3 * 4800 + partial;
-    EXPECT_EQ(PositionBytes(h), total);
+    // An unsupported type is answered in bytes.
+    const std::pair<UINT, DWORD> asked[] = {{TIME_BYTES, total}, {TIME_SAMPLES, total / 4}, {TIME_MS, total / 4 / 48},
+                                            {TIME_SMPTE, total}};
     MMTIME t{};
-    t.wType = TIME_SAMPLES;
-    ASSERT_EQ(waveInGetPosition(h, &t, sizeof t), MMSYSERR_NOERROR);
-    EXPECT_EQ(t.u.sample, total / 4);
-    t.wType = TIME_MS;
-    ASSERT_EQ(waveInGetPosition(h, &t, sizeof t), MMSYSERR_NOERROR);
-    EXPECT_EQ(t.u.ms, total / 4 / 48);
-    t.wType = TIME_SMPTE;
-    ASSERT_EQ(waveInGetPosition(h, &t, sizeof t), MMSYSERR_NOERROR);
-    EXPECT_EQ(t.wType, UINT{TIME_BYTES}) << "an unsupported type is answered in bytes";
+    for (auto [type, value] : asked) {
+        t.wType = type;
+        ASSERT_EQ(waveInGetPosition(h, &t, sizeof t), MMSYSERR_NOERROR);
+        EXPECT_EQ(t.wType, type == TIME_SMPTE ? UINT{TIME_BYTES} : type) << type;
+        EXPECT_EQ(t.u.cb, value) << type;
+    }
     EXPECT_EQ(waveInGetPosition(h, &t, sizeof t - 1), MMSYSERR_INVALPARAM);
 
     EXPECT_EQ(waveInClose(h), WAVERR_STILLPLAYING);
@@ -470,10 +472,6 @@ TEST_F(WaveInTest, SineConvertedTo22050MonoIsContinuousAcrossBuffers)
         }
     }
     x.erase(x.begin(), x.begin() + 2000); // the converter's start-up
-    size_t crossings = 0;
-    for (size_t i = 1; i < x.size(); ++i) crossings += (x[i - 1] < 0) != (x[i] < 0);
-    const double expected = 2.0 * 440 * x.size() / 22050;
-    EXPECT_NEAR(crossings, expected, 3.0);
     // One sample lost or repeated anywhere shifts the phase by 0.125 rad: about 2000.
     double amplitude = 0;
     const double worst = FitSine(x, 2 * std::numbers::pi * 440 / 22050, amplitude);
@@ -489,22 +487,8 @@ TEST_F(WaveInTest, FileSourceComesBackSampleExact)
     std::mt19937 rng(7);
     for (auto& s : pcm) s = static_cast<int16_t>(rng());
     const std::string path = ::testing::TempDir() + "qx_wavein_src.wav";
-    {
-        FILE* fp = std::fopen(path.c_str(), "wb");
-        ASSERT_NE(fp, nullptr);
-        const uint32_t dataBytes = n * 4, riffBytes = 36 + dataBytes;
-        const WAVEFORMATEX fmt = Pcm(48000, 2, 16);
-        const uint32_t fmtBytes = 16;
-        std::fwrite("RIFF", 1, 4, fp);
-        std::fwrite(&riffBytes, 4, 1, fp);
-        std::fwrite("WAVEfmt ", 1, 8, fp);
-        std::fwrite(&fmtBytes, 4, 1, fp);
-        std::fwrite(&fmt, 1, 16, fp);
-        std::fwrite("data", 1, 4, fp);
-        std::fwrite(&dataBytes, 4, 1, fp);
-        std::fwrite(pcm.data(), 2, pcm.size(), fp);
-        std::fclose(fp);
-    }
+    std::ofstream(path, std::ios::binary) << wavetest::Riff(
+        wavetest::Fmt(2, 48000, 16) + wavetest::Chunk("data", std::string(reinterpret_cast<char*>(pcm.data()), 4 * n)));
     setenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE", ("file:" + path).c_str(), 1);
     Calls calls;
     Buffers bufs;
@@ -640,14 +624,13 @@ TEST_F(WaveInLoopbackTest, HearsWhatOutputZeroPlaysFrameByFrame)
     // Where the output ran dry (a loaded machine held its mixer up) it played silence and
     // then went on where it was: silence is passed over there, no more than was counted.
     const uint64_t dry = qxplat::VirtualAudioUnderrunFramesAll() - dryBefore;
-    size_t bad = 0, skipped = 0, gaps = 0;
+    size_t bad = 0, skipped = 0;
     for (size_t i = 0, at = off; i < frames; ++i) {
         const int16_t* g = &got[2 * (first + i)];
         const int16_t* e = &tone.pcm[2 * (at % LoopedTone::kFrames)];
         if (g[0] == e[0] && g[1] == e[1]) {
             ++at;
         } else if (g[0] == 0 && g[1] == 0 && skipped < dry) {
-            gaps += i == 0 || got[2 * (first + i - 1)] != 0 || got[2 * (first + i - 1) + 1] != 0;
             ++skipped;
         } else {
             ++bad;
@@ -656,20 +639,6 @@ TEST_F(WaveInLoopbackTest, HearsWhatOutputZeroPlaysFrameByFrame)
     }
     EXPECT_EQ(bad, 0u) << "frames out of place, of " << frames << " (" << skipped
                        << " of silence where the output ran dry)";
-    if (skipped > 0) std::printf("note: the output ran dry %zu times, %zu frames (machine load)\n", gaps, skipped);
-    // The same, measured: each side's pitch and level.
-    size_t crossings[2] = {0, 0};
-    int peak[2] = {0, 0};
-    for (size_t i = first + 1; i < got.size() / 2; ++i)
-        for (int c = 0; c < 2; ++c) {
-            crossings[c] += (got[2 * (i - 1) + c] < 0) != (got[2 * i + c] < 0);
-            peak[c] = std::max(peak[c], std::abs(int{got[2 * i + c]}));
-        }
-    const double sounding = double(frames - skipped), slack = 3.0 + 2.0 * double(gaps);
-    EXPECT_NEAR(crossings[0], 2.0 * 997 * sounding / 48000, slack);
-    EXPECT_NEAR(crossings[1], 2.0 * 1499 * sounding / 48000, slack);
-    EXPECT_NEAR(peak[0], 16384, 2);
-    EXPECT_NEAR(peak[1], 8192, 2);
 }
 
 TEST_F(WaveInLoopbackTest, SilentWithoutARunningOutputAndEitherSideMayCloseFirst)
