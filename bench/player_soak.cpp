@@ -9,6 +9,8 @@
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
+#include "BenchWave.h"
+
 #include <dirent.h>
 #include <unistd.h>
 
@@ -23,13 +25,6 @@
 #include <thread>
 
 namespace {
-
-std::string Le(DWORD v, int n)
-{
-    std::string s;
-    for (int i = 0; i < n; ++i) s += static_cast<char>((v >> (8 * i)) & 0xFF);
-    return s;
-}
 
 // 30 ms of a 16-bit stereo click at 48 kHz.
 void WriteClick(const std::string& path)

@@ -15,6 +15,7 @@
 #include "platform/kernel/QXRealtime.h"
 
 #include "BenchStats.h"
+#include "BenchWave.h"
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -35,13 +36,6 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::string Le(DWORD v, int n)
-{
-    std::string s;
-    for (int i = 0; i < n; ++i) s += static_cast<char>((v >> (8 * i)) & 0xFF);
-    return s;
-}
 
 struct Format {
     WORD tag, channels, bits;

@@ -14,6 +14,7 @@
 #include "platform/backends/virtual/QXVirtual.h"
 
 #include "BenchStats.h"
+#include "BenchWave.h"
 
 #include <unistd.h>
 
@@ -36,13 +37,6 @@ namespace {
 
 constexpr DWORD kRate = 48000;
 constexpr int kTracks = 8; // a click's player is displaced by the one kTracks periods later
-
-std::string Le(DWORD v, int n)
-{
-    std::string s;
-    for (int i = 0; i < n; ++i) s += static_cast<char>((v >> (8 * i)) & 0xFF);
-    return s;
-}
 
 // 4 ms at half scale, then 6 ms of silence: 16-bit mono at the output's own rate, so
 // that the onset is not smeared by resampling.

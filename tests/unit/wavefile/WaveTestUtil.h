@@ -4,6 +4,7 @@
 #define QUAVIX_TESTS_WAVETESTUTIL_H
 
 #include <quavix/QXDevice.h>
+#include <quavix/QXEventData.h>
 #include <quavix/QXNotify.h>
 
 #include "platform/QXFaults.h"
@@ -139,6 +140,20 @@ inline size_t OpenFdCount()
         closedir(d);
     }
     return n;
+}
+
+// A wave data event playing the file on a track of a performance, on wave output 0.
+inline CQXEventData* WaveEvent(int nPerformance, int nTrack, const std::string& path, DWORD dwTime)
+{
+    auto* params = new QX_WaveParams{};
+    params->nPerformance = nPerformance;
+    params->nTrack = nTrack;
+    params->dsParams.lpszFileName = path.c_str();
+    auto* e = new CQXEventData;
+    e->SetWaveData(params); // the event owns them now
+    e->SetTimeStamp(dwTime);
+    e->SetDevice(0);
+    return e;
 }
 
 // Threads of this process now.

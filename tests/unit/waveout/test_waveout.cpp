@@ -351,16 +351,8 @@ int WavePerformance(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD)
     if (nTag < 0) return 1;
     const int n = ++s->calls;
     if (n == 1) {
-        auto* params = new QX_WaveParams{};
-        params->nPerformance = nTag;
-        params->nTrack = 1;
-        params->dsParams.lpszFileName = s->path.c_str();
-        auto* e = new CQXEventData;
-        e->SetWaveData(params);
-        e->SetTimeStamp(dwStart);
-        e->SetDevice(0);
         CQXEventList events;
-        events.AddTail(e);
+        events.AddTail(WaveEvent(nTag, 1, s->path, dwStart));
         CQuavix::GetQuavix()->PlayBuffer(events);
     }
     return n < s->endAt ? 1 : 0;

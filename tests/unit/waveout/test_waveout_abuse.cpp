@@ -278,17 +278,8 @@ int OneShotPerformance(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD)
     auto* s = reinterpret_cast<OneShots*>(dwUser);
     if (nTag < 0) return 1;
     CQXEventList events;
-    for (int i = 0; i < s->nPerPeriod; ++i) {
-        auto* params = new QX_WaveParams{};
-        params->nPerformance = nTag;
-        params->nTrack = 0;
-        params->dsParams.lpszFileName = s->path.c_str();
-        auto* e = new CQXEventData;
-        e->SetWaveData(params);
-        e->SetTimeStamp(dwStart + DWORD(i * 100 / s->nPerPeriod));
-        e->SetDevice(0);
-        events.AddTail(e);
-    }
+    for (int i = 0; i < s->nPerPeriod; ++i)
+        events.AddTail(WaveEvent(nTag, 0, s->path, dwStart + DWORD(i * 100 / s->nPerPeriod)));
     CQuavix::GetQuavix()->PlayBuffer(events);
     ++s->periods;
     return 1;
