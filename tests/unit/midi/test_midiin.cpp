@@ -1,14 +1,12 @@
 // MIDI input, thru, recording and slave sync on the virtual backend.
 #include "MidiFixture.h"
 
-#include <condition_variable>
-
 namespace {
 
 using qxplat::NowNs;
 
 struct Seen {
-    int tag;
+    int tag, kind;
     DWORD data;
     int device;
     DWORD time;
@@ -16,62 +14,29 @@ struct Seen {
 
 struct Recorder {
     std::mutex mutex;
-    std::condition_variable cv;
     std::vector<Seen> seen;
     std::function<void(int tag)> also; // runs inside the callback, before recording
 
     static int Proc(DWORD_PTR user, int tag, CQXEventData* e)
     {
         auto* r = reinterpret_cast<Recorder*>(user);
-        EXPECT_EQ(e->m_nType, QX_EVENT_MIDI);
         if (r->also) r->also(tag);
-        // Last, under the lock: a waiter may finish its test once this returns.
         std::lock_guard<std::mutex> lock(r->mutex);
-        r->seen.push_back({tag, DWORD(e->m_dwData), e->m_nDevice, e->m_dwTimeStamp});
-        r->cv.notify_all();
+        r->seen.push_back({tag, e->m_nType, DWORD(e->m_dwData), e->m_nDevice, e->m_dwTimeStamp});
         return 0;
     }
     int Start(CQuavix* q) { return q->StartRecording(Proc, DWORD_PTR(this), 0); }
     bool WaitFor(size_t n)
     {
-        std::unique_lock<std::mutex> lock(mutex);
-        return cv.wait_for(lock, std::chrono::seconds(5), [&] { return seen.size() >= n; });
+        return Eventually([&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return seen.size() >= n;
+        });
     }
     std::vector<Seen> Take()
     {
         std::lock_guard<std::mutex> lock(mutex);
         return std::move(seen);
-    }
-};
-
-// The sync codes a performance is told, and the stamps of the clocks; it plays a note
-// in each period it is asked for.
-struct SyncLog {
-    std::mutex mutex;
-    std::vector<int> codes;
-    std::vector<DWORD> clocks;
-    std::function<void(int)> also;
-    static int Proc(DWORD_PTR user, int tag, DWORD, DWORD end)
-    {
-        auto* s = reinterpret_cast<SyncLog*>(user);
-        {
-            std::lock_guard<std::mutex> lock(s->mutex);
-            if (tag < 0) s->codes.push_back(tag);
-            if (tag == QX_SYNC_CLOCK) s->clocks.push_back(end);
-        }
-        if (s->also) s->also(tag);
-        if (tag > 0) {
-            CQXEventList l;
-            l.AddTail(MidiEvent(0x00403C90, end - 100));
-            CQuavix::GetQuavix()->PlayBuffer(l);
-        }
-        return 1;
-    }
-    int Start(CQuavix* q) { return q->StartPerformance(Proc, DWORD_PTR(this), 1, 0); }
-    std::vector<int> Codes()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return codes;
     }
 };
 
@@ -91,7 +56,7 @@ protected:
     }
     // The callbacks' objects outlive the manager, which TearDown ends first.
     Recorder rec, a, b, c;
-    SyncLog log, perf;
+    Perf perf;
 };
 
 } // namespace
@@ -99,7 +64,7 @@ protected:
 TEST_F(MidiInTest, StatusTableDecidesWhatIsRecordedEchoedAndSynced)
 {
     rec.Start(q);
-    log.Start(q);
+    perf.Start(q);
     q->EnableMidiThru(1);
     q->ConnectMidiThru(1, -1);
     q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1);
@@ -117,11 +82,11 @@ TEST_F(MidiInTest, StatusTableDecidesWhatIsRecordedEchoedAndSynced)
     std::vector<DWORD> data;
     for (auto& s : rec.Take()) {
         data.push_back(s.data);
-        EXPECT_EQ(s.device, 0);
+        EXPECT_EQ(std::make_pair(s.kind, s.device), std::make_pair(int(QX_EVENT_MIDI), 0));
     }
     EXPECT_EQ(data, (std::vector<DWORD>{0xF4, 0xF5, 0xF9, 0xFD, 0x000005C3, 0x00403C92, 0x00413D92}));
     EXPECT_EQ(echoed, (Msgs{{0xF4}, {0xF5}, {0xF9}, {0xFD}, {0xC3, 0x05}, {0x92, 0x3C, 0x40}, {0x92, 0x3D, 0x41}}));
-    EXPECT_TRUE(log.Codes().empty());
+    EXPECT_TRUE(perf.Get(perf.codes).empty());
 }
 
 TEST_F(MidiInTest, ThruRewritesTheChannelAndFollowsTheDefaultOutput)
@@ -129,9 +94,8 @@ TEST_F(MidiInTest, ThruRewritesTheChannelAndFollowsTheDefaultOutput)
     rec.Start(q);
     q->EnableMidiThru(1);
     q->ConnectMidiThru(5, 3); // no output 5: nothing changes
-    EXPECT_EQ(q->GetMidiThruDevice(), 0);
     q->ConnectMidiThru(1, 16);
-    EXPECT_EQ(q->GetMidiThruChannel(), -1);
+    EXPECT_EQ(std::make_pair(q->GetMidiThruDevice(), q->GetMidiThruChannel()), std::make_pair(0, -1));
     q->ConnectMidiThru(1, 9);
     q->OpenDevices();
     OpenInput(0);
@@ -144,8 +108,7 @@ TEST_F(MidiInTest, ThruRewritesTheChannelAndFollowsTheDefaultOutput)
     q->EnableMidiThru(0);
     Send(0, {0x92, 0x3C, 0x40});
     ASSERT_TRUE(rec.WaitFor(3)); // thru, had it been on, would have sent before recording
-    EXPECT_TRUE(Out(2).empty());
-    EXPECT_TRUE(Out(1).empty());
+    EXPECT_TRUE(Out(2).empty() && Out(1).empty());
 }
 
 TEST_F(MidiInTest, RecordingsSeeEveryMessageInStartOrderWithTheirOwnValues)
@@ -173,10 +136,9 @@ TEST_F(MidiInTest, RecordingsSeeEveryMessageInStartOrderWithTheirOwnValues)
     Send(1, {0x80, 0x3C, 0x00});
     ASSERT_TRUE(b.WaitFor(1));
     Send(1, {0x90, 0x3E, 0x40});
-    ASSERT_TRUE(c.WaitFor(1));
-    ASSERT_TRUE(b.WaitFor(2));
+    ASSERT_TRUE(b.WaitFor(2) && c.WaitFor(1));
     EXPECT_EQ(a.Take().size(), 1u) << "stopped from inside its own callback";
-    EXPECT_EQ(c.Take().size(), 1u) << "started inside a callback: from the next message on";
+    EXPECT_EQ(c.Take().at(0).data, 0x00403E90u) << "started inside a callback: from the next message on";
     q->StopRecording(tb);
     q->StopRecording(tb); // a tag held by none: nothing happens
 }
@@ -204,29 +166,31 @@ TEST_F(MidiInTest, SlaveTimeStampsCountFromPlayStartAndEarlierOnesBecomeZero)
 TEST_F(MidiInTest, SlaveRunFollowsAnExternalClockFromStartToStop)
 {
     OpenInput(0, QX_SYNCMODE_SLAVE);
-    // A queued performance; start or continue, which waits for the next clock; clocks
-    // 20.8 ms apart (24 a quarter note at 120 BPM); and stop: it hears each, in order,
-    // and then ends.
+    // A queued performance that plays a note each period; start or continue, which
+    // waits for the next clock; clocks 20.8 ms apart (24 a quarter note at 120 BPM);
+    // and stop: it hears each, in order, and then ends.
     for (auto [go, goCode, clocks] : {std::tuple{BYTE(0xFA), QX_SYNC_START, 6}, {BYTE(0xFB), QX_SYNC_CONTINUE, 3}}) {
-        SyncLog run;
-        run.Start(q);
+        Perf run;
+        run.fn = [](int tag, DWORD, DWORD e) { return tag > 0 ? Play({MidiEvent(0x00403C90, e - 100)}), 1 : 1; };
+        run.Start(q, 1);
         q->QueueSlavedPerformance();
         EXPECT_TRUE(Out(0).empty()) << "queued, not playing before the external start";
         Send(0, {go});
         std::this_thread::sleep_for(std::chrono::milliseconds(60)); // what is not to come needs a while
-        EXPECT_TRUE(run.Codes().empty()) << "no start before the next clock";
+        EXPECT_TRUE(run.Get(run.codes).empty()) << "no start before the next clock";
         const int64_t startNs = NowNs();
         for (int i = 0; i < clocks; ++i) Send(0, {0xF8}, startNs + i * 20'833'333);
         const auto played = Sent(0, 1);
         ASSERT_FALSE(played.empty());
         EXPECT_GE(played.front().timeNs, startNs) << "the queued periods start with the external start";
         Send(0, {0xFC});
-        ASSERT_TRUE(Eventually([&] { return run.Codes().size() >= size_t(clocks) + 2 && q->IsActive() == 0; }));
-        std::vector<int> expect{goCode};
-        expect.insert(expect.end(), size_t(clocks), QX_SYNC_CLOCK);
-        expect.push_back(QX_SYNC_STOP);
-        EXPECT_EQ(run.Codes(), expect);
-        EXPECT_TRUE(std::is_sorted(run.clocks.begin(), run.clocks.end())) << "clock stamps rise";
+        ASSERT_TRUE(Eventually([&] { return run.Get(run.codes).size() >= size_t(clocks) + 2 && !q->IsActive(); }));
+        std::vector<int> expect(size_t(clocks) + 2, QX_SYNC_CLOCK);
+        expect.front() = goCode;
+        expect.back() = QX_SYNC_STOP;
+        EXPECT_EQ(run.Get(run.codes), expect);
+        const auto stamps = run.Get(run.clocks);
+        EXPECT_TRUE(std::is_sorted(stamps.begin(), stamps.end())) << "clock stamps rise";
     }
 }
 
@@ -242,13 +206,15 @@ TEST_F(MidiInTest, StoppingARecordingFromASyncNotificationCannotDeadlock)
     };
     const int tag = rec.Start(q);
     a.Start(q); // called after rec
-    perf.also = [&](int code) {
-        if (code != QX_SYNC_CLOCK || syncDone) return;
-        Eventually([&] { return inRecording.load(); }, 2000);
-        inSync = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the recording now waits for the lock
-        q->StopRecording(tag);
-        syncDone = true;
+    perf.fn = [&](int code, DWORD, DWORD) {
+        if (code == QX_SYNC_CLOCK && !syncDone) {
+            Eventually([&] { return inRecording.load(); }, 2000);
+            inSync = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the recording now waits for the lock
+            q->StopRecording(tag);
+            syncDone = true;
+        }
+        return 1;
     };
     perf.Start(q);
     OpenInput(0, QX_SYNCMODE_SLAVE);
@@ -273,8 +239,4 @@ TEST_F(MidiInTest, DestroyingAnOpenInputLeavesNoOpenPlatformInput)
     HMIDIIN h;
     EXPECT_EQ(midiInOpen(&h, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
     midiInClose(h);
-    QX_DevCaps caps;
-    EXPECT_EQ(CMidiIn::GetDeviceCaps(1, &caps), 1);
-    EXPECT_STREQ(caps.midiIn.szPname, "Quavix Virtual MIDI In 2");
-    EXPECT_EQ(CMidiIn::GetDeviceCaps(2, &caps), 0);
 }

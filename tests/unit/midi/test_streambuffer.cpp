@@ -69,8 +69,12 @@ std::optional<DWORD> WalkedTotal(const Words& w)
 {
     DWORD total = 0;
     size_t i = 0, last = 0;
-    for (; i + 3 <= w.size(); last = i, i += 3 + ((w[i + 2] & 0x80000000u) ? ((w[i + 2] & 0xFFFFFFu) + 3) / 4 : 0))
+    while (i + 3 <= w.size()) {
         total += w[i];
+        last = i;
+        const DWORD ev = w[i + 2];
+        i += 3 + ((ev & 0x80000000u) ? ((ev & 0x00FFFFFFu) + 3) / 4 : 0);
+    }
     if (w.empty() || i != w.size() || w[last + 2] != NOP) return std::nullopt;
     return total;
 }

@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
+
 using namespace wavetest;
 
 namespace {
@@ -14,6 +16,14 @@ int Seek(CWaveFileRead& r, UINT type, DWORD value, int origin)
     t.wType = type;
     t.u.ms = value;
     return r.Seek(&t, origin);
+}
+
+// The little-endian length at `at` of a file's bytes.
+DWORD FileLe32(const std::string& file, size_t at)
+{
+    DWORD v = 0;
+    for (size_t i = std::min(at + 4, file.size()); i-- > at;) v = v << 8 | BYTE(file[i]);
+    return v;
 }
 
 QX_DevFormat Garbage()
@@ -32,37 +42,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(WaveFile, AcceptsChunksInAnyOrderAmongOthers)
-{
-    const std::string data = Pattern(100003), fmt = Fmt(2, 8000, 8);
-    const std::string list = Chunk("LIST", "INFO" + Chunk("ICMT", "odd"));
-    const std::string files[] = {
-        Riff(Chunk("data", data) + list + fmt),
-        Riff(Chunk("JUNK", "x") + fmt + list + Chunk("fact", "1234") + Chunk("data", data)),
-        Riff(fmt + Riff(fmt + Chunk("data", "nested")) + Chunk("data", data)),
-        Chunk("JUNK", "abc") + Riff(fmt + Chunk("data", data)) + "trailing garbage",
-    };
-    // Read in pieces below, at and above the reader's 64 KiB buffer.
-    const int pieces[] = {1, 777, 65536, 200000};
-    for (size_t i = 0; i < 4; ++i) {
-        const std::string& file = files[i];
-        const int piece = pieces[i];
-        SCOPED_TRACE(i);
-        Reports reports;
-        const std::string path = Make("ok.wav", file);
-        QX_DevFormat f{};
-        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1);
-        EXPECT_EQ(f.nAvgBytesPerSec, 16000u);
-        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 6250);
-        CWaveFileRead r;
-        OpenReader(r, file);
-        EXPECT_EQ(r.GetDataSize(), 100003);
-        EXPECT_TRUE(ReadToEnd(r, piece) == data);
-        EXPECT_EQ(r.GetFilePosition(), 100003);
-        EXPECT_TRUE(reports.Take().empty());
-    }
-}
 
 TEST_F(WaveFile, FormatRecordIsItsFirst18BytesWhateverTheChunkLength)
 {
@@ -199,11 +178,15 @@ TEST_F(WaveFile, ReadPadsWithTheSilenceOfTheFormat)
     }
 }
 
-TEST_F(WaveFile, LengthsThatTheFileDoesNotHoldReadToItsEnd)
+TEST_F(WaveFile, ChunksInAnyOrderAndLengthsTheFileDoesNotHoldReadToItsEnd)
 {
     const std::string fmt = Fmt(1, 8000, 8), data = Pattern(5000);
-    const std::string tail = Chunk("LIST", "INFO" + Chunk("ICMT", "after"));
+    const std::string tail = Chunk("LIST", "INFO" + Chunk("ICMT", "odd"));
     const struct { std::string bytes; long size; } cases[] = {
+        {Riff(Chunk("data", data) + tail + fmt), 5000},
+        {Riff(Chunk("JUNK", "x") + fmt + tail + Chunk("fact", "1234") + Chunk("data", data)), 5000},
+        {Riff(fmt + Riff(fmt + Chunk("data", "nested")) + Chunk("data", data)), 5000},
+        {Chunk("JUNK", "abc") + Riff(fmt + Chunk("data", data)) + "trailing garbage", 5000},
         {Riff(fmt + "data" + Le32(0xFFFFFFFFu) + data), 5000},                   // a streaming writer's
         {"RIFF" + Le32(0xFFFFFFFFu) + "WAVE" + fmt + "data" + Le32(0xFFFFFFFFu) + data, 5000},
         {Riff(fmt + "data" + Le32(9000) + data), 5000},                          // cut short
@@ -215,15 +198,17 @@ TEST_F(WaveFile, LengthsThatTheFileDoesNotHoldReadToItsEnd)
         {Riff(fmt + Chunk("data", data) + tail), 5000},
     };
     Reports reports;
+    int piece = 1;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.bytes.substr(0, 60));
+        piece = piece * 7 % 9973; // pieces of many sizes
         const std::string path = Make("in.wav", c.bytes);
         EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), c.size * 1000 / 8000);
         CWaveFileRead r;
         OpenReader(r, c.bytes);
         EXPECT_EQ(r.GetDataSize(), c.size);
         EXPECT_EQ(r.GetDuration(), c.size * 1000 / 8000);
-        EXPECT_TRUE(ReadToEnd(r, 1000) == data.substr(0, size_t(c.size)));
+        EXPECT_TRUE(ReadToEnd(r, piece) == data.substr(0, size_t(c.size)));
         // Every target inside what the file holds, none past it.
         EXPECT_EQ(Seek(r, TIME_BYTES, DWORD(c.size), 0), 0);
         reports.Take();
@@ -433,4 +418,59 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
     const std::string file = Slurp(out);
     EXPECT_EQ(file.substr(46), "12345");
     EXPECT_EQ(file.substr(4, 4) + file.substr(42, 4), Le32(43) + Le32(5));
+}
+
+// The header keeps up with the data while it is written, so that a recorder killed or
+// stopped by a full disk leaves a file that we and SoX read. The refresh rewrites the
+// header from the format record; without one it writes the two lengths alone.
+TEST_F(WaveFile, TheHeaderKeepsUpWithTheDataWhileRecording)
+{
+    const bool sox = std::system("command -v sox >/dev/null 2>&1") == 0;
+    const std::string path = Path("rec.wav");
+    auto readWhole = [&] {
+        CWaveFileRead r;
+        return OpenFile(r, path) ? ReadToEnd(r) : "<refused>";
+    };
+    // (standard format, piece): pieces shorter and longer than the one-second file
+    // buffer and one of exactly it; the format dropped halfway; a writer left open.
+    for (auto [index, piece] : {std::pair{0, 3000}, {0, 8000}, {0, 21000}, {0, 5000}, {13, 88200}}) {
+        SCOPED_TRACE(std::to_string(index) + ", pieces of " + std::to_string(piece));
+        QX_DevFormat format = StdFormat(index);
+        const DWORD second = format.nAvgBytesPerSec;
+        const std::string data = Pattern(index == 0 ? 70000 : 3 * 88200);
+        const bool drop = piece == 5000;
+        {
+            CWaveFileWrite w;
+            ASSERT_EQ(OpenFile(w, path, &format), 1);
+            for (size_t at = 0; at < data.size(); at += size_t(piece)) {
+                if (drop && at == 15000) w.SetFormat(nullptr);
+                std::string bytes = data.substr(at, size_t(piece));
+                WAVEHDR h = Header(bytes);
+                ASSERT_EQ(w.Write(&h), long(bytes.size()));
+                // What another program sees now: lengths at most a second behind, and true.
+                const std::string file = Slurp(path);
+                const size_t n = FileLe32(file, 42);
+                EXPECT_GE(n + second, at + bytes.size());
+                ASSERT_LE(n, at + bytes.size());
+                EXPECT_EQ(FileLe32(file, 4), n == 0 ? 0 : n + 38);
+                EXPECT_TRUE(readWhole() == data.substr(0, n)) << "at " << at;
+            }
+            // Refreshing the header left the writer's place alone.
+            EXPECT_EQ(w.GetFilePosition(), long(46 + data.size()));
+            EXPECT_EQ(w.GetDuration(), drop ? 0 : long(data.size() * 1000 / second));
+            if (index == 0) { // else the destructor finishes the file
+                ASSERT_EQ(w.Close(), 1);
+            }
+        }
+        const std::string file = Slurp(path);
+        EXPECT_EQ(FileLe32(file, 4), 38 + data.size());
+        EXPECT_EQ(FileLe32(file, 42), data.size());
+        EXPECT_TRUE(file.substr(46) == data && readWhole() == data);
+        QX_DevFormat back{};
+        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
+        EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
+        if (!sox) continue;
+        ASSERT_EQ(std::system(("sox -V1 '" + path + "' -t raw '" + path + ".raw'").c_str()), 0);
+        EXPECT_TRUE(Slurp(path + ".raw") == data) << "SoX reads it too";
+    }
 }
