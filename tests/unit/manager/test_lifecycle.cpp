@@ -44,7 +44,11 @@ TEST_F(ManagerTest, ExitInsideACallbackIsRefusedAndTheManagerGoesOn)
     q->StopPerformance(-1);
 
     // A recording, handed an event as an input's thread would.
-    int nTag = q->StartRecording([](DWORD_PTR, int, CQXEventData*) { return ExitingPerformance(0, 0, 0, 0), 0; }, 0, 1);
+    auto exitingRecording = [](DWORD_PTR, int, CQXEventData*) {
+        ExitingPerformance(0, 0, 0, 0);
+        return 0;
+    };
+    const int nTag = q->StartRecording(exitingRecording, 0, 1);
     CQXEventData ev;
     ev.SetMidiData(0x403C90);
     q->ForwardRecordedData(&ev);

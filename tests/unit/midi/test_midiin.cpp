@@ -171,7 +171,10 @@ TEST_F(MidiInTest, SlaveRunFollowsAnExternalClockFromStartToStop)
     // and stop: it hears each, in order, and then ends.
     for (auto [go, goCode, clocks] : {std::tuple{BYTE(0xFA), QX_SYNC_START, 6}, {BYTE(0xFB), QX_SYNC_CONTINUE, 3}}) {
         Perf run;
-        run.fn = [](int tag, DWORD, DWORD e) { return tag > 0 ? Play({MidiEvent(0x00403C90, e - 100)}), 1 : 1; };
+        run.fn = [](int tag, DWORD, DWORD e) {
+            if (tag > 0) Play({MidiEvent(0x00403C90, e - 100)});
+            return 1;
+        };
         run.Start(q, 1);
         q->QueueSlavedPerformance();
         EXPECT_TRUE(Out(0).empty()) << "queued, not playing before the external start";
