@@ -13,31 +13,20 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-// One line per event an output takes: its kind's payload (what tells events apart) and
-// its time stamp.
+// What tells events apart: the kind's payload, and the time stamp.
 inline std::string DescribeEvent(const CQXEventData* p)
 {
-    char buf[64];
-    if (p->m_nType == QX_EVENT_SYSEX) {
-        std::string s = "sx";
-        const auto* b = reinterpret_cast<const BYTE*>(p->m_dwData);
-        for (DWORD_PTR i = 0; i < p->m_dwLength; ++i) {
-            std::snprintf(buf, sizeof buf, ".%02x", b[i]);
-            s += buf;
-        }
-        std::snprintf(buf, sizeof buf, "@%u", p->m_dwTimeStamp);
-        return s + buf;
-    }
-    std::snprintf(buf, sizeof buf, "k%d:%llx:%llx@%u", p->m_nType, static_cast<unsigned long long>(p->m_dwData),
-                  static_cast<unsigned long long>(p->m_dwLength), p->m_dwTimeStamp);
-    return buf;
+    std::string s = "k" + std::to_string(p->m_nType);
+    if (p->m_nType != QX_EVENT_SYSEX) s += ":" + std::to_string(p->m_dwData) + ":" + std::to_string(p->m_dwLength);
+    for (DWORD_PTR i = 0; p->m_nType == QX_EVENT_SYSEX && i < p->m_dwLength; ++i)
+        s += "." + std::to_string(reinterpret_cast<const BYTE*>(p->m_dwData)[i]);
+    return s + "@" + std::to_string(p->m_dwTimeStamp);
 }
 
 // Posted to a fake device: it reports notification 777 from its own thread.
@@ -50,31 +39,28 @@ public:
 
     static inline std::mutex s_logMutex;
     static inline std::vector<std::string> s_log;
-    static void ClearLog()
+    // The hook calls whose text begins with prefix.
+    static std::vector<std::string> Log(const std::string& prefix = "")
     {
         std::lock_guard<std::mutex> lock(s_logMutex);
-        s_log.clear();
-    }
-    static std::vector<std::string> Log()
-    {
-        std::lock_guard<std::mutex> lock(s_logMutex);
-        return s_log;
+        std::vector<std::string> out;
+        for (auto& s : s_log)
+            if (s.rfind(prefix, 0) == 0) out.push_back(s);
+        return out;
     }
 
     bool failOpen = false;
-    bool takePeriods = true; // PlayData keeps the events stamped before the period's end
     std::atomic<int> priorityHigh{0};
     std::vector<std::pair<DWORD, DWORD>> periods; // written on the polling thread
-    std::vector<DWORD> played;                    // m_dwData of the events taken
     std::vector<std::string> taken;               // DescribeEvent of the events taken
 
+    // Keeps the events stamped before the period's end.
     int PlayData(CQXEventList* pEvents, DWORD dwStart, DWORD dwEnd) override
     {
-        if (!takePeriods || !TestState(QX_STATE_OPEN)) return 0;
+        if (!TestState(QX_STATE_OPEN)) return 0;
         periods.emplace_back(dwStart, dwEnd);
-        while (!pEvents->IsEmpty() && static_cast<int32_t>(pEvents->GetHead()->m_dwTimeStamp - dwEnd) < 0) {
+        while (!pEvents->IsEmpty() && int32_t(pEvents->GetHead()->m_dwTimeStamp - dwEnd) < 0) {
             CQXEventData* p = pEvents->RemoveHead();
-            played.push_back(static_cast<DWORD>(p->m_dwData));
             taken.push_back(DescribeEvent(p));
             delete p;
         }
@@ -90,11 +76,9 @@ protected:
     LRESULT WndProc(UINT uMsg, WPARAM wParam, LPARAM lParam) override
     {
         if (uMsg == QXM_PRIORITYHIGH) ++priorityHigh;
-        if (uMsg == kFakeNotifyFromThread) {
-            QXNotifyShared(777, 0, 0);
-            return 0;
-        }
-        return CQXDevice::WndProc(uMsg, wParam, lParam);
+        if (uMsg != kFakeNotifyFromThread) return CQXDevice::WndProc(uMsg, wParam, lParam);
+        QXNotifyShared(777, 0, 0);
+        return 0;
     }
 
 private:
@@ -114,7 +98,10 @@ protected:
     void SetUp() override
     {
         QXFaultClear();
-        FakeDevice::ClearLog();
+        {
+            std::lock_guard<std::mutex> lock(FakeDevice::s_logMutex);
+            FakeDevice::s_log.clear();
+        }
         QXSetDeviceFactory([](int t, int d) -> CQXDevice* { return new FakeDevice(t, d); });
         qxplat::QXVirtualSetDevices(2, 3, 1, 0);
     }
@@ -126,7 +113,7 @@ protected:
         qxplat::QXVirtualSetDevices(1, 1, 1, 1);
     }
 
-    CQuavix* Make(DWORD dwFlags = QX_INIT_MIDI | QX_INIT_WAVE)
+    static CQuavix* Make(DWORD dwFlags = QX_INIT_MIDI | QX_INIT_WAVE)
     {
         CQuavix* q = CQuavix::InitQuavix();
         q->Initialize(dwFlags);
@@ -145,14 +132,17 @@ protected:
     static FakeDevice* Dev(CQuavix* q, int t, int d, int n) { return static_cast<FakeDevice*>(q->GetDevice(t, d, n)); }
 
     // Waits (generously) for a condition that another thread makes true.
-    template <class Pred>
-    static bool Eventually(Pred pred, int ms = 5000)
+    template <class Pred> static bool Eventually(Pred pred, int ms = 5000)
     {
-        for (int i = 0; i < ms; ++i) {
-            if (pred()) return true;
-            Sleep(1);
-        }
+        for (int i = 0; i < ms && !pred(); ++i) Sleep(1);
         return pred();
+    }
+    // Waits until the manager's thread has handled every message posted before: a
+    // delayed start posted behind them has run.
+    static void Drain(CQuavix* q)
+    {
+        q->DelayStart(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, 10);
+        EXPECT_TRUE(Eventually([&] { return q->GetDeviceState(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0) == 0x0012u; }));
     }
 };
 

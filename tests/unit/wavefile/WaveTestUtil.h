@@ -110,6 +110,23 @@ template <class File> int OpenFile(File& f, const std::string& path, QX_DevForma
     return f.Open(0);
 }
 
+// What a reader's Read leaves in a buffer of `size` bytes ('#' where it wrote nothing).
+template <class Reader> std::string ReadPiece(Reader& r, int size, int* pResult = nullptr)
+{
+    std::string buf(size_t(std::max(size, 0)), '#');
+    const int n = r.Read(reinterpret_cast<unsigned char*>(buf.data()), size);
+    if (pResult != nullptr) *pResult = n;
+    return buf;
+}
+
+// Every sample byte a reader delivers, read in pieces of `piece` bytes.
+template <class Reader> std::string ReadToEnd(Reader& r, int piece = 4096)
+{
+    std::string out;
+    for (int n = 1; n > 0;) out += ReadPiece(r, piece, &n).substr(0, size_t(std::max(n, 0)));
+    return out;
+}
+
 // Takes an lvalue: the header points into the string.
 inline WAVEHDR Header(std::string& bytes)
 {
@@ -132,40 +149,28 @@ inline std::string Slurp(const std::string& path)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-inline size_t OpenFdCount()
+// Entries of a /proc folder: open files or threads of this process.
+inline size_t CountEntries(const char* folder)
 {
     size_t n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (readdir(d) != nullptr) ++n;
-        closedir(d);
-    }
-    return n;
-}
-
-// A wave data event playing the file on a track of a performance, on wave output 0.
-inline CQXEventData* WaveEvent(int nPerformance, int nTrack, const std::string& path, DWORD dwTime)
-{
-    auto* params = new QX_WaveParams{};
-    params->nPerformance = nPerformance;
-    params->nTrack = nTrack;
-    params->dsParams.lpszFileName = path.c_str();
-    auto* e = new CQXEventData;
-    e->SetWaveData(params); // the event owns them now
-    e->SetTimeStamp(dwTime);
-    e->SetDevice(0);
-    return e;
-}
-
-// Threads of this process now.
-inline size_t ThreadCount()
-{
-    size_t n = 0;
-    if (DIR* d = opendir("/proc/self/task")) {
+    if (DIR* d = opendir(folder)) {
         while (dirent* e = readdir(d))
             if (e->d_name[0] != '.') ++n;
         closedir(d);
     }
     return n;
+}
+inline size_t OpenFdCount() { return CountEntries("/proc/self/fd"); }
+inline size_t ThreadCount() { return CountEntries("/proc/self/task"); }
+
+// A wave data event playing the file on a track of a performance, on wave output 0.
+inline CQXEventData* WaveEvent(int nPerformance, int nTrack, const std::string& path, DWORD dwTime)
+{
+    auto* e = new CQXEventData;
+    e->SetWaveData(new QX_WaveParams(WaveParams(nPerformance, nTrack, path))); // the event owns them now
+    e->SetTimeStamp(dwTime);
+    e->SetDevice(0);
+    return e;
 }
 
 // Waits for a condition another thread brings about; false when it never came.

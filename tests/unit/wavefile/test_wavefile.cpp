@@ -2,36 +2,35 @@
 
 #include "WaveTestUtil.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <cstdlib>
 
 using namespace wavetest;
 
 namespace {
 
-MMTIME Time(UINT type, DWORD value)
+int Seek(CWaveFileRead& r, UINT type, DWORD value, int origin)
 {
     MMTIME t{};
     t.wType = type;
     t.u.ms = value;
-    return t;
+    return r.Seek(&t, origin);
 }
 
-std::string Read(CWaveFileRead& r, int size, int* pResult = nullptr)
+// The little-endian length at `at` of a file's bytes.
+DWORD FileLe32(const std::string& file, size_t at)
 {
-    std::string buf(size_t(size > 0 ? size : 0), '#');
-    const int n = r.Read(reinterpret_cast<unsigned char*>(buf.data()), size);
-    if (pResult != nullptr) *pResult = n;
-    return buf;
+    DWORD v = 0;
+    for (size_t i = std::min(at + 4, file.size()); i-- > at;) v = v << 8 | BYTE(file[i]);
+    return v;
 }
 
-std::string ReadAll(CWaveFileRead& r, int piece)
+QX_DevFormat Garbage()
 {
-    std::string out;
-    for (int n = 1; n > 0;) out += Read(r, piece, &n).substr(0, size_t(std::max(n, 0)));
-    return out;
+    QX_DevFormat f;
+    std::memset(&f, 0xEE, sizeof(f));
+    return f;
 }
 
 class WaveFile : public ScratchTest {
@@ -44,109 +43,55 @@ protected:
 
 } // namespace
 
-TEST_F(WaveFile, AcceptsChunksInAnyOrderAmongOthers)
-{
-    const std::string data = Pattern(1001), fmt = Fmt(2, 8000, 8);
-    const std::string list = Chunk("LIST", "INFO" + Chunk("ICMT", "odd"));
-    for (const std::string& file : {Riff(Chunk("data", data) + list + fmt),
-                                    Riff(Chunk("JUNK", "x") + fmt + list + Chunk("fact", "1234") + Chunk("data", data)),
-                                    Riff(fmt + Riff(fmt + Chunk("data", "nested")) + Chunk("data", data)),
-                                    Chunk("JUNK", "abc") + Riff(fmt + Chunk("data", data)) + "trailing garbage"}) {
-        Reports reports;
-        const std::string path = Make("ok.wav", file);
-        QX_DevFormat f{};
-        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1);
-        EXPECT_EQ(f.nAvgBytesPerSec, 16000u);
-        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 62); // 1001 / 16000 s
-        CWaveFileRead r;
-        OpenReader(r, file);
-        EXPECT_EQ(r.GetDataSize(), 1001);
-        EXPECT_EQ(ReadAll(r, 256), data);
-        EXPECT_TRUE(reports.Take().empty());
-    }
-}
-
-TEST_F(WaveFile, FormatChunksOfAnyLengthFillTheWholeRecord)
+TEST_F(WaveFile, FormatRecordIsItsFirst18BytesWhateverTheChunkLength)
 {
     for (auto [length, bits] : {std::pair{16, 16}, {40, 16}, {14, 0}, {0, 0}}) {
-        const std::string path = Make("f.wav", Riff(Fmt(1, 22050, 16, size_t(length)) + Chunk("data", "dd")));
-        QX_DevFormat f;
-        std::memset(&f, 0xEE, sizeof(f));
+        std::string fmt = Fmt(1, 22050, 16, size_t(length));
+        if (length == 40) fmt.replace(8 + 16, 2, Le16(22)); // a cbSize the record must not take
+        const std::string path = Make("f.wav", Riff(fmt + Chunk("data", "dd")));
+        QX_DevFormat f = Garbage();
         ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1) << length;
-        EXPECT_EQ(f.wBitsPerSample, bits) << length;
-        EXPECT_EQ(f.cbSize, 0) << length; // never the bytes after a short chunk, nor past the 18th
+        EXPECT_EQ(f.wBitsPerSample, bits) << length; // what a short chunk lacks is 0
+        EXPECT_EQ(f.cbSize, 0) << length;
     }
 }
 
-TEST_F(WaveFile, DurationsTruncateAndRatesWithoutTimeGiveZero)
+TEST_F(WaveFile, NonsenseFormatsGiveTruncatedOrZeroDurationsAndStayInBounds)
 {
-    auto file = [&](DWORD bytes, DWORD rate, DWORD claimed) {
-        std::string fmt = Fmt(1, 8000, 8);
-        fmt.replace(16, 4, Le32(rate));
-        return Make("d.wav", Riff(fmt + Chunk("data", std::string(bytes, '\x80'), claimed)));
-    };
-    EXPECT_EQ(CWaveFile::FileDuration(file(176400, 176400, 176400).c_str()), 1000);
-    EXPECT_EQ(CWaveFile::FileDuration(file(1, 3, 1).c_str()), 333);
-    EXPECT_EQ(CWaveFile::FileDuration(file(10, 0, 10).c_str()), 0);
-    EXPECT_EQ(CWaveFile::FileDuration(file(10, 0x80000000u, 10).c_str()), 0);
-    EXPECT_EQ(CWaveFile::FileDuration(file(8000, 8000, 0xFFFFFFFFu).c_str()), 1000); // what the file holds counts
-
-    CWaveFileRead r;
-    EXPECT_EQ(r.GetDuration(), 0); // no format yet
-    OpenReader(r, Riff(Fmt(2, 44100, 16) + Chunk("data", std::string(1500, '\0'))));
-    EXPECT_EQ(r.GetDuration(), 8);
-}
-
-TEST_F(WaveFile, NonsenseFormatsNeitherCrashNorHang)
-{
-    // Fields: channels, rate, bytes per second, block alignment, bits; and the length
-    // of the format chunk.
+    // Channels, rate, bytes per second, block alignment, bits; and the chunk's length.
     auto fmt = [](WORD channels, DWORD rate, DWORD avg, WORD align, WORD bits, size_t length = 16) {
         std::string s = Le16(WAVE_FORMAT_PCM) + Le16(channels) + Le32(rate) + Le32(avg) + Le16(align) + Le16(bits);
         return Chunk("fmt ", s.substr(0, length));
     };
     const std::string data = Pattern(3001);
-    const struct {
-        std::string fmt;
-        long duration; // of the 3001 bytes
-    } cases[] = {
-        {fmt(0, 8000, 8000, 1, 8), 375},          {fmt(1, 8000, 8000, 0, 8), 375},
-        {fmt(1, 0, 8000, 1, 8), 375},             {fmt(1, 8000, 0, 1, 8), 0},
-        {fmt(1, 8000, 8000, 1, 8, 12), 375},      {fmt(0, 0, 0, 0, 0), 0},
-        {fmt(0, 0, 0, 0, 0, 12), 0},              {fmt(1, 8000, 8000, 1, 8, 2), 0},
+    const std::pair<std::string, long> cases[] = { // the format chunk, the duration of the data
+        {fmt(1, 8000, 3001, 1, 8), 1000},    {fmt(1, 8000, 3, 1, 8), 1000333},   {fmt(0, 8000, 8000, 1, 8), 375},
+        {fmt(1, 8000, 8000, 0, 8), 375},     {fmt(1, 0, 8000, 1, 8), 375},       {fmt(1, 8000, 0, 1, 8), 0},
+        {fmt(1, 8000, 8000, 1, 8, 12), 375}, {fmt(1, 8000, 8000, 1, 8, 2), 0},   {fmt(0, 0, 0, 0, 0), 0},
         {fmt(0xFFFF, 0xFFFFFFFFu, 0x80000000u, 0xFFFF, 0xFFFF), 0},
     };
-    for (const auto& c : cases) {
+    CWaveFileRead r;
+    EXPECT_EQ(r.GetDuration(), 0); // no format yet
+    for (const auto& [chunk, duration] : cases) {
+        SCOPED_TRACE(duration);
         Reports reports;
-        const std::string path = Make("n.wav", Riff(c.fmt + Chunk("data", data)));
-        QX_DevFormat f;
-        std::memset(&f, 0xEE, sizeof(f));
-        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1);
-        // What a short chunk leaves is 0: the 12-byte chunk ends before the alignment.
-        if (c.fmt.size() == 8 + 12) {
-            EXPECT_EQ(f.nBlockAlign + f.wBitsPerSample + f.cbSize, 0);
-        }
-        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), c.duration);
-        CWaveFileRead r;
-        OpenReader(r, Riff(c.fmt + Chunk("data", data)));
-        EXPECT_EQ(r.GetDuration(), f.nAvgBytesPerSec == 0 ? 0 : long(3001 * 1000.0 / f.nAvgBytesPerSec));
-        EXPECT_TRUE(ReadAll(r, 1000) == data);
-        for (UINT type : {TIME_MS, TIME_SAMPLES, TIME_BYTES, TIME_SMPTE}) {
-            for (DWORD value : {0u, 1u, 1000u, 0xFFFFFFFFu}) {
+        const std::string path = Make("n.wav", Riff(chunk + Chunk("data", data)));
+        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), duration);
+        ASSERT_EQ(OpenFile(r, path), 1);
+        EXPECT_EQ(r.GetDuration(), duration);
+        EXPECT_TRUE(ReadToEnd(r, 1000) == data);
+        for (UINT type : {TIME_MS, TIME_SAMPLES, TIME_BYTES, TIME_SMPTE})
+            for (DWORD value : {0u, 1u, 1000u, 0xFFFFFFFFu})
                 for (int origin : {0, 1, 2}) {
-                    MMTIME t = Time(type, value);
-                    const int ok = r.Seek(&t, origin);
-                    EXPECT_GE(r.GetFilePosition(), 0);
-                    EXPECT_LE(r.GetFilePosition(), 3001);
-                    if (ok) {
-                        EXPECT_TRUE(ReadAll(r, 777) == data.substr(size_t(r.GetFilePosition())));
-                    }
+                    const int ok = Seek(r, type, value, origin);
+                    ASSERT_GE(r.GetFilePosition(), 0);
+                    ASSERT_LE(r.GetFilePosition(), 3001);
+                    EXPECT_TRUE(!ok || ReadToEnd(r, 777) == data.substr(size_t(r.GetFilePosition())));
                 }
-            }
-        }
+        r.Close();
         for (const auto& [code, value] : reports.Take()) EXPECT_EQ(code, QXN_FILE_SEEK) << value;
     }
-    // The writer takes such a format too, and the reader its file.
+    // The writer takes a format of zeros too, and the reader its file.
     QX_DevFormat zero{};
     CWaveFileWrite w;
     ASSERT_EQ(OpenFile(w, Path("zero.wav"), &zero), 1);
@@ -155,72 +100,53 @@ TEST_F(WaveFile, NonsenseFormatsNeitherCrashNorHang)
     for (int i = 0; i < 5; ++i) ASSERT_EQ(w.Write(&h), 3001);
     EXPECT_EQ(w.GetDuration(), 0);
     ASSERT_EQ(w.Close(), 1);
-    CWaveFileRead r;
     ASSERT_EQ(OpenFile(r, Path("zero.wav")), 1);
     EXPECT_EQ(r.GetDataSize(), 5 * 3001);
-    EXPECT_EQ(ReadAll(r, 4096).substr(4 * 3001), data);
+    EXPECT_EQ(ReadToEnd(r).substr(4 * 3001), data);
+    // File devices pause and stop, but never start; the plain file device never opens.
+    EXPECT_EQ(r.Pause() + r.Stop(), 2);
+    EXPECT_EQ(r.Start(), 0);
+    CWaveFile plain;
+    EXPECT_EQ(OpenFile(plain, Path("zero.wav")), 0);
 }
 
-TEST_F(WaveFile, WhatIsNotWaveIsRefusedWithTheReason)
+TEST_F(WaveFile, RefusedFilesAndPathsAreReportedWithTheReasonAndLeaveNothingOpen)
 {
     const std::string fmt = Fmt(1, 8000, 8);
-    const struct { std::string bytes; DWORD code, value; } cases[] = {
-        {Riff(fmt + Chunk("LIST", "INFO")), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND}, // no data
-        {Riff(Chunk("data", "xx")), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},         // no format
-        {"plain words, no chunks", QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},
-        {Riff(fmt + Chunk("data", "xx"), "AVI "), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},
-        {"", QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND},
-        {"RIFF" + Le32(4) + "WAVE" + fmt + Chunk("data", "xx"), QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND}, // outside
-        {Riff("fmt " + Le32(16) + "abc"), QXN_FILE_READ, 0},                                              // cut short
+    const std::string wave = Make("ok.wav", Riff(fmt + Chunk("data", "abc")));
+    const DWORD notFound = MMIOERR_CHUNKNOTFOUND;
+    const struct { std::string path; DWORD code, value; } cases[] = {
+        {Make("1.wav", Riff(fmt + Chunk("LIST", "INFO"))), QXN_FILE_DESCEND, notFound}, // no data
+        {Make("2.wav", Riff(Chunk("data", "xx"))), QXN_FILE_DESCEND, notFound},         // no format
+        {Make("3.wav", "plain words, no chunks"), QXN_FILE_DESCEND, notFound},
+        {Make("4.wav", Riff(fmt + Chunk("data", "xx"), "AVI ")), QXN_FILE_DESCEND, notFound},
+        {Make("5.wav", ""), QXN_FILE_DESCEND, notFound},
+        {Make("6.wav", "RIFF" + Le32(4) + "WAVE" + fmt + Chunk("data", "xx")), QXN_FILE_DESCEND, notFound},
+        {Make("7.wav", Riff("fmt " + Le32(16) + "abc")), QXN_FILE_READ, 0}, // cut short
+        {"/proc/self/mem", QXN_FILE_DESCEND, MMIOERR_CANNOTREAD}, // opens, but cannot be read at its start
+        {Path("missing.wav"), QXN_FILE_OPENREAD, 0},    {m_dir, QXN_FILE_OPENREAD, 0},
+        {Path("no/x.wav"), QXN_FILE_OPENREAD, 0},       {wave + "/x.wav", QXN_FILE_OPENREAD, 0},
     };
-    for (const auto& c : cases) {
-        const std::string path = Make("bad.wav", c.bytes);
-        Reports reports;
-        QX_DevFormat f;
-        std::memset(&f, 0xEE, sizeof(f));
-        EXPECT_EQ(CWaveFile::FileFormat(path.c_str(), f), 0);
-        EXPECT_EQ(f.nChannels, 0xEEEE);
-        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 0);
-        reports.Take();
-        CWaveFileRead r;
-        EXPECT_EQ(OpenFile(r, path), 0);
-        EXPECT_EQ(r.GetFormat(), nullptr);
-        EXPECT_EQ(reports.Names(), std::vector<std::string>{path});
-        EXPECT_EQ(reports.Take(), (Got{{c.code, c.value}})) << c.bytes;
-    }
-}
-
-TEST_F(WaveFile, BadPathsAreReportedAndLeaveNothingOpen)
-{
-    const std::string wave = Make("ok.wav", Riff(Fmt(1, 8000, 8) + Chunk("data", "abc")));
-    const std::string text = Make("text.wav", "hello");
     const size_t fds = OpenFdCount();
     Reports reports;
-    for (int round = 0; round < 3; ++round) {
-        // /proc/self/mem opens but cannot be read at its start, even by root.
-        for (const std::string& path :
-             {Path("missing.wav"), m_dir, Path("no/x.wav"), wave + "/x.wav", text, std::string("/proc/self/mem")}) {
-            EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 0);
-            QX_DevFormat f{};
-            EXPECT_EQ(CWaveFile::FileFormat(path.c_str(), f), 0);
-            reports.Take();
-            CWaveFileRead r;
-            EXPECT_EQ(OpenFile(r, path), 0);
-            const DWORD code = path == text || path == "/proc/self/mem" ? QXN_FILE_DESCEND : QXN_FILE_OPENREAD;
-            EXPECT_EQ(reports.Take().at(0).first, code) << path;
-        }
-        for (const std::string& path : {m_dir, Path("no/x.wav"), std::string("/sys/qx-unwritable.wav")}) {
-            CWaveFileWrite w;
-            EXPECT_EQ(OpenFile(w, path), 0);
-            EXPECT_EQ(w.GetState(), QX_STATE_CLOSED);
-            EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_OPENWRITE, 0}})) << path;
-        }
-    }
-    if (geteuid() != 0) { // permissions do not bind root
-        chmod(wave.c_str(), 0);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        QX_DevFormat f = Garbage();
+        EXPECT_EQ(CWaveFile::FileFormat(c.path.c_str(), f), 0);
+        EXPECT_EQ(f.nChannels, 0xEEEE);
+        EXPECT_EQ(CWaveFile::FileDuration(c.path.c_str()), 0);
+        reports.Take();
         CWaveFileRead r;
-        EXPECT_EQ(OpenFile(r, wave), 0);
-        EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_OPENREAD, 0}}));
+        EXPECT_EQ(OpenFile(r, c.path), 0);
+        EXPECT_TRUE(c.code == QXN_FILE_OPENREAD || r.GetFormat() == nullptr);
+        EXPECT_EQ(reports.Names(), std::vector<std::string>{c.path});
+        EXPECT_EQ(reports.Take(), (Got{{c.code, c.value}}));
+    }
+    for (const std::string& path : {m_dir, Path("no/x.wav"), std::string("/sys/qx-unwritable.wav")}) {
+        CWaveFileWrite w;
+        EXPECT_EQ(OpenFile(w, path), 0);
+        EXPECT_EQ(w.GetState(), QX_STATE_CLOSED);
+        EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_OPENWRITE, 0}})) << path;
     }
     EXPECT_EQ(OpenFdCount(), fds);
 
@@ -238,36 +164,29 @@ TEST_F(WaveFile, ReadPadsWithTheSilenceOfTheFormat)
         CWaveFileRead r;
         OpenReader(r, Riff(Fmt(1, 8000, WORD(bits)) + Chunk("data", data)));
         int n = 0;
-        EXPECT_EQ(Read(r, 1000, &n), data + std::string(400, silence));
+        EXPECT_EQ(ReadPiece(r, 1000, &n), data + std::string(400, silence));
         EXPECT_EQ(n, 600);
-        EXPECT_EQ(Read(r, 1000, &n), std::string(1000, silence));
+        EXPECT_EQ(ReadPiece(r, 1000, &n), std::string(1000, silence));
         EXPECT_EQ(n, 0);
         std::string untouched = "####";
-        EXPECT_EQ(r.Read(reinterpret_cast<unsigned char*>(untouched.data()), 0), 0);
-        EXPECT_EQ(r.Read(reinterpret_cast<unsigned char*>(untouched.data()), -5), 0);
-        r.Close();
-        EXPECT_EQ(r.GetFilePosition(), 0);
-        EXPECT_EQ(r.Read(reinterpret_cast<unsigned char*>(untouched.data()), 4), 0);
+        for (int size : {0, -5, 4}) {
+            if (size == 4) r.Close();
+            EXPECT_EQ(r.Read(reinterpret_cast<unsigned char*>(untouched.data()), size), 0);
+        }
         EXPECT_EQ(untouched, "####");
+        EXPECT_EQ(r.GetFilePosition(), 0);
     }
 }
 
-TEST_F(WaveFile, ReadsEveryByteWhateverThePieceOrTheClaim)
-{
-    const std::string data = Pattern(100003), fmt = Fmt(1, 8000, 8);
-    for (int piece : {1, 777, 8192, 200000}) {
-        CWaveFileRead r;
-        OpenReader(r, Riff(fmt + Chunk("LIST", "INFO") + Chunk("data", data)));
-        EXPECT_TRUE(ReadAll(r, piece) == data) << piece;
-        EXPECT_EQ(r.GetFilePosition(), 100003);
-    }
-}
-
-TEST_F(WaveFile, LengthsThatTheFileDoesNotHoldReadToItsEnd)
+TEST_F(WaveFile, ChunksInAnyOrderAndLengthsTheFileDoesNotHoldReadToItsEnd)
 {
     const std::string fmt = Fmt(1, 8000, 8), data = Pattern(5000);
-    const std::string tail = Chunk("LIST", "INFO" + Chunk("ICMT", "after"));
+    const std::string tail = Chunk("LIST", "INFO" + Chunk("ICMT", "odd"));
     const struct { std::string bytes; long size; } cases[] = {
+        {Riff(Chunk("data", data) + tail + fmt), 5000},
+        {Riff(Chunk("JUNK", "x") + fmt + tail + Chunk("fact", "1234") + Chunk("data", data)), 5000},
+        {Riff(fmt + Riff(fmt + Chunk("data", "nested")) + Chunk("data", data)), 5000},
+        {Chunk("JUNK", "abc") + Riff(fmt + Chunk("data", data)) + "trailing garbage", 5000},
         {Riff(fmt + "data" + Le32(0xFFFFFFFFu) + data), 5000},                   // a streaming writer's
         {"RIFF" + Le32(0xFFFFFFFFu) + "WAVE" + fmt + "data" + Le32(0xFFFFFFFFu) + data, 5000},
         {Riff(fmt + "data" + Le32(9000) + data), 5000},                          // cut short
@@ -279,23 +198,24 @@ TEST_F(WaveFile, LengthsThatTheFileDoesNotHoldReadToItsEnd)
         {Riff(fmt + Chunk("data", data) + tail), 5000},
     };
     Reports reports;
+    int piece = 1;
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.bytes.substr(0, 60));
+        piece = piece * 7 % 9973; // pieces of many sizes
         const std::string path = Make("in.wav", c.bytes);
-        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), c.size * 1000 / 8000) << c.bytes.substr(0, 60);
+        EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), c.size * 1000 / 8000);
         CWaveFileRead r;
         OpenReader(r, c.bytes);
         EXPECT_EQ(r.GetDataSize(), c.size);
         EXPECT_EQ(r.GetDuration(), c.size * 1000 / 8000);
-        EXPECT_TRUE(ReadAll(r, 1000) == data.substr(0, size_t(c.size))) << c.bytes.substr(0, 60);
+        EXPECT_TRUE(ReadToEnd(r, piece) == data.substr(0, size_t(c.size)));
         // Every target inside what the file holds, none past it.
-        MMTIME t = Time(TIME_BYTES, DWORD(c.size));
-        EXPECT_EQ(r.Seek(&t, 0), 0);
+        EXPECT_EQ(Seek(r, TIME_BYTES, DWORD(c.size), 0), 0);
         reports.Take();
         if (c.size > 0) {
-            t.u.cb = DWORD(c.size - 1);
-            ASSERT_EQ(r.Seek(&t, 0), 1);
+            ASSERT_EQ(Seek(r, TIME_BYTES, DWORD(c.size - 1), 0), 1);
             int n = 0;
-            EXPECT_EQ(Read(r, 4, &n), data.substr(size_t(c.size) - 1, 1) + std::string(3, '\x80'));
+            EXPECT_EQ(ReadPiece(r, 4, &n), data.substr(size_t(c.size) - 1, 1) + std::string(3, '\x80'));
             EXPECT_EQ(n, 1);
         }
     }
@@ -308,28 +228,28 @@ TEST_F(WaveFile, LengthsThatTheFileDoesNotHoldReadToItsEnd)
 
 TEST_F(WaveFile, AFileCutWhileReadIsReadToItsLastByteThenEnds)
 {
-    // Longer than the reader's buffer, so that the cut is met by reading, not
-    // hidden by what the buffer already holds; pieces smaller and larger than it.
+    // Longer than the reader's buffer, so that the cut is met by reading, not hidden by
+    // what the buffer already holds; pieces smaller and larger than it.
     const std::string data = Pattern(300000);
     for (int piece : {1000, 8192, 70000}) {
+        SCOPED_TRACE(piece);
         CWaveFileRead r;
         OpenReader(r, Riff(Fmt(1, 8000, 8) + Chunk("data", data)));
-        ASSERT_EQ(Read(r, 3000), data.substr(0, 3000));
-        // Another program cuts the file to 100,000 sample bytes.
-        ASSERT_EQ(truncate(r.GetFilename().c_str(), 44 + 100000), 0);
+        ASSERT_EQ(ReadPiece(r, 3000), data.substr(0, 3000));
+        ASSERT_EQ(truncate(r.GetFilename().c_str(), 44 + 100000), 0); // another program cuts the file
         Reports reports;
         std::string got = data.substr(0, 3000);
-        int n = 1, calls = 0;
-        for (; n > 0 && calls < 1000; ++calls) {
-            const std::string buf = Read(r, piece, &n);
+        int n = 1;
+        for (int calls = 0; n > 0 && calls < 1000; ++calls) {
+            const std::string buf = ReadPiece(r, piece, &n);
             ASSERT_GE(n, 0);
             got += buf.substr(0, size_t(n));
             // Whatever is not sample data is silence, also on the call that meets the end.
-            EXPECT_EQ(buf.substr(size_t(n)), std::string(size_t(piece - n), '\x80')) << piece;
+            EXPECT_EQ(buf.substr(size_t(n)), std::string(size_t(piece - n), '\x80'));
         }
-        EXPECT_TRUE(got == data.substr(0, 100000)) << piece << ": " << got.size();
+        EXPECT_TRUE(got == data.substr(0, 100000)) << got.size();
         EXPECT_EQ(r.GetFilePosition(), 100000);
-        Read(r, piece, &n); // and it stays at the end
+        ReadPiece(r, piece, &n); // and it stays at the end
         EXPECT_EQ(n, 0);
         EXPECT_TRUE(reports.Take().empty());
     }
@@ -341,81 +261,60 @@ TEST_F(WaveFile, SeekByTimeSamplesAndBytes)
     CWaveFileRead r;
     OpenReader(r, Riff(Fmt(2, 44100, 16) + Chunk("data", data)));
     Reports reports;
-    auto seek = [&](UINT type, DWORD value, int origin) {
-        MMTIME t = Time(type, value);
-        return r.Seek(&t, origin);
-    };
-    ASSERT_EQ(seek(TIME_MS, 1500, 0), 1);
+    ASSERT_EQ(Seek(r, TIME_MS, 1500, 0), 1);
     EXPECT_EQ(r.GetFilePosition(), 264600);
-    EXPECT_EQ(Read(r, 4), data.substr(264600, 4));
-    ASSERT_EQ(seek(TIME_SAMPLES, 10, 0), 1);
-    EXPECT_EQ(Read(r, 4), data.substr(40, 4));
-    ASSERT_EQ(seek(TIME_BYTES, 7, 1), 1); // from the read point
+    EXPECT_EQ(ReadPiece(r, 4), data.substr(264600, 4));
+    ASSERT_EQ(Seek(r, TIME_SAMPLES, 10, 0), 1);
+    EXPECT_EQ(ReadPiece(r, 4), data.substr(40, 4));
+    ASSERT_EQ(Seek(r, TIME_BYTES, 7, 1), 1); // from the read point
     EXPECT_EQ(r.GetFilePosition(), 51);
-    EXPECT_EQ(Read(r, 4), data.substr(51, 4));
-    ASSERT_EQ(seek(TIME_SMPTE, 12345, 0), 1);
+    EXPECT_EQ(ReadPiece(r, 4), data.substr(51, 4));
+    ASSERT_EQ(Seek(r, TIME_SMPTE, 12345, 0), 1);
     EXPECT_EQ(r.GetFilePosition(), 0);
     EXPECT_TRUE(reports.Take().empty());
 
     // Refused: the end origin, the end itself, a far time, unknown origins, a relative
-    // offset that reaches the end of the data counted from the file's start. The position says 0; the read point stays,
-    // and reading goes on from it up to the end of the data, not past it.
+    // offset that reaches the end counted from the file's start. The position says 0;
+    // the read point stays, and reading goes on from it.
     for (auto [type, value, origin] :
          {std::tuple{TIME_BYTES, 0u, 2}, {TIME_BYTES, DWORD(data.size()), 0}, {TIME_MS, 0xFFFFFFFFu, 0},
           {TIME_BYTES, 0u, 9}, {TIME_BYTES, 0u, -1}, {TIME_BYTES, DWORD(data.size() + 44), 1}}) {
-        seek(TIME_BYTES, 100, 0);
-        Read(r, 6);
-        EXPECT_EQ(seek(type, value, origin), 0);
+        Seek(r, TIME_BYTES, 100, 0);
+        ReadPiece(r, 6);
+        EXPECT_EQ(Seek(r, type, value, origin), 0);
         EXPECT_EQ(r.GetFilePosition(), 0);
-        EXPECT_EQ(Read(r, 4), data.substr(106, 4)) << origin;
+        EXPECT_EQ(ReadPiece(r, 4), data.substr(106, 4)) << origin;
         EXPECT_EQ(r.GetFilePosition(), 4);
         EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_SEEK, 0}}));
     }
-    ASSERT_EQ(seek(TIME_BYTES, DWORD(data.size() - 10), 0), 1);
-    EXPECT_EQ(seek(TIME_BYTES, 0, 2), 0);
+    // A refused seek near the end reads on up to the end of the data, not past it.
+    ASSERT_EQ(Seek(r, TIME_BYTES, DWORD(data.size() - 10), 0), 1);
+    EXPECT_EQ(Seek(r, TIME_BYTES, 0, 2), 0);
     int n = 0;
-    EXPECT_EQ(Read(r, 16, &n), data.substr(data.size() - 10) + std::string(6, '\0'));
+    EXPECT_EQ(ReadPiece(r, 16, &n), data.substr(data.size() - 10) + std::string(6, '\0'));
     EXPECT_EQ(n, 10);
-    EXPECT_EQ(Read(r, 16, &n), std::string(16, '\0'));
+    EXPECT_EQ(ReadPiece(r, 16, &n), std::string(16, '\0'));
     EXPECT_EQ(n, 0);
     reports.Take();
     // A relative offset inside the data that leads past its end stops at the end.
-    ASSERT_EQ(seek(TIME_BYTES, 352000, 0), 1);
-    ASSERT_EQ(seek(TIME_BYTES, 352000, 1), 1);
+    ASSERT_EQ(Seek(r, TIME_BYTES, 352000, 0), 1);
+    ASSERT_EQ(Seek(r, TIME_BYTES, 352000, 1), 1);
     EXPECT_EQ(r.GetFilePosition(), long(data.size()));
     r.Close();
-    EXPECT_EQ(seek(TIME_BYTES, 0, 0), 0);
+    EXPECT_EQ(Seek(r, TIME_BYTES, 0, 0), 0);
     EXPECT_TRUE(reports.Take().empty());
 
-    // Whole frames: 1 ms at 22,050 Hz is 22. And 50 s at 44.1 kHz, whose product of
-    // milliseconds and rate does not fit 32 bits.
-    OpenReader(r, Riff(Fmt(1, 22050, 8) + Chunk("data", data)), "a.wav");
-    ASSERT_EQ(seek(TIME_MS, 1, 0), 1);
-    EXPECT_EQ(r.GetFilePosition(), 22);
-    r.Close();
+    // 50 s at 44.1 kHz: the product of milliseconds and rate does not fit 32 bits.
     const std::string longer = Pattern(60 * 44100);
     OpenReader(r, Riff(Fmt(1, 44100, 8) + Chunk("data", longer)), "b.wav");
-    ASSERT_EQ(seek(TIME_MS, 50000, 0), 1);
-    EXPECT_EQ(Read(r, 3), longer.substr(2205000, 3));
-}
-
-TEST_F(WaveFile, FileDevicesPauseAndStopButNeverStart)
-{
-    CWaveFileRead r;
-    OpenReader(r, Riff(Fmt(1, 8000, 8) + Chunk("data", "abcd")));
-    EXPECT_EQ(r.Pause(), 1);
-    EXPECT_EQ(r.Stop(), 1);
-    EXPECT_EQ(r.Start(), 0);
-    EXPECT_EQ(Read(r, 4), "abcd"); // still open
-    CWaveFile plain;
-    EXPECT_EQ(OpenFile(plain, Path("in.wav")), 0);
+    ASSERT_EQ(Seek(r, TIME_MS, 50000, 0), 1);
+    EXPECT_EQ(ReadPiece(r, 3), longer.substr(2205000, 3));
 }
 
 TEST_F(WaveFile, WriterLaysOutTheFileByteForByte)
 {
     const std::string path = Path("out.wav");
-    WAVEFORMATEX def;
-    CQXDevice::FillFormat(&def, 8);
+    const QX_DevFormat def = StdFormat(8); // what a writer without a format uses
     const std::string fmt(reinterpret_cast<const char*>(&def), 18);
     ASSERT_EQ(fmt, Le16(1) + Le16(1) + Le32(22050) + Le32(44100) + Le16(2) + Le16(16) + Le16(0));
     const std::string head = "WAVEfmt " + Le32(18) + fmt + "data";
@@ -451,29 +350,6 @@ TEST_F(WaveFile, WriterLaysOutTheFileByteForByte)
     EXPECT_EQ(Slurp(path), "RIFF" + Le32(1538) + head + Le32(1500) + a + b);
 }
 
-TEST_F(WaveFile, WhatTheWriterWritesTheReaderReads)
-{
-    const std::string path = Path("rt.wav");
-    QX_DevFormat format = StdFormat(13); // 44.1 kHz stereo 16-bit
-    const std::string data = Pattern(3 * 176400 + 2);
-    {
-        CWaveFileWrite w; // destroyed while open: the file is finished all the same
-        ASSERT_EQ(OpenFile(w, path, &format), 1);
-        for (size_t at = 0; at < data.size(); at += 88200) {
-            std::string piece = data.substr(at, 88200);
-            WAVEHDR h = Header(piece);
-            ASSERT_EQ(w.Write(&h), long(piece.size()));
-        }
-    }
-    QX_DevFormat back{};
-    ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
-    EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
-    EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), 3000);
-    CWaveFileRead r;
-    ASSERT_EQ(OpenFile(r, path), 1);
-    EXPECT_TRUE(ReadAll(r, 8192) == data);
-}
-
 TEST_F(WaveFile, EachFailingFileCallIsReported)
 {
     const std::string path = Make("in.wav", Riff(Fmt(1, 8000, 8) + Chunk("data", Pattern(200000))));
@@ -486,10 +362,9 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
         EXPECT_EQ(OpenFile(r, path), 0);
         EXPECT_EQ(reports.Take(), (Got{{code, DWORD(value)}})) << op;
     }
-    // While reading: -1, the position kept.
-    // A read of less than the reader's 64 KiB buffer refills the buffer; one of a
-    // buffer or more goes straight into the caller's buffer, and its failure counts
-    // as a failed refill.
+    // While reading: -1, the position kept. A read of less than the reader's 64 KiB
+    // buffer refills it; a larger one goes straight into the caller's buffer, and its
+    // failure counts as a failed refill.
     for (auto [op, call, size, code, value] :
          {std::tuple{"mmioGetInfo", 1, 1000, QXN_FILE_GETINFO, 88}, {"mmioGetInfo", 2, 1000, QXN_FILE_GETINFO, 88},
           {"mmioAdvance", 1, 1000, QXN_FILE_ADVANCE, 88}, {"mmioSetInfo", 2, 1000, QXN_FILE_SETINFO, 88},
@@ -497,10 +372,10 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
         CWaveFileRead r;
         ASSERT_EQ(OpenFile(r, path), 1);
         int n = 0;
-        Read(r, 65000, &n); // the next read needs a refill
+        ReadPiece(r, 65000, &n); // the next read needs a refill
         ASSERT_EQ(n, 65000);
         QXFaultInject(op, 88, call);
-        Read(r, size, &n);
+        ReadPiece(r, size, &n);
         EXPECT_EQ(n, -1) << op;
         EXPECT_EQ(r.GetFilePosition(), 65000);
         EXPECT_EQ(reports.Take(), (Got{{code, value}})) << op;
@@ -534,8 +409,8 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
     EXPECT_EQ(w.Write(&h), -1);
     EXPECT_EQ(w.GetDataSize(), 5);
     EXPECT_EQ(w.GetFilePosition(), 51);
-    // Failed ascents are reported; only the close decides, the data is kept, and the
-    // file is reopened to give it its true lengths (odd data has no pad byte then).
+    // Failed ascents are reported; the data is kept, and the file is reopened to give
+    // it its true lengths (odd data has no pad byte then).
     QXFaultInject("mmioAscend", 77, 1);
     QXFaultInject("mmioAscend", 78, 2);
     EXPECT_EQ(w.Close(), 1);
@@ -543,4 +418,59 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
     const std::string file = Slurp(out);
     EXPECT_EQ(file.substr(46), "12345");
     EXPECT_EQ(file.substr(4, 4) + file.substr(42, 4), Le32(43) + Le32(5));
+}
+
+// The header keeps up with the data while it is written, so that a recorder killed or
+// stopped by a full disk leaves a file that we and SoX read. The refresh rewrites the
+// header from the format record; without one it writes the two lengths alone.
+TEST_F(WaveFile, TheHeaderKeepsUpWithTheDataWhileRecording)
+{
+    const bool sox = std::system("command -v sox >/dev/null 2>&1") == 0;
+    const std::string path = Path("rec.wav");
+    auto readWhole = [&] {
+        CWaveFileRead r;
+        return OpenFile(r, path) ? ReadToEnd(r) : "<refused>";
+    };
+    // (standard format, piece): pieces shorter and longer than the one-second file
+    // buffer and one of exactly it; the format dropped halfway; a writer left open.
+    for (auto [index, piece] : {std::pair{0, 3000}, {0, 8000}, {0, 21000}, {0, 5000}, {13, 88200}}) {
+        SCOPED_TRACE(std::to_string(index) + ", pieces of " + std::to_string(piece));
+        QX_DevFormat format = StdFormat(index);
+        const DWORD second = format.nAvgBytesPerSec;
+        const std::string data = Pattern(index == 0 ? 70000 : 3 * 88200);
+        const bool drop = piece == 5000;
+        {
+            CWaveFileWrite w;
+            ASSERT_EQ(OpenFile(w, path, &format), 1);
+            for (size_t at = 0; at < data.size(); at += size_t(piece)) {
+                if (drop && at == 15000) w.SetFormat(nullptr);
+                std::string bytes = data.substr(at, size_t(piece));
+                WAVEHDR h = Header(bytes);
+                ASSERT_EQ(w.Write(&h), long(bytes.size()));
+                // What another program sees now: lengths at most a second behind, and true.
+                const std::string file = Slurp(path);
+                const size_t n = FileLe32(file, 42);
+                EXPECT_GE(n + second, at + bytes.size());
+                ASSERT_LE(n, at + bytes.size());
+                EXPECT_EQ(FileLe32(file, 4), n == 0 ? 0 : n + 38);
+                EXPECT_TRUE(readWhole() == data.substr(0, n)) << "at " << at;
+            }
+            // Refreshing the header left the writer's place alone.
+            EXPECT_EQ(w.GetFilePosition(), long(46 + data.size()));
+            EXPECT_EQ(w.GetDuration(), drop ? 0 : long(data.size() * 1000 / second));
+            if (index == 0) { // else the destructor finishes the file
+                ASSERT_EQ(w.Close(), 1);
+            }
+        }
+        const std::string file = Slurp(path);
+        EXPECT_EQ(FileLe32(file, 4), 38 + data.size());
+        EXPECT_EQ(FileLe32(file, 42), data.size());
+        EXPECT_TRUE(file.substr(46) == data && readWhole() == data);
+        QX_DevFormat back{};
+        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
+        EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
+        if (!sox) continue;
+        ASSERT_EQ(std::system(("sox -V1 '" + path + "' -t raw '" + path + ".raw'").c_str()), 0);
+        EXPECT_TRUE(Slurp(path + ".raw") == data) << "SoX reads it too";
+    }
 }
