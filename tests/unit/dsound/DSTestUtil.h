@@ -52,15 +52,21 @@ struct Offline {
     }
 };
 
-inline LPDIRECTSOUNDBUFFER MakeBuffer(LPDIRECTSOUND ds, const WAVEFORMATEX& wfx, DWORD bytes,
-                                      DWORD flags = kAllControls)
+inline DSBUFFERDESC Desc(DWORD flags, DWORD bytes = 0, WAVEFORMATEX* pFormat = nullptr)
 {
-    WAVEFORMATEX f = wfx;
     DSBUFFERDESC d{};
     d.dwSize = sizeof d;
     d.dwFlags = flags;
     d.dwBufferBytes = bytes;
-    d.lpwfxFormat = &f;
+    d.lpwfxFormat = pFormat;
+    return d;
+}
+
+inline LPDIRECTSOUNDBUFFER MakeBuffer(LPDIRECTSOUND ds, const WAVEFORMATEX& wfx, DWORD bytes,
+                                      DWORD flags = kAllControls)
+{
+    WAVEFORMATEX f = wfx;
+    DSBUFFERDESC d = Desc(flags, bytes, &f);
     LPDIRECTSOUNDBUFFER b = nullptr;
     EXPECT_EQ(ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
     return b;
@@ -68,9 +74,7 @@ inline LPDIRECTSOUNDBUFFER MakeBuffer(LPDIRECTSOUND ds, const WAVEFORMATEX& wfx,
 
 inline LPDIRECTSOUNDBUFFER Primary(LPDIRECTSOUND ds)
 {
-    DSBUFFERDESC d{};
-    d.dwSize = sizeof d;
-    d.dwFlags = DSBCAPS_PRIMARYBUFFER;
+    DSBUFFERDESC d = Desc(DSBCAPS_PRIMARYBUFFER);
     LPDIRECTSOUNDBUFFER b = nullptr;
     EXPECT_EQ(ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
     return b;

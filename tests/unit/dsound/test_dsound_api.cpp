@@ -106,9 +106,8 @@ TEST_F(DSoundApi, PrimaryBufferNeedsThePriorityLevelAndOnlyLoops)
     EXPECT_EQ(primary->SetFormat(nullptr), DSERR_INVALIDPARAM);
 
     // The 32-bit layout's record size (36) is taken as well; one primary buffer per device.
-    DSBUFFERDESC d36{};
+    DSBUFFERDESC d36 = Desc(DSBCAPS_PRIMARYBUFFER);
     d36.dwSize = 36;
-    d36.dwFlags = DSBCAPS_PRIMARYBUFFER;
     LPDIRECTSOUNDBUFFER again = nullptr;
     ASSERT_EQ(ds->CreateSoundBuffer(&d36, &again, nullptr), DS_OK);
     EXPECT_EQ(again, primary);
@@ -147,14 +146,10 @@ TEST_F(DSoundApi, SettersCheckRangesAndControls)
 {
     Offline off;
     LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(22050, 1, 16), 4410);
-    EXPECT_EQ(b->SetVolume(1), DSERR_INVALIDPARAM);
-    EXPECT_EQ(b->SetVolume(-10001), DSERR_INVALIDPARAM);
-    EXPECT_EQ(b->SetPan(10001), DSERR_INVALIDPARAM);
-    EXPECT_EQ(b->SetPan(-10001), DSERR_INVALIDPARAM);
-    EXPECT_EQ(b->SetFrequency(99), DSERR_INVALIDPARAM);
-    EXPECT_EQ(b->SetFrequency(100001), DSERR_INVALIDPARAM);
-    EXPECT_EQ(b->SetFrequency(100), DS_OK);
-    EXPECT_EQ(b->SetFrequency(100000), DS_OK);
+    for (LONG v : {1, -10001}) EXPECT_EQ(b->SetVolume(v), DSERR_INVALIDPARAM) << v;
+    for (LONG v : {10001, -10001}) EXPECT_EQ(b->SetPan(v), DSERR_INVALIDPARAM) << v;
+    for (DWORD v : {99, 100001}) EXPECT_EQ(b->SetFrequency(v), DSERR_INVALIDPARAM) << v;
+    for (DWORD v : {100, 100000}) EXPECT_EQ(b->SetFrequency(v), DS_OK) << v;
     EXPECT_EQ(b->Play(1, 0, 0), DSERR_INVALIDPARAM);
     EXPECT_EQ(b->Play(0, 3, 0), DSERR_INVALIDPARAM);
     EXPECT_EQ(b->SetFormat(nullptr), DSERR_INVALIDCALL);
@@ -193,12 +188,8 @@ TEST_F(DSoundApi, SettersCheckRangesAndControls)
     EXPECT_EQ(plain->Release(), 1u);
     EXPECT_EQ(plain->Release(), 0u);
 
-    DSBUFFERDESC d{};
-    d.dwSize = sizeof d;
-    d.dwFlags = DSBCAPS_CTRL3D;
     WAVEFORMATEX f = Pcm(22050, 1, 16);
-    d.lpwfxFormat = &f;
-    d.dwBufferBytes = 4410;
+    DSBUFFERDESC d = Desc(DSBCAPS_CTRL3D, 4410, &f);
     LPDIRECTSOUNDBUFFER out = nullptr;
     EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &out, nullptr), DSERR_CONTROLUNAVAIL);
     d.dwFlags = 0;

@@ -238,7 +238,7 @@ TEST(DSoundMixer, LockGivesTheSecondRegionOnAWrap)
     Offline off;
     LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(48000, 1, 16), 96000); // one second
     LPVOID p1 = nullptr, p2 = nullptr;
-    DWORD b1 = 0, b2 = 0;
+    DWORD b1 = 0, b2 = 0, play = 0, write = 0;
     ASSERT_EQ(b->Lock(0, 96000, &p1, &b1, &p2, &b2, 0), DS_OK);
     BYTE* base = static_cast<BYTE*>(p1);
     EXPECT_EQ(std::tuple(b1, p2, b2), std::tuple(96000u, nullptr, 0u));
@@ -264,7 +264,6 @@ TEST(DSoundMixer, LockGivesTheSecondRegionOnAWrap)
     ASSERT_EQ(b->Unlock(p1, b1, nullptr, 0), DS_OK);
 
     // From the write cursor: 10 to 20 ms ahead of the play cursor while playing.
-    DWORD play = 0, write = 0;
     ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
     ASSERT_EQ(b->Lock(0, 100, &p1, &b1, &p2, &b2, DSBLOCK_FROMWRITECURSOR), DS_OK);
     EXPECT_EQ(p1, base + write);
@@ -331,17 +330,10 @@ TEST(DSoundMixer, EverySampleFormatConvertsToTheSameLevelAndOthersAreRefused)
 
     // The extensible record names its sample type by GUID.
     Offline off;
-    WAVEFORMATEXTENSIBLE ext{};
-    ext.Format = Pcm(44100, 2, 32);
+    WAVEFORMATEXTENSIBLE ext{Pcm(44100, 2, 32), {32}, 3, {WAVE_FORMAT_IEEE_FLOAT, 0, 0x10, {0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71}}};
     ext.Format.wFormatTag = WAVE_FORMAT_EXTENSIBLE;
     ext.Format.cbSize = 22;
-    ext.Samples.wValidBitsPerSample = 32;
-    ext.dwChannelMask = 3;
-    ext.SubFormat = {WAVE_FORMAT_IEEE_FLOAT, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
-    DSBUFFERDESC d{};
-    d.dwSize = sizeof d;
-    d.dwBufferBytes = 8 * 100;
-    d.lpwfxFormat = &ext.Format;
+    DSBUFFERDESC d = Desc(0, 8 * 100, &ext.Format);
     LPDIRECTSOUNDBUFFER b = nullptr;
     EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
     if (b != nullptr) b->Release();

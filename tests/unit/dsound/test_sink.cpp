@@ -4,12 +4,12 @@
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/virtual/QXVirtualAudio.h"
 #include "platform/dsound/QXMixer.h"
+#include "unit/wavefile/WaveTestUtil.h"
 
-#include <chrono>
 #include <memory>
-#include <thread>
 
 using qxplat::AudioRing;
+using wavetest::Eventually;
 
 namespace {
 
@@ -36,21 +36,16 @@ public:
     std::vector<float> Take(uint32_t n)
     {
         std::vector<float> left, chunk(2 * 100);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (left.size() < n && std::chrono::steady_clock::now() < deadline) {
-            const uint32_t want = std::min<uint32_t>(100, n - static_cast<uint32_t>(left.size()));
-            const uint32_t got = m_ring.Read(chunk.data(), want);
+        Eventually([&] {
+            const uint32_t got = m_ring.Read(chunk.data(), std::min<uint32_t>(100, n - static_cast<uint32_t>(left.size())));
             for (uint32_t i = 0; i < got; ++i) left.push_back(chunk[2 * i]);
-            if (got == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+            return left.size() >= n;
+        });
         return left;
     }
-
     bool WaitFull()
     {
-        for (int i = 0; i < 10000 && m_ring.Readable() < TargetFrames(); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return m_ring.Readable() == TargetFrames();
+        return Eventually([&] { return m_ring.Readable() >= TargetFrames(); }) && m_ring.Readable() == TargetFrames();
     }
 
 private:
@@ -184,8 +179,7 @@ TEST(DSoundSink, VirtualOutputSettings)
     int64_t later = 0;
     ASSERT_TRUE(port->RingPositionAt(now, &frame) && port->RingPositionAt(now + 1'000'000'000, &later));
     EXPECT_EQ(later - frame, 48000) << "the ring's frames follow at the rate";
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_TRUE(Eventually([&] { return port->UnderrunFrames() > 0; }));
     port->Stop();
-    EXPECT_GT(port->UnderrunFrames(), 0u);
     EXPECT_FALSE(port->RingPositionAt(qxplat::NowNs(), &frame)) << "a stopped port has no clock";
 }
