@@ -7,41 +7,29 @@
 #include "platform/kernel/QXKernel.h"
 #include "platform/kernel/QXWindow.h"
 
-#include <array>
 #include <random>
+#include <set>
 
 using namespace wotest;
 
 namespace {
 
-constexpr int kPlayers = 64;
-constexpr int kThreads = 4;
-// Owned players get performances of their own, far from the manager's tags.
-constexpr int kOwnedPerformance = 0x40000000;
-
-// A slot holds none, a player the test owns, or one of PlayWaveFile, which the done
-// callback gives back. Each slot belongs to one worker; the done callback is the only
-// other writer, and only of a slot in the Auto state.
-enum class Slot { Empty, Owned, Auto };
-
-struct Slots {
-    std::array<std::atomic<Slot>, kPlayers> state{};
-    std::array<std::atomic<uint32_t>, kPlayers> generation{};
-    std::array<CWavePlay*, kPlayers> owned{};
-    std::atomic<int> autoStarted{0}, autoDone{0}, strayDone{0}, ownedPlays{0}, stops{0}, deletes{0}, failed{0};
+// Each self-deleting player calls back once, with the number it was started with.
+struct AutoPlays {
+    static void Done(DWORD_PTR dwUser, DWORD)
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        if (!s_done.insert(dwUser).second) ++s_twice;
+    }
+    static size_t Count()
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        return s_done.size();
+    }
+    static inline std::mutex s_mutex;
+    static inline std::set<DWORD_PTR> s_done;
+    static inline int s_twice = 0;
 };
-
-Slots* g_slots = nullptr;
-
-void AutoDone(DWORD_PTR dwUser, DWORD)
-{
-    const auto slot = static_cast<size_t>(dwUser & 0xFF);
-    Slot expected = Slot::Auto;
-    if (dwUser >> 8 == g_slots->generation[slot].load() && g_slots->state[slot].compare_exchange_strong(expected, Slot::Empty))
-        ++g_slots->autoDone;
-    else
-        ++g_slots->strayDone; // a second call, or one for a player that never was
-}
 
 class WavePlayStress : public ScratchTest {
 protected:
@@ -75,7 +63,7 @@ TEST_F(WavePlayStress, ManyPlayersStartedAndStoppedFromSeveralThreadsLeaveNothin
     ASSERT_GT(q->PlayWaveFile(shortFiles[0].c_str(), 0, DoneLog::Proc, 0), 0);
     ASSERT_TRUE(Eventually([&] { return DoneLog::Count() == 1; }));
     auto* warm = new CWavePlay;
-    QX_WaveParams params = WaveParams(kOwnedPerformance, 0, shortFiles[0]);
+    QX_WaveParams params = WaveParams(0x40000000, 0, shortFiles[0]);
     ASSERT_EQ(warm->Play(&params, 0, timeGetTime() - q->GetPlayStartTime() + 20, nullptr, 0, 0), 1);
     delete warm;
     CQuavix::ExitQuavix();
@@ -83,63 +71,53 @@ TEST_F(WavePlayStress, ManyPlayersStartedAndStoppedFromSeveralThreadsLeaveNothin
     ASSERT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
 
     q = Open();
-    Slots slots;
-    g_slots = &slots;
+    std::atomic<int> autoStarted{0}, ownedPlays{0}, stops{0}, deletes{0}, failed{0};
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(std::getenv("QUAVIX_SOAK") ? 60 : 5);
     auto worker = [&](int nWorker) {
         std::mt19937 random(static_cast<unsigned>(1000 + nWorker));
         auto pick = [&](int n) { return std::uniform_int_distribution<int>(0, n - 1)(random); };
+        CWavePlay* owned[16] = {};
         while (std::chrono::steady_clock::now() < deadline) {
-            const auto slot = static_cast<size_t>(nWorker + kThreads * pick(kPlayers / kThreads));
-            CWavePlay*& p = slots.owned[slot];
-            const int action = pick(5);
-            if (slots.state[slot] == Slot::Empty && action < 2) {
-                const uint32_t gen = ++slots.generation[slot];
-                slots.state[slot] = Slot::Auto;
-                const std::string& path = shortFiles[static_cast<size_t>(pick(3))];
-                if (q->PlayWaveFile(path.c_str(), 0, AutoDone, (DWORD_PTR(gen) << 8) | slot) > 0) {
-                    ++slots.autoStarted;
-                } else {
-                    ++slots.failed;
-                    slots.state[slot] = Slot::Empty;
-                }
-            } else if (slots.state[slot] == Slot::Empty) {
+            const int slot = pick(16), action = pick(5);
+            CWavePlay*& p = owned[slot];
+            if (p == nullptr && action < 2) {
+                const DWORD_PTR id = static_cast<DWORD_PTR>(nWorker) << 24 | static_cast<DWORD_PTR>(autoStarted + 1);
+                if (q->PlayWaveFile(shortFiles[pick(3)].c_str(), 0, AutoPlays::Done, id) > 0)
+                    ++autoStarted;
+                else
+                    ++failed;
+            } else if (p == nullptr) {
                 p = new CWavePlay;
-                slots.state[slot] = Slot::Owned;
-            } else if (slots.state[slot] == Slot::Owned && action < 2) {
+            } else if (action < 2) {
                 // At once or a little ahead, by the start timer; played again if it played before.
-                QX_WaveParams own = WaveParams(kOwnedPerformance + static_cast<int>(slot), 0, longFiles[pick(2)]);
+                QX_WaveParams own = WaveParams(0x40000000 + 16 * nWorker + slot, 0, longFiles[pick(2)]);
                 const DWORD dwStart = pick(2) == 0 ? 0 : timeGetTime() - q->GetPlayStartTime() + 1 + pick(40);
                 if (p->Play(&own, 0, dwStart, nullptr, 0, 0) == 1)
-                    ++slots.ownedPlays;
+                    ++ownedPlays;
                 else
-                    ++slots.failed;
-            } else if (slots.state[slot] == Slot::Owned && action < 4) {
+                    ++failed;
+            } else if (action < 4) {
                 p->Stop();
-                ++slots.stops;
-            } else if (slots.state[slot] == Slot::Owned) {
+                ++stops;
+            } else {
                 delete p;
                 p = nullptr;
-                slots.state[slot] = Slot::Empty;
-                ++slots.deletes;
+                ++deletes;
             }
             std::this_thread::sleep_for(std::chrono::microseconds(pick(3000)));
         }
+        for (CWavePlay* left : owned) delete left;
     };
     std::vector<std::thread> workers;
-    for (int t = 0; t < kThreads; ++t) workers.emplace_back(worker, t);
+    for (int t = 0; t < 4; ++t) workers.emplace_back(worker, t);
     for (std::thread& t : workers) t.join();
-    for (size_t s = 0; s < kPlayers; ++s)
-        if (slots.state[s] == Slot::Owned) delete slots.owned[s];
-    // Every self-deleting player ends by itself and calls back once.
-    EXPECT_TRUE(Eventually([&] { return slots.autoDone == slots.autoStarted; }, std::chrono::seconds(60)))
-        << slots.autoDone << " of " << slots.autoStarted << " self-deleting players called back";
+    EXPECT_TRUE(Eventually([&] { return AutoPlays::Count() == size_t(autoStarted); }, std::chrono::seconds(60)))
+        << AutoPlays::Count() << " of " << autoStarted << " self-deleting players called back";
     CQuavix::ExitQuavix();
-    g_slots = nullptr;
 
-    EXPECT_TRUE(slots.autoStarted > 0 && slots.ownedPlays > 0 && slots.stops > 0 && slots.deletes > 0);
-    EXPECT_EQ(slots.failed, 0);
-    EXPECT_EQ(slots.strayDone, 0);
+    EXPECT_TRUE(autoStarted > 0 && ownedPlays > 0 && stops > 0 && deletes > 0);
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(AutoPlays::s_twice, 0) << "a done callback came twice";
     EXPECT_TRUE(Eventually([&] { return ThreadCount() <= threads; }, std::chrono::seconds(30)))
         << ThreadCount() << " threads, " << threads << " before";
     EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
