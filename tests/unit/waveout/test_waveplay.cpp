@@ -6,6 +6,8 @@
 
 #include "platform/QXFaults.h"
 
+#include <optional>
+
 using namespace wotest;
 
 namespace {
@@ -92,7 +94,6 @@ protected:
     {
         ScratchTest::SetUp();
         ASSERT_EQ(CQuavix::GetQuavix(), nullptr) << "these players play on no output";
-        ASSERT_EQ(qxplat::DirectSoundCreateOffline(48000, qxplat::Resampler::Linear, &ds), DS_OK);
         QXGetSharedNotify()->SetNotificationCallback(ReportLog::Proc, 0);
         ReportLog::Take();
         DoneLog::Clear();
@@ -100,7 +101,7 @@ protected:
     void TearDown() override
     {
         QXGetSharedNotify()->SetNotificationCallback(nullptr, 0);
-        if (ds != nullptr) ds->Release();
+        off.reset();
         EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u) << "every buffer released";
         ScratchTest::TearDown();
     }
@@ -109,12 +110,7 @@ protected:
     {
         return Make("ramp.wav", Wave(WAVE_FORMAT_PCM, 2, rate, 16, SegmentRamp(nBytes)));
     }
-    std::vector<float> RenderSegment(DWORD nFrames = 2048)
-    {
-        std::vector<float> out(size_t{nFrames} * 2);
-        EXPECT_TRUE(qxplat::DirectSoundRenderOffline(ds, out.data(), nFrames));
-        return out;
-    }
+    std::vector<float> RenderSegment(DWORD nFrames = 2048) { return off->Render(nFrames); }
     // Renders segments until notification n.
     void RenderTo(TestPlayer& p, int n)
     {
@@ -125,7 +121,8 @@ protected:
         }
     }
 
-    IDirectSound* ds = nullptr;
+    std::optional<dstest::Offline> off{std::in_place, 48000, qxplat::Resampler::Linear};
+    IDirectSound* ds = off->ds;
 };
 
 } // namespace
