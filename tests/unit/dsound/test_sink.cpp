@@ -148,7 +148,7 @@ TEST(DSoundSink, RingKeepsOrderAcrossItsWrapAndRefusesWhatDoesNotFit)
     EXPECT_EQ(ring.Readable(), 0u);
 }
 
-TEST(DSoundSink, VirtualOutputSettings)
+TEST(DSoundSink, VirtualOutputSettingsAreParsedAndItsClockRunsOnlyWhileStarted)
 {
     EXPECT_EQ(qxplat::VirtualCapturePath("/tmp/out-%d.wav", 3), "/tmp/out-3.wav");
     EXPECT_EQ(qxplat::VirtualCapturePath("/tmp/a%db%d%x.wav", 12), "/tmp/a12b12%x.wav");

@@ -233,7 +233,7 @@ TEST_F(WaveInDevice, BuffersAreHandedOnInTurnWhileTheOtherIsQueued)
 
 // An input records again after a stop or a pause; a close after a pause (nothing queued)
 // returns at once; a start while a stop is under way is refused.
-TEST_F(WaveInDevice, StopPauseAndStartAgain)
+TEST_F(WaveInDevice, AStoppedOrPausedInputRecordsNothingUntilStartedAgain)
 {
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     ASSERT_TRUE(rec.WaitFor(1));

@@ -314,7 +314,7 @@ TEST_F(Offline, RateControlMapsOntoTheFilesOwnRate)
     }
 }
 
-TEST_F(Offline, StartAndStopOfThePlayer)
+TEST_F(Offline, FailedStartsAndStopsAreReportedAndStillStopThePlayer)
 {
     const std::string path = Ramp(20 * kSegment);
     TestPlayer p;
