@@ -252,8 +252,10 @@ TEST_F(Abuse, OneShotsOnOneTrackReplaceEachOtherInsteadOfPilingUp)
         nMostThreads = std::max(nMostThreads, ThreadCount());
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    // A player still preparing, one timed to start, the one sounding and the one it displaces.
-    EXPECT_LE(nMostPlayers, 8u) << "after " << shots.periods * shots.nPerPeriod << " files";
+    // A player still preparing, one timed to start, the one sounding and the one it
+    // displaces, and a displaced one still ending on its own thread on a busy machine;
+    // piled up, they would be three more every period.
+    EXPECT_LE(nMostPlayers, 12u) << "after " << shots.periods * shots.nPerPeriod << " files";
     // Each of those has a notification thread, and one may be preparing; finished ones used
     // to keep theirs, 3 more every period.
     EXPECT_LE(nMostThreads, nThreads + 24) << "threads of finished players were not joined";
