@@ -17,7 +17,7 @@
 namespace dstest {
 
 // Set before any test runs: every device here is the virtual backend's.
-inline const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
+inline const int kVirtualBackendSet = setenv("QUAVIX_BACKEND", "virtual", 1);
 
 constexpr DWORD kAllControls =
     DSBCAPS_CTRLFREQUENCY | DSBCAPS_CTRLPAN | DSBCAPS_CTRLVOLUME | DSBCAPS_CTRLPOSITIONNOTIFY | DSBCAPS_GETCURRENTPOSITION2;

@@ -13,7 +13,7 @@ class DSoundApi : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(kVirtual, 0);
+        ASSERT_EQ(kVirtualBackendSet, 0);
         m_liveBefore = qxplat::LiveDirectSoundObjects();
     }
     void TearDown() override

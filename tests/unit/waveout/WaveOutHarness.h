@@ -51,7 +51,7 @@ class ManagerTest : public ScratchTest {
 protected:
     void Init(int nWaveOut, DWORD dwFlags = QX_INIT_WAVE, bool bRun = true)
     {
-        ASSERT_EQ(dstest::kVirtual, 0);
+        ASSERT_EQ(dstest::kVirtualBackendSet, 0);
         qxplat::QXVirtualSetDevices(1, 1, 1, nWaveOut);
         q = CQuavix::InitQuavix();
         q->SetNotificationCallback(ReportLog::Proc, 0);

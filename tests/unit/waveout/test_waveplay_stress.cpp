@@ -51,7 +51,7 @@ protected:
 
 TEST_F(WavePlayStress, ManyPlayersStartedAndStoppedFromSeveralThreadsLeaveNothingBehind)
 {
-    ASSERT_EQ(dstest::kVirtual, 0);
+    ASSERT_EQ(dstest::kVirtualBackendSet, 0);
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
     // Short ones end by themselves while others start and stop around them.
     const std::string shortFiles[] = {File("a.wav", 2, 44100, 16, 0.3), File("b.wav", 1, 22050, 8, 0.6),
