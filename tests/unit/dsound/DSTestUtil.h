@@ -16,6 +16,9 @@
 
 namespace dstest {
 
+// Set before any test runs: every device here is the virtual backend's.
+inline const int kVirtualBackendSet = setenv("QUAVIX_BACKEND", "virtual", 1);
+
 constexpr DWORD kAllControls =
     DSBCAPS_CTRLFREQUENCY | DSBCAPS_CTRLPAN | DSBCAPS_CTRLVOLUME | DSBCAPS_CTRLPOSITIONNOTIFY | DSBCAPS_GETCURRENTPOSITION2;
 
@@ -49,23 +52,47 @@ struct Offline {
     }
 };
 
-inline LPDIRECTSOUNDBUFFER MakeBuffer(LPDIRECTSOUND ds, const WAVEFORMATEX& wfx, DWORD bytes,
-                                      DWORD flags = kAllControls)
+inline DSBUFFERDESC Desc(DWORD flags, DWORD bytes = 0, WAVEFORMATEX* pFormat = nullptr)
 {
-    WAVEFORMATEX f = wfx;
     DSBUFFERDESC d{};
     d.dwSize = sizeof d;
     d.dwFlags = flags;
     d.dwBufferBytes = bytes;
-    d.lpwfxFormat = &f;
+    d.lpwfxFormat = pFormat;
+    return d;
+}
+
+inline LPDIRECTSOUNDBUFFER MakeBuffer(LPDIRECTSOUND ds, const WAVEFORMATEX& wfx, DWORD bytes,
+                                      DWORD flags = kAllControls)
+{
+    WAVEFORMATEX f = wfx;
+    DSBUFFERDESC d = Desc(flags, bytes, &f);
     LPDIRECTSOUNDBUFFER b = nullptr;
     EXPECT_EQ(ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
     return b;
 }
 
+inline LPDIRECTSOUNDBUFFER Primary(LPDIRECTSOUND ds)
+{
+    DSBUFFERDESC d = Desc(DSBCAPS_PRIMARYBUFFER);
+    LPDIRECTSOUNDBUFFER b = nullptr;
+    EXPECT_EQ(ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
+    return b;
+}
+
+// Sets the notification positions; the interface goes again (it shares the buffer's count).
+inline HRESULT Notify(LPDIRECTSOUNDBUFFER b, std::vector<DSBPOSITIONNOTIFY> positions)
+{
+    LPDIRECTSOUNDNOTIFY n = nullptr;
+    HRESULT hr = b->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&n));
+    if (hr != DS_OK) return hr;
+    hr = n->SetNotificationPositions(static_cast<DWORD>(positions.size()), positions.data());
+    n->Release();
+    return hr;
+}
+
 struct Driver { bool hasGuid; GUID guid; std::string description, module; };
 
-// Enumerates into a std::vector<Driver>.
 inline BOOL CALLBACK Collect(LPGUID pGuid, LPCSTR pszDescription, LPCSTR pszModule, LPVOID pContext)
 {
     auto* list = static_cast<std::vector<Driver>*>(pContext);
@@ -82,16 +109,6 @@ inline HWND MakeWindow()
     RegisterClassA(&wc); // may exist from an earlier test
     return CreateWindowExA(0, "QXDSoundTestWindow", "main", 0, 0, 0, 0, 0, nullptr, nullptr, QXGetModuleInstance(),
                            nullptr);
-}
-
-inline LPDIRECTSOUNDBUFFER Primary(LPDIRECTSOUND ds)
-{
-    DSBUFFERDESC d{};
-    d.dwSize = sizeof d;
-    d.dwFlags = DSBCAPS_PRIMARYBUFFER;
-    LPDIRECTSOUNDBUFFER b = nullptr;
-    EXPECT_EQ(ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
-    return b;
 }
 
 // Writes the whole buffer through Lock/Unlock.

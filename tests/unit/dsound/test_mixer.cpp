@@ -14,49 +14,41 @@ double Db(double ratio)
     return 20.0 * std::log10(ratio);
 }
 
-// The left and right gains (dB) a constant mono or stereo source comes out with.
-void RenderConstant(Offline& off, float& l, float& r)
+// The last frame of a constant source, once any gain glide is over.
+std::pair<float, float> Steady(Offline& off)
 {
     const std::vector<float> out = off.Render(480);
-    l = out[out.size() - 2];
-    r = out[out.size() - 1];
+    return {out[out.size() - 2], out[out.size() - 1]};
 }
 
 } // namespace
 
-TEST(DSoundMixer, VolumeAndPanFollowTheDecibelLaw)
+TEST(DSoundMixer, VolumeAndPanFollowTheDecibelLawAndGlideWithoutAClick)
 {
     Offline off;
     LPDIRECTSOUNDBUFFER mono = MakeBuffer(off.ds, Pcm(48000, 1, 16), 960);
     Fill(mono, [](BYTE* p, DWORD n) { Level16(p, n, 16384); });
     ASSERT_EQ(mono->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     struct Case { LONG volume, pan; };
-    const Case cases[] = {{0, 0}, {-600, 0}, {0, -2173}, {0, 870}, {-1000, 3000}, {-2500, -7000}, {-37, 9000}};
-    for (const Case& c : cases) {
+    for (const Case& c : {Case{0, 0}, {-600, 0}, {0, -2173}, {0, 870}, {-1000, 3000}, {-2500, -7000}, {-37, 9000}}) {
         SCOPED_TRACE(testing::Message() << "volume " << c.volume << " pan " << c.pan);
         ASSERT_EQ(mono->SetVolume(c.volume), DS_OK);
         ASSERT_EQ(mono->SetPan(c.pan), DS_OK);
-        float l, r;
-        RenderConstant(off, l, r);
-        const double wantL = (c.volume - std::max<LONG>(c.pan, 0)) / 100.0;
-        const double wantR = (c.volume + std::min<LONG>(c.pan, 0)) / 100.0;
-        EXPECT_NEAR(Db(l / 0.5), wantL, 0.01);
-        EXPECT_NEAR(Db(r / 0.5), wantR, 0.01);
+        const auto [l, r] = Steady(off);
+        EXPECT_NEAR(Db(l / 0.5), (c.volume - std::max<LONG>(c.pan, 0)) / 100.0, 0.01);
+        EXPECT_NEAR(Db(r / 0.5), (c.volume + std::min<LONG>(c.pan, 0)) / 100.0, 0.01);
     }
     // A total attenuation of 100 dB is silence, on one side or both.
     ASSERT_EQ(mono->SetVolume(-5000), DS_OK);
     ASSERT_EQ(mono->SetPan(-6000), DS_OK);
-    float l, r;
-    RenderConstant(off, l, r);
+    auto [l, r] = Steady(off);
     EXPECT_NEAR(Db(l / 0.5), -50.0, 0.01);
     EXPECT_EQ(r, 0.0f);
     ASSERT_EQ(mono->SetVolume(DSBVOLUME_MIN), DS_OK);
     ASSERT_EQ(mono->SetPan(0), DS_OK);
-    RenderConstant(off, l, r);
-    EXPECT_EQ(l, 0.0f);
-    EXPECT_EQ(r, 0.0f);
+    EXPECT_EQ(Steady(off), std::make_pair(0.0f, 0.0f));
 
-    // A change while playing glides over one block rather than stepping: no click.
+    // A change while playing glides over one block rather than stepping.
     ASSERT_EQ(mono->SetVolume(0), DS_OK);
     off.Render(480);
     ASSERT_EQ(mono->SetVolume(-2000), DS_OK);
@@ -71,68 +63,62 @@ TEST(DSoundMixer, VolumeAndPanFollowTheDecibelLaw)
     LPDIRECTSOUNDBUFFER stereo = MakeBuffer(off.ds, Pcm(48000, 2, 16), 960 * 2);
     Fill(stereo, [](BYTE* p, DWORD n) {
         for (DWORD i = 0; i < n; i += 4) {
-            const int16_t lv = 16384, rv = -8192;
-            std::memcpy(p + i, &lv, 2);
-            std::memcpy(p + i + 2, &rv, 2);
+            Level16(p + i, 2, 16384);
+            Level16(p + i + 2, 2, -8192);
         }
     });
     ASSERT_EQ(stereo->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     ASSERT_EQ(stereo->SetVolume(-300), DS_OK);
     ASSERT_EQ(stereo->SetPan(-1500), DS_OK);
-    RenderConstant(off, l, r);
+    std::tie(l, r) = Steady(off);
     EXPECT_NEAR(Db(l / 0.5), -3.0, 0.01);
     EXPECT_NEAR(Db(r / -0.25), -18.0, 0.01);
     stereo->Release();
 }
 
-TEST(DSoundMixer, ToneKeepsItsPitchAcrossRatesAndRateChanges)
-{
-    for (Resampler mode : {Resampler::Linear, Resampler::Cubic, Resampler::Sinc}) {
-        SCOPED_TRACE(static_cast<int>(mode));
-        Offline off(48000, mode);
-        // One second at 22050 Hz holds whole cycles, so the loop is seamless.
-        LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(22050, 1, 16), 22050 * 2);
-        FillSine16(b, 1000.0, 22050.0, 0.5);
-        ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-        std::vector<float> out = off.Render(48000);
-        EXPECT_NEAR(MeasureFrequency(Channel(out, 0), 48000), 1000.0, 0.5);
-        EXPECT_NEAR(MeasureFrequency(Channel(out, 1), 48000), 1000.0, 0.5);
-        EXPECT_GT(ToneSnr(Channel(out, 0, 100), 1000.0, 48000), 40.0);
-        // The cursor moved by one second of the buffer: back where it began.
-        DWORD play = 1, write = 0;
-        ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
-        EXPECT_LE(std::min(play, 44100 - play), 4u);
-
-        // Twice the rate, mid-play: twice the pitch, and the cursor moves twice as fast.
-        ASSERT_EQ(b->SetFrequency(44100), DS_OK);
-        DWORD f = 0, before = 0, after = 0;
-        b->GetCurrentPosition(&before, nullptr);
-        out = off.Render(4800);
-        b->GetCurrentPosition(&after, nullptr);
-        EXPECT_NEAR(static_cast<double>((after + 44100 - before) % 44100), 4410.0 * 2, 4.0);
-        EXPECT_NEAR(MeasureFrequency(Channel(off.Render(24000), 0), 48000), 2000.0, 1.0);
-        // A rate that does not divide evenly, then back to the buffer's own.
-        ASSERT_EQ(b->SetFrequency(15000), DS_OK);
-        EXPECT_NEAR(MeasureFrequency(Channel(off.Render(24000), 0, 200), 48000), 1000.0 * 15000 / 22050, 1.0);
-        ASSERT_EQ(b->SetFrequency(DSBFREQUENCY_ORIGINAL), DS_OK);
-        ASSERT_EQ(b->GetFrequency(&f), DS_OK);
-        EXPECT_EQ(f, 22050u);
-        EXPECT_NEAR(MeasureFrequency(Channel(off.Render(24000), 0, 200), 48000), 1000.0, 0.5);
-        b->Release();
-    }
-}
-
-TEST(DSoundMixer, HigherQualityResamplersMakeCleanerTones)
+// Each resampler keeps the pitch across rates and rate changes, and the better ones make
+// cleaner tones at 1 and 8 kHz.
+TEST(DSoundMixer, ResamplersKeepThePitchAndBetterOnesMakeCleanerTones)
 {
     double snr[3][2];
     for (Resampler mode : {Resampler::Linear, Resampler::Cubic, Resampler::Sinc}) {
+        const int m = static_cast<int>(mode);
+        SCOPED_TRACE(m);
         for (int t = 0; t < 2; ++t) {
             const double tone = t == 0 ? 1000.0 : 8000.0;
             Offline off(48000, mode);
+            // One second at 22050 Hz holds whole cycles, so the loop is seamless.
             LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(22050, 1, 16), 22050 * 2);
             FillSine16(b, tone, 22050.0, 0.5);
             ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-            snr[static_cast<int>(mode)][t] = ToneSnr(Channel(off.Render(48000), 0, 200), tone, 48000);
+            std::vector<float> out = off.Render(48000);
+            snr[m][t] = ToneSnr(Channel(out, 0, 200), tone, 48000);
+            if (t == 1) {
+                b->Release();
+                continue;
+            }
+            EXPECT_NEAR(MeasureFrequency(Channel(out, 0), 48000), 1000.0, 0.5);
+            EXPECT_NEAR(MeasureFrequency(Channel(out, 1), 48000), 1000.0, 0.5);
+            EXPECT_GT(ToneSnr(Channel(out, 0, 100), 1000.0, 48000), 40.0);
+            // The cursor moved by one second of the buffer: back where it began.
+            DWORD play = 1, before = 0, after = 0, f = 0;
+            ASSERT_EQ(b->GetCurrentPosition(&play, nullptr), DS_OK);
+            EXPECT_LE(std::min(play, 44100 - play), 4u);
+
+            // Twice the rate, mid-play: twice the pitch, and the cursor moves twice as fast.
+            ASSERT_EQ(b->SetFrequency(44100), DS_OK);
+            b->GetCurrentPosition(&before, nullptr);
+            off.Render(4800);
+            b->GetCurrentPosition(&after, nullptr);
+            EXPECT_NEAR(static_cast<double>((after + 44100 - before) % 44100), 4410.0 * 2, 4.0);
+            EXPECT_NEAR(MeasureFrequency(Channel(off.Render(24000), 0), 48000), 2000.0, 1.0);
+            // A rate that does not divide evenly, then back to the buffer's own.
+            ASSERT_EQ(b->SetFrequency(15000), DS_OK);
+            EXPECT_NEAR(MeasureFrequency(Channel(off.Render(24000), 0, 200), 48000), 1000.0 * 15000 / 22050, 1.0);
+            ASSERT_EQ(b->SetFrequency(DSBFREQUENCY_ORIGINAL), DS_OK);
+            ASSERT_EQ(b->GetFrequency(&f), DS_OK);
+            EXPECT_EQ(f, 22050u);
+            EXPECT_NEAR(MeasureFrequency(Channel(off.Render(24000), 0, 200), 48000), 1000.0, 0.5);
             b->Release();
         }
     }
@@ -165,16 +151,12 @@ TEST(DSoundMixer, NotificationsFireWhereTheCursorPasses)
         for (HANDLE h : ev) s += Signalled(h) ? '1' : '0';
         return s;
     };
-    off.Render(498); // cursor at byte 996
-    EXPECT_EQ(fired(), "0000");
-    off.Render(1); // 998: reached
-    EXPECT_EQ(fired(), "0100");
-    off.Render(500); // 1998
-    EXPECT_EQ(fired(), "0000");
-    off.Render(1); // wraps to 0, passing the last byte
-    EXPECT_EQ(fired(), "1010");
-    off.Render(1500); // more than the whole buffer: every position once
-    EXPECT_EQ(fired(), "1110");
+    struct Step { DWORD frames; const char* fired; };
+    // To byte 996, to 998, to 1998, across the wrap, then more than the whole buffer.
+    for (const Step& s : {Step{498, "0000"}, {1, "0100"}, {500, "0000"}, {1, "1010"}, {1500, "1110"}}) {
+        off.Render(s.frames);
+        EXPECT_EQ(fired(), s.fired) << "after " << s.frames << " more frames";
+    }
 
     // Positions change only while stopped; Stop fires the stop entry, once.
     EXPECT_EQ(notify->SetNotificationPositions(1, pos), DSERR_INVALIDCALL);
@@ -182,12 +164,9 @@ TEST(DSoundMixer, NotificationsFireWhereTheCursorPasses)
     EXPECT_EQ(fired(), "0001");
     ASSERT_EQ(b->Stop(), DS_OK);
     EXPECT_EQ(fired(), "0000");
-    DSBPOSITIONNOTIFY stopFirst[2] = {{DSBPN_OFFSETSTOP, ev[3]}, {10, ev[0]}};
-    EXPECT_EQ(notify->SetNotificationPositions(2, stopFirst), DSERR_INVALIDPARAM);
-    DSBPOSITIONNOTIFY outside[1] = {{2000, ev[0]}};
-    EXPECT_EQ(notify->SetNotificationPositions(1, outside), DSERR_INVALIDPARAM);
-    DSBPOSITIONNOTIFY noEvent[1] = {{10, nullptr}};
-    EXPECT_EQ(notify->SetNotificationPositions(1, noEvent), DSERR_INVALIDPARAM);
+    EXPECT_EQ(Notify(b, {{DSBPN_OFFSETSTOP, ev[3]}, {10, ev[0]}}), DSERR_INVALIDPARAM);
+    EXPECT_EQ(Notify(b, {{2000, ev[0]}}), DSERR_INVALIDPARAM);
+    EXPECT_EQ(Notify(b, {{10, nullptr}}), DSERR_INVALIDPARAM);
     EXPECT_EQ(notify->SetNotificationPositions(1, nullptr), DSERR_INVALIDPARAM);
     EXPECT_EQ(notify->SetNotificationPositions(0, nullptr), DS_OK); // clears them
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
@@ -206,17 +185,18 @@ TEST(DSoundMixer, OnceStopsAtTheEndAndLoopingGoesOn)
     Offline off;
     LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(48000, 1, 16), 2000);
     Fill(b, [](BYTE* p, DWORD n) { Level16(p, n, 16384); });
-    LPDIRECTSOUNDNOTIFY notify = nullptr;
-    ASSERT_EQ(b->QueryInterface(IID_IDirectSoundNotify, reinterpret_cast<LPVOID*>(&notify)), DS_OK);
     HANDLE last = CreateEventA(nullptr, FALSE, FALSE, nullptr), stop = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    DSBPOSITIONNOTIFY pos[2] = {{1999, last}, {DSBPN_OFFSETSTOP, stop}};
-    ASSERT_EQ(notify->SetNotificationPositions(2, pos), DS_OK);
+    ASSERT_EQ(Notify(b, {{1999, last}, {DSBPN_OFFSETSTOP, stop}}), DS_OK);
+    auto fired = [&] { return std::string{Signalled(last) ? 'L' : '-', Signalled(stop) ? 'S' : '-'}; };
+    DWORD status = 0, play = 1, write = 1;
+    auto positions = [&] {
+        EXPECT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
+        return std::make_pair(play, write);
+    };
 
     ASSERT_EQ(b->Play(0, 0, 0), DS_OK);
-    DWORD status = 0;
     ASSERT_EQ(b->GetStatus(&status), DS_OK);
     EXPECT_EQ(status & (DSBSTATUS_PLAYING | DSBSTATUS_LOOPING), DSBSTATUS_PLAYING);
-    auto fired = [&] { return std::string{Signalled(last) ? 'L' : '-', Signalled(stop) ? 'S' : '-'}; };
     off.Render(999);
     EXPECT_EQ(fired(), "--");
     std::vector<float> tail = off.Render(10);
@@ -225,12 +205,9 @@ TEST(DSoundMixer, OnceStopsAtTheEndAndLoopingGoesOn)
     for (size_t i = 2; i < tail.size(); ++i) EXPECT_EQ(tail[i], 0.0f);
     ASSERT_EQ(b->GetStatus(&status), DS_OK);
     EXPECT_EQ(status & DSBSTATUS_PLAYING, 0u);
-    DWORD play = 1, write = 1;
-    ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
-    EXPECT_EQ(play, 0u);
-    EXPECT_EQ(write, 0u);
+    EXPECT_EQ(positions(), std::make_pair(0u, 0u)) << "played once, it starts over";
 
-    // Played once again it starts over; looping it passes its end without stopping.
+    // Looping, it passes its end without stopping.
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     ASSERT_EQ(b->GetStatus(&status), DS_OK);
     EXPECT_EQ(status & (DSBSTATUS_PLAYING | DSBSTATUS_LOOPING), DSBSTATUS_PLAYING | DSBSTATUS_LOOPING);
@@ -239,24 +216,18 @@ TEST(DSoundMixer, OnceStopsAtTheEndAndLoopingGoesOn)
     for (size_t i = 0; i < tail.size(); ++i) ASSERT_NEAR(tail[i], 0.5f, 1e-6f) << i;
 
     // Stop leaves the cursor after the last frame played; Play goes on from there.
-    ASSERT_EQ(b->GetCurrentPosition(&play, nullptr), DS_OK);
-    EXPECT_EQ(play, 1000u); // 2500 frames into a 1000-frame loop
+    EXPECT_EQ(positions().first, 1000u); // 2500 frames into a 1000-frame loop
     ASSERT_EQ(b->Stop(), DS_OK);
     EXPECT_EQ(fired(), "-S");
-    tail = off.Render(100);
-    for (float s : tail) EXPECT_EQ(s, 0.0f);
-    ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
-    EXPECT_EQ(play, 1000u);
-    EXPECT_EQ(write, 1000u);
+    for (float s : off.Render(100)) EXPECT_EQ(s, 0.0f);
+    EXPECT_EQ(positions(), std::make_pair(1000u, 1000u));
     ASSERT_EQ(b->Play(0, 0, 0), DS_OK);
     off.Render(250);
-    ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
-    EXPECT_EQ(play, 1500u);
-    EXPECT_NE(write, play); // leads while playing
+    EXPECT_EQ(positions().first, 1500u);
+    EXPECT_NE(write, play) << "the write cursor leads while playing";
     off.Render(250); // reaches the end, played once
     EXPECT_EQ(fired(), "LS");
 
-    notify->Release();
     b->Release();
     CloseHandle(last);
     CloseHandle(stop);
@@ -267,19 +238,14 @@ TEST(DSoundMixer, LockGivesTheSecondRegionOnAWrap)
     Offline off;
     LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(48000, 1, 16), 96000); // one second
     LPVOID p1 = nullptr, p2 = nullptr;
-    DWORD b1 = 0, b2 = 0;
+    DWORD b1 = 0, b2 = 0, play = 0, write = 0;
     ASSERT_EQ(b->Lock(0, 96000, &p1, &b1, &p2, &b2, 0), DS_OK);
     BYTE* base = static_cast<BYTE*>(p1);
-    EXPECT_EQ(b1, 96000u);
-    EXPECT_EQ(p2, nullptr);
-    EXPECT_EQ(b2, 0u);
+    EXPECT_EQ(std::tuple(b1, p2, b2), std::tuple(96000u, nullptr, 0u));
     ASSERT_EQ(b->Unlock(p1, b1, p2, b2), DS_OK);
 
     ASSERT_EQ(b->Lock(95000, 3000, &p1, &b1, &p2, &b2, 0), DS_OK);
-    EXPECT_EQ(p1, base + 95000);
-    EXPECT_EQ(b1, 1000u);
-    EXPECT_EQ(p2, base);
-    EXPECT_EQ(b2, 2000u);
+    EXPECT_EQ(std::tuple(p1, b1, p2, b2), std::tuple(static_cast<LPVOID>(base + 95000), 1000u, static_cast<LPVOID>(base), 2000u));
     // What goes into both regions is what plays across the wrap.
     Level16(p1, b1, 8192);
     Level16(p2, b2, -8192);
@@ -287,10 +253,10 @@ TEST(DSoundMixer, LockGivesTheSecondRegionOnAWrap)
     ASSERT_EQ(b->SetCurrentPosition(95000), DS_OK);
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     const std::vector<float> out = Channel(off.Render(1500), 0);
-    EXPECT_NEAR(out[0], 0.25f, 1e-6f);
-    EXPECT_NEAR(out[499], 0.25f, 1e-6f);
-    EXPECT_NEAR(out[501], -0.25f, 1e-6f);
-    EXPECT_NEAR(out[1499], -0.25f, 1e-6f);
+    for (size_t i : {0, 499})
+        EXPECT_NEAR(out[i], 0.25f, 1e-6f) << i;
+    for (size_t i : {501, 1499})
+        EXPECT_NEAR(out[i], -0.25f, 1e-6f) << i;
 
     // Without room for a second region the caller gets only the first.
     ASSERT_EQ(b->Lock(95000, 3000, &p1, &b1, nullptr, nullptr, 0), DS_OK);
@@ -298,7 +264,6 @@ TEST(DSoundMixer, LockGivesTheSecondRegionOnAWrap)
     ASSERT_EQ(b->Unlock(p1, b1, nullptr, 0), DS_OK);
 
     // From the write cursor: 10 to 20 ms ahead of the play cursor while playing.
-    DWORD play = 0, write = 0;
     ASSERT_EQ(b->GetCurrentPosition(&play, &write), DS_OK);
     ASSERT_EQ(b->Lock(0, 100, &p1, &b1, &p2, &b2, DSBLOCK_FROMWRITECURSOR), DS_OK);
     EXPECT_EQ(p1, base + write);
@@ -318,7 +283,7 @@ TEST(DSoundMixer, LockGivesTheSecondRegionOnAWrap)
     b->Release();
 }
 
-TEST(DSoundMixer, EverySampleFormatConvertsToTheSameLevel)
+TEST(DSoundMixer, EverySampleFormatConvertsToTheSameLevelAndOthersAreRefused)
 {
     struct Case {
         const char* name;
@@ -341,23 +306,17 @@ TEST(DSoundMixer, EverySampleFormatConvertsToTheSameLevel)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         Offline off;
-        const DWORD frames = 480;
-        LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, c.wfx, frames * c.wfx.nBlockAlign);
+        LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, c.wfx, 480 * c.wfx.nBlockAlign);
         ASSERT_NE(b, nullptr);
         const int bits = c.wfx.wBitsPerSample;
-        const bool isFloat = c.wfx.wFormatTag == WAVE_FORMAT_IEEE_FLOAT;
         Fill(b, [&](BYTE* p, DWORD n) {
             for (DWORD at = 0; at < n;) {
                 for (double v : c.ch) {
-                    if (isFloat) {
-                        const float f = static_cast<float>(v);
-                        std::memcpy(p + at, &f, 4);
-                    } else if (bits == 8) {
-                        p[at] = static_cast<BYTE>(128 + std::lround(v * 128));
-                    } else {
-                        const int64_t s = std::llround(v * std::ldexp(1.0, bits - 1));
-                        for (int k = 0; k < bits / 8; ++k) p[at + k] = static_cast<BYTE>(s >> (8 * k));
-                    }
+                    const float f = static_cast<float>(v);
+                    const int64_t s = bits == 8 ? 128 + std::lround(v * 128) : std::llround(v * std::ldexp(1.0, bits - 1));
+                    for (int k = 0; k < bits / 8; ++k)
+                        p[at + k] = c.wfx.wFormatTag == WAVE_FORMAT_IEEE_FLOAT ? reinterpret_cast<const BYTE*>(&f)[k]
+                                                                               : static_cast<BYTE>(s >> (8 * k));
                     at += bits / 8;
                 }
             }
@@ -371,17 +330,10 @@ TEST(DSoundMixer, EverySampleFormatConvertsToTheSameLevel)
 
     // The extensible record names its sample type by GUID.
     Offline off;
-    WAVEFORMATEXTENSIBLE ext{};
-    ext.Format = Pcm(44100, 2, 32);
+    WAVEFORMATEXTENSIBLE ext{Pcm(44100, 2, 32), {32}, 3, {WAVE_FORMAT_IEEE_FLOAT, 0, 0x10, {0x80, 0, 0, 0xAA, 0, 0x38, 0x9B, 0x71}}};
     ext.Format.wFormatTag = WAVE_FORMAT_EXTENSIBLE;
     ext.Format.cbSize = 22;
-    ext.Samples.wValidBitsPerSample = 32;
-    ext.dwChannelMask = 3;
-    ext.SubFormat = {WAVE_FORMAT_IEEE_FLOAT, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
-    DSBUFFERDESC d{};
-    d.dwSize = sizeof d;
-    d.dwBufferBytes = 8 * 100;
-    d.lpwfxFormat = &ext.Format;
+    DSBUFFERDESC d = Desc(0, 8 * 100, &ext.Format);
     LPDIRECTSOUNDBUFFER b = nullptr;
     EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
     if (b != nullptr) b->Release();
@@ -390,17 +342,15 @@ TEST(DSoundMixer, EverySampleFormatConvertsToTheSameLevel)
     EXPECT_EQ(b, nullptr);
 
     // What the mixer cannot play is refused, and so are impossible sizes.
+    WAVEFORMATEX align = Pcm(22050, 2, 16), ok = Pcm(22050, 2, 16);
+    align.nBlockAlign = 2;
     WAVEFORMATEX bad[] = {Pcm(22050, 1, 12), Pcm(22050, 1, 16, 2), Pcm(22050, 1, 64, WAVE_FORMAT_IEEE_FLOAT),
-                          Pcm(22050, 0, 16), Pcm(99, 1, 16), Pcm(100001, 1, 16), Pcm(22050, 9, 16)};
+                          Pcm(22050, 0, 16), Pcm(99, 1, 16),       Pcm(100001, 1, 16),
+                          Pcm(22050, 9, 16), align};
     for (WAVEFORMATEX& f : bad) {
         d.lpwfxFormat = &f;
-        EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DSERR_BADFORMAT) << f.wBitsPerSample;
+        EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DSERR_BADFORMAT) << &f - bad;
     }
-    WAVEFORMATEX align = Pcm(22050, 2, 16);
-    align.nBlockAlign = 2;
-    d.lpwfxFormat = &align;
-    EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DSERR_BADFORMAT);
-    WAVEFORMATEX ok = Pcm(22050, 2, 16);
     d.lpwfxFormat = &ok;
     for (DWORD size : {0u, 2u, 1002u, DSBSIZE_MAX + 4}) {
         d.dwBufferBytes = size;

@@ -1,15 +1,12 @@
 // The wave input device under the manager: buffer sizes, the order buffers are handed
-// on and queued, the transport (stop, pause, restart, a stop from inside a recording
-// callback), a format change, and a long sine recorded without a gap.
+// on and queued, the transport (also from inside a recording callback), a format
+// change, and a sine recorded without a gap.
 #include <quavix/Quavix.h>
 
 #include "manager/QXDeviceFactory.h"
-#include "platform/QXFaults.h"
-#include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "unit/dsound/DSTestUtil.h"
 #include "unit/wavefile/WaveTestUtil.h"
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -21,14 +18,12 @@ using namespace wavetest;
 
 namespace {
 
-const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
-
 // Lets the tests see the device's buffers and counts; they read them only where the
 // device's thread is not changing them (a quiet device, or inside its own callback).
 class Probe : public CWaveIn {
 public:
-    // The input's thread ends before this class's part goes, as CWaveIn's own
-    // destructor does for it: no message may find the object half destroyed.
+    // The input's thread ends before this class's part goes: no message may find the
+    // object half destroyed.
     ~Probe() override
     {
         Close();
@@ -44,11 +39,21 @@ public:
     using CWaveIn::m_pHeaders;
 };
 
+// Frames each input lost to an overrun (a loaded machine), as reported so far.
+DWORD Overrun(int nDevice)
+{
+    DWORD n = 0;
+    for (const auto& [code, value, device] : ReportLog::Peek())
+        if (code == QXN_WAVEIN_OVERRUN && int(device) == nDevice) n += value;
+    return n;
+}
+
 struct Seen {
     const WAVEHDR* header;
-    DWORD bytes;
     int queued; // the device's prepared buffers while the callback runs
     int device;
+    DWORD lost; // the device's overrun frames reported before this buffer
+    std::vector<BYTE> data;
 };
 
 // What the recording callbacks saw, with a hook the test may set to act from inside.
@@ -56,7 +61,6 @@ struct Recorder {
     std::mutex mutex;
     std::condition_variable cv;
     std::vector<Seen> seen;
-    std::vector<std::vector<BYTE>> data;
     size_t perDevice[2] = {0, 0};
     Probe* probes[2] = {nullptr, nullptr};
     std::function<void(size_t)> inside; // called with the count so far, on the device's thread
@@ -66,15 +70,16 @@ struct Recorder {
         auto* self = reinterpret_cast<Recorder*>(dwUser);
         if (pEvent->m_nType != QX_EVENT_WAVEHEADER) return 1;
         const auto* h = reinterpret_cast<const WAVEHDR*>(pEvent->m_dwData);
-        Probe* p = self->probes[pEvent->m_nDevice];
+        const int nDevice = pEvent->m_nDevice;
+        Probe* p = self->probes[nDevice];
+        const auto* data = reinterpret_cast<const BYTE*>(h->lpData);
         size_t n;
         {
             std::lock_guard<std::mutex> lock(self->mutex);
-            self->seen.push_back({h, h->dwBytesRecorded, p != nullptr ? p->m_nQueuedBuffers : -1, pEvent->m_nDevice});
-            self->data.emplace_back(reinterpret_cast<const BYTE*>(h->lpData),
-                                    reinterpret_cast<const BYTE*>(h->lpData) + h->dwBytesRecorded);
+            self->seen.push_back({h, p != nullptr ? p->m_nQueuedBuffers : -1, nDevice, Overrun(nDevice),
+                                  std::vector<BYTE>(data, data + h->dwBytesRecorded)});
             n = self->seen.size();
-            ++self->perDevice[pEvent->m_nDevice & 1];
+            ++self->perDevice[nDevice & 1];
         }
         self->cv.notify_all();
         if (self->inside) self->inside(n);
@@ -93,20 +98,18 @@ struct Recorder {
         std::lock_guard<std::mutex> lock(mutex);
         return seen.size();
     }
-    // The 16-bit samples one input recorded, or all of them.
-    std::vector<int16_t> Samples(int nDevice = -1)
+    std::vector<Seen> Snapshot()
     {
         std::lock_guard<std::mutex> lock(mutex);
-        std::vector<int16_t> s;
-        for (size_t i = 0; i < seen.size(); ++i) {
-            if (nDevice >= 0 && seen[i].device != nDevice) continue;
-            const size_t at = s.size();
-            s.resize(at + data[i].size() / 2);
-            std::memcpy(s.data() + at, data[i].data(), data[i].size() / 2 * 2);
-        }
-        return s;
+        return seen;
     }
 };
+
+void Append(std::vector<int16_t>& samples, const Seen& buffer)
+{
+    const auto* p = reinterpret_cast<const int16_t*>(buffer.data.data());
+    samples.insert(samples.end(), p, p + buffer.data.size() / 2);
+}
 
 CQXDevice* MakeProbes(int nType, int nDir)
 {
@@ -115,28 +118,23 @@ CQXDevice* MakeProbes(int nType, int nDir)
     return nullptr;
 }
 
-// Frames each input lost to an overrun (a loaded machine): reported, so not a fault.
-DWORD Overrun(int nDevice)
-{
-    DWORD n = 0;
-    for (const auto& [code, value, device] : ReportLog::Peek())
-        if (code == QXN_WAVEIN_OVERRUN && int(device) == nDevice) n += value;
-    return n;
-}
-
 class WaveInDevice : public ScratchTest {
 protected:
     void SetUp() override
     {
         ScratchTest::SetUp();
-        unsetenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE");
-        qxplat::QXVirtualSetDevices(0, 0, 2, 0);
+        ASSERT_EQ(dstest::kVirtualBackendSet, 0);
+        Init(0);
+    }
+    void Init(int nWaveOut)
+    {
+        qxplat::QXVirtualSetDevices(0, 0, nWaveOut == 0 ? 2 : 1, nWaveOut);
         QXSetDeviceFactory(MakeProbes);
         q = CQuavix::InitQuavix();
         q->Initialize(QX_INIT_WAVE);
         q->SetNotificationCallback(ReportLog::Proc, 0);
         for (int n = 0; n < 2; ++n) rec.probes[n] = static_cast<Probe*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, n));
-        tag = q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&rec), 1);
+        q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&rec), 1);
         ReportLog::Take();
     }
     void TearDown() override
@@ -154,7 +152,6 @@ protected:
 
     CQuavix* q = nullptr;
     Recorder rec;
-    int tag = 0;
 };
 
 double Seconds(std::chrono::steady_clock::time_point since)
@@ -164,8 +161,9 @@ double Seconds(std::chrono::steady_clock::time_point since)
 
 } // namespace
 
-// Each buffer holds half a second of the format, whatever its block alignment; a device
-// without a format gets the default one (22,050 Hz, 16-bit mono) when it opens.
+// Each buffer holds half a second of the format, whatever its block alignment, and both
+// share one block; a device without a format gets the default one when it opens. A new
+// format on a recording input leaves it open and stopped; a null format leaves none.
 TEST_F(WaveInDevice, BuffersHoldHalfASecondOfTheFormat)
 {
     ASSERT_NE(In(0), nullptr);
@@ -173,11 +171,9 @@ TEST_F(WaveInDevice, BuffersHoldHalfASecondOfTheFormat)
     ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     const QX_DevFormat* f = In(0)->GetFormat();
     ASSERT_NE(f, nullptr);
-    EXPECT_EQ(f->nSamplesPerSec, 22050u);
-    EXPECT_EQ(f->nChannels, 1);
-    EXPECT_EQ(f->wBitsPerSample, 16);
+    EXPECT_EQ(std::tuple(f->nSamplesPerSec, f->nChannels, f->wBitsPerSample), std::tuple(22050u, 1, 16));
     EXPECT_EQ(In(0)->m_dwBufferLength, 22050u);
-    // Header 0, buffer 0, header 1 (at the next 8-byte boundary), buffer 1, in one block.
+    // Header 1 at the 8-byte boundary after buffer 0.
     EXPECT_EQ(In(0)->m_dwBlockSize, 2 * sizeof(WAVEHDR) + 22056u + 22050u);
     BYTE* block = In(0)->m_pBlock;
     EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[0]), block);
@@ -187,11 +183,9 @@ TEST_F(WaveInDevice, BuffersHoldHalfASecondOfTheFormat)
     EXPECT_EQ(In(0)->m_nQueuedBuffers, 1) << "opening queues buffer 0";
     EXPECT_EQ(In(0)->m_nNextBuffer, 1);
 
-    struct {
-        QX_DevFormat f;
-        DWORD length;
-    } cases[] = {{Pcm(44100, 2, 16), 88200}, {Pcm(22050, 1, 8), 11025}, {Pcm(11025, 1, 16), 11025}};
-    for (auto& c : cases) {
+    struct Case { QX_DevFormat f; DWORD length; };
+    for (Case c : {Case{Pcm(44100, 2, 16), 88200}, {Pcm(22050, 1, 8), 11025}, {Pcm(11025, 1, 16), 11025}}) {
+        SCOPED_TRACE(c.length);
         ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &c.f), 1);
         EXPECT_TRUE(State(0) & QX_STATE_OPEN) << "reopened with the new format";
         EXPECT_EQ(In(0)->m_dwBufferLength, c.length);
@@ -200,11 +194,20 @@ TEST_F(WaveInDevice, BuffersHoldHalfASecondOfTheFormat)
     }
     EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     EXPECT_EQ(In(0)->m_pBlock, nullptr);
+
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    QX_DevFormat f48 = Pcm(48000, 2, 16);
+    ASSERT_EQ(In(0)->SetFormat(&f48), 1);
+    EXPECT_EQ(State(0) & (QX_STATE_OPEN | QX_STATE_STARTED), QX_STATE_OPEN);
+    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    ASSERT_TRUE(rec.WaitFor(1));
+    EXPECT_EQ(rec.Snapshot()[0].data.size(), 96000u);
+    EXPECT_EQ(In(0)->SetFormat(nullptr), 0);
+    EXPECT_EQ(In(0)->GetFormat(), nullptr);
 }
 
-// Open, start, three filled buffers, stop: buffers 0, 1, 0 are handed on in that order,
-// each while the other is queued, every one full; the stop takes back both buffers at
-// once (the partly filled one is not handed on) and leaves nothing queued.
+// Buffers 0, 1, 0 are handed on in that order, each full while the other is queued; a
+// stop takes both back at once (the partly filled one is not handed on).
 TEST_F(WaveInDevice, BuffersAreHandedOnInTurnWhileTheOtherIsQueued)
 {
     ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
@@ -212,34 +215,25 @@ TEST_F(WaveInDevice, BuffersAreHandedOnInTurnWhileTheOtherIsQueued)
     ASSERT_TRUE(rec.WaitFor(3));
     const auto t0 = std::chrono::steady_clock::now();
     ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    EXPECT_LT(Seconds(t0), 2.5) << "the stop did not wait out its limit";
+    EXPECT_LT(Seconds(t0), 2.5) << "the stop waited out its limit";
     const size_t handed = rec.Count();
     EXPECT_LE(handed, 4u);
-    std::vector<Seen> seen;
-    {
-        std::lock_guard<std::mutex> lock(rec.mutex);
-        seen.assign(rec.seen.begin(), rec.seen.begin() + 3);
-    }
-    const WAVEHDR* const* h = In(0)->m_pHeaders;
-    EXPECT_EQ(seen[0].header, h[0]);
-    EXPECT_EQ(seen[1].header, h[1]);
-    EXPECT_EQ(seen[2].header, h[0]);
-    for (const Seen& s : seen) {
-        EXPECT_EQ(s.bytes, 22050u) << "handed on full";
-        EXPECT_EQ(s.queued, 2) << "the other buffer is queued while one is handed on";
-        EXPECT_EQ(s.device, 0);
+    const std::vector<Seen> seen = rec.Snapshot();
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(seen[i].header, In(0)->m_pHeaders[i % 2]) << i;
+        EXPECT_EQ(seen[i].data.size(), 22050u) << "handed on full";
+        EXPECT_EQ(seen[i].queued, 2) << "the other buffer is queued while one is handed on";
+        EXPECT_EQ(seen[i].device, 0);
     }
     EXPECT_EQ(In(0)->m_nQueuedBuffers, 0);
     EXPECT_FALSE(State(0) & QX_STATE_STOPPING);
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    std::this_thread::sleep_for(std::chrono::milliseconds(700)); // longer than a buffer lasts
     EXPECT_EQ(rec.Count(), handed) << "nothing after the stop";
-    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
 }
 
-// A wave input started again after a stop or a pause records again; a pause followed by
-// a close (a second stop with nothing queued) returns at once; a start while a stop is
-// still under way is refused without a report.
-TEST_F(WaveInDevice, StopPauseAndStartAgain)
+// An input records again after a stop or a pause; a close after a pause (nothing queued)
+// returns at once; a start while a stop is under way is refused.
+TEST_F(WaveInDevice, AStoppedOrPausedInputRecordsNothingUntilStartedAgain)
 {
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     ASSERT_TRUE(rec.WaitFor(1));
@@ -251,7 +245,7 @@ TEST_F(WaveInDevice, StopPauseAndStartAgain)
     EXPECT_TRUE(State(0) & QX_STATE_PAUSED);
     EXPECT_EQ(In(0)->m_nQueuedBuffers, 0) << "a pause is a stop";
     n = rec.Count();
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    std::this_thread::sleep_for(std::chrono::milliseconds(700)); // longer than a buffer lasts
     EXPECT_EQ(rec.Count(), n) << "a paused input records nothing";
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     ASSERT_TRUE(rec.WaitFor(n + 1)) << "and records again when started";
@@ -266,28 +260,8 @@ TEST_F(WaveInDevice, StopPauseAndStartAgain)
     EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
 }
 
-// A new format on a recording input leaves it open and stopped, with buffers of the new
-// size; a null format releases the old one and fails.
-TEST_F(WaveInDevice, FormatChangesReopenAndANullFormatLeavesNone)
-{
-    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    QX_DevFormat f = Pcm(48000, 2, 16);
-    ASSERT_EQ(In(0)->SetFormat(&f), 1);
-    EXPECT_EQ(State(0) & (QX_STATE_OPEN | QX_STATE_STARTED), QX_STATE_OPEN);
-    EXPECT_EQ(In(0)->m_dwBufferLength, 96000u);
-    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    ASSERT_TRUE(rec.WaitFor(1));
-    {
-        std::lock_guard<std::mutex> lock(rec.mutex);
-        EXPECT_EQ(rec.seen[0].bytes, 96000u);
-    }
-    EXPECT_EQ(In(0)->SetFormat(nullptr), 0);
-    EXPECT_EQ(In(0)->GetFormat(), nullptr);
-}
-
-// A recording callback that stops or closes its own input: no wait, and the buffer it
-// holds stays readable until it returns (AddressSanitizer watches). The input then opens
-// and records again, from the callback and from outside.
+// A recording callback that stops or closes its own input does not wait for itself, and
+// its buffer stays readable until it returns (AddressSanitizer watches).
 TEST_F(WaveInDevice, StopAndCloseFromTheRecordingCallback)
 {
     std::atomic<double> longest{0};
@@ -297,7 +271,6 @@ TEST_F(WaveInDevice, StopAndCloseFromTheRecordingCallback)
         if (n == 1) q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0);
         if (n == 3) q->CloseDevices();
         longest = std::max(longest.load(), Seconds(t0));
-        // The header is still ours to read: the block it lives in waits for us.
         long s = 0;
         std::lock_guard<std::mutex> lock(rec.mutex);
         const WAVEHDR* h = rec.seen[n - 1].header;
@@ -321,10 +294,8 @@ TEST_F(WaveInDevice, StopAndCloseFromTheRecordingCallback)
     EXPECT_TRUE(rec.WaitFor(4));
 }
 
-// A notification callback may stop or close the devices: a buffer that cannot be
-// queued again while recording is reported with no lock of the input held. A reaction
-// that does not come back within its bound is a deadlock, and ends the program rather
-// than hang it.
+// A buffer that cannot be queued again is reported with no lock of the input held: the
+// notification callback may stop or close the devices. A deadlock ends the program.
 TEST_F(WaveInDevice, ANotificationCallbackMayStopOrCloseTheDevices)
 {
     static std::atomic<int> reaction{0}; // 1 stop, 2 close; taken by the first report
@@ -359,9 +330,7 @@ TEST_F(WaveInDevice, ANotificationCallbackMayStopOrCloseTheDevices)
         ASSERT_TRUE(rec.WaitFor(rec.Count() + 1)) << what;
         reaction = c.reaction;
         QXFaultInject(c.call, MMSYSERR_NOMEM);
-        const auto t0 = std::chrono::steady_clock::now();
-        while (!reacted && Seconds(t0) < 20) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        if (!reacted) {
+        if (!Eventually([] { return reacted.load(); })) {
             std::fprintf(stderr, "%s: the reaction to the report did not return (deadlock)\n", what.c_str());
             std::_Exit(1);
         }
@@ -377,49 +346,58 @@ TEST_F(WaveInDevice, ANotificationCallbackMayStopOrCloseTheDevices)
 TEST_F(WaveInDevice, AnInputHeldUpTooLongReportsTheLoss)
 {
     rec.inside = [](size_t n) {
-        if (n == 1) std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+        if (n == 1) std::this_thread::sleep_for(std::chrono::milliseconds(2500)); // past a buffer and the ring
     };
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     ASSERT_TRUE(rec.WaitFor(3, 20));
+    // Told once the input runs again, ahead of the buffers after the loss or with them.
+    EXPECT_TRUE(Eventually([] { return Overrun(0) > 0; }));
     ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    EXPECT_GT(Overrun(0), 0u);
     EXPECT_EQ(Overrun(1), 0u);
 }
 
-// A continuous 1 kHz sine recorded for 60 s by two inputs at once, one at the source's
-// own rate (every sample exact) and one converted to 22,050 Hz: not one sample is
-// missing or repeated, across every buffer boundary, though once a recording callback
-// holds both inputs' threads up for longer than a buffer lasts. Only an input that
-// reported an overrun may have lost samples.
-TEST_F(WaveInDevice, ALongSineIsRecordedWithoutAGap)
+// A continuous 1 kHz sine recorded by two inputs at once, one at the source's own rate
+// (every sample exact) and one converted to 22,050 Hz: not one sample is missing or
+// repeated across the buffer boundaries, though a recording callback holds both inputs'
+// threads up for longer than a buffer lasts. Samples are judged only up to the buffer
+// before the first overrun an input reported (a loaded machine loses samples, and says so).
+TEST_F(WaveInDevice, ASineIsRecordedWithoutAGapAcrossAHeldUpCallback)
 {
     setenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE", "sine:1000", 1);
-    const DWORD srcRate = 48000;
-    QX_DevFormat exact = Pcm(srcRate, 1, 16), converted = Pcm(22050, 1, 16);
-    ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &exact), 1);
-    ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 1, &converted), 1);
+    const DWORD rates[2] = {48000, 22050};
+    for (int dev = 0; dev < 2; ++dev) {
+        QX_DevFormat f = Pcm(rates[dev], 1, 16);
+        ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, dev, &f), 1);
+    }
     rec.inside = [](size_t n) {
-        if (n == 20) std::this_thread::sleep_for(std::chrono::milliseconds(900));
+        if (n == 7) std::this_thread::sleep_for(std::chrono::milliseconds(900));
     };
     ASSERT_EQ(q->OpenDevices(), 1);
     ASSERT_EQ(q->StartDevices(), 1);
-    const int kSeconds = 60;
-    const bool whole = rec.WaitFor(2 * kSeconds, kSeconds + 60, true);
+    ASSERT_TRUE(rec.WaitFor(10, 60, true));
     ASSERT_EQ(q->StopDevices(), 1);
-    const DWORD lost[2] = {Overrun(0), Overrun(1)};
+    const std::vector<Seen> seen = rec.Snapshot();
     for (int dev = 0; dev < 2; ++dev) {
-        const double rate = dev == 0 ? srcRate : 22050.0;
-        const std::vector<int16_t> s = rec.Samples(dev);
-        if (lost[dev] > 0 && !whole) {
-            std::printf("note: input %d overran, %u frames lost (machine load): not judged\n", dev, lost[dev]);
-            continue;
+        SCOPED_TRACE("input " + std::to_string(dev));
+        const double rate = rates[dev];
+        std::vector<int16_t> s;
+        size_t buffers = 0, total = 0;
+        for (const Seen& b : seen) {
+            total += b.device == dev;
+            if (b.device == dev && b.lost == 0 && buffers + 1 == total) {
+                Append(s, b);
+                ++buffers;
+            }
         }
-        ASSERT_GE(s.size(), static_cast<size_t>(rate * kSeconds)) << "input " << dev;
-        // The phase of the first samples (past the converter's start), then every sample
-        // against the sine that phase continues.
-        const size_t skip = 2048;
-        // One second: a whole number of cycles at either rate, so the fit is exact.
-        const size_t fit = static_cast<size_t>(rate);
+        // The phase of half a second (whole cycles at either rate) past the converter's
+        // start, then every sample against the sine that phase continues.
+        const size_t skip = 2048, fit = static_cast<size_t>(rate / 2);
+        if (buffers < total) { // the buffer before an overrun report may miss samples too
+            s.resize(buffers > 1 ? s.size() - fit : 0);
+            std::printf("note: input %d overran (machine load): %zu of %zu buffers judged\n", dev,
+                        buffers > 1 ? buffers - 1 : 0, total);
+            if (s.size() < skip + fit) continue;
+        }
         double c = 0, q2 = 0;
         for (size_t i = skip; i < skip + fit; ++i) {
             const double w = 2 * std::numbers::pi * 1000.0 * static_cast<double>(i) / rate;
@@ -427,36 +405,23 @@ TEST_F(WaveInDevice, ALongSineIsRecordedWithoutAGap)
             q2 += s[i] * std::sin(w);
         }
         const double phase = std::atan2(c, q2), amp = 2 * std::hypot(c, q2) / static_cast<double>(fit) / 32768.0;
-        EXPECT_NEAR(amp, 0.5, 0.01) << "input " << dev;
+        EXPECT_NEAR(amp, 0.5, 0.01);
         const double tol = dev == 0 ? 3.0 / 32768 : 0.01; // rounding; the converter's own error
         size_t bad = 0, firstBad = 0;
         for (size_t i = skip; i < s.size(); ++i) {
             const double want = amp * std::sin(2 * std::numbers::pi * 1000.0 * static_cast<double>(i) / rate + phase);
             if (std::abs(s[i] / 32768.0 - want) > tol && bad++ == 0) firstBad = i;
         }
-        if (lost[dev] > 0) {
-            std::printf("note: input %d overran, %u frames lost (machine load): %zu samples off\n", dev, lost[dev],
-                        bad);
-            continue;
-        }
-        EXPECT_EQ(bad, 0u) << "input " << dev << ": first off at sample " << firstBad << " (buffer "
-                           << firstBad / static_cast<size_t>(rate / 2) << ")";
+        EXPECT_EQ(bad, 0u) << "first off at sample " << firstBad << " (buffer " << firstBad / size_t(rate / 2) << ")";
     }
 }
 
-// Recording while playing on the same virtual pair: the file PlayWaveFile plays on
-// output 0 is found whole in what input 0 records from it.
+// The file PlayWaveFile plays on output 0 is found whole in what input 0 records of it.
 TEST_F(WaveInDevice, APlayedFileIsFoundInTheLoopbackRecording)
 {
     CQuavix::ExitQuavix();
     setenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE", "loopback", 1);
-    qxplat::QXVirtualSetDevices(0, 0, 1, 1);
-    q = CQuavix::InitQuavix();
-    q->Initialize(QX_INIT_WAVE);
-    q->SetNotificationCallback(ReportLog::Proc, 0);
-    rec.probes[0] = static_cast<Probe*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0));
-    rec.probes[1] = nullptr;
-    tag = q->StartRecording(Recorder::Proc, reinterpret_cast<DWORD_PTR>(&rec), 1);
+    Init(1);
 
     // A second of a sweep at the outputs' rate.
     std::vector<int16_t> sweep(48000);
@@ -476,7 +441,8 @@ TEST_F(WaveInDevice, APlayedFileIsFoundInTheLoopbackRecording)
     ASSERT_TRUE(rec.WaitFor(4));
     const uint64_t dry = qxplat::VirtualAudioUnderrunFramesAll() - dryBefore;
     q->StopDevices();
-    const std::vector<int16_t> take = rec.Samples();
+    std::vector<int16_t> take;
+    for (const Seen& b : rec.Snapshot()) Append(take, b);
     size_t onset = 0;
     while (onset < take.size() && std::abs(take[onset]) < 1000) ++onset;
     ASSERT_LT(onset + sweep.size(), take.size()) << "the sweep was not heard whole";
@@ -490,9 +456,7 @@ TEST_F(WaveInDevice, APlayedFileIsFoundInTheLoopbackRecording)
         }
         best = std::max(best, xy / std::sqrt(xx * yy));
     }
-    // Silence the output played because it ran dry (a loaded machine held its mixer up)
-    // is in the recording too, and shifts what follows; the frame-exact loopback test
-    // tells that apart.
+    // Silence the output played when it ran dry (a loaded machine) shifts what follows.
     if (best <= 0.999 && dry > 0) {
         std::printf("note: the output ran dry for %llu frames (machine load): correlation %.4f not judged\n",
                     static_cast<unsigned long long>(dry), best);

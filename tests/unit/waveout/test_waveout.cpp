@@ -1,64 +1,29 @@
 // The DirectSound driver registry, the wave output device and the manager's share of
 // them, on the virtual backend's real-time outputs.
-#include <quavix/Quavix.h>
+#include "WaveOutHarness.h"
 
 #include "platform/QXFaults.h"
-#include "platform/QXPlatform.h"
-#include "platform/backends/virtual/QXVirtual.h"
-#include "platform/dsound/QXDSound.h"
 
-#include "unit/dsound/DSTestUtil.h"
-#include "unit/wavefile/WaveTestUtil.h"
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstdlib>
-#include <string>
-#include <thread>
-
-using namespace wavetest;
+using namespace wotest;
 
 namespace {
 
-const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
-
-bool Reported(DWORD code, HRESULT hr, DWORD_PTR device)
-{
-    return ReportLog::Has({code, static_cast<DWORD>(hr), device});
-}
-
-// A manager made for wave devices with nWaveOut virtual outputs, torn down after.
-class WaveOutTest : public ScratchTest {
+class WaveOutTest : public ManagerTest {
 protected:
-    void Make(int nWaveOut, DWORD dwFlags = QX_INIT_WAVE)
+    void Make(int nWaveOut, DWORD dwFlags = QX_INIT_WAVE) { Init(nWaveOut, dwFlags, false); }
+    DWORD PrimaryRate(int n)
     {
-        (void)kVirtual;
-        qxplat::QXVirtualSetDevices(1, 1, 1, nWaveOut);
-        ReportLog::Take();
-        q = CQuavix::InitQuavix();
-        q->SetNotificationCallback(ReportLog::Proc, 0);
-        q->Initialize(dwFlags);
+        WAVEFORMATEX f{};
+        CQuavix::s_DSDevices.at(static_cast<size_t>(n))->pPrimaryBuffer->GetFormat(&f, sizeof f, nullptr);
+        return f.nSamplesPerSec;
     }
-    void TearDown() override
+    bool PrimaryPlaying(int n)
     {
-        CQuavix::ExitQuavix();
-        qxplat::QXVirtualSetDevices(1, 1, 1, 1);
-        EXPECT_EQ(CWaveOut::DSNumDrivers(), 0);
-        EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
-        ScratchTest::TearDown();
+        DWORD status = 0;
+        CQuavix::s_DSDevices.at(static_cast<size_t>(n))->pPrimaryBuffer->GetStatus(&status);
+        return status & DSBSTATUS_PLAYING;
     }
-    CWaveOut* Out(int n) { return dynamic_cast<CWaveOut*>(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, n)); }
-
-    CQuavix* q = nullptr;
 };
-
-WAVEFORMATEX PrimaryFormat(int n)
-{
-    WAVEFORMATEX f{};
-    CQuavix::s_DSDevices.at(static_cast<size_t>(n))->pPrimaryBuffer->GetFormat(&f, sizeof f, nullptr);
-    return f;
-}
 
 } // namespace
 
@@ -165,21 +130,10 @@ TEST_F(WaveOutTest, WithoutAMainWindowTheDriversStayUnmadeUntilTheRegistryIsEmpt
 
 TEST(WaveOutTracks, RecommendedTrackCountFollowsTheMachine)
 {
-    // This machine: an NT-family answer on AMD64 or ARM64, not an Intel row.
-    SYSTEM_INFO real{};
-    GetSystemInfo(&real);
-    if (real.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_AMD64 ||
-        real.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_ARM64) {
-        EXPECT_EQ(CWaveOut::GetRecommendedTrackCount(), 16);
-    }
-
-    struct Row { DWORD platform; WORD arch; WORD level; DWORD type; int expected; };
-    const Row rows[] = {
-        {2, 0, 3, 0, 2},    {2, 0, 4, 0, 4},  {2, 0, 5, 0, 8},   {2, 0, 6, 0, 12}, {2, 3, 0, 0, 12},
-        {2, 2, 0, 0, 16},   {2, 9, 6, 0, 16}, {1, 0, 5, 386, 2}, {1, 9, 0, 486, 4}, {1, 0, 0, 586, 8},
-        {1, 0, 0, 8664, 12},
-    };
-    for (const Row& r : rows) {
+    struct Row { DWORD platform; WORD arch, level; DWORD type; int expected; };
+    for (const Row& r : {Row{2, 0, 3, 0, 2}, {2, 0, 4, 0, 4}, {2, 0, 5, 0, 8}, {2, 0, 6, 0, 12}, {2, 3, 0, 0, 12},
+                         {2, 2, 0, 0, 16}, {2, 9, 6, 0, 16}, {1, 0, 5, 386, 2}, {1, 9, 0, 486, 4}, {1, 0, 0, 586, 8},
+                         {1, 0, 0, 8664, 12}}) {
         OSVERSIONINFOA v{};
         v.dwPlatformId = r.platform;
         SYSTEM_INFO s{};
@@ -191,9 +145,10 @@ TEST(WaveOutTracks, RecommendedTrackCountFollowsTheMachine)
             << "platform " << r.platform << " arch " << r.arch << " level " << r.level << " type " << r.type;
     }
     QXSetSystemInfoOverride(nullptr, nullptr);
+    EXPECT_EQ(CWaveOut::GetRecommendedTrackCount(), 16) << "this machine: 64-bit NT family";
 }
 
-TEST_F(WaveOutTest, PerformancesAndTracksAreMadeOnDemandAndDeletedByNumber)
+TEST_F(WaveOutTest, PerformancesAndTracksAreMadeOnceOnDemandAndDeletedByNumber)
 {
     Make(1);
     CWaveOut* out = Out(0);
@@ -210,16 +165,13 @@ TEST_F(WaveOutTest, PerformancesAndTracksAreMadeOnDemandAndDeletedByNumber)
     ASSERT_NE(p7, nullptr);
     EXPECT_EQ(out->GetPerformance(7), p7);
     DSTrack* t1 = out->GetTrack(p7, 1);
-    DSTrack* t2 = out->GetTrack(p7, 2);
     ASSERT_NE(t1, nullptr);
     EXPECT_EQ(out->GetTrack(p7, 1), t1);
-    EXPECT_EQ(t2->nTrack, 2);
-    EXPECT_EQ(t2->pWavePlay, nullptr);
-    EXPECT_EQ(t2->lVolume, 0);
+    DSTrack* t2 = out->GetTrack(p7, 2);
+    EXPECT_EQ(std::tuple(t2->nTrack, t2->pWavePlay, t2->lVolume), std::tuple(2, nullptr, 0));
     out->DeleteTrack(p7, 2, 1);
     EXPECT_EQ(p7->tracks.GetCount(), 1);
-    DSTrack* t2again = out->GetTrack(p7, 2);
-    EXPECT_EQ(t2again->nTrack, 2);
+    EXPECT_EQ(out->GetTrack(p7, 2)->nTrack, 2);
     EXPECT_EQ(p7->tracks.GetCount(), 2);
 
     out->GetPerformance(8);
@@ -231,12 +183,10 @@ TEST_F(WaveOutTest, PerformancesAndTracksAreMadeOnDemandAndDeletedByNumber)
     q->StopPerformance(8);
     EXPECT_EQ(out->IsActive(), 0);
 
-    out->GetPerformance(1);
-    out->GetPerformance(2);
-    out->GetPerformance(3);
+    for (int n : {1, 2, 3}) out->GetPerformance(n);
     ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     ASSERT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    EXPECT_EQ(out->IsActive(), 0);
+    EXPECT_EQ(out->IsActive(), 0) << "a close deletes them all";
 }
 
 TEST_F(WaveOutTest, PrimaryBufferFollowsTheFormatAndTheTransport)
@@ -244,20 +194,18 @@ TEST_F(WaveOutTest, PrimaryBufferFollowsTheFormatAndTheTransport)
     Make(2);
     CWaveOut* out = Out(0);
     ASSERT_NE(out, nullptr);
-    QX_DevFormat f{};
-    CQXDevice::FillFormat(reinterpret_cast<WAVEFORMATEX*>(&f), 13);
+    QX_DevFormat f = StdFormat(13);
     EXPECT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0, &f), 1);
     EXPECT_EQ(out->SetFormat(nullptr), 0); // the format goes; open uses the default
     EXPECT_EQ(out->GetFormat(), nullptr);
     ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    WAVEFORMATEX pf = PrimaryFormat(0);
-    EXPECT_EQ(pf.nSamplesPerSec, 22050u);
-    EXPECT_EQ(pf.wBitsPerSample, 16);
-    EXPECT_EQ(pf.nChannels, 2);
+    WAVEFORMATEX pf{};
+    CQuavix::s_DSDevices[0]->pPrimaryBuffer->GetFormat(&pf, sizeof pf, nullptr);
+    EXPECT_EQ(std::tuple(pf.nSamplesPerSec, pf.wBitsPerSample, pf.nChannels), std::tuple(22050u, 16, 2));
 
     // An open output passes a new format on; a refused one is reported and kept.
     EXPECT_EQ(out->SetFormat(&f), 1);
-    EXPECT_EQ(PrimaryFormat(0).nSamplesPerSec, 44100u);
+    EXPECT_EQ(PrimaryRate(0), 44100u);
     QXFaultInject("IDirectSoundBuffer::SetFormat", static_cast<DWORD>(DSERR_BADFORMAT));
     EXPECT_EQ(out->SetFormat(&f), 0);
     EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, DSERR_BADFORMAT, 0));
@@ -275,13 +223,10 @@ TEST_F(WaveOutTest, PrimaryBufferFollowsTheFormatAndTheTransport)
     EXPECT_EQ(events.GetCount(), 1);
     delete events.RemoveHead();
 
-    DWORD status = 0;
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    CQuavix::s_DSDevices[0]->pPrimaryBuffer->GetStatus(&status);
-    EXPECT_NE(status & DSBSTATUS_PLAYING, 0u);
+    EXPECT_TRUE(PrimaryPlaying(0));
     ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    CQuavix::s_DSDevices[0]->pPrimaryBuffer->GetStatus(&status);
-    EXPECT_EQ(status & DSBSTATUS_PLAYING, 0u);
+    EXPECT_FALSE(PrimaryPlaying(0));
 }
 
 TEST_F(WaveOutTest, TransportFailuresAreReportedWithTheOutputsNumber)
@@ -313,25 +258,27 @@ TEST_F(WaveOutTest, APausedOutputHoldsItsMixAndGoesOnWhereItWas)
     Make(1);
     ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    IDirectSound* ds = CWaveOut::DSGetDevice(0);
-    ASSERT_NE(ds, nullptr);
-    IDirectSoundBuffer* b = dstest::MakeBuffer(ds, dstest::Pcm(22050, 2, 16), 88200, DSBCAPS_GETCURRENTPOSITION2);
+    IDirectSoundBuffer* b = dstest::MakeBuffer(CWaveOut::DSGetDevice(0), dstest::Pcm(22050, 2, 16), 88200,
+                                               DSBCAPS_GETCURRENTPOSITION2);
     ASSERT_NE(b, nullptr);
     ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
     auto cursor = [&] {
-        DWORD play = 0, write = 0;
-        b->GetCurrentPosition(&play, &write);
+        DWORD play = 0;
+        b->GetCurrentPosition(&play, nullptr);
         return play;
     };
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(Eventually([&] { return cursor() != 0; }));
     ASSERT_EQ(q->PauseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30)); // the block in flight
-    const DWORD held = cursor();
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    DWORD held = 0;
+    ASSERT_TRUE(Eventually([&] { // once the block in flight is done
+        held = cursor();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return cursor() == held;
+    }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(cursor(), held);
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     EXPECT_TRUE(Eventually([&] { return cursor() != held; }));
-    b->Stop();
     b->Release();
 }
 
@@ -381,9 +328,7 @@ TEST_F(WaveOutTest, APerformancesWaveEventPlaysOnItsTrackAndLeavesWithThePerform
     ASSERT_EQ(q->SetWaveParams(&change), 1);
     QX_DSParams now{};
     ASSERT_EQ(out->GetTrackParameters(nTag, 1, &now), 1);
-    EXPECT_EQ(now.lVolume, -600);
-    EXPECT_EQ(now.lPan, 2500);
-    EXPECT_EQ(now.lFrequency, 0);
+    EXPECT_EQ(std::tuple(now.lVolume, now.lPan, now.lFrequency), std::tuple(-600, 2500, 0));
     EXPECT_EQ(out->GetTrackParameters(nTag, 2, &now), 0);
     // The performance ends: its records and players leave the output.
     script.endAt = script.calls + 1;
