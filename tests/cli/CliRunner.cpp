@@ -6,6 +6,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
@@ -34,6 +36,13 @@ const std::string& TempDir()
     return dir;
 }
 
+uint32_t Le(const Bytes& b, size_t at, int n)
+{
+    uint32_t v = 0;
+    for (int i = n - 1; i >= 0; --i) v = v << 8 | b[at + static_cast<size_t>(i)];
+    return v;
+}
+
 } // namespace
 
 std::vector<std::string> CliResult::ErrLines() const
@@ -50,8 +59,8 @@ std::string TempPath(const std::string& name)
     return TempDir() + "/" + std::to_string(getpid()) + "-" + std::to_string(++n) + "-" + name;
 }
 
-CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::string>& env, int interruptAfterMs,
-                 int signal, long fileSizeLimit)
+CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::string>& env,
+                 const Interrupt& interrupt, long fileSizeLimit)
 {
     const std::string outPath = TempPath("stdout"), errPath = TempPath("stderr");
     std::vector<std::string> argv{QUAVIX_CLI_PATH};
@@ -83,18 +92,20 @@ CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::st
     }
     CliResult r;
     if (pid < 0) return r;
-    if (interruptAfterMs > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(interruptAfterMs));
-        kill(pid, signal);
-    }
-    // A generous bound only so that a stuck child cannot hang the suite.
+    // Generous limits only keep a stuck child from hanging the suite.
     int wstatus = 0;
-    for (int i = 0; i < 6000; ++i) {
-        const pid_t done = waitpid(pid, &wstatus, WNOHANG);
-        if (done == pid) break;
-        if (i == 5999) {
+    const auto start = std::chrono::steady_clock::now();
+    bool bSignalled = interrupt.ms == 0 && !interrupt.when;
+    while (waitpid(pid, &wstatus, WNOHANG) != pid) {
+        const auto waited = std::chrono::steady_clock::now() - start;
+        if (!bSignalled && (interrupt.when ? interrupt.when() : waited >= std::chrono::milliseconds(interrupt.ms))) {
+            kill(pid, interrupt.signal);
+            bSignalled = true;
+        }
+        if (waited > std::chrono::seconds(60)) {
             kill(pid, SIGKILL);
             waitpid(pid, &wstatus, 0);
+            break;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -104,6 +115,14 @@ CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::st
     std::remove(outPath.c_str());
     std::remove(errPath.c_str());
     return r;
+}
+
+std::string WriteSong(const qxsmf::File& f, const std::string& name)
+{
+    const std::string path = TempPath(name);
+    std::string error;
+    EXPECT_TRUE(qxsmf::Write(path, f, error)) << error;
+    return path;
 }
 
 std::vector<qxsmf::Message> MessagesOf(const qxsmf::File& file, double scale)
@@ -122,15 +141,76 @@ std::vector<qxsmf::Message> MessagesOf(const std::string& path)
     return MessagesOf(file);
 }
 
-bool WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes)
+bool WriteBytes(const std::string& path, const Bytes& bytes)
 {
     std::ofstream f(path, std::ios::binary);
     f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     return static_cast<bool>(f);
 }
 
-std::vector<uint8_t> ReadBytes(const std::string& path)
+Bytes ReadBytes(const std::string& path)
 {
     const std::string s = Slurp(path);
     return {s.begin(), s.end()};
+}
+
+std::vector<std::string> DirEntries(const std::string& dir)
+{
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (const dirent* e = readdir(d))
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+        closedir(d);
+    }
+    return names;
+}
+
+std::string WriteTone(const std::string& name, double hz, double seconds, double amplitude, unsigned rate)
+{
+    const std::string path = TempPath(name);
+    EXPECT_TRUE(analysis::WriteWav(path, rate, 1, analysis::Sine(rate, 1, hz, amplitude, seconds)));
+    return path;
+}
+
+// Walks the chunks: the library's fmt chunk is 18 bytes, so data need not begin at 44.
+// The samples run to the end of the file, past what the header says.
+Wav ReadWav(const std::string& path)
+{
+    const Bytes b = ReadBytes(path);
+    Wav w;
+    EXPECT_GE(b.size(), 44u) << path;
+    if (b.size() < 44 || std::memcmp(b.data(), "RIFF", 4) != 0 || std::memcmp(b.data() + 8, "WAVE", 4) != 0) {
+        ADD_FAILURE() << path << " is no RIFF WAVE file";
+        return w;
+    }
+    w.riffLength = Le(b, 4, 4);
+    for (size_t at = 12; at + 8 <= b.size();) {
+        const uint32_t len = Le(b, at + 4, 4);
+        if (std::memcmp(b.data() + at, "fmt ", 4) == 0 && at + 24 <= b.size()) {
+            w.channels = Le(b, at + 10, 2);
+            w.rate = Le(b, at + 12, 4);
+            w.bits = Le(b, at + 22, 2);
+        } else if (std::memcmp(b.data() + at, "data", 4) == 0) {
+            w.dataLength = len;
+            w.dataOffset = at + 8;
+            for (size_t i = at + 8; w.bits == 16 && i + 1 < b.size(); i += 2)
+                w.x.push_back(static_cast<int16_t>(Le(b, i, 2)) / 32768.0f);
+            return w;
+        }
+        at += 8 + len + (len & 1);
+    }
+    ADD_FAILURE() << "no data chunk in " << path;
+    return w;
+}
+
+double Wav::Level(unsigned channel, double hz, double fromMs, double toMs) const
+{
+    const auto a = static_cast<size_t>(fromMs * rate / 1000), b = static_cast<size_t>(toMs * rate / 1000);
+    const double w = 2 * analysis::kPi * hz / rate;
+    double re = 0, im = 0;
+    for (size_t i = a; i < b && (i + 1) * channels <= x.size(); ++i) {
+        re += x[i * channels + channel] * std::cos(w * double(i));
+        im += x[i * channels + channel] * std::sin(w * double(i));
+    }
+    return 2 * std::hypot(re, im) / double(b - a);
 }

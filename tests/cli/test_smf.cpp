@@ -13,7 +13,6 @@ using qxsmf::Kind;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 
 Bytes Header(int format, int tracks, uint16_t division)
 {
