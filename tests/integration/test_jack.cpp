@@ -3,7 +3,7 @@
 #include <quavix/Quavix.h>
 
 #include "harness.h"
-#include "jack_clients.h"
+#include "devices.h"
 #include "platform/backends/QXBackend.h"
 
 #include <gtest/gtest.h>
@@ -145,7 +145,7 @@ TEST_F(JackTest, PerformanceReachesJackMidiDumpInOrderAtItsFrames)
 {
     const harness::TempFile file("dump.txt");
     Child dump({"jack_midi_dump", "-a", "qxdump"}, file);
-    jackclients::Probe watch;
+    dev::Probe watch;
     ASSERT_TRUE(watch.WaitExists("qxdump:input"));
     CQuavix* q = Manager();
     Score score;
@@ -199,7 +199,7 @@ TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacingAndPassedOnceByThru
     Watch watch;
     ASSERT_NE(watch.Client(), nullptr);
     Child seq({"jack_midiseq", "qxseq", "24000", "0", "60", "8000", "12000", "63", "8000"});
-    ASSERT_TRUE(jackclients::Probe().WaitExists("qxseq:out"));
+    ASSERT_TRUE(dev::Probe().WaitExists("qxseq:out"));
     ASSERT_TRUE(watch.Connect("qxseq:out", 0));
     CQuavix* q = Manager();
     const int in = FindDevice(q, QX_DEVDIR_IN, "qxseq:out"), out = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:thru");

@@ -5,7 +5,7 @@
 
 #include "analysis.h"
 #include "harness.h"
-#include "jack_clients.h"
+#include "devices.h"
 
 #include <gtest/gtest.h>
 
@@ -47,7 +47,7 @@ std::vector<int16_t> PlayAndRecord(const std::string& file, double seconds)
     const int tag = q->StartRecording(Take::Proc, reinterpret_cast<DWORD_PTR>(&take), 1);
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    const jackclients::Probe probe;
+    const dev::Probe probe;
     for (const char* side : {"1", "2"})
         EXPECT_TRUE(probe.ConnectOnly(probe.Find(std::string("^quavix[^:]*:out_") + side + "$", JackPortIsOutput),
                                       probe.Find(std::string("^quavix[^:]*:in_") + side + "$", JackPortIsInput)));
