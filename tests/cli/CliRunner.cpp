@@ -36,13 +36,6 @@ const std::string& TempDir()
     return dir;
 }
 
-uint32_t Le(const Bytes& b, size_t at, int n)
-{
-    uint32_t v = 0;
-    for (int i = n - 1; i >= 0; --i) v = v << 8 | b[at + static_cast<size_t>(i)];
-    return v;
-}
-
 } // namespace
 
 std::vector<std::string> CliResult::ErrLines() const
@@ -172,45 +165,21 @@ std::string WriteTone(const std::string& name, double hz, double seconds, double
     return path;
 }
 
-// Walks the chunks: the library's fmt chunk is 18 bytes, so data need not begin at 44.
-// The samples run to the end of the file, past what the header says.
 Wav ReadWav(const std::string& path)
 {
-    const Bytes b = ReadBytes(path);
-    Wav w;
-    EXPECT_GE(b.size(), 44u) << path;
-    if (b.size() < 44 || std::memcmp(b.data(), "RIFF", 4) != 0 || std::memcmp(b.data() + 8, "WAVE", 4) != 0) {
-        ADD_FAILURE() << path << " is no RIFF WAVE file";
-        return w;
-    }
-    w.riffLength = Le(b, 4, 4);
-    for (size_t at = 12; at + 8 <= b.size();) {
-        const uint32_t len = Le(b, at + 4, 4);
-        if (std::memcmp(b.data() + at, "fmt ", 4) == 0 && at + 24 <= b.size()) {
-            w.channels = Le(b, at + 10, 2);
-            w.rate = Le(b, at + 12, 4);
-            w.bits = Le(b, at + 22, 2);
-        } else if (std::memcmp(b.data() + at, "data", 4) == 0) {
-            w.dataLength = len;
-            w.dataOffset = at + 8;
-            for (size_t i = at + 8; w.bits == 16 && i + 1 < b.size(); i += 2)
-                w.x.push_back(static_cast<int16_t>(Le(b, i, 2)) / 32768.0f);
-            return w;
-        }
-        at += 8 + len + (len & 1);
-    }
-    ADD_FAILURE() << "no data chunk in " << path;
+    Wav w = analysis::ReadWav(path);
+    EXPECT_NE(w.dataOffset, 0u) << path << " is no RIFF WAVE file with data";
     return w;
 }
 
-double Wav::Level(unsigned channel, double hz, double fromMs, double toMs) const
+double Level(const Wav& w, unsigned channel, double hz, double fromMs, double toMs)
 {
-    const auto a = static_cast<size_t>(fromMs * rate / 1000), b = static_cast<size_t>(toMs * rate / 1000);
-    const double w = 2 * analysis::kPi * hz / rate;
+    const auto a = static_cast<size_t>(fromMs * w.rate / 1000), b = static_cast<size_t>(toMs * w.rate / 1000);
+    const double step = 2 * analysis::kPi * hz / w.rate;
     double re = 0, im = 0;
-    for (size_t i = a; i < b && (i + 1) * channels <= x.size(); ++i) {
-        re += x[i * channels + channel] * std::cos(w * double(i));
-        im += x[i * channels + channel] * std::sin(w * double(i));
+    for (size_t i = a; i < b && (i + 1) * w.channels <= w.x.size(); ++i) {
+        re += w.x[i * w.channels + channel] * std::cos(step * double(i));
+        im += w.x[i * w.channels + channel] * std::sin(step * double(i));
     }
     return 2 * std::hypot(re, im) / double(b - a);
 }

@@ -51,16 +51,10 @@ std::vector<std::string> DirEntries(const std::string& dir);
 // A mono sine as a 16-bit WAV file (amplitude 1.0 is full scale).
 std::string WriteTone(const std::string& name, double hz, double seconds, double amplitude, unsigned rate = 48000);
 
-// A PCM WAV file as the tests look at it: its lengths, and 16-bit samples as floats.
-struct Wav {
-    unsigned rate = 0, channels = 0, bits = 0;
-    uint32_t riffLength = 0, dataLength = 0;
-    size_t dataOffset = 0;
-    std::vector<float> x; // interleaved
-    double Seconds() const { return channels != 0 ? double(x.size()) / channels / rate : 0; }
-    // A tone's amplitude on one channel over [fromMs, toMs).
-    double Level(unsigned channel, double hz, double fromMs, double toMs) const;
-};
+using analysis::Wav;
+// A WAV file the test expects to be there.
 Wav ReadWav(const std::string& path);
+// A tone's amplitude on one channel over [fromMs, toMs).
+double Level(const Wav& w, unsigned channel, double hz, double fromMs, double toMs);
 
 #endif // QUAVIX_TESTS_CLI_CLIRUNNER_H

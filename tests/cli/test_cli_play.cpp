@@ -18,9 +18,9 @@ double Db(double ratio)
 // Where the tone first reaches half the level it has at steadyMs (10 ms windows).
 double OnsetMs(const Wav& w, double hz, double steadyMs)
 {
-    const double half = w.Level(0, hz, steadyMs, steadyMs + 100) / 2;
+    const double half = Level(w, 0, hz, steadyMs, steadyMs + 100) / 2;
     for (double t = 0; t + 10 < w.Seconds() * 1000; t += 1)
-        if (w.Level(0, hz, t, t + 10) > half) return t + 5;
+        if (Level(w, 0, hz, t, t + 10) > half) return t + 5;
     return -1;
 }
 
@@ -37,16 +37,16 @@ TEST(CliPlay, FilesSoundTogetherWithTheirVolumePanAndRate)
     EXPECT_LT(mix.Seconds(), 2.5) << "the command ends once every file has played";
     for (unsigned side = 0; side < 2; ++side) {
         SCOPED_TRACE(side);
-        EXPECT_NEAR(Db(mix.Level(side, 400, 200, 600) / 0.4), -6.0, 0.3);
-        EXPECT_NEAR(Db(mix.Level(side, 900, 200, 600) / 0.2), 0.0, 0.3) << "1.5 times 600 Hz";
-        EXPECT_LT(mix.Level(side, 600, 200, 600), 0.002) << "nothing at the file's own pitch";
+        EXPECT_NEAR(Db(Level(mix, side, 400, 200, 600) / 0.4), -6.0, 0.3);
+        EXPECT_NEAR(Db(Level(mix, side, 900, 200, 600) / 0.2), 0.0, 0.3) << "1.5 times 600 Hz";
+        EXPECT_LT(Level(mix, side, 600, 200, 600), 0.002) << "nothing at the file's own pitch";
     }
     // Pan 0.2 takes 20 dB off the left and leaves the right.
-    EXPECT_NEAR(Db(mix.Level(0, 1000, 200, 600) / 0.4), -20.0, 0.3);
-    EXPECT_NEAR(Db(mix.Level(1, 1000, 200, 600) / 0.4), 0.0, 0.3);
+    EXPECT_NEAR(Db(Level(mix, 0, 1000, 200, 600) / 0.4), -20.0, 0.3);
+    EXPECT_NEAR(Db(Level(mix, 1, 1000, 200, 600) / 0.4), 0.0, 0.3);
     // 1.2 s at 1.5 times the rate is over by 0.8 s (plus the output's latency).
-    EXPECT_NEAR(mix.Level(0, 900, 700, 780) / 0.2, 1.0, 0.1);
-    EXPECT_LT(mix.Level(0, 900, 900, 1000), 0.01);
+    EXPECT_NEAR(Level(mix, 0, 900, 700, 780) / 0.2, 1.0, 0.1);
+    EXPECT_LT(Level(mix, 0, 900, 900, 1000), 0.01);
 }
 
 // With one time given, every file is on one timeline: a file without --at (or with
@@ -70,8 +70,8 @@ TEST(CliPlay, AtStartsEachFileAtItsTimeOnATrackOfItsOwn)
         EXPECT_NEAR(onEarly - onNow, 250, 15);
         EXPECT_NEAR(onLate - onNow, 700, 15);
         // The two timed files overlap, neither cut short by the other.
-        EXPECT_NEAR(mix.Level(0, 1500, onLate + 100, onLate + 400) / 0.3, 1.0, 0.05);
-        EXPECT_NEAR(mix.Level(0, 1000, onLate + 100, onLate + 400) / 0.5, 1.0, 0.05);
+        EXPECT_NEAR(Level(mix, 0, 1500, onLate + 100, onLate + 400) / 0.3, 1.0, 0.05);
+        EXPECT_NEAR(Level(mix, 0, 1000, onLate + 100, onLate + 400) / 0.5, 1.0, 0.05);
         EXPECT_GT(mix.Seconds(), (onNow + 1250) / 1000) << "it ends after the last file";
     }
 }
@@ -101,8 +101,8 @@ TEST(CliPlay, EverydayAndCutShortFilesPlay)
         const CliResult p = RunCli({"play", wav, "-q", "--render", out});
         ASSERT_EQ(p.status, 0) << p.err;
         const Wav mix = ReadWav(out);
-        EXPECT_GT(mix.Level(0, 1000, 150, 400), 0.1);
-        EXPECT_GT(mix.Level(1, 1000, 150, 400), 0.1);
+        EXPECT_GT(Level(mix, 0, 1000, 150, 400), 0.1);
+        EXPECT_GT(Level(mix, 1, 1000, 150, 400), 0.1);
     }
 }
 
@@ -127,7 +127,7 @@ TEST(CliPlay, ABadFileIsNamedWithItsReasonAndTheOthersStillPlay)
     EXPECT_NE(lines[1].find("DSERR_BADFORMAT"), std::string::npos) << lines[1];
     EXPECT_EQ(lines[2], "quavix play: " + missing + ": No such file or directory");
     EXPECT_NE(r.out.find("files     1 of 4 played"), std::string::npos) << r.out;
-    EXPECT_NEAR(Db(ReadWav(out).Level(1, 1000, 300, 700) / 0.5), 0.0, 0.3);
+    EXPECT_NEAR(Db(Level(ReadWav(out), 1, 1000, 300, 700) / 0.5), 0.0, 0.3);
     EXPECT_NE(r.out.find("peak      L -6.0 dBFS, R -6.0 dBFS"), std::string::npos) << "the meter saw the one tone\n"
                                                                                   << r.out;
 
@@ -147,7 +147,7 @@ TEST(CliPlay, CtrlCStopsTheSoundAndKeepsTheRender)
     const Wav mix = ReadWav(out);
     EXPECT_GT(mix.Seconds(), 0.5);
     EXPECT_LT(mix.Seconds(), 4.0) << "the sound stopped long before its end";
-    EXPECT_NEAR(mix.Level(0, 125, 200, 600) / 0.5, 1.0, 0.05);
+    EXPECT_NEAR(Level(mix, 0, 125, 200, 600) / 0.5, 1.0, 0.05);
 }
 
 TEST(CliPlay, PerformAudioPlaysTheWaveAtItsTimeBesideTheMidi)
@@ -168,7 +168,7 @@ TEST(CliPlay, PerformAudioPlaysTheWaveAtItsTimeBesideTheMidi)
     EXPECT_GE(on, 550) << "early by as much as the output started after the performance";
     EXPECT_LT(on, 700);
     EXPECT_GT(mix.Seconds(), 1.4) << "the performance lasts until the wave has played";
-    EXPECT_NEAR(mix.Level(0, 1000, 800, 1300) / 0.5, 1.0, 0.05);
+    EXPECT_NEAR(Level(mix, 0, 1000, 800, 1300) / 0.5, 1.0, 0.05);
 
     // A wave file it cannot play is named; the MIDI plays all the same.
     const CliResult bad = RunCli({"perform", song, "--audio", TempPath("gone.wav") + "@100"});
@@ -188,7 +188,7 @@ TEST(CliPlay, RenderReplacesTheFileWholeAndLeavesNothingBeside)
     ASSERT_EQ(symlink("out.wav", link.c_str()), 0);
     const CliResult r = RunCli({"play", tone, "-q", "--render", link});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NEAR(ReadWav(target).Level(0, 1000, 50, 250) / 0.5, 1.0, 0.05) << "the link's file was replaced";
+    EXPECT_NEAR(Level(ReadWav(target), 0, 1000, 50, 250) / 0.5, 1.0, 0.05) << "the link's file was replaced";
     struct stat st {};
     ASSERT_EQ(lstat(link.c_str(), &st), 0);
     EXPECT_TRUE(S_ISLNK(st.st_mode));

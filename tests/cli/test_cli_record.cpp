@@ -46,8 +46,8 @@ TEST(CliRecord, RecordsExactlyTheSecondsAskedInTheFormatAsked)
     EXPECT_EQ(w.dataLength, 28665u * 2) << "1.3 s of 22,050 Hz";
     EXPECT_EQ(w.riffLength, w.dataOffset - 8 + w.dataLength);
     ASSERT_EQ(w.x.size(), 28665u);
-    EXPECT_NEAR(w.Level(0, 1000, 100, 1100), 0.5, 0.005);
-    EXPECT_LT(w.Level(0, 1500, 100, 1100), 0.001);
+    EXPECT_NEAR(Level(w, 0, 1000, 100, 1100), 0.5, 0.005);
+    EXPECT_LT(Level(w, 0, 1500, 100, 1100), 0.001);
 }
 
 // A file source in the take's own format comes back sample for sample; its length is

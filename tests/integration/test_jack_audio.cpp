@@ -95,11 +95,10 @@ TEST(JackAudio, ToneIsRecordedWholeAtItsFrequencyAndLevel)
     ds->Release();
     EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
 
-    unsigned rate = 0;
-    std::vector<float> st;
-    ASSERT_TRUE(analysis::ReadWav(wav, rate, st)) << "jack_rec wrote no readable file";
-    ASSERT_EQ(rate, jack_get_sample_rate(probe.Client()));
-    const analysis::Report r = analysis::Analyse(st, 2, rate, 1000.0, 2.0);
+    const analysis::Wav w = analysis::ReadWav(wav);
+    ASSERT_EQ(w.channels, 2u) << "jack_rec wrote no readable file";
+    ASSERT_EQ(w.rate, jack_get_sample_rate(probe.Client()));
+    const analysis::Report r = analysis::Analyse(w.x, 2, w.rate, 1000.0, 2.0);
     std::printf("tone: %.3f Hz, amplitude %.5f (%.5f expected), %d jumps (%d beside padding); %d xruns, %llu "
                 "underrun frames\n",
                 r.frequency, r.amplitude, expected, r.jumps, r.jumpsBesidePadding, xruns,
@@ -263,13 +262,12 @@ TEST(JackAudio, PerformWithAWaveEventPlaysTheFileIntoOurPorts)
     EXPECT_EQ(cli.Wait(60s), 0) << harness::Slurp(log);
     jack_client_close(sink);
 
-    unsigned recRate = 0;
-    std::vector<float> st;
-    ASSERT_TRUE(analysis::ReadWav(wav, recRate, st)) << "jack_rec wrote no readable file";
-    ASSERT_EQ(recRate, rate);
+    const analysis::Wav w = analysis::ReadWav(wav);
+    ASSERT_EQ(w.channels, 2u) << "jack_rec wrote no readable file";
+    ASSERT_EQ(w.rate, rate);
     size_t padding = 0;
     long lag = 0;
-    const double c = analysis::BestCorrelation(analysis::LeftWithoutPadding(st, &padding), src, rate, lag);
+    const double c = analysis::BestCorrelation(analysis::LeftWithoutPadding(w.x, &padding), src, rate, lag);
     std::printf("correlation %.5f at a lag of %ld frames; %zu frames of padding; %d xruns\n", c, lag, padding, xruns);
     // A server that fell behind drops a cycle of what jack_rec hears.
     EXPECT_GT(c, xruns != 0 ? 0.5 : 0.99) << "what came out is not the file";
