@@ -64,14 +64,20 @@ TEST(CliPlay, AtStartsEachFileAtItsTimeOnATrackOfItsOwn)
         const CliResult r = RunCli(args);
         ASSERT_EQ(r.status, 0) << r.err;
         const Wav mix = ReadWav(out);
-        const double onNow = OnsetMs(mix, 400, 350), onEarly = OnsetMs(mix, 1500, 800), onLate = OnsetMs(mix, 1000, 1200);
+        // Silence the output padded with when it ran dry on a loaded machine delays what
+        // follows: the timeline is judged without it.
+        Wav left = mix;
+        size_t padding = 0;
+        left.channels = 1;
+        left.x = analysis::LeftWithoutPadding(mix.x, &padding);
+        const double onNow = OnsetMs(left, 400, 350), onEarly = OnsetMs(left, 1500, 800), onLate = OnsetMs(left, 1000, 1200);
         ASSERT_GE(onNow, 0);
         ASSERT_LT(onNow, 300) << "the timeline starts within its lead of the render";
         EXPECT_NEAR(onEarly - onNow, 250, 15);
         EXPECT_NEAR(onLate - onNow, 700, 15);
         // The two timed files overlap, neither cut short by the other.
-        EXPECT_NEAR(Level(mix, 0, 1500, onLate + 100, onLate + 400) / 0.3, 1.0, 0.05);
-        EXPECT_NEAR(Level(mix, 0, 1000, onLate + 100, onLate + 400) / 0.5, 1.0, 0.05);
+        EXPECT_NEAR(Level(left, 0, 1500, onLate + 100, onLate + 400) / 0.3, 1.0, 0.05);
+        EXPECT_NEAR(Level(left, 0, 1000, onLate + 100, onLate + 400) / 0.5, 1.0, 0.05);
         EXPECT_GT(mix.Seconds(), (onNow + 1250) / 1000) << "it ends after the last file";
     }
 }

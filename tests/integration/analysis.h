@@ -1,9 +1,7 @@
-// The analysis of what the audio tests against real servers record: a tone's frequency,
-// level and continuity, clicks' onsets, a recording's match with its source, and the WAV
-// files that carry them. On a loaded machine a server, a player or our own output may leave gaps in what is
-// recorded; the frequency and level then come from the longest unbroken stretch, so a
-// gap never reads as a wrong pitch. Whether gaps may be there at all is the test's call,
-// from the continuity figures and what the servers counted.
+// The analysis of what the audio tests record: a tone's frequency, level and continuity,
+// clicks' onsets, a recording's match with its source, and the WAV files that carry them.
+// Frequency and level come from the longest unbroken stretch, so that a gap a loaded
+// machine leaves never reads as a wrong pitch; whether gaps may be there is the test's call.
 #ifndef QUAVIX_TESTS_INTEGRATION_ANALYSIS_H
 #define QUAVIX_TESTS_INTEGRATION_ANALYSIS_H
 
