@@ -151,8 +151,9 @@ TEST_F(JackTest, PerformanceReachesItsDestinationInOrderAtItsFrames)
     const int xrunsBefore = watch.Xruns();
     q->StartDevices();
     harness::Await([&] { return watch.Take(0).size() >= score.notes.size(); });
+    std::vector<Watch::Event> got = watch.Take(0);
     q->CloseDevices();
-    const std::vector<Watch::Event> got = watch.Take(0);
+    std::erase_if(got, [](const Watch::Event& e) { return e.size != 3; }); // what closing sends
     auto bytes = [](const Watch::Event& e) { return DWORD(e.bytes[0] | e.bytes[1] << 8 | e.bytes[2] << 16); };
     // A late client may miss a cycle's events, and the frame clock loses what the server
     // fell behind: then order and bytes are what can be asked.
