@@ -27,7 +27,7 @@ struct PrivateJack {
         args.insert(args.begin(), QUAVIX_CLI_PATH);
         cli = std::make_unique<harness::Child>(args, out, err, server.Env());
         // Running: its summary line or its first progress has been written.
-        return cli->Started() && harness::Await([&] { return !Slurp(out).empty(); });
+        return cli->Started() && harness::Await([&] { return !Slurp(out).empty(); }, 60s);
     }
 };
 
