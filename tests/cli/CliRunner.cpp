@@ -6,6 +6,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
@@ -50,8 +52,8 @@ std::string TempPath(const std::string& name)
     return TempDir() + "/" + std::to_string(getpid()) + "-" + std::to_string(++n) + "-" + name;
 }
 
-CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::string>& env, int interruptAfterMs,
-                 int signal, long fileSizeLimit)
+CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::string>& env,
+                 const Interrupt& interrupt, long fileSizeLimit)
 {
     const std::string outPath = TempPath("stdout"), errPath = TempPath("stderr");
     std::vector<std::string> argv{QUAVIX_CLI_PATH};
@@ -83,18 +85,20 @@ CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::st
     }
     CliResult r;
     if (pid < 0) return r;
-    if (interruptAfterMs > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(interruptAfterMs));
-        kill(pid, signal);
-    }
-    // A generous bound only so that a stuck child cannot hang the suite.
+    // Generous limits only keep a stuck child from hanging the suite.
     int wstatus = 0;
-    for (int i = 0; i < 6000; ++i) {
-        const pid_t done = waitpid(pid, &wstatus, WNOHANG);
-        if (done == pid) break;
-        if (i == 5999) {
+    const auto start = std::chrono::steady_clock::now();
+    bool bSignalled = interrupt.ms == 0 && !interrupt.when;
+    while (waitpid(pid, &wstatus, WNOHANG) != pid) {
+        const auto waited = std::chrono::steady_clock::now() - start;
+        if (!bSignalled && (interrupt.when ? interrupt.when() : waited >= std::chrono::milliseconds(interrupt.ms))) {
+            kill(pid, interrupt.signal);
+            bSignalled = true;
+        }
+        if (waited > std::chrono::seconds(60)) {
             kill(pid, SIGKILL);
             waitpid(pid, &wstatus, 0);
+            break;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -104,6 +108,14 @@ CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::st
     std::remove(outPath.c_str());
     std::remove(errPath.c_str());
     return r;
+}
+
+std::string WriteSong(const qxsmf::File& f, const std::string& name)
+{
+    const std::string path = TempPath(name);
+    std::string error;
+    EXPECT_TRUE(qxsmf::Write(path, f, error)) << error;
+    return path;
 }
 
 std::vector<qxsmf::Message> MessagesOf(const qxsmf::File& file, double scale)
@@ -122,15 +134,52 @@ std::vector<qxsmf::Message> MessagesOf(const std::string& path)
     return MessagesOf(file);
 }
 
-bool WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes)
+bool WriteBytes(const std::string& path, const Bytes& bytes)
 {
     std::ofstream f(path, std::ios::binary);
     f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     return static_cast<bool>(f);
 }
 
-std::vector<uint8_t> ReadBytes(const std::string& path)
+Bytes ReadBytes(const std::string& path)
 {
     const std::string s = Slurp(path);
     return {s.begin(), s.end()};
+}
+
+std::vector<std::string> DirEntries(const std::string& dir)
+{
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (const dirent* e = readdir(d))
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+        closedir(d);
+    }
+    return names;
+}
+
+std::string WriteTone(const std::string& name, double hz, double seconds, double amplitude, unsigned rate)
+{
+    const std::string path = TempPath(name);
+    EXPECT_TRUE(analysis::WriteWav(path, rate, 1, analysis::Sine(rate, 1, hz, amplitude, seconds)));
+    return path;
+}
+
+Wav ReadWav(const std::string& path)
+{
+    Wav w = analysis::ReadWav(path);
+    EXPECT_NE(w.dataOffset, 0u) << path << " is no RIFF WAVE file with data";
+    return w;
+}
+
+double Level(const Wav& w, unsigned channel, double hz, double fromMs, double toMs)
+{
+    const auto a = static_cast<size_t>(fromMs * w.rate / 1000), b = static_cast<size_t>(toMs * w.rate / 1000);
+    const double step = 2 * analysis::kPi * hz / w.rate;
+    double re = 0, im = 0;
+    for (size_t i = a; i < b && (i + 1) * w.channels <= w.x.size(); ++i) {
+        re += w.x[i * w.channels + channel] * std::cos(step * double(i));
+        im += w.x[i * w.channels + channel] * std::sin(step * double(i));
+    }
+    return 2 * std::hypot(re, im) / double(b - a);
 }

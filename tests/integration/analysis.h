@@ -1,9 +1,7 @@
-// The analysis of what the audio tests against real servers record: a tone's frequency,
-// level and continuity, clicks' onsets, a recording's match with its source, and the WAV
-// files that carry them. On a loaded machine a server, a player or our own output may leave gaps in what is
-// recorded; the frequency and level then come from the longest unbroken stretch, so a
-// gap never reads as a wrong pitch. Whether gaps may be there at all is the test's call,
-// from the continuity figures and what the servers counted.
+// The analysis of what the audio tests record: a tone's frequency, level and continuity,
+// clicks' onsets, a recording's match with its source, and the WAV files that carry them.
+// Frequency and level come from the longest unbroken stretch, so that a gap a loaded
+// machine leaves never reads as a wrong pitch; whether gaps may be there is the test's call.
 #ifndef QUAVIX_TESTS_INTEGRATION_ANALYSIS_H
 #define QUAVIX_TESTS_INTEGRATION_ANALYSIS_H
 
@@ -128,37 +126,45 @@ inline bool WriteWav(const std::string& path, unsigned rate, int channels, const
     return f.good();
 }
 
-// The stereo frames of a PCM WAV file (16/24/32-bit, as jack_rec writes them), as float.
-inline bool ReadWav(const std::string& path, unsigned& rate, std::vector<float>& stereo)
+// A PCM WAV file (16, 24 or 32-bit): its lengths as the header says, and every sample
+// from the data chunk to the end of the file (past the header's length too) as float.
+struct Wav {
+    unsigned rate = 0, channels = 0, bits = 0;
+    uint32_t riffLength = 0, dataLength = 0;
+    size_t dataOffset = 0; // 0: no data chunk
+    std::vector<float> x;  // interleaved
+    double Seconds() const { return channels != 0 ? double(x.size()) / channels / rate : 0; }
+};
+
+inline Wav ReadWav(const std::string& path)
 {
     std::ifstream f(path, std::ios::binary);
     const std::vector<unsigned char> d((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-    auto u16 = [&](size_t at) { return static_cast<unsigned>(d[at] | d[at + 1] << 8); };
-    auto u32 = [&](size_t at) { return uint32_t{u16(at)} | uint32_t{u16(at + 2)} << 16; };
-    if (d.size() < 12 || std::memcmp(d.data(), "RIFF", 4) != 0 || std::memcmp(d.data() + 8, "WAVE", 4) != 0)
-        return false;
-    unsigned channels = 0, bits = 0;
+    auto le = [&](size_t at, unsigned n) {
+        uint32_t v = 0;
+        for (unsigned k = n; k-- > 0;) v = v << 8 | d[at + k];
+        return v;
+    };
+    Wav w;
+    if (d.size() < 12 || std::memcmp(d.data(), "RIFF", 4) != 0 || std::memcmp(d.data() + 8, "WAVE", 4) != 0) return w;
+    w.riffLength = le(4, 4);
     for (size_t at = 12; at + 8 <= d.size();) {
-        const uint32_t size = u32(at + 4);
-        const size_t body = at + 8, end = std::min(d.size(), body + size);
-        if (std::memcmp(&d[at], "fmt ", 4) == 0 && size >= 16) {
-            channels = u16(body + 2);
-            rate = u32(body + 4);
-            bits = u16(body + 14);
+        const uint32_t size = le(at + 4, 4);
+        if (std::memcmp(&d[at], "fmt ", 4) == 0 && size >= 16 && at + 24 <= d.size()) {
+            w.channels = le(at + 10, 2);
+            w.rate = le(at + 12, 4);
+            w.bits = le(at + 22, 2);
         } else if (std::memcmp(&d[at], "data", 4) == 0) {
-            if (channels != 2 || (bits != 16 && bits != 24 && bits != 32)) return false;
-            const unsigned bytes = bits / 8;
-            stereo.clear();
-            for (size_t p = body; p + bytes <= end; p += bytes) {
-                int32_t v = 0;
-                for (unsigned k = 0; k < bytes; ++k) v |= static_cast<int32_t>(d[p + k]) << (8 * (4 - bytes + k));
-                stereo.push_back(static_cast<float>(v / 2147483648.0));
-            }
-            return true;
+            w.dataLength = size;
+            w.dataOffset = at + 8;
+            const unsigned bytes = w.bits / 8;
+            for (size_t p = at + 8; bytes >= 2 && bytes <= 4 && p + bytes <= d.size(); p += bytes)
+                w.x.push_back(static_cast<float>(static_cast<int32_t>(le(p, bytes) << (32 - w.bits)) / 2147483648.0));
+            return w;
         }
-        at = body + size + (size & 1);
+        at += 8 + size + (size & 1);
     }
-    return false;
+    return w;
 }
 
 inline float Peak(const std::vector<float>& x)

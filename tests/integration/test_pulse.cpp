@@ -1,57 +1,35 @@
-// Audio outputs against a real PulseAudio server without hardware (null sinks, started
-// by tests/integration/pulse-server), recorded by parec from the sinks' monitors: the
-// tone that comes out is checked for frequency, level and an unbroken phase. Also raw
-// ALSA PCM, through the pulse ALSA plugin into the same server, and a server that dies.
-//
-// Environment (set by CTest): PULSE_SERVER names the fixture's server,
-// QUAVIX_PULSE_DIR its directory, QUAVIX_BACKEND=pulse.
-#include "platform/backends/QXBackend.h"
-#include "platform/dsound/QXDSound.h"
-#include "platform/dsound/QXMixer.h"
+// Wave output and input on a real PulseAudio (or PipeWire) server without hardware: tones
+// played through our outputs are recorded by parec from the null sinks' monitors, tones
+// paplay plays are recorded through our inputs; also raw ALSA PCM through the pulse ALSA
+// plugin into the same server, and a server that dies.
+#include "analysis.h"
+#include "devices.h"
 #include "platform/backends/alsa/QXAlsa.h"
 #include "platform/backends/pulse/QXPulse.h"
-#include "analysis.h"
-#include "audio_out.h"
-#include "harness.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
-#include <atomic>
-#include <chrono>
-#include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <future>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
 using namespace std::chrono_literals;
-using audioout::Driver;
 using harness::SinkRate;
 
 // parec recording a sink's monitor as float32 stereo into a file.
 class Recorder {
 public:
     Recorder(const std::string& sink, unsigned rate)
-        : m_file(harness::Temp("parec.raw")),
-          m_parec({"parec", "-d", sink + ".monitor", "--raw", "--format=float32le", "--channels=2",
+        : m_parec({"parec", "-d", sink + ".monitor", "--raw", "--format=float32le", "--channels=2",
                    "--rate=" + std::to_string(rate), "--latency-msec=10"},
                   m_file, "/dev/null")
     {
     }
-    ~Recorder()
+    std::vector<float> Take()
     {
-        Stop();
-        std::remove(m_file.c_str());
-    }
-    std::vector<float> Take() const
-    {
+        m_parec.Stop();
         const std::string raw = harness::Slurp(m_file);
         std::vector<float> x(raw.size() / sizeof(float));
         std::memcpy(x.data(), raw.data(), x.size() * sizeof(float));
@@ -60,30 +38,20 @@ public:
     bool WaitFrames(size_t frames, std::chrono::seconds limit) const
     {
         return harness::Await([&] {
-            struct stat st{};
-            return stat(m_file.c_str(), &st) == 0 && static_cast<size_t>(st.st_size) >= frames * 2 * sizeof(float);
+            struct stat st {};
+            return stat(m_file.path.c_str(), &st) == 0 && size_t(st.st_size) >= frames * 2 * sizeof(float);
         }, limit);
     }
-    void Stop() { m_parec.Stop(); }
 
 private:
-    std::string m_file;
+    const harness::TempFile m_file{"parec.raw"};
     harness::Child m_parec;
 };
 
-const Driver* Find(const std::vector<Driver>& ds, const std::string& description)
-{
-    for (const Driver& d : ds)
-        if (d.description == description) return &d;
-    return nullptr;
-}
-
-// Plays a 1 kHz tone through a driver (null: the default) and records it from a sink: the
-// tone comes at its pitch and level on both channels, and a gap in it must have been
-// counted as an underrun (`underruns`: a process-wide count of the kind of output
-// played). A machine loaded so that the output did run dry only lets the pitch be
-// checked, on the longest unbroken stretch. Resampled, the sine is less exact than with
-// only 16-bit rounding: `maxStep` says by how much.
+// Plays a 1 kHz tone through a driver (null: the default) and records it from a sink: it
+// comes at its pitch and level on both channels, and a gap must have been counted as an
+// underrun (`underruns`: the process-wide count of the kind of output played).
+// Resampled, the sine is less exact than with 16-bit rounding only: `maxStep` says how much.
 void ExpectToneHeard(const GUID* guid, const std::string& sink, double amplitude, uint64_t (*underruns)(),
                      double maxStep)
 {
@@ -91,39 +59,55 @@ void ExpectToneHeard(const GUID* guid, const std::string& sink, double amplitude
     ASSERT_GT(sinkRate, 0u) << "pactl does not list " << sink;
     LPDIRECTSOUND ds = nullptr;
     ASSERT_EQ(DirectSoundCreate(guid, &ds, nullptr), DS_OK);
-    LPDIRECTSOUNDBUFFER b = audioout::ToneBuffer(ds, 48000, 1000.0, amplitude);
-    EXPECT_NE(b, nullptr);
-    analysis::Report r;
-    uint64_t underrunFrames = 0;
-    if (b != nullptr) {
-        Recorder rec(sink, sinkRate);
-        EXPECT_TRUE(rec.WaitFrames(1, 10s)) << "parec records nothing";
-        const uint64_t before = underruns();
-        EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-        EXPECT_TRUE(rec.WaitFrames(sinkRate * 3, 30s));
-        rec.Stop();
-        underrunFrames = underruns() - before;
-        b->Stop();
-        b->Release();
-        r = analysis::Analyse(rec.Take(), 2, sinkRate, 1000.0, 2.0, 0.05f);
-        std::printf("tone on %s at %u Hz: %.3f Hz, amplitude %.4f, right/left %.4f, worst step %.5f, %llu underrun "
-                    "frames\n",
-                    sink.c_str(), sinkRate, r.frequency, r.amplitude, r.rightToLeft, r.worstStep,
-                    static_cast<unsigned long long>(underrunFrames));
-    }
+    LPDIRECTSOUNDBUFFER b = dev::ToneBuffer(ds, 48000, 1000.0, amplitude);
+    ASSERT_NE(b, nullptr);
+    Recorder rec(sink, sinkRate);
+    EXPECT_TRUE(rec.WaitFrames(1, 10s)) << "parec records nothing";
+    const uint64_t before = underruns();
+    EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    EXPECT_TRUE(rec.WaitFrames(sinkRate * 3, 30s));
+    const analysis::Report r = analysis::Analyse(rec.Take(), 2, sinkRate, 1000.0, 2.0, 0.05f);
+    const uint64_t underrunFrames = underruns() - before;
+    b->Stop();
+    b->Release();
     ds->Release();
     ASSERT_TRUE(r.found) << "no tone reached " << sink;
     EXPECT_NEAR(r.amplitude, amplitude, 0.04 * amplitude);
     EXPECT_NEAR(r.rightToLeft, 1.0, 0.02);
     EXPECT_GE(r.steadySeconds, 0.1) << "not a tenth of a second of the tone came unbroken";
     EXPECT_NEAR(r.frequency, 1000.0, 1.0);
-    if (underrunFrames == 0)
-        EXPECT_LT(r.worstStep, maxStep) << "the phase jumps, and no underrun was counted: a gap or a repeat";
-    else
-        std::printf("the output ran dry (a loaded machine): continuity not checked\n");
+    if (underrunFrames == 0) {
+        EXPECT_LT(r.worstStep, maxStep) << "the phase jumps, and no underrun was counted";
+    }
 }
 
-TEST(Pulse, OutputsAreTheDefaultThenEachSinkByDescription)
+// paplay plays a 1 kHz tone at 0.5 into a sink; recorded through wave input `device` as
+// 16-bit stereo at `rate`, it comes at its pitch and level on both channels.
+void ExpectToneRecorded(int device, const std::string& sink, unsigned rate, double hzTolerance = 0.5)
+{
+    const harness::TempFile wav("tone.wav");
+    ASSERT_TRUE(analysis::WriteWav(wav, 48000, 2, analysis::Sine(48000, 2, 1000.0, 0.5, 8.0)));
+    dev::Take take;
+    EXPECT_EQ(take.Open(static_cast<UINT>(device), rate, 2), MMSYSERR_NOERROR);
+    EXPECT_EQ(take.Start(), MMSYSERR_NOERROR);
+    {
+        harness::Child player({"paplay", "-d", sink, wav});
+        EXPECT_TRUE(take.Collect(4 * rate, 30s)) << "the recording does not fill";
+    }
+    take.Close();
+    EXPECT_EQ(take.CloseResult(), MMSYSERR_NOERROR);
+    const analysis::Report t = analysis::Analyse(take.Samples(), 2, rate, 1000.0, 2.0, 0.05f);
+    ASSERT_TRUE(t.found) << "no tone came in";
+    EXPECT_GE(t.steadySeconds, 0.1) << "not a tenth of a second of the tone came unbroken";
+    EXPECT_NEAR(t.frequency, 1000.0, hzTolerance);
+    EXPECT_NEAR(t.amplitude, 0.5, 0.02);
+    EXPECT_NEAR(t.rightToLeft, 1.0, 0.02);
+}
+
+// Outputs: the default, then each sink by description; inputs: the default, then each
+// source, monitors included. Each opens at its own rate, and the default follows the
+// server's.
+TEST(Pulse, DevicesAreTheDefaultThenEachSinkAndSourceAtItsRate)
 {
     qxplat::Backend& b = qxplat::CurrentBackend();
     ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
@@ -132,15 +116,13 @@ TEST(Pulse, OutputsAreTheDefaultThenEachSinkByDescription)
     EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 2), "Quavix_B");
     EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 3), "");
     EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, -1), "");
-
-    const std::vector<Driver> ds = audioout::Drivers();
+    const std::vector<dev::Driver> ds = dev::Drivers();
     ASSERT_EQ(ds.size(), 4u);
     EXPECT_FALSE(ds[0].hasGuid); // the platform's own default entry
     EXPECT_TRUE(ds[1].hasGuid);
     EXPECT_EQ(ds[1].description, "Default output (Quavix_A)");
+    EXPECT_EQ(ds[2].module, "pulse");
     EXPECT_EQ(ds[3].description, "Quavix_B");
-
-    // Each output opens at its sink's rate; a number past the list does not open.
     std::unique_ptr<qxplat::AudioOutPort> port;
     ASSERT_EQ(b.OpenAudioOut(2, port), MMSYSERR_NOERROR);
     EXPECT_EQ(port->Rate(), SinkRate("quavix_b"));
@@ -150,25 +132,40 @@ TEST(Pulse, OutputsAreTheDefaultThenEachSinkByDescription)
     EXPECT_EQ(b.OpenAudioOut(-1, port), MMSYSERR_BADDEVICEID);
     EXPECT_EQ(port, nullptr);
 
-    // The default follows the server: after a change it names the other sink.
+    ASSERT_GE(waveInGetNumDevs(), 3u);
+    EXPECT_EQ(dev::InputName(0).rfind("Default input (", 0), 0u) << dev::InputName(0);
+    const int ina = dev::FindInput("Monitor of Quavix_A"), inb = dev::FindInput("Monitor of Quavix_B");
+    EXPECT_GT(ina, 0);
+    ASSERT_GT(inb, 0);
+    EXPECT_EQ(dev::InputName(waveInGetNumDevs()), "");
+    std::unique_ptr<qxplat::AudioInPort> in;
+    ASSERT_EQ(b.OpenAudioIn(inb, in), MMSYSERR_NOERROR);
+    EXPECT_EQ(in->Rate(), SinkRate("quavix_b"));
+    in.reset();
+    EXPECT_EQ(b.OpenAudioIn(static_cast<int>(waveInGetNumDevs()), in), MMSYSERR_BADDEVICEID);
+    EXPECT_EQ(b.OpenAudioIn(-1, in), MMSYSERR_BADDEVICEID);
+    dev::Take bad;
+    EXPECT_EQ(bad.Open(waveInGetNumDevs(), 48000, 2), MMSYSERR_BADDEVICEID);
+
     ASSERT_EQ(harness::Pactl("set-default-sink", "quavix_b"), 0);
+    ASSERT_EQ(harness::Pactl("set-default-source", "quavix_b.monitor"), 0);
     EXPECT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
     EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 0), "Default output (Quavix_B)");
+    waveInGetNumDevs();
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveIn, 0), "Default input (Monitor of Quavix_B)");
+    EXPECT_EQ(dev::InputName(0), std::string("Default input (Monitor of Quavix_B)").substr(0, MAXPNAMELEN - 1));
     harness::Pactl("set-default-sink", "quavix_a");
+    harness::Pactl("set-default-source", "quavix_a.monitor");
 }
 
 // With no setting beyond the default, a machine without JACK plays through the sound
-// server: the pulse backend.
+// server (CTest names no JACK server that exists).
 TEST(Pulse, AutoChoosesTheSoundServerWhenNoJackServerAnswers)
 {
-    setenv("QUAVIX_BACKEND", "auto", 1); // CTest names no JACK server that exists
+    setenv("QUAVIX_BACKEND", "auto", 1);
     qxplat::Backend& b = qxplat::CurrentBackend();
     EXPECT_STREQ(b.Name(), "pulse");
     EXPECT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
-    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 2), "Quavix_B");
-    const std::vector<Driver> ds = audioout::Drivers();
-    ASSERT_EQ(ds.size(), 4u);
-    EXPECT_EQ(ds[2].module, "pulse");
 }
 
 TEST(Pulse, ToneThroughTheDefaultDriverIsHeardWholeOnTheDefaultSink)
@@ -178,54 +175,64 @@ TEST(Pulse, ToneThroughTheDefaultDriverIsHeardWholeOnTheDefaultSink)
 
 TEST(Pulse, ToneOnANamedSinkComesOutThereOnly)
 {
-    const std::vector<Driver> ds = audioout::Drivers();
-    const Driver* b = Find(ds, "Quavix_B");
-    ASSERT_NE(b, nullptr);
+    const std::vector<dev::Driver> ds = dev::Drivers();
+    ASSERT_EQ(ds.size(), 4u);
     Recorder other("quavix_a", SinkRate("quavix_a"));
-    ExpectToneHeard(&b->guid, "quavix_b", 0.25, qxplat::PulseUnderrunFramesAll, SinkRate("quavix_b") == 48000 ? 0.01 : 0.05);
-    other.Stop();
+    ExpectToneHeard(&ds[3].guid, "quavix_b", 0.25, qxplat::PulseUnderrunFramesAll, SinkRate("quavix_b") == 48000 ? 0.01 : 0.05);
     EXPECT_LT(analysis::Peak(other.Take()), 0.01f) << "the tone leaked to the default sink";
 }
 
-TEST(Pulse, UnderrunsAreCountedOnlyWhileTheRingRunsDryAndStopKeepsTheRing)
+// At the monitor's own rate nothing is converted but the sample format; a 44.1 kHz
+// monitor recorded at 48 kHz is converted (a rate taken wrongly puts the tone at 1088 Hz).
+TEST(PulseCapture, ToneOnANullSinkIsRecordedFromItsMonitorAtItsOwnRateOrAnother)
+{
+    const int a = dev::FindInput("Monitor of Quavix_A"), b = dev::FindInput("Monitor of Quavix_B");
+    ASSERT_GE(a, 0);
+    ASSERT_GE(b, 0);
+    ExpectToneRecorded(a, "quavix_a", SinkRate("quavix_a"));
+    ExpectToneRecorded(b, "quavix_b", 48000);
+}
+
+TEST(Pulse, PortsCountUnderrunsAndMoveOnlyBetweenStartAndStop)
 {
     qxplat::Backend& b = qxplat::CurrentBackend();
-    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
+    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3); // the list is read here
     std::unique_ptr<qxplat::AudioOutPort> port;
     ASSERT_EQ(b.OpenAudioOut(1, port), MMSYSERR_NOERROR);
-    audioout::ExpectAFedPortKeepsPlaying(*port);
-#ifdef QUAVIX_HAVE_PULSE
+    dev::ExpectUnderrunsOnlyWhileRunningDry(*port, [] { return false; });
     int64_t latencyUs = -1;
     uint32_t underflows = 0;
     EXPECT_TRUE(qxplat::PulseOutputLatency(port.get(), &latencyUs, &underflows));
-    std::printf("stream latency %lld us, %u underflows\n", static_cast<long long>(latencyUs), underflows);
     EXPECT_GE(latencyUs, 0);
     EXPECT_LT(latencyUs, 1'000'000);
-#endif
 
-    audioout::ExpectStopKeepsTheRingAndRunningDryIsCounted(*port);
+    // A tone playing, so that the monitor has something to send.
+    const harness::TempFile wav("tone.wav");
+    ASSERT_TRUE(analysis::WriteWav(wav, 48000, 2, analysis::Sine(48000, 2, 1000.0, 0.5, 8.0)));
+    harness::Child player({"paplay", "-d", "quavix_a", wav});
+    std::unique_ptr<qxplat::AudioInPort> in;
+    ASSERT_EQ(b.OpenAudioIn(dev::FindInput("Monitor of Quavix_A"), in), MMSYSERR_NOERROR);
+    dev::ExpectStopEndsDeliveryAndStartResumesIt(*in);
 }
 
+// On a server of its own, so that the fixture's stays up for the others.
 TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
 {
-    // A server of this test's own, so that the fixture's stays up for the others.
     const std::string dir = harness::PulseDir() + "/lost";
     harness::Server pulse(QUAVIX_PULSE_SCRIPT, {dir}, dir + "/pid");
     ASSERT_TRUE(pulse.Ready());
     setenv("PULSE_SERVER", ("unix:" + dir + "/native").c_str(), 1);
-    audioout::CountLostServers();
+    dev::CountLostServers();
     qxplat::Backend& backend = qxplat::CurrentBackend();
     ASSERT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 3);
     LPDIRECTSOUND ds = nullptr;
-    LPDIRECTSOUNDBUFFER b = audioout::PlayTone(&ds);
+    LPDIRECTSOUNDBUFFER b = dev::PlayTone(&ds);
     ASSERT_NE(b, nullptr);
 
     pulse.Kill();
-    harness::Await([] { return audioout::g_serversLost.load() > 0; });
-    EXPECT_EQ(audioout::g_serversLost.load(), 1);
-    EXPECT_EQ(audioout::g_lastServerLost, "PulseAudio");
-
-    // The application's calls still return; the output is gone from the list.
+    harness::Await([] { return dev::g_serversLost.load() > 0; });
+    EXPECT_EQ(dev::g_serversLost.load(), 1);
+    EXPECT_EQ(dev::g_lastServerLost, "PulseAudio");
     auto done = std::async(std::launch::async, [&] {
         b->Stop();
         b->Release();
@@ -235,36 +242,72 @@ TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
     EXPECT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 0);
     LPDIRECTSOUND again = nullptr;
     EXPECT_EQ(DirectSoundCreate(nullptr, &again, nullptr), DSERR_NODRIVER);
-    EXPECT_EQ(again, nullptr);
     EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
 
-    // A server that comes back is found again.
+    // A server that comes back is found again, and its end is reported as well.
     ASSERT_TRUE(pulse.Start());
     EXPECT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 3);
     EXPECT_EQ(DirectSoundCreate(nullptr, &again, nullptr), DS_OK);
     if (again != nullptr) again->Release();
     pulse.Stop();
-    harness::Await([] { return audioout::g_serversLost.load() >= 2; });
-    EXPECT_EQ(audioout::g_serversLost.load(), 2) << "the second server's end is reported as well";
+    harness::Await([] { return dev::g_serversLost.load() >= 2; });
+    EXPECT_EQ(dev::g_serversLost.load(), 2);
 }
 
 // Raw ALSA PCM, the alsa backend: "default" is the pulse ALSA plugin, pointed at the
-// fixture's server by an ALSA configuration of the test's own.
+// fixture's server by an ALSA configuration of the test's own; handle_underrun reports
+// the server's underruns as ALSA's. The plugin resamples when the sink is not at 48 kHz.
 TEST(AlsaPcm, ToneThroughRawPcmIsHeardWhole)
 {
     setenv("QUAVIX_BACKEND", "alsa", 1);
     const std::string server = std::getenv("PULSE_SERVER");
-    // handle_underrun: the plugin reports the server's underruns as ALSA's.
     harness::UseAlsaDefault("alsa-test", "{ type pulse; server \"" + server + "\"; device \"quavix_b\"; handle_underrun true }");
     qxplat::Backend& backend = qxplat::CurrentBackend();
     const int count = backend.Count(qxplat::DeviceKind::WaveOut);
     ASSERT_GE(count, 1);
     EXPECT_EQ(backend.DeviceName(qxplat::DeviceKind::WaveOut, 0), "Default ALSA output");
     for (int n = 1; n < count; ++n) EXPECT_NE(backend.DeviceName(qxplat::DeviceKind::WaveOut, n), "");
-
     setenv("PULSE_SERVER", server.c_str(), 1); // for parec and pactl
-    // The plugin's server resamples to the sink's rate when it is not 48000.
     ExpectToneHeard(nullptr, "quavix_b", 0.5, qxplat::AlsaPcmUnderrunFramesAll, 0.05);
+}
+
+// Raw ALSA capture: "default" captures the monitor of quavix_a through the pulse plugin;
+// a capture device that is not there is a clear error.
+TEST(AlsaCapture, RawPcmRecordsTheDefaultCaptureDeviceAndAMissingOneFailsToOpen)
+{
+    setenv("QUAVIX_BACKEND", "alsa", 1);
+    const std::string server = std::getenv("PULSE_SERVER");
+    harness::UseAlsaDefault("alsa-missing-test", "{ type asym; playback.pcm \"null\"; capture.pcm \"hw:97,0\" }");
+    ASSERT_GE(waveInGetNumDevs(), 1u);
+    dev::Take missing;
+    EXPECT_EQ(missing.Open(0, 48000, 2), MMSYSERR_NODRIVER);
+    EXPECT_EQ(missing.Handle(), nullptr);
+
+    harness::UseAlsaDefault("alsa-capture-test", "{ type asym;\n"
+                            "  playback.pcm { type pulse; server \"" + server + "\"; device \"quavix_a\" }\n"
+                            "  capture.pcm { type pulse; server \"" + server + "\"; device \"quavix_a.monitor\" } }");
+    ASSERT_GE(waveInGetNumDevs(), 1u);
+    EXPECT_EQ(dev::InputName(0), "Default ALSA input");
+    setenv("PULSE_SERVER", server.c_str(), 1); // for paplay
+    ExpectToneRecorded(0, "quavix_a", 48000, 1.0);
+}
+
+// quavix devices on the pulse backend: each device's system, and an input's whole name
+// where the device caps keep 31 characters.
+TEST(PulseCapture, DevicesShowsTheSystemAndWholeNames)
+{
+    ASSERT_GE(qxplat::CurrentBackend().Count(qxplat::DeviceKind::WaveIn), 1);
+    const std::string name = qxplat::CurrentBackend().DeviceName(qxplat::DeviceKind::WaveIn, 0);
+    ASSERT_GT(name.size(), 31u) << name << ": a name the caps would cut";
+    const harness::TempFile out("devices.txt");
+    harness::Child cli({QUAVIX_CLI_PATH, "devices", "--backend", "pulse"}, out);
+    EXPECT_EQ(cli.Wait(30s), 0) << harness::Slurp(out);
+    const std::string text = harness::Slurp(out);
+    EXPECT_EQ(text.rfind("Backend: pulse\n", 0), 0u) << text;
+    EXPECT_NE(text.find("wave  in     0  PulseAudio     " + name + " "), std::string::npos) << text;
+    EXPECT_NE(text.find("wave  out    0  PulseAudio     "), std::string::npos) << text;
+    EXPECT_NE(text.find("MIDI  out"), std::string::npos) << text;
+    EXPECT_EQ(text.find("MIDI  out    0  PulseAudio"), std::string::npos) << "MIDI is the ALSA sequencer's\n" << text;
 }
 
 } // namespace
