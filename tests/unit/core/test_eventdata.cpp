@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-TEST(EventData, SysExCopyAndChannelRules)
+TEST(EventData, SysExIsCopiedIntoWholeStreamWordsAndOnlyMessagesTakeAChannel)
 {
     BYTE msg[] = {0xF0, 0x43, 0x10, 0x4C, 0xF7};
     CQXEventData e, four, none;

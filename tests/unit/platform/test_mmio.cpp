@@ -69,7 +69,7 @@ TEST_F(Mmio, OpenSaysWhyItFailedAndOffsetsStopAt2GiB)
     EXPECT_EQ(mmioClose(h, 0), 0u);
 }
 
-TEST_F(Mmio, BufferedAndUnbufferedAccessAgree)
+TEST_F(Mmio, BufferedAndUnbufferedReadsWritesAndSeeksGiveTheFilesBytes)
 {
     const std::string data = Pattern(50000);
     std::string expect = data;
@@ -167,7 +167,7 @@ TEST_F(Mmio, CreateChunkAndAscendWriteTheTrueSizes)
     mmioClose(h, 0);
 }
 
-TEST_F(Mmio, DirectBufferAccessAndBufferChanges)
+TEST_F(Mmio, DirectBufferWritesReachTheFileAndBadPointersOrHandlesAreRefused)
 {
     const std::string data = Pattern(1000), path = Path("direct.bin");
     HMMIO h = Open(path, MMIO_CREATE | MMIO_WRITE | MMIO_ALLOCBUF);
