@@ -175,6 +175,12 @@ struct Race {
     std::vector<DWORD_PTR> reading; // headers inside a position callback
     int positions = 0, done = 0, returnedWhileRead = 0, changed = 0;
 
+    int Positions()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return positions;
+    }
+
     static void CALLBACK Proc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
     {
         auto* r = reinterpret_cast<Race*>(inst);
@@ -217,8 +223,11 @@ TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
             buf->Ev(2, 0x02000000u).Hdr()->dwUser = P(buf);
             buf->Queue(h);
         }
+        const int before = race.Positions();
         midiStreamRestart(h);
-        if (round % 3 != 0) Sleep(static_cast<DWORD>(round % 3)); // stop early, or amid the callbacks
+        // Stop at once, a little later, or once the callbacks have begun.
+        if (round % 3 == 1) Sleep(1);
+        for (int i = 0; round % 3 == 2 && race.Positions() == before && i < 20000; ++i) Sleep(1);
         ASSERT_EQ(midiStreamStop(h), MMSYSERR_NOERROR);
     }
     EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
