@@ -1,8 +1,8 @@
 #include <quavix/QXDevice.h>
 
 #include "platform/QXFaults.h"
-#include "platform/kernel/QXKernel.h"
 #include "platform/QXPlatform.h"
+#include "platform/kernel/QXKernel.h"
 #include "platform/kernel/QXWindow.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 #include <chrono>
 #include <cstring>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -25,8 +24,6 @@ public:
     std::atomic<int> userMessages{0};
     std::atomic<DWORD> handlerThread{0};
     HANDLE hangUntil = nullptr; // WndProc blocks on it when set
-
-    using CQXDevice::TestState;
 
 protected:
     int DevOpen() override { return Hook("O", failOpen); }
@@ -53,69 +50,76 @@ private:
 
 bool WaitFor(const std::atomic<int>& value, int target)
 {
-    for (int i = 0; i < 5000 && value.load() < target; ++i) Sleep(1);
+    for (int i = 0; i < 20000 && value.load() < target; ++i) Sleep(1);
     return value.load() >= target;
+}
+
+// A standard format, every field overwritten, and its description.
+WAVEFORMATEX Filled(int nIndex)
+{
+    WAVEFORMATEX f;
+    std::memset(&f, 0xAB, sizeof(f));
+    CQXDevice::FillFormat(&f, nIndex);
+    return f;
+}
+
+std::string Described(WAVEFORMATEX f)
+{
+    std::string s = "stale";
+    CQXDevice::FillFormatString(&f, s);
+    return s;
 }
 
 } // namespace
 
-TEST(DeviceState, NewIsClosedOpenKeepsTheFirstNumberAndFailureKeepsTheState)
+TEST(DeviceState, OpenKeepsTheFirstNumberAndAFailedOpenStaysClosed)
 {
-    TestDevice d;
+    TestDevice d, f;
     EXPECT_EQ(d.GetState(), QX_STATE_CLOSED);
-    EXPECT_EQ(d.GetDevice(), 0);
-    EXPECT_EQ(d.GetHandle(), nullptr);
-    EXPECT_EQ(d.GetFormat(), nullptr);
     EXPECT_TRUE(IsWindow(d.GetHWnd()));
-    EXPECT_EQ(d.IsEnabled(), 1);
     EXPECT_EQ(d.Open(3), 1);
+    EXPECT_EQ(d.Open(5), 1);
     EXPECT_EQ(d.GetState(), QX_STATE_OPEN);
     EXPECT_EQ(d.GetDevice(), 3);
-    EXPECT_EQ(d.Open(5), 1);
-    EXPECT_EQ(d.GetDevice(), 3);
     EXPECT_EQ(d.calls, "O");
-
-    TestDevice f;
     f.failOpen = true;
     EXPECT_EQ(f.Open(7), 0);
     EXPECT_EQ(f.GetState(), QX_STATE_CLOSED);
     EXPECT_EQ(f.GetDevice(), 7) << "the number stays although the open failed";
 }
 
-TEST(DeviceState, TransportRowsCallTheRightHooks)
+TEST(DeviceState, EachTransportStepRunsItsHookOnceAndCloseForgetsTheNumber)
 {
     TestDevice d;
     EXPECT_EQ(d.Pause(), 1);
     EXPECT_EQ(d.Stop(), 1);
     EXPECT_EQ(d.calls, "") << "pause and stop of a closed device do nothing";
-
-    EXPECT_EQ(d.Start(), 1) << "start opens a closed device as number 0";
-    EXPECT_EQ(d.calls, "OS");
-    EXPECT_EQ(d.GetState(), QX_STATE_OPEN | QX_STATE_STARTED);
-    EXPECT_EQ(d.Start(), 1);
-    EXPECT_EQ(d.calls, "OS");
-
-    EXPECT_EQ(d.Pause(), 1);
-    EXPECT_EQ(d.GetState(), QX_STATE_OPEN | QX_STATE_PAUSED);
-    EXPECT_EQ(d.Pause(), 1);
-    EXPECT_EQ(d.Stop(), 1);
-    EXPECT_EQ(d.GetState(), QX_STATE_OPEN | QX_STATE_STOPPED);
-    EXPECT_EQ(d.Stop(), 1);
-    EXPECT_EQ(d.Pause(), 1) << "a stopped device can be paused";
-    EXPECT_EQ(d.calls, "OSPTP");
-    EXPECT_EQ(d.Start(), 1);
-    EXPECT_EQ(d.Close(), 1);
-    EXPECT_EQ(d.calls, "OSPTPSTC");
-    EXPECT_EQ(d.GetState(), QX_STATE_CLOSED);
-    EXPECT_EQ(d.Close(), 1);
-    EXPECT_EQ(d.calls, "OSPTPSTC");
-
-    // Stop of a freshly opened device runs its hook once.
+    // Each step twice: the second time runs no hook.
+    const struct {
+        int (CQXDevice::*step)();
+        UINT state;
+        const char* calls;
+    } steps[] = {
+        {&CQXDevice::Start, QX_STATE_OPEN | QX_STATE_STARTED, "OS"}, // opens a closed device as number 0
+        {&CQXDevice::Pause, QX_STATE_OPEN | QX_STATE_PAUSED, "OSP"},
+        {&CQXDevice::Stop, QX_STATE_OPEN | QX_STATE_STOPPED, "OSPT"},
+        {&CQXDevice::Pause, QX_STATE_OPEN | QX_STATE_PAUSED, "OSPTP"}, // a stopped device can be paused
+        {&CQXDevice::Start, QX_STATE_OPEN | QX_STATE_STARTED, "OSPTPS"},
+        {&CQXDevice::Close, QX_STATE_CLOSED, "OSPTPSTC"},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.calls);
+        for (int i = 0; i < 2; ++i) EXPECT_EQ((d.*s.step)(), 1);
+        EXPECT_EQ(d.GetState(), s.state);
+        EXPECT_EQ(d.calls, s.calls);
+    }
     d.Open(2);
     EXPECT_EQ(d.Stop(), 1);
     EXPECT_EQ(d.Stop(), 1);
-    EXPECT_EQ(d.calls, "OSPTPSTCOT");
-    EXPECT_EQ(d.GetState(), 0x0006u);
+    EXPECT_EQ(d.calls, "OSPTPSTCOT") << "stop of a freshly opened device runs its hook once";
+    EXPECT_EQ(d.GetState(), QX_STATE_OPEN | QX_STATE_STOPPED);
+    EXPECT_EQ(d.Close(), 1);
+    EXPECT_EQ(d.GetDevice(), 0);
 }
 
 TEST(DeviceState, FailedHooksLeaveTheStateAsItWas)
@@ -129,18 +133,15 @@ TEST(DeviceState, FailedHooksLeaveTheStateAsItWas)
     d.Start();
     d.failPause = true;
     EXPECT_EQ(d.Pause(), 0);
-    EXPECT_EQ(d.GetState(), 0x0012u);
+    EXPECT_EQ(d.GetState(), QX_STATE_OPEN | QX_STATE_STARTED);
     d.failStop = true;
     EXPECT_EQ(d.Close(), 0);
-    EXPECT_EQ(d.GetState(), 0x0012u);
+    EXPECT_EQ(d.GetState(), QX_STATE_OPEN | QX_STATE_STARTED);
     d.failStop = false;
     d.failClose = true;
     EXPECT_EQ(d.Close(), 0) << "close fails half-way";
-    EXPECT_EQ(d.GetState(), 0x0006u);
+    EXPECT_EQ(d.GetState(), QX_STATE_OPEN | QX_STATE_STOPPED);
     EXPECT_EQ(d.GetDevice(), 1);
-    d.failClose = false;
-    EXPECT_EQ(d.Close(), 1);
-    EXPECT_EQ(d.GetDevice(), 0);
 }
 
 TEST(DeviceState, DisablingClosesAndRefusesOpenButNotStartOfAnOpenDevice)
@@ -148,79 +149,88 @@ TEST(DeviceState, DisablingClosesAndRefusesOpenButNotStartOfAnOpenDevice)
     TestDevice d;
     d.Start();
     d.SetEnabled(0);
-    EXPECT_EQ(d.GetState(), 0x8001u);
+    EXPECT_EQ(d.GetState(), QX_STATE_DISABLED | QX_STATE_CLOSED);
     EXPECT_EQ(d.IsEnabled(), 0);
-    EXPECT_EQ(d.TestState(QX_STATE_DISABLED), 0x8000u);
     d.calls.clear();
     EXPECT_EQ(d.Open(0), 0);
     EXPECT_EQ(d.Start(), 0);
     EXPECT_EQ(d.calls, "") << "no hook runs for a closed, disabled device";
     d.SetEnabled(1);
     EXPECT_EQ(d.GetState(), QX_STATE_CLOSED);
-
-    // Disabling a device whose close fails leaves it open, stopped and disabled; it can
-    // still be started, and a later close re-enables it.
+    // A device whose close fails stays open, stopped and disabled; it can still be
+    // started, and a later close enables it again.
     TestDevice e;
     e.Start();
     e.failClose = true;
     e.SetEnabled(0);
-    EXPECT_EQ(e.GetState(), 0x8006u);
-    EXPECT_EQ(e.IsEnabled(), 0);
+    EXPECT_EQ(e.GetState(), QX_STATE_DISABLED | QX_STATE_OPEN | QX_STATE_STOPPED);
     EXPECT_EQ(e.Start(), 1);
-    EXPECT_EQ(e.GetState(), 0x8012u);
+    EXPECT_EQ(e.GetState(), QX_STATE_DISABLED | QX_STATE_OPEN | QX_STATE_STARTED);
     e.failClose = false;
     EXPECT_EQ(e.Close(), 1);
     EXPECT_EQ(e.GetState(), QX_STATE_CLOSED);
-    EXPECT_EQ(e.IsEnabled(), 1);
 }
 
-TEST(DeviceFormat, CopiesExactlyEighteenBytes)
+TEST(DeviceFormat, KeepsItsOwnCopyOfExactlyEighteenBytes)
 {
     TestDevice d;
     unsigned char raw[32];
     std::memset(raw, 0xEE, sizeof raw);
-    WAVEFORMATEX* fmt = reinterpret_cast<WAVEFORMATEX*>(raw);
+    auto* fmt = reinterpret_cast<WAVEFORMATEX*>(raw);
     CQXDevice::FillFormat(fmt, 13);
     fmt->cbSize = 14; // extra bytes follow, and must not be copied
     EXPECT_EQ(d.SetFormat(reinterpret_cast<QX_DevFormat*>(raw)), 1);
-    QX_DevFormat* held = d.GetFormat();
-    ASSERT_NE(held, nullptr);
-    EXPECT_NE(static_cast<void*>(held), static_cast<void*>(raw));
-    EXPECT_EQ(std::memcmp(held, raw, 18), 0);
+    ASSERT_NE(d.GetFormat(), nullptr);
+    EXPECT_EQ(std::memcmp(d.GetFormat(), raw, 18), 0);
     fmt->nSamplesPerSec = 8000;
     EXPECT_EQ(d.GetFormat()->nSamplesPerSec, 44100u);
     EXPECT_EQ(d.SetFormat(nullptr), 0);
     EXPECT_EQ(d.GetFormat(), nullptr);
 }
 
-TEST(DeviceThread, MessagesRunInOrderOnTheDeviceThread)
+// The order of the standard formats is part of the interface: devices name them by index.
+TEST(FillFormat, StandardFormatsAreConsistentInTheirOrderAndOthersFallBackTo22050Mono)
 {
-    TestDevice d;
-    for (int i = 0; i < 100; ++i) ASSERT_TRUE(PostMessageA(d.GetHWnd(), WM_USER, i, 0));
-    ASSERT_TRUE(WaitFor(d.userMessages, 100));
-    EXPECT_NE(d.handlerThread.load(), 0u);
-    EXPECT_NE(d.handlerThread.load(), GetCurrentThreadId());
+    for (int i = -1; i <= 14; ++i) {
+        const WAVEFORMATEX f = Filled(i);
+        EXPECT_EQ(f.wFormatTag, WAVE_FORMAT_PCM);
+        EXPECT_EQ(f.cbSize, 0);
+        EXPECT_EQ(f.nBlockAlign, f.nChannels * f.wBitsPerSample / 8) << i;
+        EXPECT_EQ(f.nAvgBytesPerSec, f.nSamplesPerSec * f.nBlockAlign) << i;
+    }
+    const std::pair<int, const char*> named[] = {{0, "8.000 kHz 8-bit Mono"},      {1, "8.000 kHz 8-bit Stereo"},
+                                                 {5, "11.025 kHz 16-bit Stereo"}, {9, "22.050 kHz 16-bit Stereo"},
+                                                 {13, "44.100 kHz 16-bit Stereo"}, {8, "22.050 kHz 16-bit Mono"},
+                                                 {14, "22.050 kHz 16-bit Mono"},  {INT32_MIN, "22.050 kHz 16-bit Mono"}};
+    for (auto [i, text] : named) EXPECT_EQ(Described(Filled(i)), text) << i;
+    // The tag is not looked at; more than 2 channels read as stereo.
+    EXPECT_EQ(Described({3, 4, 96000, 0, 0, 24, 0}), "96.000 kHz 24-bit Stereo");
+    EXPECT_EQ(Described({1, 0, 0xFFFFFFFFu, 0, 0, 0xFFFF, 0}), "4294967.295 kHz 65535-bit Stereo");
+    std::string s = "stale";
+    CQXDevice::FillFormatString(nullptr, s);
+    EXPECT_EQ(s, "");
+    CQXDevice::FillFormat(nullptr, 3); // no crash
 }
 
-TEST(DeviceThread, ConstructAndDestroyManyLeavesNothingBehind)
+TEST(DeviceThread, MessagesRunOnTheDeviceThreadAndManyDevicesLeaveNothingBehind)
 {
-    size_t handles = qxplat::LiveHandleCount();
-    size_t windows = qxplat::LiveWindowCount();
+    const size_t handles = qxplat::LiveHandleCount(), windows = qxplat::LiveWindowCount();
     HWND last = nullptr;
     for (int i = 0; i < 1000; ++i) {
-        auto* d = new TestDevice;
-        last = d->GetHWnd();
+        TestDevice d;
+        last = d.GetHWnd();
         ASSERT_NE(last, nullptr);
-        if (i % 100 == 0) PostMessageA(last, WM_USER, 0, 0);
-        delete d;
+        if (i % 100 != 0) continue;
+        for (int k = 0; k < 10; ++k) ASSERT_TRUE(PostMessageA(last, WM_USER, k, 0));
+        ASSERT_TRUE(WaitFor(d.userMessages, 10));
+        EXPECT_NE(d.handlerThread.load(), GetCurrentThreadId());
     }
     EXPECT_FALSE(IsWindow(last));
-    EXPECT_FALSE(PostMessageA(last, WM_USER, 0, 0));
     EXPECT_EQ(qxplat::LiveHandleCount(), handles);
     EXPECT_EQ(qxplat::LiveWindowCount(), windows);
 }
 
-TEST(DeviceThread, DestructionDoesNotWaitLongForAHungThread)
+TEST(DeviceThread, DestructionAbandonsAHungThreadAfterASecondAndItNeverReachesTheDevice)
 {
     HANDLE release = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     auto* d = new TestDevice;
@@ -229,19 +239,29 @@ TEST(DeviceThread, DestructionDoesNotWaitLongForAHungThread)
     PostMessageA(h, WM_USER, 0, 0);
     PostMessageA(h, WM_USER, 0, 0); // still queued when the thread is abandoned
     ASSERT_TRUE(WaitFor(d->userMessages, 1));
-    auto t0 = std::chrono::steady_clock::now();
+    const auto t0 = std::chrono::steady_clock::now();
     delete d;
-    auto waited = std::chrono::steady_clock::now() - t0;
+    const auto waited = std::chrono::steady_clock::now() - t0;
     EXPECT_LT(waited, std::chrono::seconds(4));
     EXPECT_GE(waited, std::chrono::milliseconds(900));
-    // The abandoned thread must not reach the deleted device when it wakes.
     SetEvent(release);
-    for (int i = 0; i < 2000 && IsWindow(h); ++i) Sleep(1);
+    for (int i = 0; i < 20000 && IsWindow(h); ++i) Sleep(1);
     EXPECT_FALSE(IsWindow(h));
     CloseHandle(release);
 }
 
-TEST(DeviceThreadDeathTest, ProcessEndsWhenNoWorkerThreadCanBeMade)
+TEST(DeviceThread, WithoutAWindowTheConstructorGivesUpAfterItsWaitAndTheDeviceStillWorks)
+{
+    QXFaultInject("CreateWindowExA", ERROR_NOT_ENOUGH_MEMORY);
+    const auto t0 = std::chrono::steady_clock::now();
+    TestDevice d;
+    EXPECT_EQ(d.GetHWnd(), nullptr);
+    EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(4900));
+    EXPECT_EQ(d.Open(0), 1);
+    d.Close();
+}
+
+TEST(DeviceThreadDeathTest, ProcessEndsWhenNoWorkerThreadOrWindowClassCanBeMade)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
@@ -251,11 +271,6 @@ TEST(DeviceThreadDeathTest, ProcessEndsWhenNoWorkerThreadCanBeMade)
             std::_Exit(3);
         },
         ::testing::ExitedWithCode(0), "");
-}
-
-TEST(DeviceThreadDeathTest, ProcessEndsWhenTheClassCannotBeRegistered)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             CQXDevice::s_bRegistered = 0;
@@ -265,17 +280,4 @@ TEST(DeviceThreadDeathTest, ProcessEndsWhenTheClassCannotBeRegistered)
             std::_Exit(3);
         },
         ::testing::ExitedWithCode(0), "");
-}
-
-TEST(DeviceThread, WithoutAWindowTheConstructorGivesUpAfterItsWait)
-{
-    QXFaultInject("CreateWindowExA", ERROR_NOT_ENOUGH_MEMORY);
-    auto t0 = std::chrono::steady_clock::now();
-    {
-        TestDevice d;
-        EXPECT_EQ(d.GetHWnd(), nullptr);
-        EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(4900));
-        EXPECT_EQ(d.Open(0), 1) << "the device still works without a message loop";
-        d.Close();
-    }
 }

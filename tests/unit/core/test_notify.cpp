@@ -31,7 +31,7 @@ void Collect(const char* pszLine, void* pUser) { static_cast<std::vector<std::st
 
 } // namespace
 
-TEST(Notify, LinesOfEveryRange)
+TEST(Notify, EveryCodeFormatsItsValueDeviceAndTextIntoItsOwnLine)
 {
     EXPECT_EQ(Line(4, 3, 9), "Wave recording 3 stopped\n");
     EXPECT_EQ(Line(100, DSERR_NODRIVER, 2), "Error creating DS object 2: DSERR_NODRIVER No sound driver is available for use.\n");
@@ -61,7 +61,7 @@ TEST(Notify, LinesOfEveryRange)
     for (DWORD code = 0; code < 1000; ++code) EXPECT_EQ(Line(code, 1, Name("n.wav")).back(), '\n') << code;
 }
 
-TEST(Notify, CallbackAndDebugTrace)
+TEST(Notify, TheCallbackGetsEachNotificationAndDebugBuildsTraceItsLine)
 {
     static DWORD_PTR got[3];
     CQXNotify notify;
@@ -82,7 +82,7 @@ TEST(Notify, CallbackAndDebugTrace)
 #endif
 }
 
-TEST(Notify, TraceFromManyThreadsWhileTheSinkChanges)
+TEST(Notify, TraceLosesNoLineWhileTheSinkChangesAndANestedTraceGoesToStderr)
 {
     std::vector<std::string> a, b;
     QXSetTraceProc(Collect, &a);
@@ -105,7 +105,7 @@ TEST(Notify, TraceFromManyThreadsWhileTheSinkChanges)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "to stderr\nnested\n");
 }
 
-TEST(Notify, DSErrorTextCutsToTheBuffer)
+TEST(Notify, DSErrorTextIsCutToTheBufferAndNeverWritesPastIt)
 {
     char buf[256];
     CQXNotify::GetDSErrorText(DSERR_UNINITIALIZED, buf, sizeof(buf));

@@ -1,25 +1,5 @@
-// Every notification code the library raises, provoked by making the platform call
-// behind it fail, with its value and its device checked. Codes provoked elsewhere, by
-// test program (tests/unit/<folder>):
-//   waveout   100 101 109  WaveOutTest.FailuresOfTheRegistryAreReportedPerDriver
-//             102-105      WaveOutTest.TransportFailuresAreReportedWithTheOutputsNumber,
-//                          WaveOutTest.PrimaryBufferFollowsTheFormatAndTheTransport
-//   waveplay  102 123 124  Offline.BufferCreationFailuresAreReported
-//             103 104      Offline.StartAndStopOfThePlayer
-//             113 115 117  Offline.RefusedParametersAreReportedAndStoredAllTheSame
-//             121 122      Offline.RefillFailuresAreReportedAndChangeNothing
-//             800          OnOutput.ThePlayersReportsNameItsOutput
-//   wavein    409          WaveInDevice.AnInputHeldUpTooLongReportsTheLoss
-//   wavefile  600-614      WaveFile.EachFailingFileCallIsReported, also
-//                          WaveFile.BadPathsAreReportedAndLeaveNothingOpen (600 614),
-//                          WaveFile.SeekByTimeSamplesAndBytes (602),
-//                          WaveFile.WhatIsNotWaveIsRefusedWithTheReason (603 605)
-//   midi      300 305 306 308  EngineTest.FailuresAreReportedAndLeaveNoStreamOpen,
-//                          EngineTest.ADensePeriodPlaysWholeAndPacesAsOne (305)
-//   manager   309 800      ManagerTest.CapabilitiesNameTheBackendsDevices,
-//                          ManagerTest.NoTimerMeansNoDeviceStarts
-//   integration 310        JackGone.AServerThatGoesAwayGivesNotificationsAndCleanFailures
-// Here: 200-204 (MIDI input), 300-310 (MIDI output), 400-408, 803, 804 (wave input).
+// Every notification code a failing platform call makes a device raise, with its value
+// and its device. Codes provoked elsewhere are checked by the tests of their devices.
 #include <quavix/Quavix.h>
 
 #include "platform/QXFaults.h"
@@ -29,12 +9,12 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 namespace {
 
-using wavetest::Log;
-using wavetest::Report;
 using Reports = wavetest::ReportLog;
-using Got = Log;
+using Got = wavetest::Log;
 
 class Failures : public ::testing::Test {
 protected:
@@ -55,6 +35,15 @@ protected:
         EXPECT_EQ(Reports::Take(), Got{}) << "closing at exit reports nothing";
         qxplat::QXVirtualSetDevices(1, 1, 1, 1);
     }
+    // The step fails while the call is made to fail, and reports it once.
+    static void Fails(const char* call, DWORD result, const std::function<int()>& step, DWORD code, DWORD_PTR dev)
+    {
+        SCOPED_TRACE(call);
+        QXFaultInject(call, result);
+        EXPECT_EQ(step(), 0);
+        EXPECT_EQ(Reports::Take(), (Got{{code, result, dev}}));
+    }
+    int Midi(int (CQuavix::*step)(int, int, int), int nDir, int n) { return (q->*step)(QX_DEVTYPE_MIDI, nDir, n); }
     UINT State(int nDir, int n) { return q->GetDeviceState(QX_DEVTYPE_MIDI, nDir, n); }
 
     CQuavix* q = nullptr;
@@ -62,151 +51,118 @@ protected:
 
 } // namespace
 
-// Input 1 reports, with its own number, whichever of its calls fails; a failed step
-// leaves the input where it was, and the same step succeeds once the fault is gone.
-TEST_F(Failures, MidiInputReportsEveryFailingCall)
+// A failed step leaves the input where it was, and succeeds once the fault is gone.
+TEST_F(Failures, MidiInputReportsEveryFailingCallWithItsNumber)
 {
     const int in = QX_DEVDIR_IN;
     QX_DevCaps caps;
-    QXFaultInject("midiInGetDevCapsA", MMSYSERR_NODRIVER);
-    EXPECT_EQ(CMidiIn::GetDeviceCaps(1, &caps), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_GETCAPS, MMSYSERR_NODRIVER, 1}}));
+    Fails("midiInGetDevCapsA", MMSYSERR_NODRIVER, [&] { return CMidiIn::GetDeviceCaps(1, &caps); },
+          QXN_MIDIIN_GETCAPS, 1);
     EXPECT_EQ(CMidiIn::GetDeviceCaps(7, &caps), 0) << "no such input";
     EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_GETCAPS, MMSYSERR_BADDEVICEID, 7}}));
     EXPECT_EQ(CMidiIn::GetDeviceCaps(1, &caps), 1);
 
-    QXFaultInject("midiInOpen", MMSYSERR_ALLOCATED);
-    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, in, 1), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_OPEN, MMSYSERR_ALLOCATED, 1}}));
+    Fails("midiInOpen", MMSYSERR_ALLOCATED, [&] { return Midi(&CQuavix::OpenDevice, in, 1); }, QXN_MIDIIN_OPEN, 1);
     EXPECT_EQ(State(in, 1), QX_STATE_CLOSED);
-    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, in, 1), 1);
-
-    QXFaultInject("midiInStart", MMSYSERR_NOMEM);
-    EXPECT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, in, 1), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_START, MMSYSERR_NOMEM, 1}}));
+    ASSERT_EQ(Midi(&CQuavix::OpenDevice, in, 1), 1);
+    Fails("midiInStart", MMSYSERR_NOMEM, [&] { return Midi(&CQuavix::StartDevice, in, 1); }, QXN_MIDIIN_START, 1);
     EXPECT_EQ(State(in, 1), QX_STATE_OPEN);
-    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, in, 1), 1);
-
-    QXFaultInject("midiInStop", MMSYSERR_INVALHANDLE);
-    EXPECT_EQ(q->StopDevice(QX_DEVTYPE_MIDI, in, 1), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_STOP, MMSYSERR_INVALHANDLE, 1}}));
-    EXPECT_TRUE(State(in, 1) & QX_STATE_STARTED);
+    ASSERT_EQ(Midi(&CQuavix::StartDevice, in, 1), 1);
     // A paused input is a stopped one: pausing fails the same way.
-    QXFaultInject("midiInStop", MMSYSERR_ERROR);
-    EXPECT_EQ(q->PauseDevice(QX_DEVTYPE_MIDI, in, 1), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_STOP, MMSYSERR_ERROR, 1}}));
+    Fails("midiInStop", MMSYSERR_INVALHANDLE, [&] { return Midi(&CQuavix::StopDevice, in, 1); }, QXN_MIDIIN_STOP, 1);
+    Fails("midiInStop", MMSYSERR_ERROR, [&] { return Midi(&CQuavix::PauseDevice, in, 1); }, QXN_MIDIIN_STOP, 1);
     EXPECT_TRUE(State(in, 1) & QX_STATE_STARTED);
-    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_MIDI, in, 1), 1);
-
-    QXFaultInject("midiInClose", MMSYSERR_HANDLEBUSY);
-    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_MIDI, in, 1), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_CLOSE, MMSYSERR_HANDLEBUSY, 1}}));
+    ASSERT_EQ(Midi(&CQuavix::StopDevice, in, 1), 1);
+    Fails("midiInClose", MMSYSERR_HANDLEBUSY, [&] { return Midi(&CQuavix::CloseDevice, in, 1); }, QXN_MIDIIN_CLOSE,
+          1);
     EXPECT_TRUE(State(in, 1) & QX_STATE_OPEN);
-    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_MIDI, in, 1), 1);
-    EXPECT_EQ(State(in, 1), QX_STATE_CLOSED);
+    EXPECT_EQ(Midi(&CQuavix::CloseDevice, in, 1), 1);
     EXPECT_EQ(Reports::Take(), Got{});
 }
 
-// Output 2 reports, with its own number, whichever of its calls fails, from the
-// transport, from the periods it queues and gets back, and from immediate output.
-TEST_F(Failures, MidiOutputReportsEveryFailingCall)
+// From the transport, from the periods an output queues and gets back, and from
+// immediate output.
+TEST_F(Failures, MidiOutputReportsEveryFailingCallWithItsNumber)
 {
     const int out = QX_DEVDIR_OUT;
     auto* pOut = static_cast<CMidiOut*>(q->GetDevice(QX_DEVTYPE_MIDI, out, 2));
     ASSERT_NE(pOut, nullptr);
     QX_DevCaps caps;
-    QXFaultInject("midiOutGetDevCapsA", MMSYSERR_NOTENABLED);
-    EXPECT_EQ(CMidiOut::GetDeviceCaps(2, &caps), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_GETCAPS, MMSYSERR_NOTENABLED, 2}}));
-
-    QXFaultInject("midiStreamOpen", MMSYSERR_ALLOCATED);
-    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, out, 2), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_OPEN, MMSYSERR_ALLOCATED, 2}}));
-    QXFaultInject("midiStreamProperty", MIDIERR_NOTREADY);
-    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, out, 2), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_SETTIMING, MIDIERR_NOTREADY, 2}}));
+    Fails("midiOutGetDevCapsA", MMSYSERR_NOTENABLED, [&] { return CMidiOut::GetDeviceCaps(2, &caps); },
+          QXN_MIDIOUT_GETCAPS, 2);
+    auto open = [&] { return Midi(&CQuavix::OpenDevice, out, 2); };
+    Fails("midiStreamOpen", MMSYSERR_ALLOCATED, open, QXN_MIDIOUT_OPEN, 2);
+    Fails("midiStreamProperty", MIDIERR_NOTREADY, open, QXN_MIDIOUT_SETTIMING, 2);
     EXPECT_EQ(State(out, 2), QX_STATE_CLOSED);
-    ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, out, 2), 1) << "the failed open left no stream behind";
+    ASSERT_EQ(open(), 1) << "the failed open left no stream behind";
 
-    // Periods: one that cannot be prepared, one the stream refuses, and one that comes
-    // back but cannot be unprepared. Each is gone afterwards: the stream holds nothing.
-    auto period = [&](DWORD dwStart) {
+    // A period that cannot be prepared, one the stream refuses, and one that comes back
+    // but cannot be unprepared: each is taken, if not played, and gone afterwards.
+    auto period = [&] {
         CQXEventList list;
         auto* e = new CQXEventData;
         e->SetMidiData(0x00403C90);
-        e->SetTimeStamp(dwStart + 10);
+        e->SetTimeStamp(10);
         list.AddTail(e);
-        const int r = pOut->PlayData(&list, dwStart, dwStart + 100);
+        const int r = pOut->PlayData(&list, 0, 100);
         while (CQXEventData* pLeft = list.RemoveHead()) delete pLeft; // refused: the caller's
         return r;
     };
     QXFaultInject("midiOutPrepareHeader", MMSYSERR_NOMEM);
-    EXPECT_EQ(period(0), 1) << "the period was taken, if not played";
+    EXPECT_EQ(period(), 1);
     EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_PREPARE, MMSYSERR_NOMEM, 2}}));
     QXFaultInject("midiStreamOut", MIDIERR_STILLPLAYING);
-    EXPECT_EQ(period(0), 1);
+    EXPECT_EQ(period(), 1);
     EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_SEND, MIDIERR_STILLPLAYING, 2}}));
-    ASSERT_EQ(period(0), 1);
+    ASSERT_EQ(period(), 1);
     QXFaultInject("midiOutUnprepareHeader", MIDIERR_UNPREPARED);
-    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_MIDI, out, 2), 1); // returns the buffer, and waits for it
+    ASSERT_EQ(Midi(&CQuavix::StopDevice, out, 2), 1); // returns the buffer, and waits for it
     EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_UNPREPARE, MIDIERR_UNPREPARED, 2}}));
     EXPECT_TRUE(qxplat::QXVirtualTakeMidiOut(2).empty()) << "never started: nothing played";
 
-    QXFaultInject("midiStreamRestart", MMSYSERR_NODRIVER);
-    EXPECT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, out, 2), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_START, MMSYSERR_NODRIVER, 2}}));
-    EXPECT_FALSE(State(out, 2) & QX_STATE_STARTED);
-    EXPECT_EQ(period(0), 0) << "a stream that failed to start takes no period";
-    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_MIDI, out, 2), 1);
-
-    QXFaultInject("midiStreamPause", MMSYSERR_INVALHANDLE);
-    EXPECT_EQ(q->PauseDevice(QX_DEVTYPE_MIDI, out, 2), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_PAUSE, MMSYSERR_INVALHANDLE, 2}}));
-    EXPECT_TRUE(State(out, 2) & QX_STATE_STARTED);
-    QXFaultInject("midiStreamStop", MMSYSERR_ERROR);
-    EXPECT_EQ(q->StopDevice(QX_DEVTYPE_MIDI, out, 2), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_STOP, MMSYSERR_ERROR, 2}}));
+    Fails("midiStreamRestart", MMSYSERR_NODRIVER, [&] { return Midi(&CQuavix::StartDevice, out, 2); },
+          QXN_MIDIOUT_START, 2);
+    EXPECT_EQ(period(), 0) << "a stream that failed to start takes no period";
+    ASSERT_EQ(Midi(&CQuavix::StartDevice, out, 2), 1);
+    Fails("midiStreamPause", MMSYSERR_INVALHANDLE, [&] { return Midi(&CQuavix::PauseDevice, out, 2); },
+          QXN_MIDIOUT_PAUSE, 2);
+    Fails("midiStreamStop", MMSYSERR_ERROR, [&] { return Midi(&CQuavix::StopDevice, out, 2); }, QXN_MIDIOUT_STOP, 2);
     EXPECT_TRUE(State(out, 2) & QX_STATE_STARTED);
 
-    // Immediate output: a short message, the note-on of a timed note, a SysEx.
-    QXFaultInject("midiOutShortMsg", MMSYSERR_NOTSUPPORTED);
-    EXPECT_EQ(pOut->PlayMidi(0x00403C90), 0);
-    QXFaultInject("midiOutShortMsg", MMSYSERR_NOMEM);
-    EXPECT_EQ(pOut->PlayNote(0x00403C90, 50), 0);
+    // A short message, the note-on of a timed note, a SysEx: nothing goes out, no
+    // note-off either.
     const BYTE sysex[] = {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7};
-    QXFaultInject("midiOutLongMsg", MMSYSERR_NODRIVER);
-    EXPECT_EQ(pOut->PlaySysEx(sysex, sizeof sysex), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_SHORTMSG, MMSYSERR_NOTSUPPORTED, 2},
-                                    {QXN_MIDIOUT_SHORTMSG, MMSYSERR_NOMEM, 2},
-                                    {QXN_MIDIOUT_SHORTMSG, MMSYSERR_NODRIVER, 2}}));
-    EXPECT_TRUE(qxplat::QXVirtualTakeMidiOut(2).empty()) << "nothing went out, no note-off either";
+    Fails("midiOutShortMsg", MMSYSERR_NOTSUPPORTED, [&] { return pOut->PlayMidi(0x00403C90); },
+          QXN_MIDIOUT_SHORTMSG, 2);
+    Fails("midiOutShortMsg", MMSYSERR_NOMEM, [&] { return pOut->PlayNote(0x00403C90, 50); }, QXN_MIDIOUT_SHORTMSG, 2);
+    Fails("midiOutLongMsg", MMSYSERR_NODRIVER, [&] { return pOut->PlaySysEx(sysex, sizeof sysex); },
+          QXN_MIDIOUT_SHORTMSG, 2);
+    EXPECT_TRUE(qxplat::QXVirtualTakeMidiOut(2).empty());
 
-    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_MIDI, out, 2), 1);
-    QXFaultInject("midiStreamClose", MMSYSERR_HANDLEBUSY);
-    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_MIDI, out, 2), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_CLOSE, MMSYSERR_HANDLEBUSY, 2}}));
-    EXPECT_TRUE(State(out, 2) & QX_STATE_OPEN);
+    ASSERT_EQ(Midi(&CQuavix::StopDevice, out, 2), 1);
+    Fails("midiStreamClose", MMSYSERR_HANDLEBUSY, [&] { return Midi(&CQuavix::CloseDevice, out, 2); },
+          QXN_MIDIOUT_CLOSE, 2);
     EXPECT_EQ(pOut->PlayMidi(0x000007B0), 1) << "still open after the failed close";
-    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_MIDI, out, 2), 1);
-    EXPECT_EQ(State(out, 2), QX_STATE_CLOSED);
+    EXPECT_EQ(Midi(&CQuavix::CloseDevice, out, 2), 1);
     EXPECT_EQ(Reports::Take(), Got{});
 }
 
-// Wave input 1 reports, with its own number, whichever of its calls fails. A failed open
-// leaves nothing open behind it, so the next open succeeds; a failed stop leaves the
-// input stopping until its buffers are back.
-TEST_F(Failures, WaveInputReportsEveryFailingCall)
+// A failed open leaves nothing open behind it, so the next open succeeds; a failed stop
+// leaves the input stopping until its buffers are back.
+TEST_F(Failures, WaveInputReportsEveryFailingCallWithItsNumber)
 {
     QX_DevCaps caps;
-    QXFaultInject("waveInGetDevCapsA", MMSYSERR_NODRIVER);
-    EXPECT_EQ(CWaveIn::GetDeviceCaps(1, &caps), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_GETCAPS, MMSYSERR_NODRIVER, 1}}));
+    Fails("waveInGetDevCapsA", MMSYSERR_NODRIVER, [&] { return CWaveIn::GetDeviceCaps(1, &caps); },
+          QXN_WAVEIN_GETCAPS, 1);
     EXPECT_EQ(CWaveIn::GetDeviceCaps(7, &caps), 0) << "no such input";
     EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_GETCAPS, MMSYSERR_BADDEVICEID, 7}}));
-    EXPECT_EQ(CWaveIn::GetDeviceCaps(1, &caps), 1);
 
     CWaveIn in;
-    struct { const char* call; DWORD result; Report report; } opens[] = {
+    const struct {
+        const char* call;
+        DWORD result;
+        wavetest::Report report;
+    } opens[] = {
         {"waveInOpen", MMSYSERR_ALLOCATED, {QXN_WAVEIN_OPEN, MMSYSERR_ALLOCATED, 1}},
         {"VirtualAlloc", ERROR_NOT_ENOUGH_MEMORY, {QXN_WAVEIN_VIRTUALALLOC, 0, 1}},
         {"VirtualLock", ERROR_NOT_ENOUGH_MEMORY, {QXN_WAVEIN_VIRTUALLOCK, 0, 1}},
@@ -214,50 +170,34 @@ TEST_F(Failures, WaveInputReportsEveryFailingCall)
         {"waveInAddBuffer", WAVERR_UNPREPARED, {QXN_WAVEIN_ADDBUFFER, WAVERR_UNPREPARED, 1}},
     };
     for (const auto& o : opens) {
+        SCOPED_TRACE(o.call);
         QXFaultInject(o.call, o.result);
-        EXPECT_EQ(in.Open(1), 0) << o.call;
-        EXPECT_EQ(Reports::Take(), Got{o.report}) << o.call;
-        EXPECT_EQ(in.GetState() & QX_STATE_OPEN, 0u) << o.call;
-        EXPECT_EQ(in.GetHandle(), nullptr) << o.call;
+        EXPECT_EQ(in.Open(1), 0);
+        EXPECT_EQ(Reports::Take(), Got{o.report});
+        EXPECT_EQ(in.GetState(), QX_STATE_CLOSED);
+        EXPECT_EQ(in.GetHandle(), nullptr);
     }
-    ASSERT_EQ(in.Open(1), 1) << "no failed open left the device behind";
-
-    QXFaultInject("waveInStart", MMSYSERR_NOMEM);
-    EXPECT_EQ(in.Start(), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_START, MMSYSERR_NOMEM, 1}}));
+    ASSERT_EQ(in.Open(1), 1);
+    Fails("waveInStart", MMSYSERR_NOMEM, [&] { return in.Start(); }, QXN_WAVEIN_START, 1);
     EXPECT_EQ(in.GetState(), QX_STATE_OPEN);
     ASSERT_EQ(in.Start(), 1);
 
     // A buffer that comes back and cannot be unprepared is reported from the input's
     // thread; the stop then waits out its limit for it and goes on.
     QXFaultInject("waveInUnprepareHeader", MMSYSERR_INVALHANDLE);
-    Got got;
-    for (int i = 0; i < 200 && got.empty(); ++i) {
-        Sleep(20);
-        got = Reports::Take();
-    }
-    EXPECT_EQ(got, (Got{{QXN_WAVEIN_UNPREPARE, MMSYSERR_INVALHANDLE, 1}}));
+    ASSERT_TRUE(wavetest::Eventually([] { return !Reports::Peek().empty(); }));
+    EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_UNPREPARE, MMSYSERR_INVALHANDLE, 1}}));
     EXPECT_EQ(in.Stop(), 1);
     EXPECT_EQ(in.Close(), 1);
     ASSERT_EQ(in.Start(), 1); // opens device 0 this time: Start opens a closed device
 
-    QXFaultInject("waveInStop", MMSYSERR_INVALHANDLE);
-    EXPECT_EQ(in.Stop(), 0);
-    QXFaultInject("waveInStop", MMSYSERR_ERROR);
-    EXPECT_EQ(in.Pause(), 0);
-    QXFaultInject("waveInReset", MMSYSERR_NODRIVER);
-    EXPECT_EQ(in.Stop(), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_STOP, MMSYSERR_INVALHANDLE, 0},
-                                    {QXN_WAVEIN_STOP, MMSYSERR_ERROR, 0},
-                                    {QXN_WAVEIN_RESET, MMSYSERR_NODRIVER, 0}}));
+    Fails("waveInStop", MMSYSERR_INVALHANDLE, [&] { return in.Stop(); }, QXN_WAVEIN_STOP, 0);
+    Fails("waveInStop", MMSYSERR_ERROR, [&] { return in.Pause(); }, QXN_WAVEIN_STOP, 0);
+    Fails("waveInReset", MMSYSERR_NODRIVER, [&] { return in.Stop(); }, QXN_WAVEIN_RESET, 0);
     EXPECT_TRUE(in.GetState() & QX_STATE_STOPPING);
     ASSERT_EQ(in.Stop(), 1);
-
-    QXFaultInject("waveInClose", MMSYSERR_HANDLEBUSY);
-    EXPECT_EQ(in.Close(), 0);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_WAVEIN_CLOSE, MMSYSERR_HANDLEBUSY, 0}}));
+    Fails("waveInClose", MMSYSERR_HANDLEBUSY, [&] { return in.Close(); }, QXN_WAVEIN_CLOSE, 0);
     EXPECT_TRUE(in.GetState() & QX_STATE_OPEN);
     EXPECT_EQ(in.Close(), 1);
-    EXPECT_EQ(in.GetState(), QX_STATE_CLOSED);
     EXPECT_EQ(Reports::Take(), Got{});
 }

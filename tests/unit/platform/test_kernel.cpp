@@ -1,6 +1,6 @@
 #include "platform/QXFaults.h"
-#include "platform/kernel/QXKernel.h"
 #include "platform/QXPlatform.h"
+#include "platform/kernel/QXKernel.h"
 
 #include <gtest/gtest.h>
 
@@ -11,15 +11,7 @@
 
 namespace {
 
-DWORD ReturnParam(LPVOID p)
-{
-    return static_cast<DWORD>(reinterpret_cast<uintptr_t>(p));
-}
-
-DWORD WaitOnEvent(LPVOID p)
-{
-    return WaitForSingleObject(static_cast<HANDLE>(p), 10000);
-}
+DWORD WaitOnEvent(LPVOID p) { return WaitForSingleObject(static_cast<HANDLE>(p), 10000); }
 
 } // namespace
 
@@ -28,24 +20,20 @@ TEST(KernelEvent, AutoResetReleasesExactlyOneWaiterPerSet)
     HANDLE ev = CreateEventA(nullptr, FALSE, TRUE, nullptr);
     EXPECT_EQ(WaitForSingleObject(ev, 0), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(ev, 0), WAIT_TIMEOUT);
-
     std::atomic<int> released{0};
     std::vector<std::thread> waiters;
     for (int i = 0; i < 4; ++i)
-        waiters.emplace_back([&] {
-            if (WaitForSingleObject(ev, 3000) == WAIT_OBJECT_0) ++released;
-        });
+        waiters.emplace_back([&] { released += WaitForSingleObject(ev, 10000) == WAIT_OBJECT_0; });
     for (int i = 0; i < 4; ++i) {
         SetEvent(ev);
-        // Each set is consumed by one waiter before the next.
-        for (int spin = 0; spin < 3000 && released.load() <= i; ++spin) Sleep(1);
+        for (int spin = 0; spin < 10000 && released.load() <= i; ++spin) Sleep(1);
         EXPECT_EQ(released.load(), i + 1);
     }
     for (auto& t : waiters) t.join();
     CloseHandle(ev);
 }
 
-TEST(KernelWait, MultipleObjectsReportsLowestSignalledIndexAndManualEventsStaySet)
+TEST(KernelWait, AnyReportsTheLowestSignalledIndexAndManualEventsStaySet)
 {
     HANDLE evs[3] = {CreateEventA(nullptr, TRUE, FALSE, nullptr), CreateEventA(nullptr, TRUE, FALSE, nullptr),
                      CreateEventA(nullptr, FALSE, FALSE, nullptr)};
@@ -56,19 +44,14 @@ TEST(KernelWait, MultipleObjectsReportsLowestSignalledIndexAndManualEventsStaySe
     EXPECT_EQ(WaitForSingleObject(evs[1], 0), WAIT_OBJECT_0) << "a manual-reset event stays set";
     EXPECT_TRUE(ResetEvent(evs[1]));
     EXPECT_EQ(WaitForMultipleObjects(3, evs, FALSE, 0), WAIT_OBJECT_0 + 2);
-    // The auto-reset one was consumed by that wait.
-    EXPECT_EQ(WaitForMultipleObjects(3, evs, FALSE, 0), WAIT_TIMEOUT);
-
-    std::thread setter([&] {
-        Sleep(30);
-        SetEvent(evs[0]);
-    });
+    EXPECT_EQ(WaitForMultipleObjects(3, evs, FALSE, 0), WAIT_TIMEOUT) << "the auto-reset one was consumed";
+    std::thread setter([&] { SetEvent(evs[0]); });
     EXPECT_EQ(WaitForMultipleObjects(3, evs, FALSE, 5000), WAIT_OBJECT_0);
     setter.join();
     for (HANDLE h : evs) CloseHandle(h);
 }
 
-TEST(KernelWait, ClosedAndBogusHandlesFail)
+TEST(KernelWait, ClosedBogusAndMixedHandlesFailAndAWaiterSurvivesAClose)
 {
     HANDLE ev = CreateEventA(nullptr, TRUE, TRUE, nullptr);
     EXPECT_TRUE(CloseHandle(ev));
@@ -81,89 +64,62 @@ TEST(KernelWait, ClosedAndBogusHandlesFail)
     EXPECT_EQ(WaitForMultipleObjects(2, mixed, FALSE, 0), WAIT_FAILED);
     EXPECT_EQ(WaitForMultipleObjects(0, mixed, FALSE, 0), WAIT_FAILED);
     EXPECT_EQ(WaitForMultipleObjects(1, mixed, TRUE, 0), WAIT_FAILED) << "wait-all is not offered";
+    ResetEvent(mixed[0]);
+    std::thread waiter([h = mixed[0]] { WaitForSingleObject(h, 100); });
+    Sleep(10); // most likely inside the wait by now
     CloseHandle(mixed[0]);
-}
-
-TEST(KernelWait, HandleClosedDuringAWaitDoesNotCrashTheWaiter)
-{
-    HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    std::thread waiter([ev] { EXPECT_EQ(WaitForSingleObject(ev, 100), WAIT_TIMEOUT); });
-    Sleep(10);
-    CloseHandle(ev);
     waiter.join();
 }
 
-TEST(KernelThread, RunsOffTheCallerAndSignalsItsEnd)
+// A timed-out join leaves the thread running; closing its handle then detaches it.
+TEST(KernelThread, RunsOffTheCallerSignalsItsEndAndMayBeDetachedOrFailToStart)
 {
+    HANDLE gate = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     DWORD tid = 0;
-    HANDLE h = CreateThread(nullptr, 0, ReturnParam, reinterpret_cast<LPVOID>(uintptr_t{42}), 0, &tid);
+    HANDLE h = CreateThread(nullptr, 0, WaitOnEvent, gate, 0, &tid);
     ASSERT_NE(h, nullptr);
-    EXPECT_NE(tid, 0u);
     EXPECT_NE(tid, GetCurrentThreadId());
-    EXPECT_EQ(WaitForSingleObject(h, 5000), WAIT_OBJECT_0);
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeThread(h, &code));
-    EXPECT_EQ(code, 42u);
-    // An ended thread stays signalled.
-    EXPECT_EQ(WaitForSingleObject(h, 0), WAIT_OBJECT_0);
-    EXPECT_TRUE(CloseHandle(h));
-}
-
-TEST(KernelThread, ClosingTheHandleOfARunningThreadDetachesIt)
-{
-    HANDLE gate = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    size_t before = qxplat::LiveHandleCount();
-    HANDLE h = CreateThread(nullptr, 0, WaitOnEvent, gate, 0, nullptr);
-    EXPECT_TRUE(CloseHandle(h));
-    EXPECT_EQ(qxplat::LiveHandleCount(), before);
-    SetEvent(gate); // the detached thread still finds its event
-    Sleep(20);
-    CloseHandle(gate);
-}
-
-TEST(KernelThread, TimedJoinPriorityAndFailedCreation)
-{
-    HANDLE gate = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE h = CreateThread(nullptr, 0, WaitOnEvent, gate, 0, nullptr);
-    EXPECT_EQ(WaitForSingleObject(h, 30), WAIT_TIMEOUT) << "a timed-out join leaves it running";
-    DWORD code = 0;
-    GetExitCodeThread(h, &code);
-    EXPECT_EQ(code, static_cast<DWORD>(STILL_ACTIVE));
-    EXPECT_EQ(GetThreadPriority(h), THREAD_PRIORITY_NORMAL);
-    EXPECT_TRUE(SetThreadPriority(h, THREAD_PRIORITY_TIME_CRITICAL));
-    EXPECT_EQ(GetThreadPriority(h), THREAD_PRIORITY_TIME_CRITICAL);
-    EXPECT_TRUE(SetThreadPriority(h, THREAD_PRIORITY_NORMAL));
+    EXPECT_EQ(WaitForSingleObject(h, 30), WAIT_TIMEOUT);
     SetEvent(gate);
     EXPECT_EQ(WaitForSingleObject(h, 5000), WAIT_OBJECT_0);
-    CloseHandle(h);
-    CloseHandle(gate);
-    EXPECT_FALSE(SetThreadPriority(h, THREAD_PRIORITY_HIGHEST));
-    EXPECT_TRUE(SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_NORMAL));
+    EXPECT_EQ(WaitForSingleObject(h, 0), WAIT_OBJECT_0) << "an ended thread stays signalled";
+    EXPECT_TRUE(CloseHandle(h));
+    ResetEvent(gate);
+    HANDLE gateAndDone[2] = {gate, CreateEventA(nullptr, TRUE, FALSE, nullptr)};
+    const size_t handles = qxplat::LiveHandleCount();
+    auto passOn = [](LPVOID p) -> DWORD {
+        WaitForSingleObject(static_cast<HANDLE*>(p)[0], 10000);
+        return SetEvent(static_cast<HANDLE*>(p)[1]);
+    };
+    EXPECT_TRUE(CloseHandle(CreateThread(nullptr, 0, passOn, gateAndDone, 0, nullptr)));
+    EXPECT_EQ(qxplat::LiveHandleCount(), handles) << "closed while it runs";
+    SetEvent(gate);
+    EXPECT_EQ(WaitForSingleObject(gateAndDone[1], 10000), WAIT_OBJECT_0) << "the detached thread finds its events";
+    CloseHandle(gateAndDone[1]);
 
     QXFaultInject("CreateThread", ERROR_NOT_ENOUGH_MEMORY);
-    EXPECT_EQ(CreateThread(nullptr, 0, ReturnParam, nullptr, 0, nullptr), nullptr);
+    EXPECT_EQ(CreateThread(nullptr, 0, WaitOnEvent, gate, 0, nullptr), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_NOT_ENOUGH_MEMORY);
-    HANDLE ok = CreateThread(nullptr, 0, ReturnParam, nullptr, 0, nullptr);
+    HANDLE ok = CreateThread(nullptr, 0, WaitOnEvent, gate, 0, nullptr);
     EXPECT_NE(ok, nullptr) << "only the armed call fails";
-    WaitForSingleObject(ok, 5000);
+    EXPECT_EQ(WaitForSingleObject(ok, 5000), WAIT_OBJECT_0);
     CloseHandle(ok);
+    CloseHandle(gate);
 }
 
-TEST(KernelFaults, NthCallFailsOnceWithTheChosenResult)
+TEST(KernelFaults, TheNthCallFailsOnceWithTheChosenResultUntilCleared)
 {
     QXFaultInject("CreateEventA", 1234, 3);
     for (int n = 1; n <= 4; ++n) {
         HANDLE ev = CreateEventA(nullptr, TRUE, FALSE, nullptr);
         EXPECT_EQ(ev == nullptr, n == 3) << "call " << n;
-        if (ev == nullptr) {
-            EXPECT_EQ(GetLastError(), 1234u);
-        }
+        EXPECT_TRUE(ev != nullptr || GetLastError() == 1234u);
         CloseHandle(ev);
     }
     QXFaultInject("CreateEventA", 1);
     QXFaultClear();
     HANDLE e = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    EXPECT_NE(e, nullptr) << "cleared faults do not fire";
+    EXPECT_NE(e, nullptr);
     CloseHandle(e);
 }
 
@@ -178,7 +134,6 @@ TEST(KernelCriticalSection, IsRecursiveAndExcludesOtherThreads)
     EXPECT_EQ(otherGot.load(), FALSE);
     LeaveCriticalSection(&cs);
     LeaveCriticalSection(&cs);
-
     long counter = 0;
     std::vector<std::thread> workers;
     for (int t = 0; t < 4; ++t)
@@ -194,22 +149,14 @@ TEST(KernelCriticalSection, IsRecursiveAndExcludesOtherThreads)
     DeleteCriticalSection(&cs);
 }
 
-TEST(KernelMemory, PagesAreZeroFilledAndReleasedOnlyWhole)
+TEST(KernelMemory, PagesComeZeroedAlsoWhenReusedAndAreReleasedOnlyWhole)
 {
     auto* p = static_cast<unsigned char*>(VirtualAlloc(nullptr, 100000, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
     ASSERT_NE(p, nullptr);
-    for (size_t i = 0; i < 100000; i += 997) ASSERT_EQ(p[i], 0);
-    std::memset(p, 0xAB, 100000);
-    EXPECT_TRUE(VirtualLock(p, 100000));
-    EXPECT_FALSE(VirtualLock(p, 1 << 20)) << "beyond the allocation";
-    EXPECT_TRUE(VirtualUnlock(p, 100000));
     EXPECT_FALSE(VirtualFree(p + 4096, 0, MEM_RELEASE)) << "not the start of an allocation";
     EXPECT_FALSE(VirtualFree(p, 100, MEM_RELEASE)) << "release takes size 0";
     EXPECT_TRUE(VirtualFree(p, 0, MEM_RELEASE));
     EXPECT_FALSE(VirtualFree(p, 0, MEM_RELEASE));
-    EXPECT_FALSE(VirtualLock(p, 16));
-
-    // Small regions are reused after release; they must come back zeroed all the same.
     for (int round = 0; round < 3; ++round) {
         auto* r = static_cast<unsigned char*>(VirtualAlloc(nullptr, 5000, MEM_COMMIT, PAGE_READWRITE));
         ASSERT_NE(r, nullptr);
@@ -218,12 +165,5 @@ TEST(KernelMemory, PagesAreZeroFilledAndReleasedOnlyWhole)
         EXPECT_TRUE(VirtualLock(r, 8192));
         EXPECT_TRUE(VirtualFree(r, 0, MEM_RELEASE));
     }
-
     EXPECT_EQ(VirtualAlloc(nullptr, 0, MEM_COMMIT, PAGE_READWRITE), nullptr);
-    QXFaultInject("VirtualAlloc", ERROR_NOT_ENOUGH_MEMORY);
-    EXPECT_EQ(VirtualAlloc(nullptr, 4096, MEM_COMMIT, PAGE_READWRITE), nullptr);
-    void* q = VirtualAlloc(nullptr, 4096, MEM_COMMIT, PAGE_READWRITE);
-    QXFaultInject("VirtualLock", ERROR_NOT_ENOUGH_QUOTA);
-    EXPECT_FALSE(VirtualLock(q, 4096));
-    EXPECT_TRUE(VirtualFree(q, 0, MEM_RELEASE));
 }

@@ -1,61 +1,30 @@
-#include "platform/QXFaults.h"
-#include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "unit/platform/PlatformTestUtil.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <mutex>
-#include <thread>
-#include <vector>
 
 namespace {
 
+using plattest::Calls;
+using plattest::P;
 using qxplat::QXVirtualTakeMidiOut;
 
-struct Calls {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::vector<std::pair<UINT, MIDIHDR*>> seen;
-    std::vector<DWORD> offsets; // dwOffset at each position callback
+constexpr DWORD kCallbackEvent = MEVT_F_CALLBACK | MEVT_F_LONG | (DWORD{MEVT_COMMENT} << 24) | 8;
 
-    bool WaitFor(UINT msg, size_t count, int ms = 5000)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return cv.wait_for(lock, std::chrono::milliseconds(ms), [&] { return Count(msg) >= count; });
-    }
-    size_t Count(UINT msg)
-    {
-        size_t n = 0;
-        for (auto& s : seen) n += s.first == msg;
-        return n;
-    }
-};
-
-void CALLBACK Proc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
-{
-    auto* c = reinterpret_cast<Calls*>(inst);
-    std::lock_guard<std::mutex> lock(c->mutex);
-    auto* hdr = reinterpret_cast<MIDIHDR*>(p1);
-    c->seen.emplace_back(msg, hdr);
-    if (msg == MOM_POSITIONCB) c->offsets.push_back(hdr->dwOffset);
-    c->cv.notify_all();
-}
-
-// Opens MIDI output 0 as a stream with 1 ms ticks, its callback proc given inst.
+// Opens MIDI output 0 as a stream with 1 ms ticks.
 HMIDISTRM OpenStream(DWORD_PTR proc, void* inst)
 {
     HMIDISTRM h = nullptr;
     UINT dev = 0;
-    EXPECT_EQ(midiStreamOpen(&h, &dev, 1, proc, reinterpret_cast<DWORD_PTR>(inst), CALLBACK_FUNCTION),
-              MMSYSERR_NOERROR);
+    EXPECT_EQ(midiStreamOpen(&h, &dev, 1, proc, P(inst), CALLBACK_FUNCTION), MMSYSERR_NOERROR);
     MIDIPROPTIMEDIV td{sizeof td, 0xFFFFE728u};
     EXPECT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
     return h;
 }
+
+HMIDIOUT Out(HMIDISTRM h) { return reinterpret_cast<HMIDIOUT>(h); }
 
 // A stream buffer built word by word.
 struct Buffer {
@@ -73,6 +42,11 @@ struct Buffer {
         hdr.dwBufferLength = hdr.dwBytesRecorded = static_cast<DWORD>(words.size() * 4);
         return &hdr;
     }
+    void Queue(HMIDISTRM h)
+    {
+        ASSERT_EQ(midiOutPrepareHeader(Out(h), Hdr(), sizeof(MIDIHDR)), 0u);
+        ASSERT_EQ(midiStreamOut(h, &hdr, sizeof(MIDIHDR)), 0u);
+    }
 };
 
 class MidiStreamTest : public ::testing::Test {
@@ -81,230 +55,97 @@ protected:
     {
         qxplat::QXVirtualSetDevices(1, 2, 0, 0);
         QXVirtualTakeMidiOut(0);
-        h = OpenStream(reinterpret_cast<DWORD_PTR>(Proc), &calls);
+        h = OpenStream(P(Calls::Proc<HMIDIOUT>), &calls);
     }
     void TearDown() override
     {
         midiStreamStop(h);
         EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
-        QXFaultClear();
         qxplat::QXVirtualSetDevices(1, 1, 1, 1);
-    }
-    void Queue(Buffer& b)
-    {
-        ASSERT_EQ(midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(h), b.Hdr(), sizeof(MIDIHDR)), 0u);
-        ASSERT_EQ(midiStreamOut(h, &b.hdr, sizeof(MIDIHDR)), 0u);
     }
 
     HMIDISTRM h = nullptr;
     Calls calls;
 };
 
-} // namespace
-
-TEST_F(MidiStreamTest, OpensPausedThenPlaysEveryBufferAgainstAbsoluteDeadlines)
+TEST_F(MidiStreamTest, StopReturnsEveryBufferAtOnceInQueueOrder)
 {
-    // Forty 100 ms buffers whose events fall at uneven offsets: over four seconds the
-    // due times must land exactly on their millisecond grid, with nothing lost.
-    std::deque<Buffer> buffers(40);
-    for (int k = 0; k < 40; ++k) {
-        DWORD key = 0x40 + static_cast<DWORD>(k % 20);
-        buffers[k].Ev(7, 0x00403090 | (key << 8)).Ev(33, 0x00003080 | (key << 8)).Ev(60, 0x02000000u);
-        Queue(buffers[k]);
-    }
-    Sleep(60);
-    EXPECT_TRUE(QXVirtualTakeMidiOut(0).empty()) << "a new stream is paused";
-    ASSERT_EQ(midiStreamRestart(h), 0u);
-    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 40, 10000));
-
-    auto out = QXVirtualTakeMidiOut(0);
-    ASSERT_EQ(out.size(), 80u);
-    for (size_t i = 0; i < out.size(); ++i) {
-        const int64_t k = static_cast<int64_t>(i / 2);
-        const int64_t ms = k * 100 + (i % 2 ? 40 : 7);
-        EXPECT_EQ(out[i].dueNs - (out[0].dueNs - 7'000'000), ms * 1'000'000) << i;
-        EXPECT_GE(out[i].timeNs, out[i].dueNs) << "never early";
-        EXPECT_EQ(out[i].bytes[0], i % 2 ? 0x80 : 0x90);
-    }
-    for (auto& b : buffers) {
-        EXPECT_TRUE(b.hdr.dwFlags & MHDR_DONE);
-        EXPECT_FALSE(b.hdr.dwFlags & MHDR_INQUEUE);
-    }
-}
-
-TEST_F(MidiStreamTest, PauseKeepsPositionAndQueuedBuffersAndShiftsTheOrigin)
-{
-    std::deque<Buffer> buffers(6);
-    for (auto& b : buffers) {
-        b.Ev(0, 0x00403C90).Ev(50, 0x00003C80).Ev(50, 0x02000000u);
-        Queue(b);
-    }
-    midiStreamRestart(h);
-    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
-    ASSERT_EQ(midiStreamPause(h), 0u);
-    auto before = QXVirtualTakeMidiOut(0);
-    Sleep(250);
-    EXPECT_TRUE(QXVirtualTakeMidiOut(0).empty()) << "nothing plays while paused";
-    ASSERT_EQ(midiStreamRestart(h), 0u);
-    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 6));
-    auto after = QXVirtualTakeMidiOut(0);
-    EXPECT_EQ(before.size() + after.size(), 12u) << "nothing lost across the pause";
-    ASSERT_FALSE(before.empty());
-    ASSERT_FALSE(after.empty());
-    EXPECT_GE(after.front().dueNs - before.back().dueNs, 250'000'000) << "the pause moved later events";
-    // After the pause the grid holds again.
-    for (size_t i = 1; i < after.size(); ++i) EXPECT_EQ((after[i].dueNs - after[0].dueNs) % 50'000'000, 0);
-}
-
-TEST_F(MidiStreamTest, StopReturnsEveryBufferAndRewinds)
-{
-    std::deque<Buffer> buffers(3);
-    for (auto& b : buffers) {
-        b.Ev(0, 0x00403C90).Ev(100, 0x02000000u);
-        Queue(b);
-    }
+    Buffer buffers[3];
+    for (auto& b : buffers) b.Ev(0, 0x00403C90).Ev(100, 0x02000000u).Queue(h);
     EXPECT_EQ(midiStreamClose(h), MIDIERR_STILLPLAYING);
-    EXPECT_EQ(midiOutUnprepareHeader(reinterpret_cast<HMIDIOUT>(h), &buffers[0].hdr, sizeof(MIDIHDR)),
-              MIDIERR_STILLPLAYING);
+    EXPECT_EQ(midiOutUnprepareHeader(Out(h), &buffers[0].hdr, sizeof(MIDIHDR)), MIDIERR_STILLPLAYING);
     midiStreamRestart(h);
     ASSERT_EQ(midiStreamStop(h), 0u);
-    EXPECT_EQ(calls.Count(MOM_DONE), 3u) << "each queued buffer comes back at once";
+    const auto seen = calls.Seen();
+    ASSERT_EQ(seen.size(), 4u) << "open and each queued buffer, at once";
     for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(calls.seen[i + 1].second, &buffers[i].hdr) << "in queue order";
-        EXPECT_TRUE(buffers[i].hdr.dwFlags & MHDR_DONE);
-        EXPECT_EQ(midiOutUnprepareHeader(reinterpret_cast<HMIDIOUT>(h), &buffers[i].hdr, sizeof(MIDIHDR)), 0u);
+        EXPECT_EQ(seen[i + 1], std::make_pair(UINT{MOM_DONE}, P(&buffers[i].hdr)));
+        EXPECT_EQ(midiOutUnprepareHeader(Out(h), &buffers[i].hdr, sizeof(MIDIHDR)), 0u);
     }
-    MMTIME pos{};
-    pos.wType = TIME_TICKS;
-    midiStreamPosition(h, &pos, sizeof pos);
-    EXPECT_EQ(pos.u.ticks, 0u);
 }
 
-TEST_F(MidiStreamTest, PositionCallbackNamesItsEventAndLaterEventsStayOnTime)
+TEST_F(MidiStreamTest, PositionCallbackNamesItsEventBeforeTheBufferReturnsAndSendsNothing)
 {
     Buffer b;
-    b.Ev(0, 0x00403C90)
-        .Ev(20, MEVT_F_CALLBACK | MEVT_F_LONG | (DWORD{MEVT_COMMENT} << 24) | 8, {1, 77})
-        .Ev(30, 0x00003C80)
-        .Ev(50, 0x02000000u);
-    Queue(b);
+    b.Ev(0, 0x00403C90).Ev(20, kCallbackEvent, {1, 77}).Ev(30, 0x00003C80).Ev(50, 0x02000000u).Queue(h);
     midiStreamRestart(h);
     ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
-    ASSERT_EQ(calls.offsets.size(), 1u);
-    EXPECT_EQ(calls.offsets[0], 12u);
-    auto out = QXVirtualTakeMidiOut(0);
-    ASSERT_EQ(out.size(), 2u) << "the callback event sends nothing";
+    EXPECT_EQ(calls.offsets, std::vector<DWORD>{12});
+    const auto seen = calls.Seen();
+    EXPECT_EQ(seen[1].first, UINT{MOM_POSITIONCB});
+    EXPECT_EQ(seen[2].first, UINT{MOM_DONE});
+    const auto out = QXVirtualTakeMidiOut(0);
+    ASSERT_EQ(out.size(), 2u);
     EXPECT_EQ(out[1].dueNs - out[0].dueNs, 50'000'000);
-    // The callback came between the two messages.
-    size_t cb = 0, done = 0;
-    for (size_t i = 0; i < calls.seen.size(); ++i) {
-        if (calls.seen[i].first == MOM_POSITIONCB) cb = i;
-        if (calls.seen[i].first == MOM_DONE) done = i;
-    }
-    EXPECT_LT(cb, done);
 }
 
 TEST_F(MidiStreamTest, ShortAndLongMessagesGoOutAtOncePastQueuedBuffers)
 {
     Buffer b;
-    b.Ev(500, 0x00403C90);
-    Queue(b);
-    EXPECT_EQ(midiOutShortMsg(reinterpret_cast<HMIDIOUT>(h), 0x00643C90), 0u);
-    EXPECT_EQ(midiOutShortMsg(reinterpret_cast<HMIDIOUT>(h), 0x00000040), 0u) << "running status: key 0x40, vel 0";
-    EXPECT_EQ(midiOutShortMsg(reinterpret_cast<HMIDIOUT>(h), 0x000000F8), 0u);
+    b.Ev(500, 0x00403C90).Queue(h);
+    EXPECT_EQ(midiOutShortMsg(Out(h), 0x00643C90), 0u);
+    EXPECT_EQ(midiOutShortMsg(Out(h), 0x000000F8), 0u);
     char sysex[] = {char(0xF0), 0x7E, 0x7F, 0x09, 0x01, char(0xF7)};
     MIDIHDR hdr{};
     hdr.lpData = sysex;
     hdr.dwBufferLength = sizeof sysex;
-    EXPECT_EQ(midiOutLongMsg(reinterpret_cast<HMIDIOUT>(h), &hdr, sizeof hdr), MIDIERR_UNPREPARED);
-    midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(h), &hdr, sizeof hdr);
-    EXPECT_EQ(midiOutLongMsg(reinterpret_cast<HMIDIOUT>(h), &hdr, sizeof hdr), 0u);
+    EXPECT_EQ(midiOutLongMsg(Out(h), &hdr, sizeof hdr), MIDIERR_UNPREPARED);
+    midiOutPrepareHeader(Out(h), &hdr, sizeof hdr);
+    EXPECT_EQ(midiOutLongMsg(Out(h), &hdr, sizeof hdr), 0u);
     EXPECT_TRUE(hdr.dwFlags & MHDR_DONE);
-    auto out = QXVirtualTakeMidiOut(0);
-    ASSERT_EQ(out.size(), 4u);
+    const auto out = QXVirtualTakeMidiOut(0);
+    ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(out[0].bytes, (std::vector<BYTE>{0x90, 0x3C, 0x64}));
-    EXPECT_EQ(out[1].bytes, (std::vector<BYTE>{0x90, 0x40, 0x00}));
-    EXPECT_EQ(out[2].bytes, (std::vector<BYTE>{0xF8}));
-    EXPECT_EQ(out[3].bytes.size(), 6u);
-    midiStreamStop(h); // hands back the buffer before it goes out of scope
+    EXPECT_EQ(out[1].bytes, (std::vector<BYTE>{0xF8}));
+    EXPECT_EQ(out[2].bytes, std::vector<BYTE>(sysex, sysex + 6));
 }
 
-TEST_F(MidiStreamTest, TimeDivisionAndTempoSetTheTickLength)
+// 96 ticks a quarter note at 240 BPM are 250 ms; a tempo event halfway doubles the tick
+// length from there on.
+TEST_F(MidiStreamTest, TimeDivisionAndTempoEventsSetTheTickLength)
 {
-    MIDIPROPTIMEDIV td{sizeof td, 0};
-    EXPECT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV),
-              MMSYSERR_INVALPARAM);
-    td.dwTimeDiv = 0xFFFFE028u; // -32 fps does not exist
-    EXPECT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV),
-              MMSYSERR_INVALPARAM);
-    td.dwTimeDiv = 96; // 96 ticks a quarter note
+    MIDIPROPTIMEDIV td{sizeof td, 96};
+    MIDIPROPTEMPO tempo{sizeof tempo, 250000};
     ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
-    MIDIPROPTEMPO tempo{sizeof tempo, 0};
-    ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_GET | MIDIPROP_TEMPO), 0u);
-    EXPECT_EQ(tempo.dwTempo, 500000u);
-    tempo.dwTempo = 250000; // 240 BPM: 96 ticks are 250 ms
     ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_SET | MIDIPROP_TEMPO), 0u);
-
     Buffer b;
-    // A tempo event halfway doubles the tick length from there on.
-    b.Ev(0, 0x00403C90).Ev(96, 0x00403E90).Ev(0, (DWORD{MEVT_TEMPO} << 24) | 500000).Ev(96, 0x00404090);
-    Queue(b);
+    b.Ev(0, 0x00403C90).Ev(96, 0x00403E90).Ev(0, (DWORD{MEVT_TEMPO} << 24) | 500000).Ev(96, 0x00404090).Queue(h);
     midiStreamRestart(h);
-    td.dwTimeDiv = 0xFFFFE728u;
-    EXPECT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV),
-              MIDIERR_NOTREADY)
-        << "not while playing";
     ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
-    auto out = QXVirtualTakeMidiOut(0);
+    const auto out = QXVirtualTakeMidiOut(0);
     ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(out[1].dueNs - out[0].dueNs, 250'000'000);
     EXPECT_EQ(out[2].dueNs - out[1].dueNs, 500'000'000);
 }
 
-TEST_F(MidiStreamTest, BadHeadersAndHandlesAreRefused)
+TEST_F(MidiStreamTest, AnEventThatOverrunsItsBufferIsNotPlayedAndTheBufferStillReturns)
 {
-    Buffer b;
-    b.Ev(0, 0x00403C90);
-    MIDIHDR* hdr = b.Hdr();
-    EXPECT_EQ(midiStreamOut(h, hdr, sizeof(MIDIHDR)), MIDIERR_UNPREPARED);
-    EXPECT_EQ(midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(h), hdr, sizeof(MIDIHDR) - 1), MMSYSERR_INVALPARAM);
-    hdr->dwBytesRecorded = 13;
-    midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(h), hdr, sizeof(MIDIHDR));
-    EXPECT_EQ(midiStreamOut(h, hdr, sizeof(MIDIHDR)), MMSYSERR_INVALPARAM) << "not whole words";
-    auto bogus = reinterpret_cast<HMIDISTRM>(uintptr_t{0x1234});
-    EXPECT_EQ(midiStreamRestart(bogus), MMSYSERR_INVALHANDLE);
-    EXPECT_EQ(midiOutShortMsg(reinterpret_cast<HMIDIOUT>(bogus), 0x90), MMSYSERR_INVALHANDLE);
-
-    // A long event that claims more bytes than its buffer holds is not played; the
-    // buffer still comes back.
     Buffer overrun;
-    overrun.Ev(0, MEVT_F_LONG | 4000, {0xF07E7FF0});
-    Queue(overrun);
+    overrun.Ev(0, MEVT_F_LONG | 4000, {0xF07E7FF0}).Queue(h);
     midiStreamRestart(h);
     ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
     EXPECT_TRUE(QXVirtualTakeMidiOut(0).empty());
 }
-
-TEST(MidiStreamOpen, RefusesBadDevicesSecondOpensAndInjectedFaults)
-{
-    qxplat::QXVirtualSetDevices(0, 1, 0, 0);
-    HMIDISTRM h = nullptr, h2 = nullptr;
-    UINT dev = 5;
-    EXPECT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_BADDEVICEID);
-    dev = 0;
-    EXPECT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, 0x00070000u), MMSYSERR_INVALFLAG);
-    QXFaultInject("midiStreamOpen", MMSYSERR_NOMEM);
-    EXPECT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOMEM);
-    ASSERT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
-    EXPECT_EQ(midiStreamOpen(&h2, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_ALLOCATED);
-    EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
-    EXPECT_EQ(midiStreamClose(h), MMSYSERR_INVALHANDLE);
-    ASSERT_EQ(midiStreamOpen(&h2, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR) << "free again after close";
-    midiStreamClose(h2);
-    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
-}
-
-namespace {
 
 // Owners free a header as soon as it comes back; a position callback still reading it
 // must have returned by then.
@@ -312,62 +153,60 @@ struct Race {
     std::mutex mutex;
     std::vector<DWORD_PTR> reading; // headers inside a position callback
     int positions = 0, done = 0, returnedWhileRead = 0, changed = 0;
-};
 
-void CALLBACK RaceProc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
-{
-    auto* r = reinterpret_cast<Race*>(inst);
-    auto* hdr = reinterpret_cast<MIDIHDR*>(p1);
-    if (msg == MOM_POSITIONCB) {
-        {
-            std::lock_guard<std::mutex> lock(r->mutex);
-            r->reading.push_back(hdr->dwUser);
-            ++r->positions;
+    int Positions()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return positions;
+    }
+
+    static void CALLBACK Proc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
+    {
+        auto* r = reinterpret_cast<Race*>(inst);
+        auto* hdr = reinterpret_cast<MIDIHDR*>(p1);
+        std::unique_lock<std::mutex> lock(r->mutex);
+        if (msg == MOM_DONE) {
+            ++r->done;
+            r->returnedWhileRead += std::count(r->reading.begin(), r->reading.end(), hdr->dwUser);
+            lock.unlock();
+            delete reinterpret_cast<Buffer*>(hdr->dwUser);
+            return;
         }
-        // Read the event as an output does, before and after giving a stop the time to
-        // overlap (the stream thread may run at real-time priority: it sleeps to let it).
+        if (msg != MOM_POSITIONCB) return;
+        r->reading.push_back(hdr->dwUser);
+        ++r->positions;
+        lock.unlock();
+        // Read the event before and after giving a stop the time to overlap.
         int changed = 0;
         for (int i = 0; i < 2; ++i) {
             const auto* ev = reinterpret_cast<const volatile DWORD*>(hdr->lpData + hdr->dwOffset);
             changed += ev[3] != 1 || ev[4] != 77;
             if (i == 0) std::this_thread::sleep_for(std::chrono::microseconds(300));
         }
-        std::lock_guard<std::mutex> lock(r->mutex);
+        lock.lock();
         r->changed += changed;
         r->reading.erase(std::find(r->reading.begin(), r->reading.end(), hdr->dwUser));
-    } else if (msg == MOM_DONE) {
-        {
-            std::lock_guard<std::mutex> lock(r->mutex);
-            ++r->done;
-            if (std::find(r->reading.begin(), r->reading.end(), hdr->dwUser) != r->reading.end())
-                ++r->returnedWhileRead;
-        }
-        delete reinterpret_cast<Buffer*>(hdr->dwUser);
     }
-}
-
-} // namespace
+};
 
 TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
 {
     qxplat::QXVirtualSetDevices(0, 1, 0, 0);
     Race race;
-    HMIDISTRM h = OpenStream(reinterpret_cast<DWORD_PTR>(RaceProc), &race);
-    const DWORD callbackEvent = MEVT_F_CALLBACK | MEVT_F_LONG | (DWORD{MEVT_COMMENT} << 24) | 8;
+    HMIDISTRM h = OpenStream(P(Race::Proc), &race);
     int queued = 0;
     for (int round = 0; round < 150; ++round) {
-        for (int b = 0; b < 3; ++b) {
+        for (int k = 0; k < 3; ++k, ++queued) {
             auto* buf = new Buffer;
-            for (int e = 0; e < 10; ++e) buf->Ev(0, callbackEvent, {1, 77}); // back to back
-            buf->Ev(2, 0x02000000u);
-            MIDIHDR* hdr = buf->Hdr();
-            hdr->dwUser = reinterpret_cast<DWORD_PTR>(buf);
-            ASSERT_EQ(midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(h), hdr, sizeof(MIDIHDR)), 0u);
-            ASSERT_EQ(midiStreamOut(h, hdr, sizeof(MIDIHDR)), 0u);
-            ++queued;
+            for (int e = 0; e < 10; ++e) buf->Ev(0, kCallbackEvent, {1, 77}); // back to back
+            buf->Ev(2, 0x02000000u).Hdr()->dwUser = P(buf);
+            buf->Queue(h);
         }
+        const int before = race.Positions();
         midiStreamRestart(h);
-        if (round % 3 != 0) Sleep(static_cast<DWORD>(round % 3)); // stop early, or amid the callbacks
+        // Stop at once, a little later, or once the callbacks have begun.
+        if (round % 3 == 1) Sleep(1);
+        for (int i = 0; round % 3 == 2 && race.Positions() == before && i < 20000; ++i) Sleep(1);
         ASSERT_EQ(midiStreamStop(h), MMSYSERR_NOERROR);
     }
     EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
@@ -379,124 +218,93 @@ TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
 }
 
-
-namespace {
-
-// A position callback that controls its own stream while another thread stops it.
-struct SelfControl {
+// A position callback that pauses its stream while another thread stops it, or stops
+// the stream itself.
+struct SelfControl : Calls {
     HMIDISTRM h = nullptr;
-    bool bStop = false; // stop from inside the callback, else pause
-    std::mutex mutex;
-    std::condition_variable cv;
-    int entered = 0, done = 0;
-};
+    bool bStop = false;
 
-void CALLBACK SelfControlProc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR, DWORD_PTR)
-{
-    auto* c = reinterpret_cast<SelfControl*>(inst);
-    if (msg == MOM_POSITIONCB) {
-        {
-            std::lock_guard<std::mutex> lock(c->mutex);
-            ++c->entered;
-        }
-        c->cv.notify_all();
+    static void CALLBACK Proc(HMIDIOUT h, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR p2)
+    {
+        auto* c = reinterpret_cast<SelfControl*>(inst);
+        Calls::Proc(h, msg, inst, p1, p2);
+        if (msg != MOM_POSITIONCB) return;
         std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the other thread's stop waits now
         if (c->bStop)
             midiStreamStop(c->h);
         else
             midiStreamPause(c->h);
-    } else if (msg == MOM_DONE) {
-        std::lock_guard<std::mutex> lock(c->mutex);
-        ++c->done;
-        c->cv.notify_all();
     }
-}
+};
 
-} // namespace
-
-// Waiting for a position callback must not hold what the callback may need: it may
-// pause its stream while another thread stops it, or stop the stream itself.
 TEST(MidiStreamRace, APositionCallbackMayPauseOrStopItsOwnStream)
 {
     qxplat::QXVirtualSetDevices(0, 1, 0, 0);
     for (bool bStop : {false, true}) {
+        SCOPED_TRACE(bStop);
         SelfControl c;
         c.bStop = bStop;
-        c.h = OpenStream(reinterpret_cast<DWORD_PTR>(SelfControlProc), &c);
+        c.h = OpenStream(P(SelfControl::Proc), &c);
         Buffer b;
-        b.Ev(0, MEVT_F_CALLBACK | MEVT_F_LONG | (DWORD{MEVT_COMMENT} << 24) | 8, {1, 77}).Ev(500, 0x02000000u);
-        ASSERT_EQ(midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(c.h), b.Hdr(), sizeof(MIDIHDR)), 0u);
-        ASSERT_EQ(midiStreamOut(c.h, &b.hdr, sizeof(MIDIHDR)), 0u);
+        b.Ev(0, kCallbackEvent, {1, 77}).Ev(500, 0x02000000u).Queue(c.h);
         midiStreamRestart(c.h);
-        {
-            std::unique_lock<std::mutex> lock(c.mutex);
-            ASSERT_TRUE(c.cv.wait_for(lock, std::chrono::seconds(5), [&] { return c.entered > 0; }));
-        }
+        ASSERT_TRUE(c.WaitFor(MOM_POSITIONCB, 1));
         if (!bStop) {
             EXPECT_EQ(midiStreamStop(c.h), MMSYSERR_NOERROR); // amid the callback
         }
-        {
-            std::unique_lock<std::mutex> lock(c.mutex);
-            EXPECT_TRUE(c.cv.wait_for(lock, std::chrono::seconds(5), [&] { return c.done == 1; })) << bStop;
-        }
+        EXPECT_TRUE(c.WaitFor(MOM_DONE, 1));
         EXPECT_TRUE(b.hdr.dwFlags & MHDR_DONE);
         EXPECT_EQ(midiStreamClose(c.h), MMSYSERR_NOERROR);
     }
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
 }
 
+} // namespace
 #ifdef QUAVIX_HAVE_ALSA
 #include "platform/backends/alsa/QXAlsa.h"
 
-namespace {
-
-// The sequencer's own test for a scheduled event against removal criteria, as its
-// documentation states it: the event is the remover's own, and each condition set must
-// hold besides.
-bool Removes(snd_seq_remove_events_t* rm, const snd_seq_event_t& ev, int ourClient, int evClient)
-{
-    const unsigned cond = snd_seq_remove_events_get_condition(rm);
-    if (evClient != ourClient || !(cond & SND_SEQ_REMOVE_OUTPUT)) return false;
-    if (cond & SND_SEQ_REMOVE_DEST) {
-        const snd_seq_addr_t* d = snd_seq_remove_events_get_dest(rm);
-        if (ev.queue != snd_seq_remove_events_get_queue(rm) || ev.dest.client != d->client ||
-            ev.dest.port != d->port)
-            return false;
-    }
-    if ((cond & SND_SEQ_REMOVE_TAG_MATCH) && ev.tag != snd_seq_remove_events_get_tag(rm)) return false;
-    if ((cond & SND_SEQ_REMOVE_IGNORE_OFF) && ev.type == SND_SEQ_EVENT_NOTEOFF) return false;
-    return true;
-}
-
-snd_seq_event_t Scheduled(int queue, int ourPort, int peerClient, int peerPort, unsigned char type)
-{
-    snd_seq_event_t ev;
-    snd_seq_ev_clear(&ev);
-    ev.type = type;
-    snd_seq_real_time_t t{1, 0};
-    snd_seq_ev_schedule_real(&ev, queue, 0, &t);
-    qxplat::AlsaAddressEvent(&ev, ourPort, peerClient, peerPort);
-    return ev;
-}
-
-} // namespace
-
-// Stopping one output takes back its own scheduled messages and no other output's,
-// also when two outputs play to the same peer.
+// Stopping one output takes back its own scheduled messages and no other output's, also
+// when two outputs play to the same peer. Judged by the sequencer's documented test of
+// an event against removal criteria: the remover's own, and each condition set holds.
 TEST(AlsaCancel, RemovesOnlyTheStoppedOutputsScheduledMessages)
 {
     const int queue = 2, us = 128;
     snd_seq_remove_events_t* rm;
     ASSERT_EQ(snd_seq_remove_events_malloc(&rm), 0);
     qxplat::AlsaCancelCriteria(rm, queue, 3, 20, 0);
-    EXPECT_TRUE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON), us, us));
-    EXPECT_TRUE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_CONTROLLER), us, us));
-    EXPECT_FALSE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_NOTEOFF), us, us)) << "sounding notes end";
-    EXPECT_FALSE(Removes(rm, Scheduled(queue, 4, 21, 0, SND_SEQ_EVENT_NOTEON), us, us)) << "another output";
-    EXPECT_FALSE(Removes(rm, Scheduled(queue, 4, 20, 1, SND_SEQ_EVENT_NOTEON), us, us)) << "another port of the peer";
-    EXPECT_FALSE(Removes(rm, Scheduled(queue, 5, 20, 0, SND_SEQ_EVENT_NOTEON), us, us)) << "a second output to it";
-    EXPECT_FALSE(Removes(rm, Scheduled(queue + 1, 3, 20, 0, SND_SEQ_EVENT_NOTEON), us, us)) << "another queue";
-    EXPECT_FALSE(Removes(rm, Scheduled(queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON), us, us + 1)) << "another client's";
+    const unsigned cond = snd_seq_remove_events_get_condition(rm);
+    const snd_seq_addr_t* d = snd_seq_remove_events_get_dest(rm);
+    const struct {
+        int queue, ourPort, peerClient, peerPort;
+        unsigned char type;
+        int client;
+        bool removed;
+        const char* what;
+    } cases[] = {
+        {queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON, us, true, "its note-on"},
+        {queue, 3, 20, 0, SND_SEQ_EVENT_CONTROLLER, us, true, "its controller"},
+        {queue, 3, 20, 0, SND_SEQ_EVENT_NOTEOFF, us, false, "its note-off: sounding notes end"},
+        {queue, 4, 21, 0, SND_SEQ_EVENT_NOTEON, us, false, "another output"},
+        {queue, 4, 20, 1, SND_SEQ_EVENT_NOTEON, us, false, "another port of the peer"},
+        {queue, 5, 20, 0, SND_SEQ_EVENT_NOTEON, us, false, "a second output to the peer"},
+        {queue + 1, 3, 20, 0, SND_SEQ_EVENT_NOTEON, us, false, "another queue"},
+        {queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON, us + 1, false, "another client's"},
+    };
+    for (const auto& c : cases) {
+        snd_seq_event_t ev;
+        snd_seq_ev_clear(&ev);
+        ev.type = c.type;
+        snd_seq_real_time_t t{1, 0};
+        snd_seq_ev_schedule_real(&ev, c.queue, 0, &t);
+        qxplat::AlsaAddressEvent(&ev, c.ourPort, c.peerClient, c.peerPort);
+        bool removed = c.client == us && (cond & SND_SEQ_REMOVE_OUTPUT);
+        if (cond & SND_SEQ_REMOVE_DEST)
+            removed = removed && ev.queue == snd_seq_remove_events_get_queue(rm) && ev.dest.client == d->client &&
+                      ev.dest.port == d->port;
+        if (cond & SND_SEQ_REMOVE_TAG_MATCH) removed = removed && ev.tag == snd_seq_remove_events_get_tag(rm);
+        if (cond & SND_SEQ_REMOVE_IGNORE_OFF) removed = removed && ev.type != SND_SEQ_EVENT_NOTEOFF;
+        EXPECT_EQ(removed, c.removed) << c.what;
+    }
     snd_seq_remove_events_free(rm);
 }
 #endif

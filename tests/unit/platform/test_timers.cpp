@@ -1,4 +1,3 @@
-#include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 
 #include <gtest/gtest.h>
@@ -18,8 +17,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Records each call of its callback, then runs the hook (still inside the callback).
-// Kills its timers when it goes, so that no callback outlives it, even on a failed ASSERT.
+// Records each call of its callback, then runs the hook inside it. Kills its timers
+// when it goes, so that no callback outlives it, even on a failed ASSERT.
 struct Probe {
     std::mutex m;
     std::condition_variable cv;
@@ -32,11 +31,10 @@ struct Probe {
     {
         for (UINT id : ids) timeKillEvent(id);
     }
-
     bool WaitFor(size_t n)
     {
         std::unique_lock<std::mutex> lock(m);
-        return cv.wait_for(lock, 10s, [&] { return times.size() >= n; });
+        return cv.wait_for(lock, 20s, [&] { return times.size() >= n; });
     }
     size_t Count()
     {
@@ -50,7 +48,6 @@ struct Probe {
         ids.push_back(id);
         return id;
     }
-
     static void CALLBACK Proc(UINT id, UINT, DWORD_PTR user, DWORD_PTR, DWORD_PTR)
     {
         auto* p = reinterpret_cast<Probe*>(user);
@@ -71,52 +68,52 @@ struct Probe {
 TEST(Timer, OneShotFiresOnceOffTheCallersThreadNeverEarly)
 {
     Probe p;
-    Clock::time_point armed = Clock::now();
+    const Clock::time_point armed = Clock::now();
     UINT id = p.Arm(20, TIME_ONESHOT);
     ASSERT_TRUE(p.WaitFor(1));
     std::this_thread::sleep_for(60ms);
     EXPECT_EQ(p.Count(), 1u);
     EXPECT_GE(p.times[0], armed + 20ms);
     EXPECT_NE(p.thread, std::this_thread::get_id());
-    EXPECT_EQ(timeKillEvent(id), MMSYSERR_INVALPARAM); // finished
+    EXPECT_EQ(timeKillEvent(id), MMSYSERR_INVALPARAM) << "finished";
 }
 
-TEST(Timer, PeriodicKeepsAbsoluteDeadlinesAndStopsWhenKilled)
+TEST(Timer, PeriodicKeepsAbsoluteDeadlinesSkipsMissedTicksAndStopsWhenKilled)
 {
+    // The callback's own 12 ms must not push the grid: the typical gap stays 20 ms, not 32.
     Probe p;
-    p.hook = [](UINT, size_t) { std::this_thread::sleep_for(6ms); };
-    Clock::time_point armed = Clock::now();
-    UINT id = p.Arm(10, TIME_PERIODIC);
+    p.hook = [](UINT, size_t) { std::this_thread::sleep_for(12ms); };
+    const Clock::time_point armed = Clock::now();
+    UINT id = p.Arm(20, TIME_PERIODIC);
     ASSERT_TRUE(p.WaitFor(10));
     ASSERT_EQ(timeKillEvent(id), TIMERR_NOERROR);
-    size_t n = p.Count();
+    const size_t n = p.Count();
     std::vector<Clock::duration> gaps;
     for (size_t k = 0; k < n; ++k) {
-        EXPECT_GE(p.times[k], armed + (k + 1) * 10ms) << "tick " << k;
+        EXPECT_GE(p.times[k], armed + (k + 1) * 20ms) << "tick " << k;
         if (k > 0) gaps.push_back(p.times[k] - p.times[k - 1]);
     }
-    // The callback's own 6 ms must not push the grid: the typical gap is 10 ms, not 16.
     std::nth_element(gaps.begin(), gaps.begin() + gaps.size() / 2, gaps.end());
-    EXPECT_LT(gaps[gaps.size() / 2], 13ms);
+    EXPECT_LT(gaps[gaps.size() / 2], 26ms);
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(p.Count(), n);
-}
 
-TEST(Timer, SkipsMissedTicksInsteadOfBursting)
-{
-    Probe p;
-    p.hook = [](UINT, size_t n) { if (n == 1) std::this_thread::sleep_for(200ms); };
-    UINT id = p.Arm(20, TIME_PERIODIC);
-    ASSERT_TRUE(p.WaitFor(1));
+    // A callback held up 200 ms: of the 15 deadlines up to 300 ms, the 9 behind by a full
+    // period are dropped instead of fired in a burst.
+    Probe late;
+    late.hook = [](UINT, size_t n) { if (n == 1) std::this_thread::sleep_for(200ms); };
+    id = late.Arm(20, TIME_PERIODIC);
+    ASSERT_TRUE(late.WaitFor(1));
     std::this_thread::sleep_for(400ms);
     ASSERT_EQ(timeKillEvent(id), TIMERR_NOERROR);
-    // 15 deadlines up to first + 300 ms, of which the 9 behind by a full period are dropped.
-    EXPECT_LE(std::count_if(p.times.begin(), p.times.end(), [&](auto t) { return t <= p.times[0] + 300ms; }), 10);
+    EXPECT_LE(std::count_if(late.times.begin(), late.times.end(), [&](auto t) { return t <= late.times[0] + 300ms; }),
+              10);
 }
 
 TEST(Timer, KillWaitsForTheRunningCallback)
 {
     for (UINT flags : {TIME_ONESHOT, TIME_PERIODIC}) {
+        SCOPED_TRACE(flags);
         Probe p;
         std::atomic<bool> finished{false};
         p.hook = [&](UINT, size_t) {
@@ -125,8 +122,8 @@ TEST(Timer, KillWaitsForTheRunningCallback)
         };
         UINT id = p.Arm(1, flags);
         ASSERT_TRUE(p.WaitFor(1));
-        EXPECT_EQ(timeKillEvent(id), TIMERR_NOERROR) << "flags " << flags;
-        EXPECT_TRUE(finished.load()) << "flags " << flags;
+        EXPECT_EQ(timeKillEvent(id), TIMERR_NOERROR);
+        EXPECT_TRUE(finished.load());
         EXPECT_EQ(p.Count(), 1u);
     }
 }
@@ -153,43 +150,22 @@ TEST(Timer, CallbackMayArmKillOthersAndKillItself)
     EXPECT_EQ(timeKillEvent(id), MMSYSERR_INVALPARAM);
 }
 
-TEST(Timer, RefusesBadArgumentsInjectedFaultsAndUnknownIds)
-{
-    Probe p;
-    EXPECT_EQ(p.Arm(0, TIME_ONESHOT), 0u);
-    EXPECT_EQ(p.Arm(1000001, TIME_ONESHOT), 0u);
-    EXPECT_EQ(timeSetEvent(10, 0, nullptr, 0, TIME_ONESHOT), 0u);
-    QXFaultInject("timeSetEvent", MMSYSERR_NOMEM);
-    EXPECT_EQ(p.Arm(5, TIME_ONESHOT), 0u);
-    QXFaultClear();
-    EXPECT_EQ(timeKillEvent(0), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(timeKillEvent(0xFFFFFF00u), MMSYSERR_INVALPARAM);
-    UINT id = p.Arm(1000000, TIME_ONESHOT);
-    ASSERT_NE(id, 0u);
-    EXPECT_EQ(timeKillEvent(id), TIMERR_NOERROR);
-    std::this_thread::sleep_for(20ms);
-    EXPECT_EQ(p.Count(), 0u); // the refused ones never fire
-}
-
 TEST(Timer, ManyTimersFireOnceInDeadlineOrderUnlessKilled)
 {
     constexpr size_t kTimers = 200;
     std::vector<Probe> shots(kTimers);
-    std::vector<UINT> ids(kTimers);
     std::vector<Clock::time_point> lo(kTimers), hi(kTimers); // bounds of the deadline taken
     std::mt19937 rng(12345);
     for (size_t i = 0; i < kTimers; ++i) {
-        bool kill = i % 3 == 0;
-        auto delay = std::chrono::milliseconds((kill ? 150 : 1) + rng() % 150);
+        const bool kill = i % 3 == 0;
+        const auto delay = std::chrono::milliseconds((kill ? 150 : 1) + rng() % 150);
         lo[i] = Clock::now() + delay;
-        ids[i] = shots[i].Arm(static_cast<UINT>(delay.count()), TIME_ONESHOT);
+        const UINT id = shots[i].Arm(static_cast<UINT>(delay.count()), TIME_ONESHOT);
         hi[i] = Clock::now() + delay;
-        ASSERT_NE(ids[i], 0u);
-        EXPECT_TRUE(!kill || timeKillEvent(ids[i]) == TIMERR_NOERROR);
+        ASSERT_NE(id, 0u);
+        EXPECT_TRUE(!kill || timeKillEvent(id) == TIMERR_NOERROR);
     }
-    for (size_t i = 0; i < kTimers; ++i) {
-        ASSERT_TRUE(i % 3 == 0 || shots[i].WaitFor(1)) << "timer " << i;
-    }
+    for (size_t i = 0; i < kTimers; ++i) ASSERT_TRUE(i % 3 == 0 || shots[i].WaitFor(1)) << "timer " << i;
     std::this_thread::sleep_until(*std::max_element(hi.begin(), hi.end()) + 50ms); // the killed ones' deadlines pass
     std::vector<size_t> order;
     for (size_t i = 0; i < kTimers; ++i) {
@@ -205,29 +181,16 @@ TEST(Timer, ManyTimersFireOnceInDeadlineOrderUnlessKilled)
     }
 }
 
-TEST(Timer, EventSetSignalsTheEventEachPeriod)
+TEST(Timer, TimeGetTimeWrapsAt32BitsKeepingElapsedTime)
 {
-    HANDLE ev = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    UINT id = timeSetEvent(5, 0, reinterpret_cast<LPTIMECALLBACK>(ev), 0, TIME_PERIODIC | TIME_CALLBACK_EVENT_SET);
-    ASSERT_NE(id, 0u);
-    EXPECT_EQ(WaitForSingleObject(ev, 5000), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(ev, 5000), WAIT_OBJECT_0);
-    EXPECT_EQ(timeKillEvent(id), TIMERR_NOERROR);
-    CloseHandle(ev);
-}
-
-TEST(Timer, TimeGetTimeWrapsAt32Bits)
-{
-    struct Reset {
-        ~Reset() { QXSetTimeOffset(0); }
-    } reset;
     QXSetTimeOffset(0);
     QXSetTimeOffset(0u - 50u - timeGetTime());
-    DWORD first = timeGetTime();
+    const DWORD first = timeGetTime();
     EXPECT_GT(first, 0xFFFFFF00u);
     for (Clock::time_point giveUp = Clock::now() + 10s; timeGetTime() >= first && Clock::now() < giveUp;)
         std::this_thread::sleep_for(1ms);
-    DWORD after = timeGetTime();
+    const DWORD after = timeGetTime();
+    QXSetTimeOffset(0);
     EXPECT_LT(after, first);
-    EXPECT_LT(static_cast<DWORD>(after - first), 5000u); // elapsed time survives the wrap
+    EXPECT_LT(static_cast<DWORD>(after - first), 5000u);
 }
