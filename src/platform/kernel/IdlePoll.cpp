@@ -48,14 +48,14 @@ public:
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_nHolds++ > 0 || !m_bWanted) return;
-        // Each set of pollers has its own flag: a release may still be joining the last set.
-        m_pStop = std::make_shared<std::atomic<bool>>(false);
+        // Each set of pollers has its own flags: a release may still be joining the last set.
+        m_pSet = std::make_shared<Set>();
         cpu_set_t allowed;
         CPU_ZERO(&allowed);
         if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) return;
         try {
             for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
-                if (CPU_ISSET(cpu, &allowed)) m_threads.emplace_back([stop = m_pStop, cpu] { Poll(cpu, *stop); });
+                if (CPU_ISSET(cpu, &allowed)) m_threads.emplace_back([set = m_pSet, cpu] { Poll(cpu, *set); });
         } catch (const std::system_error&) {
             // Polling is a wish: fewer pollers, or none, only cost precision.
         }
@@ -64,11 +64,23 @@ public:
     void Release()
     {
         std::vector<std::thread> ending;
+        std::shared_ptr<Set> set;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             if (m_nHolds == 0 || --m_nHolds > 0) return;
-            if (m_pStop) m_pStop->store(true, std::memory_order_relaxed);
+            if (m_pSet) m_pSet->stop.store(true, std::memory_order_relaxed);
             ending.swap(m_threads);
+            set = m_pSet;
+        }
+        // An idle-priority thread on a busy CPU may wait seconds for its turn to see the
+        // flag: each is lifted to normal priority until it has ended (again, should it
+        // have made itself idle after the last lift), so a stream stop never waits on them.
+        while (set && set->ended.load() < static_cast<int>(ending.size())) {
+            for (auto& t : ending) {
+                sched_param sp{};
+                pthread_setschedparam(t.native_handle(), SCHED_OTHER, &sp);
+            }
+            std::this_thread::yield();
         }
         for (auto& t : ending) t.join();
     }
@@ -88,7 +100,12 @@ private:
         m_bWanted = IdlePollWanted(mode, RunsOnHypervisor(), IdleDriver().c_str());
     }
 
-    static void Poll(int cpu, const std::atomic<bool>& stop)
+    struct Set {
+        std::atomic<bool> stop{false};
+        std::atomic<int> ended{0};
+    };
+
+    static void Poll(int cpu, Set& set)
     {
         // Pinned, so that each CPU has its own; idle priority, so that any other thread
         // that wants the CPU gets it at once.
@@ -99,17 +116,18 @@ private:
         sched_param sp{};
         pthread_setschedparam(pthread_self(), SCHED_IDLE, &sp);
         pthread_setname_np(pthread_self(), "qx-idlepoll");
-        while (!stop.load(std::memory_order_relaxed)) {
+        while (!set.stop.load(std::memory_order_relaxed)) {
 #if defined(__x86_64__) || defined(__i386__)
             __builtin_ia32_pause();
 #endif
         }
+        set.ended.fetch_add(1);
     }
 
     std::mutex m_mutex;
     int m_nHolds = 0;
     bool m_bWanted = false;
-    std::shared_ptr<std::atomic<bool>> m_pStop;
+    std::shared_ptr<Set> m_pSet;
     std::vector<std::thread> m_threads;
 };
 
