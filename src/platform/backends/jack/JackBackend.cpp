@@ -12,6 +12,7 @@
 // the first two physical capture ports, interleaved by the process callback into the
 // ring that the wave input's capture thread drains.
 #include "platform/backends/jack/QXJack.h"
+#include "platform/backends/SinkClock.h"
 
 #include "platform/kernel/QXRealtime.h"
 
@@ -28,7 +29,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <numeric>
 #include <string>
 #include <thread>
 #include <utility>
@@ -672,9 +672,7 @@ public:
     // is left out on purpose: our MIDI ports do not subtract theirs, so it is common to both.
     uint32_t LatencyFrames() const override
     {
-        const uint32_t rate = m_b->Rate(), raw = TargetFrames() + m_b->Period() + rate / 200;
-        const uint32_t step = rate / std::gcd(rate, 1000u);
-        return (raw + step - 1) / step * step;
+        return WholeMsFrames(TargetFrames() + m_b->Period() + m_b->Rate() / 200, m_b->Rate());
     }
     bool HasClock() const override { return true; }
     bool RingPositionAt(int64_t ns, int64_t* pFrame) const override
