@@ -7,7 +7,12 @@
 // the capture began against the performance's start (under a tick); the jitter is what
 // the start's way down to DirectSound adds (the player's timer, the manager's thread).
 //
-//   wave_start [--seconds N, default 20]
+// On a sound server's or ALSA's output the sound is recorded from the default sink's
+// monitor with parec instead, which starts at a moment of its own: there only the jitter
+// counts (each click against the others), and the sink's clock is what it tests.
+//
+//   wave_start [--seconds N, default 20] [--backend virtual|pulse|alsa]
+//   (pulse, alsa: PULSE_SERVER=unix:DIR/native, e.g. from tests/integration/pulse-server)
 #include <quavix/Quavix.h>
 
 #include "platform/QXPlatform.h"
@@ -16,6 +21,10 @@
 #include "BenchStats.h"
 #include "BenchWave.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +41,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+extern char** environ;
 
 namespace {
 
@@ -87,12 +98,21 @@ int ClickPerformance(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD dwEnd)
     return 1;
 }
 
-// The capture's left channel: 16-bit stereo, data found by walking the chunks.
+// The capture's left channel: 16-bit stereo, data found by walking the chunks (or all
+// of a raw recording).
 std::vector<int16_t> ReadCapture(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     std::vector<int16_t> left;
+    if (path.size() > 4 && path.compare(path.size() - 4, 4, ".raw") == 0) {
+        for (size_t i = 0; i + 4 <= bytes.size(); i += 4) {
+            int16_t v = 0;
+            std::memcpy(&v, &bytes[i], 2);
+            left.push_back(v);
+        }
+        return left;
+    }
     for (size_t at = 12; at + 8 <= bytes.size();) {
         uint32_t size = 0;
         std::memcpy(&size, &bytes[at + 4], 4);
@@ -115,19 +135,40 @@ std::vector<int16_t> ReadCapture(const std::string& path)
 int main(int argc, char** argv)
 {
     int seconds = 20;
+    std::string backend = "virtual";
     for (int i = 1; i < argc; i += 2) {
         if (i + 1 < argc && std::strcmp(argv[i], "--seconds") == 0)
             seconds = std::max(2, std::atoi(argv[i + 1]));
+        else if (i + 1 < argc && std::strcmp(argv[i], "--backend") == 0)
+            backend = argv[i + 1];
         else {
-            std::fprintf(stderr, "usage: %s [--seconds N]\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--seconds N] [--backend virtual|pulse|alsa]\n", argv[0]);
             return 2;
         }
     }
+    const bool virtualOut = backend == "virtual";
     const std::string base = "/tmp/qx-wave-start-" + std::to_string(getpid());
-    setenv("QUAVIX_BACKEND", "virtual", 1);
-    setenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE", (base + "-%d.wav").c_str(), 1);
-    setenv("QUAVIX_VIRTUAL_AUDIO_RATE", std::to_string(kRate).c_str(), 1);
-    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+    setenv("QUAVIX_BACKEND", backend.c_str(), 1);
+    pid_t parec = 0;
+    if (virtualOut) {
+        setenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE", (base + "-%d.wav").c_str(), 1);
+        setenv("QUAVIX_VIRTUAL_AUDIO_RATE", std::to_string(kRate).c_str(), 1);
+        qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+    } else {
+        const std::string file = base + "-0.raw";
+        const char* args[] = {"parec",        "--device=@DEFAULT_MONITOR@", "--format=s16le", "--rate=48000",
+                              "--channels=2", "--latency-msec=10",          nullptr};
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int spawned = posix_spawnp(&parec, "parec", &actions, nullptr, const_cast<char**>(args), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (spawned != 0) {
+            std::fprintf(stderr, "parec (pulseaudio-utils) does not start\n");
+            return 1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
 
     Script script;
     script.click = base + "-click.wav";
@@ -150,10 +191,14 @@ int main(int argc, char** argv)
     q->StopDevices();
     q->CloseDevices();
     CQuavix::ExitQuavix();
+    if (parec != 0) {
+        kill(parec, SIGINT);
+        waitpid(parec, nullptr, 0);
+    }
 
     std::string capture;
     for (int n = 0; n <= 2 && capture.empty(); ++n) {
-        const std::string path = base + "-" + std::to_string(n) + ".wav";
+        const std::string path = base + "-" + std::to_string(n) + (virtualOut ? ".wav" : ".raw");
         if (std::ifstream(path).good()) capture = path;
     }
     const std::vector<int16_t> left = capture.empty() ? std::vector<int16_t>{} : ReadCapture(capture);
@@ -175,14 +220,17 @@ int main(int argc, char** argv)
     }
     std::printf("capture %s: %.1f s; %zu clicks handed, %zu onsets found\n", capture.c_str(),
                 double(left.size()) / kRate, stamps.size(), onsetsMs.size());
+    // A recording that began at a moment of its own is put on the performance's time by
+    // the first click.
+    const double shift = !virtualOut && !onsetsMs.empty() && !stamps.empty() ? onsetsMs[0] - stamps[0] - 1.0 : 0.0;
     // Each stamp takes the first onset at or after it (less a margin for an early sound).
     std::vector<double> lateUs;
     size_t o = 0;
     for (DWORD stamp : stamps) {
-        while (o < onsetsMs.size() && onsetsMs[o] < double(stamp) - 5) ++o;
+        while (o < onsetsMs.size() && onsetsMs[o] - shift < double(stamp) - 5) ++o;
         if (o == onsetsMs.size()) break;
-        if (onsetsMs[o] - stamp < 90)
-            lateUs.push_back(1000.0 * (onsetsMs[o++] - stamp));
+        if (onsetsMs[o] - shift - stamp < 90)
+            lateUs.push_back(1000.0 * (onsetsMs[o++] - shift - stamp));
         else
             std::printf("no onset for the click at %u ms (next onset at %.1f ms)\n", static_cast<unsigned>(stamp),
                         onsetsMs[o]);

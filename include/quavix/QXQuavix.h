@@ -94,6 +94,9 @@ public:
     // Calls a wave player's done callback as a callback of the library, so that
     // ExitQuavix there is refused like in every other callback.
     static void _CallDone(void (*pfnDone)(DWORD_PTR, DWORD), DWORD_PTR dwUser, DWORD dwPlayer);
+    // The play start on the platform clock, in ns (0 while stopped): GetPlayStartTime
+    // is it in whole ms, too coarse to start sound at an exact frame.
+    int64_t _GetPlayStartNs() const;
     ~CQuavix();
     CQuavix(const CQuavix&) = delete;
     CQuavix& operator=(const CQuavix&) = delete;
@@ -220,6 +223,7 @@ protected:
     void _ReopenMidiOutputs();
 
 private:
+    void _TakePlayStart();
     friend class CMidiOut;
     CQuavix();
 
@@ -256,6 +260,7 @@ private:
     std::atomic<int> m_nMidiThruChannel{-1};
     std::atomic<int> m_nPrefetchBuffers{2};
     std::atomic<DWORD> m_dwPlayStartTime{0};
+    std::atomic<int64_t> m_nPlayStartNs{0};
     std::atomic<DWORD> m_dwRecordStartTime{0};
     std::atomic<DWORD> m_dwBufferTime{0};
     std::atomic<DWORD> m_dwLatency{200};

@@ -146,6 +146,7 @@ protected:
     std::atomic<int> m_bStopping; // read by the notification thread without a lock
     QX_WaveParams m_WaveParams;
     UINT m_uStartTimerID;
+    int64_t m_nStartNs; // when a timed start is to sound, on the platform clock; 0: at once
     std::atomic<HANDLE> m_hStartEvent; // SignalStart reads it from a MIDI callback, lock-free
     HANDLE m_hPreparedEvent;
     HANDLE m_hNotifyEvents[3];

@@ -182,6 +182,19 @@ DWORD CQuavix::GetPlayStartTime() const
     return scope.Live() ? m_dwPlayStartTime.load() : 0;
 }
 
+int64_t CQuavix::_GetPlayStartNs() const
+{
+    CallScope scope(this);
+    return scope.Live() ? m_nPlayStartNs.load() : 0;
+}
+
+void CQuavix::_TakePlayStart()
+{
+    const int64_t ns = qxplat::NowNs();
+    m_nPlayStartNs = ns;
+    m_dwPlayStartTime = qxplat::MsTimeOf(ns);
+}
+
 DWORD CQuavix::GetRecordStartTime() const
 {
     CallScope scope(this);
@@ -296,7 +309,7 @@ int CQuavix::StartDevices()
                 break;
             }
         }
-        m_dwPlayStartTime = timeGetTime();
+        _TakePlayStart();
     }
     if (m_pTimingDevice.load() == nullptr && m_uTimerID == 0) {
         m_uTimerID = timeSetEvent(100, 10, _TimeProc, reinterpret_cast<DWORD_PTR>(m_hWnd.load()), TIME_PERIODIC);
@@ -304,7 +317,7 @@ int CQuavix::StartDevices()
             Notify(QXN_TIMER_CREATE, 0, 0);
             bResult = 0;
         }
-        m_dwPlayStartTime = timeGetTime();
+        _TakePlayStart();
     }
     if (m_dwRecordStartTime == 0) m_dwRecordStartTime = m_dwPlayStartTime.load();
     if (bResult) {
@@ -347,6 +360,7 @@ int CQuavix::StopDevices()
     StopDelay(m_uDelayTimerID);
     _ForEachDevice([this](int nType, int nDir, int n) { StopDevice(nType, nDir, n); });
     m_dwPlayStartTime = 0;
+    m_nPlayStartNs = 0;
     m_dwRecordStartTime = 0;
     m_dwBufferTime = 0;
     LeaveCriticalSection(&m_csDevices);

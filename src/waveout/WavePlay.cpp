@@ -22,8 +22,10 @@
 #include "platform/QXPlatform.h"
 #include "platform/dsound/QXDSound.h"
 
+#include <algorithm>
 #include <cmath>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -80,6 +82,7 @@ void CWavePlay::_InitWavePlay()
     m_bStopping = 0;
     m_WaveParams = QX_WaveParams{};
     m_uStartTimerID = 0;
+    m_nStartNs = 0;
     m_hStartEvent = nullptr;
     m_hPreparedEvent = nullptr;
     for (HANDLE& h : m_hNotifyEvents) h = nullptr;
@@ -275,16 +278,27 @@ int CWavePlay::_Play(QX_WaveParams* pParams, int nDevice, DWORD dwStartTime, QX_
     }
     _ApplyParameters(pParams->dsParams);
 
-    CQuavix* pManager = CQuavix::GetQuavix();
-    const DWORD dwPlayStart = pManager != nullptr ? pManager->GetPlayStartTime() : 0;
-    const DWORD dwElapsed = timeGetTime() - dwPlayStart;
     // Started early by the output's latency, so that the sound leaves the sink at its time,
     // in step with MIDI that goes out at its exact time; a start already due starts at
     // once. (Delaying the MIDI instead would make it late everywhere, even with no audio.)
+    // An output that places a start at its exact frame is handed the exact start time,
+    // taken from the play start's exact time, and is started some ms ahead: the timer and
+    // the hop to the manager's thread then cost no accuracy.
+    CQuavix* pManager = CQuavix::GetQuavix();
     DWORD dwRate = 0;
-    const DWORD dwLatencyFrames = qxplat::DirectSoundOutputLatencyFrames(m_pDirectSound, &dwRate);
-    const auto nLatencyMs = dwRate != 0 ? static_cast<int32_t>(uint64_t{dwLatencyFrames} * 1000 / dwRate) : 0;
-    const auto nDelay = static_cast<int32_t>(dwStartTime - dwElapsed) - nLatencyMs;
+    bool bExact = false;
+    const DWORD dwLatencyFrames = qxplat::DirectSoundOutputLatencyFrames(m_pDirectSound, &dwRate, &bExact);
+    const int64_t nLatencyNs = dwRate != 0 ? int64_t{dwLatencyFrames} * 1'000'000'000 / dwRate : 0;
+    const int64_t nPlayStartNs = pManager != nullptr ? pManager->_GetPlayStartNs() : 0;
+    m_nStartNs = 0;
+    int32_t nDelay = 0;
+    if (dwStartTime != 0 && nPlayStartNs != 0) {
+        constexpr int64_t kAheadNs = 10'000'000;
+        const int64_t nStartNs = nPlayStartNs + int64_t{dwStartTime} * 1'000'000 - nLatencyNs;
+        if (bExact) m_nStartNs = nStartNs;
+        const int64_t nWaitNs = nStartNs - (bExact ? kAheadNs : 0) - qxplat::NowNs();
+        nDelay = static_cast<int32_t>(std::clamp<int64_t>(nWaitNs / 1'000'000, INT32_MIN, INT32_MAX));
+    }
 #ifndef NDEBUG
     QXTrace("play at %d, delay %d\n", static_cast<int>(dwStartTime), nDelay);
 #endif
@@ -378,7 +392,9 @@ int CWavePlay::_StartLocked(bool bFromTimer, CWavePlay** ppDisplaced)
         QXTrace("assigning %X to track %X\n", m_dwHandle, static_cast<unsigned>(m_WaveParams.nTrack));
 #endif
     }
-    const HRESULT hr = m_pDSBuffer->Play(0, 0, DSBPLAY_LOOPING);
+    const int64_t nStartNs = std::exchange(m_nStartNs, 0);
+    const HRESULT hr = nStartNs != 0 ? qxplat::DirectSoundPlayBufferAt(m_pDSBuffer, DSBPLAY_LOOPING, nStartNs)
+                                     : m_pDSBuffer->Play(0, 0, DSBPLAY_LOOPING);
     if (hr != DS_OK) {
         _Report(QXN_DS_START, static_cast<DWORD>(hr));
         return -1;

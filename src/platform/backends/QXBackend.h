@@ -124,6 +124,9 @@ public:
     // NowNs(). A sound started at time t then begins at ring position clock(t) +
     // LatencyFrames(), which must cover TargetFrames() plus one mix block (5 ms) for a
     // start never to come late. False: no clock, a sound begins with the next frame mixed.
+    // Whether the port has such a clock at all (it may still answer false for a moment,
+    // before its first cycle).
+    virtual bool HasClock() const { return false; }
     virtual bool RingPositionAt(int64_t ns, int64_t* pFrame) const
     {
         (void)ns;

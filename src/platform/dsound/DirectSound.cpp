@@ -234,8 +234,9 @@ public:
 
     ds::Mixer& Mixer() { return m_mixer; }
     bool Offline() const { return !m_port; }
-    DWORD OutputLatencyFrames(DWORD* pRate) const
+    DWORD OutputLatencyFrames(DWORD* pRate, bool* pbExact) const
     {
+        if (pbExact != nullptr) *pbExact = m_port && m_port->HasClock();
         if (pRate != nullptr) *pRate = m_port ? m_port->Rate() : 0;
         return m_port ? m_port->LatencyFrames() : 0;
     }
@@ -786,13 +787,14 @@ HRESULT DirectSoundPlayBufferAt(LPDIRECTSOUNDBUFFER pBuffer, DWORD dwFlags, int6
     return pBuffer->Play(0, 0, dwFlags);
 }
 
-DWORD DirectSoundOutputLatencyFrames(LPDIRECTSOUND pDS, DWORD* pRate)
+DWORD DirectSoundOutputLatencyFrames(LPDIRECTSOUND pDS, DWORD* pRate, bool* pbExact)
 {
     if (pDS == nullptr) {
         if (pRate != nullptr) *pRate = 0;
+        if (pbExact != nullptr) *pbExact = false;
         return 0;
     }
-    return AsOurs(pDS)->OutputLatencyFrames(pRate);
+    return AsOurs(pDS)->OutputLatencyFrames(pRate, pbExact);
 }
 
 uint64_t DirectSoundBufferStarts()

@@ -122,7 +122,9 @@ bool DirectSoundTakePeak(LPDIRECTSOUND pDS, float* pLeft, float* pRight);
 
 // Frames from a buffer's Play to its first frame leaving the sink, on average, and the
 // sink's rate in *pRate. 0 where the sink does not say, and for an offline or null device.
-DWORD DirectSoundOutputLatencyFrames(LPDIRECTSOUND pDS, DWORD* pRate);
+// *pbExact (when given) says whether the sink places a start given to
+// DirectSoundPlayBufferAt at its exact frame: that latency after the start time.
+DWORD DirectSoundOutputLatencyFrames(LPDIRECTSOUND pDS, DWORD* pRate, bool* pbExact = nullptr);
 
 // Play (dwFlags as there) of a sound whose start time is startNs of NowNs() rather than
 // the moment of the call: on a sink with a clock it begins the sink's latency after

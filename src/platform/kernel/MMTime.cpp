@@ -234,6 +234,12 @@ DWORD timeGetTime()
     return static_cast<DWORD>(ms + g_timeOffset.load(std::memory_order_relaxed));
 }
 
+DWORD qxplat::MsTimeOf(int64_t ns)
+{
+    // NowNs reads the same monotonic clock.
+    return static_cast<DWORD>(static_cast<uint64_t>(ns) / 1000000u + g_timeOffset.load(std::memory_order_relaxed));
+}
+
 void QXSetTimeOffset(DWORD dwOffset)
 {
     g_timeOffset.store(dwOffset, std::memory_order_relaxed);

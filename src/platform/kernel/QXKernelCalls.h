@@ -76,6 +76,12 @@ LRESULT DefWindowProcA(HWND hWnd, UINT Msg, WPARAM wParam, LPARAM lParam);
 
 // ---- Multimedia time ----
 DWORD timeGetTime();
+namespace qxplat {
+// The platform's clock: steady, in ns. Everything that keeps time reads it.
+int64_t NowNs();
+// What timeGetTime says at a time of that clock.
+DWORD MsTimeOf(int64_t ns);
+} // namespace qxplat
 MMRESULT timeGetDevCaps(LPTIMECAPS ptc, UINT cbtc);
 MMRESULT timeBeginPeriod(UINT uPeriod);
 MMRESULT timeEndPeriod(UINT uPeriod);

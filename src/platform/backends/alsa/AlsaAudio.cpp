@@ -5,6 +5,7 @@
 // them into its ring as float stereo (a mono device as L=R). The device is opened
 // non-blocking and the thread waits on it with a time-out, so Stop never waits for a
 // device that stopped moving.
+#include "platform/backends/SinkClock.h"
 #include "platform/backends/alsa/QXAlsa.h"
 
 #include "platform/kernel/QXRealtime.h"
@@ -80,7 +81,7 @@ std::vector<PcmEntry> ListPcms(bool bCapture)
 
 class AlsaPcmOut final : public AudioOutPort {
 public:
-    explicit AlsaPcmOut(std::string name) : m_name(std::move(name)), m_ring(16384) {}
+    explicit AlsaPcmOut(std::string name) : m_name(std::move(name)), m_ring(16384), m_clock(kPreferredRate) {}
 
     ~AlsaPcmOut() override
     {
@@ -126,7 +127,9 @@ public:
             snd_pcm_sw_params(m_pcm, sw) < 0)
             return MMSYSERR_ERROR;
         m_rate = rate;
+        m_clock.SetRate(rate);
         m_periodFrames = static_cast<uint32_t>(periodFrames);
+        m_bufferFrames = static_cast<uint32_t>(bufferFrames);
         m_mix.assign(size_t{m_periodFrames} * 2, 0.0f);
         m_native.assign(size_t{m_periodFrames} * 2 * 4, 0);
         return MMSYSERR_NOERROR;
@@ -143,7 +146,9 @@ public:
         if (m_thread.joinable() || m_dead.load()) return;
         m_quit.store(false);
         m_primed = false;
+        m_clock.Reset();
         snd_pcm_prepare(m_pcm);
+        m_running.store(true);
         m_thread = std::thread([this] { Run(); });
     }
 
@@ -152,11 +157,25 @@ public:
         std::lock_guard<std::mutex> lock(m_ownerLock);
         if (!m_thread.joinable()) return;
         m_quit.store(true);
+        m_running.store(false);
         m_thread.join();
         snd_pcm_drop(m_pcm);
     }
 
     uint64_t UnderrunFrames() const override { return m_underrunFrames.load(); }
+
+    // The ring's frames are placed by when the device's delay says they will be heard.
+    // Between a start's ring position and the last frame mixed lie at most the ring's
+    // target, one mix block and the device's whole buffer.
+    uint32_t LatencyFrames() const override
+    {
+        return WholeMsFrames(TargetFrames() + m_rate / 200 + m_bufferFrames, m_rate);
+    }
+    bool HasClock() const override { return true; }
+    bool RingPositionAt(int64_t ns, int64_t* pFrame) const override
+    {
+        return m_running.load() && m_clock.PositionAt(ns, pFrame);
+    }
 
 private:
     void Run()
@@ -176,6 +195,12 @@ private:
                 continue;
             }
             const uint32_t got = m_ring.Read(m_mix.data(), m_periodFrames);
+            // The frames written now are heard after what the device still holds; a
+            // device that has not started yet says nothing about when.
+            snd_pcm_sframes_t delay = 0;
+            if (got > 0 && snd_pcm_state(m_pcm) == SND_PCM_STATE_RUNNING && snd_pcm_delay(m_pcm, &delay) == 0)
+                m_clock.Observe(static_cast<int64_t>(m_readTotal), NowNs() + int64_t{delay} * 1'000'000'000 / m_rate);
+            m_readTotal += got;
             if (got < m_periodFrames) {
                 std::fill(m_mix.begin() + 2 * got, m_mix.end(), 0.0f);
                 if (m_primed) Underrun(m_periodFrames - got);
@@ -261,7 +286,11 @@ private:
     std::vector<float> m_mix;
     std::vector<unsigned char> m_native;
     bool m_primed = false;
+    uint64_t m_readTotal = 0; // frames read from the ring
+    uint32_t m_bufferFrames = 0;
+    SinkClock m_clock;
 
+    std::atomic<bool> m_running{false};
     std::atomic<uint64_t> m_underrunFrames{0};
     std::atomic<bool> m_quit{false};
     std::atomic<bool> m_dead{false};

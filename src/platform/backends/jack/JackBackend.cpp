@@ -12,6 +12,7 @@
 // the first two physical capture ports, interleaved by the process callback into the
 // ring that the wave input's capture thread drains.
 #include "platform/backends/jack/QXJack.h"
+#include "platform/backends/SinkClock.h"
 
 #include "platform/kernel/QXRealtime.h"
 
@@ -57,12 +58,49 @@ struct Header {
 class JackBackend;
 JackBackend* Instance();
 
+// The frame a JACK time falls on: one linear mapping for the whole client, so that
+// distances between events are exact in frames whatever the jitter of the cycles' own
+// times, and MIDI and audio land on the same frames. Touched by the process callback only.
+struct FrameClock {
+    bool anchored = false;
+    int64_t anchorUs = 0;
+    int64_t anchorFrame = 0;
+    int64_t frames = 0; // JACK's frame counter, without its 32-bit wrap
+    uint32_t last = 0;
+
+    // Once per cycle: re-anchors when the mapping has drifted a period away from the
+    // cycle's own estimate (an xrun, a stalled server, the clocks' slow drift).
+    void Follow(jack_nframes_t curFrames, int64_t curUs, jack_nframes_t nframes, jack_nframes_t rate)
+    {
+        frames += anchored ? static_cast<int32_t>(curFrames - last) : curFrames;
+        last = curFrames;
+        const int64_t drift = FrameAt(curUs, rate) - frames;
+        if (!anchored || drift > nframes || -drift > nframes) {
+            anchored = true;
+            anchorUs = curUs;
+            anchorFrame = frames;
+        }
+    }
+    int64_t FrameAt(int64_t us, jack_nframes_t rate) const
+    {
+        return anchorFrame + (us - anchorUs) * static_cast<int64_t>(rate) / 1'000'000;
+    }
+};
+
 struct AudioSlot {
     jack_port_t* ports[2] = {nullptr, nullptr};
     AudioRing ring{kAudioRingFrames};
     std::atomic<bool> running{false};
     std::atomic<bool> primed{false}; // the ring has delivered since Start
     std::atomic<uint64_t> underrunFrames{0};
+    // The ring's clock: the ring position consumed at JACK time us is
+    // clockFrame + (us - clockUs) * rate. Written by the process callback under a
+    // sequence count; valid for the start that clockStart names.
+    uint64_t readTotal = 0; // the callback's own: frames read from the ring
+    std::atomic<uint32_t> clockSeq{0};
+    std::atomic<int64_t> clockUs{0}, clockFrame{0};
+    std::atomic<uint32_t> clockStart{0};
+    std::atomic<uint32_t> starts{0};
 };
 
 struct CaptureSlot {
@@ -73,12 +111,6 @@ struct CaptureSlot {
 };
 
 struct OutSlot {
-    // The frame a due time falls on: one linear mapping per port, so that distances
-    // between events are exact in frames whatever the jitter of the cycles' own times.
-    // Touched by the process callback only.
-    bool anchored = false;
-    int64_t anchorUs = 0;
-    int64_t anchorFrame = 0;
     jack_port_t* port = nullptr;
     jack_ringbuffer_t* timed = nullptr; // in due order, from the stream engine
     jack_ringbuffer_t* now = nullptr;   // at once, from any thread
@@ -280,14 +312,15 @@ private:
     std::atomic<jack_nframes_t> m_period{1024};
     std::atomic<bool> m_dead{false};
     std::atomic<uint64_t> m_cycles{0};
+    FrameClock m_clock; // the process callback's
     std::vector<std::string> m_outPeers, m_inPeers;
 };
 
 // Moves whole messages from a ring into the port buffer; stops at the first message
 // not due in this cycle or that no longer fits. Timed messages land on the frame of their
-// due time through the port's anchored mapping.
-void Drain(OutSlot* out, jack_ringbuffer_t* ring, void* buf, jack_nframes_t nframes, jack_nframes_t curFrames,
-           int64_t curUs, int64_t nextUs, jack_nframes_t rate, jack_nframes_t& last, bool bTimed)
+// due time through the client's mapping.
+void Drain(jack_ringbuffer_t* ring, void* buf, jack_nframes_t nframes, const FrameClock& clock, jack_nframes_t rate,
+           jack_nframes_t& last, bool bTimed)
 {
     Header h;
     while (jack_ringbuffer_read_space(ring) >= sizeof h) {
@@ -295,20 +328,8 @@ void Drain(OutSlot* out, jack_ringbuffer_t* ring, void* buf, jack_nframes_t nfra
         if (jack_ringbuffer_read_space(ring) < sizeof h + h.size) return;
         jack_nframes_t off = 0;
         if (bTimed) {
-            // The cycle's own estimate, for the anchor and to notice when it has drifted
-            // away from the mapping (an xrun, a stalled server, the clocks' slow drift).
-            const int64_t estimate =
-                static_cast<int64_t>(curFrames) + (h.timeUs - curUs) * static_cast<int64_t>(nframes) / (nextUs - curUs);
-            int64_t frame = out->anchorFrame + (h.timeUs - out->anchorUs) * rate / 1'000'000;
-            if (!out->anchored || frame - estimate > nframes || estimate - frame > nframes) {
-                out->anchored = true;
-                out->anchorUs = h.timeUs;
-                out->anchorFrame = estimate;
-                frame = estimate;
-            }
-            // Frames count on modulo 2^32 like JACK's own.
-            const auto rel = static_cast<int32_t>(static_cast<uint32_t>(frame) - curFrames);
-            if (rel >= static_cast<int32_t>(nframes)) return; // a later cycle's
+            const int64_t rel = clock.FrameAt(h.timeUs, rate) - clock.frames;
+            if (rel >= static_cast<int64_t>(nframes)) return; // a later cycle's
             off = rel > 0 ? static_cast<jack_nframes_t>(rel) : 0;
         }
         if (off < last) off = last; // offsets may not go back within a cycle
@@ -328,11 +349,26 @@ void Drain(OutSlot* out, jack_ringbuffer_t* ring, void* buf, jack_nframes_t nfra
 // Copies what the ring holds into the two port buffers, clipped (the mix's one clip), and
 // pads with silence; a shortfall while running counts as underrun once the ring has
 // delivered since Start (the mixer's first blocks may miss the first cycle).
-void PlayAudio(AudioSlot* a, float* left, float* right, jack_nframes_t nframes)
+void PlayAudio(AudioSlot* a, float* left, float* right, jack_nframes_t nframes, const FrameClock& clock)
 {
     const bool running = a->running.load(std::memory_order_relaxed);
     jack_nframes_t done = 0;
     if (running) {
+        // This cycle's frames are the ring's from readTotal on: a ring that ran dry
+        // before moves the ring's frames later against JACK's.
+        const int64_t frame = clock.anchorFrame + static_cast<int64_t>(a->readTotal) - clock.frames;
+        const uint32_t start = a->starts.load(std::memory_order_acquire);
+        if (a->clockUs.load(std::memory_order_relaxed) != clock.anchorUs ||
+            a->clockFrame.load(std::memory_order_relaxed) != frame ||
+            a->clockStart.load(std::memory_order_relaxed) != start) {
+            const uint32_t seq = a->clockSeq.load(std::memory_order_relaxed);
+            a->clockSeq.store(seq + 1, std::memory_order_relaxed);
+            std::atomic_thread_fence(std::memory_order_release);
+            a->clockUs.store(clock.anchorUs, std::memory_order_relaxed);
+            a->clockFrame.store(frame, std::memory_order_relaxed);
+            a->clockStart.store(start, std::memory_order_relaxed);
+            a->clockSeq.store(seq + 2, std::memory_order_release);
+        }
         float chunk[2 * 256];
         while (done < nframes) {
             const uint32_t want = std::min<uint32_t>(nframes - done, 256);
@@ -344,6 +380,7 @@ void PlayAudio(AudioSlot* a, float* left, float* right, jack_nframes_t nframes)
             done += got;
             if (got < want) break;
         }
+        a->readTotal += done;
     }
     if (done < nframes) {
         std::fill(left + done, left + nframes, 0.0f);
@@ -383,17 +420,16 @@ int JackBackend::Process(jack_nframes_t nframes, void* arg)
     if (jack_get_cycle_times(self->m_client, &curFrames, &curUs, &nextUs, &periodUs) != 0 || nextUs <= curUs) {
         curFrames = jack_last_frame_time(self->m_client);
         curUs = jack_frames_to_time(self->m_client, curFrames);
-        nextUs = jack_frames_to_time(self->m_client, curFrames + nframes);
     }
+    self->m_clock.Follow(curFrames, static_cast<int64_t>(curUs), nframes, self->m_rate);
     for (auto& s : self->m_outs) {
         OutSlot* out = s.load(std::memory_order_acquire);
         if (out == nullptr) continue;
         void* buf = jack_port_get_buffer(out->port, nframes);
         jack_midi_clear_buffer(buf);
         jack_nframes_t last = 0;
-        const auto cu = static_cast<int64_t>(curUs), nu = static_cast<int64_t>(nextUs);
-        Drain(out, out->now, buf, nframes, curFrames, cu, nu, self->m_rate, last, false);
-        Drain(out, out->timed, buf, nframes, curFrames, cu, nu, self->m_rate, last, true);
+        Drain(out->now, buf, nframes, self->m_clock, self->m_rate, last, false);
+        Drain(out->timed, buf, nframes, self->m_clock, self->m_rate, last, true);
     }
     for (auto& s : self->m_ins) {
         InSlot* in = s.load(std::memory_order_acquire);
@@ -417,7 +453,7 @@ int JackBackend::Process(jack_nframes_t nframes, void* arg)
         AudioSlot* a = s.load(std::memory_order_acquire);
         if (a == nullptr) continue;
         PlayAudio(a, static_cast<float*>(jack_port_get_buffer(a->ports[0], nframes)),
-                  static_cast<float*>(jack_port_get_buffer(a->ports[1], nframes)), nframes);
+                  static_cast<float*>(jack_port_get_buffer(a->ports[1], nframes)), nframes, self->m_clock);
     }
     for (auto& s : self->m_capture) {
         CaptureSlot* c = s.load(std::memory_order_acquire);
@@ -624,15 +660,38 @@ public:
     {
         if (m_slot->running.load()) return;
         m_slot->primed.store(false);
+        m_slot->starts.fetch_add(1, std::memory_order_release); // the last start's clock is void
         m_slot->running.store(true);
     }
     void Stop() override { m_slot->running.store(false); }
     uint64_t UnderrunFrames() const override { return m_slot->underrunFrames.load(); }
-    // What is queued, and half a period's wait on average for the cycle that takes it
-    // (av_sync's median offset lands within a few dozen frames of 0 with this). The
-    // graph's own latency downstream (jack_port_get_latency_range) is left out on
-    // purpose: our MIDI ports do not subtract theirs, so it is common to both.
-    uint32_t LatencyFrames() const override { return TargetFrames() + m_b->Period() / 2; }
+    // Right after a cycle has taken its period the mixer may write up to the target and
+    // one block (5 ms) beyond what is left: a start placed that far after its time is
+    // never late. Whole milliseconds, so that a start moved earlier by the latency in ms
+    // lands on its frame. The graph's own latency downstream (jack_port_get_latency_range)
+    // is left out on purpose: our MIDI ports do not subtract theirs, so it is common to both.
+    uint32_t LatencyFrames() const override
+    {
+        return WholeMsFrames(TargetFrames() + m_b->Period() + m_b->Rate() / 200, m_b->Rate());
+    }
+    bool HasClock() const override { return true; }
+    bool RingPositionAt(int64_t ns, int64_t* pFrame) const override
+    {
+        if (!m_slot->running.load()) return false;
+        for (int tries = 0; tries < 64; ++tries) {
+            const uint32_t seq = m_slot->clockSeq.load(std::memory_order_acquire);
+            if (seq & 1) continue;
+            const int64_t us = m_slot->clockUs.load(std::memory_order_relaxed);
+            const int64_t frame = m_slot->clockFrame.load(std::memory_order_relaxed);
+            const uint32_t start = m_slot->clockStart.load(std::memory_order_relaxed);
+            std::atomic_thread_fence(std::memory_order_acquire);
+            if (m_slot->clockSeq.load(std::memory_order_relaxed) != seq) continue;
+            if (start != m_slot->starts.load(std::memory_order_acquire)) return false; // no cycle since Start
+            *pFrame = frame + (m_b->ToJackUs(ns) - us) * static_cast<int64_t>(m_b->Rate()) / 1'000'000;
+            return true;
+        }
+        return false;
+    }
 
 private:
     JackBackend* m_b;

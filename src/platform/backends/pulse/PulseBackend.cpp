@@ -1,3 +1,4 @@
+#include "platform/backends/SinkClock.h"
 #include "platform/backends/pulse/QXPulse.h"
 
 #include "platform/kernel/QXRealtime.h"
@@ -228,7 +229,7 @@ private:
 class PulseAudioOut final : public AudioOutPort {
 public:
     PulseAudioOut(std::shared_ptr<Connection> conn, uint32_t rate)
-        : m_conn(std::move(conn)), m_rate(rate), m_ring(std::max<uint32_t>(rate / 5, 4096))
+        : m_conn(std::move(conn)), m_rate(rate), m_ring(std::max<uint32_t>(rate / 5, 4096)), m_clock(rate)
     {
     }
 
@@ -303,6 +304,21 @@ public:
 
     uint64_t UnderrunFrames() const override { return m_underrunFrames.load(); }
 
+    // The ring's frames are placed by when the stream says they will be heard. Between a
+    // start's ring position and the last frame mixed lie at most the ring's target, one
+    // mix block and what the server holds: the server's target length, or the largest
+    // latency it has reported, if more.
+    uint32_t LatencyFrames() const override
+    {
+        const uint32_t held = std::max(m_rate * kPulseTargetMs / 1000, m_largestLatency.load(std::memory_order_relaxed));
+        return WholeMsFrames(TargetFrames() + m_rate / 200 + held, m_rate);
+    }
+    bool HasClock() const override { return true; }
+    bool RingPositionAt(int64_t ns, int64_t* pFrame) const override
+    {
+        return m_running.load() && m_clock.PositionAt(ns, pFrame);
+    }
+
     bool Latency(int64_t* pUs, uint32_t* pUnderflows)
     {
         bool ok = false;
@@ -324,7 +340,10 @@ private:
     void Cork(bool bCork)
     {
         pa_threaded_mainloop_lock(m_conn->Loop());
-        if (!bCork && !m_running.load()) m_primed.store(false);
+        if (!bCork && !m_running.load()) {
+            m_primed.store(false);
+            m_clock.Reset();
+        }
         m_running.store(!bCork);
         // Not waited for: a server that stopped answering must not hang the caller.
         if (m_conn->Alive() && pa_stream_get_state(m_stream) == PA_STREAM_READY) {
@@ -362,6 +381,8 @@ private:
             }
             auto* out = static_cast<float*>(data);
             const uint32_t got = running ? self->m_ring.Read(out, frames) : 0;
+            if (got > 0) self->Heard(s);
+            self->m_readTotal += got;
             if (got < frames) {
                 std::memset(out + size_t{got} * 2, 0, size_t{frames - got} * kBytesPerFrame);
                 if (running && self->m_primed.load(std::memory_order_relaxed)) {
@@ -376,6 +397,19 @@ private:
             if (pa_stream_write(s, data, size_t{frames} * kBytesPerFrame, nullptr, 0, PA_SEEK_RELATIVE) < 0) return;
             nbytes -= size_t{frames} * kBytesPerFrame;
         }
+    }
+
+    // The frames about to be written are heard after the stream's whole latency.
+    void Heard(pa_stream* s)
+    {
+        pa_usec_t us = 0;
+        int negative = 0;
+        if (pa_stream_get_latency(s, &us, &negative) != 0) return; // no timing yet
+        const int64_t latencyNs = (negative != 0 ? -1 : 1) * static_cast<int64_t>(us) * 1000;
+        m_clock.Observe(static_cast<int64_t>(m_readTotal), NowNs() + latencyNs);
+        const auto frames = static_cast<uint32_t>(std::clamp<int64_t>(latencyNs * m_rate / 1'000'000'000, 0, m_rate));
+        if (frames > m_largestLatency.load(std::memory_order_relaxed))
+            m_largestLatency.store(frames, std::memory_order_relaxed);
     }
 
     static void OnUnderflow(pa_stream*, void* user)
@@ -398,6 +432,9 @@ private:
     std::atomic<bool> m_primed{false};
     std::atomic<uint64_t> m_underrunFrames{0};
     std::atomic<uint32_t> m_underflows{0};
+    SinkClock m_clock;
+    uint64_t m_readTotal = 0; // frames read from the ring; the write callback's
+    std::atomic<uint32_t> m_largestLatency{0}; // written by the write callback only
 };
 
 // A record stream. Its flags live under the main loop's lock, which the read callback

@@ -171,6 +171,7 @@ public:
     // it sees a start: from a start's ring position no mixed frame lies further ahead.
     uint32_t LatencyFrames() const override { return TargetFrames() + std::max<uint32_t>(1, m_rate / 200); }
 
+    bool HasClock() const override { return true; }
     bool RingPositionAt(int64_t ns, int64_t* pFrame) const override
     {
         // Written at a start and after an underrun only: a torn read is rare, and after a
