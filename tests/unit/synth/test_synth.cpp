@@ -1,0 +1,310 @@
+// The built-in GM synth on the virtual backend: what a stream sends it is heard in wave
+// output 0's capture at the frames the stream's times map to, SysEx and program changes
+// reach FluidSynth, stopping and panic silence it, and without a SoundFont it is absent.
+#include "platform/QXPlatform.h"
+#include "platform/backends/synth/QXSynth.h"
+#include "platform/backends/virtual/QXVirtual.h"
+#include "platform/dsound/QXDSound.h"
+#include "platform/midi/QXMidiCalls.h"
+#include "unit/wavefile/WaveTestUtil.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
+constexpr const char* kFont = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+constexpr double kRate = 48000;
+
+DWORD Msg(int status, int d1 = 0, int d2 = 0)
+{
+    return static_cast<DWORD>(status | (d1 << 8) | (d2 << 16));
+}
+
+// The synth opened as a stream with 1 ms ticks, wave output 0 captured to a file; the
+// capture is read once the stream is closed (then the output closes its file).
+class SynthRun {
+public:
+    SynthRun()
+    {
+        setenv("QUAVIX_SOUNDFONT", kFont, 1);
+        qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+        m_base = "/tmp/qx-synth-" + std::to_string(getpid()) + "-" + std::to_string(s_runs++);
+        setenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE", (m_base + "-%d.wav").c_str(), 1);
+        UINT dev = midiOutGetNumDevs() - 1;
+        m_opened = midiStreamOpen(&m_h, &dev, 1, 0, 0, CALLBACK_NULL);
+        unsetenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE");
+        if (m_opened != MMSYSERR_NOERROR) return;
+        MIDIPROPTIMEDIV td{sizeof td, 0xFFFFE728u};
+        midiStreamProperty(m_h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV);
+    }
+    ~SynthRun() { Close(); }
+    bool Opened() const { return m_opened == MMSYSERR_NOERROR; }
+
+    // Queues events at absolute ms times (SysEx as bytes) and starts the stream.
+    void Play(const std::vector<std::pair<DWORD, std::vector<BYTE>>>& events)
+    {
+        DWORD last = 0;
+        for (const auto& [at, bytes] : events) {
+            const bool sysex = bytes[0] == 0xF0;
+            DWORD ev = sysex ? (MEVT_LONGMSG << 24) | static_cast<DWORD>(bytes.size())
+                             : Msg(bytes[0], bytes.size() > 1 ? bytes[1] : 0, bytes.size() > 2 ? bytes[2] : 0);
+            m_words.insert(m_words.end(), {at - last, 0, ev});
+            if (sysex) {
+                std::vector<DWORD> parms((bytes.size() + 3) / 4, 0);
+                std::memcpy(parms.data(), bytes.data(), bytes.size());
+                m_words.insert(m_words.end(), parms.begin(), parms.end());
+            }
+            last = at;
+        }
+        m_hdr.lpData = reinterpret_cast<LPSTR>(m_words.data());
+        m_hdr.dwBufferLength = m_hdr.dwBytesRecorded = static_cast<DWORD>(m_words.size() * 4);
+        ASSERT_EQ(midiOutPrepareHeader(Out(), &m_hdr, sizeof m_hdr), 0u);
+        ASSERT_EQ(midiStreamOut(m_h, &m_hdr, sizeof m_hdr), 0u);
+        ASSERT_EQ(midiStreamRestart(m_h), 0u);
+    }
+    void WaitDone()
+    {
+        EXPECT_TRUE(wavetest::Eventually([&] { return (m_hdr.dwFlags & MHDR_DONE) != 0; }));
+    }
+    HMIDIOUT Out() const { return reinterpret_cast<HMIDIOUT>(m_h); }
+    HMIDISTRM Stream() const { return m_h; }
+
+    // Closes the stream after the sound's tail and returns the left channel heard.
+    std::vector<float> Heard(int tailMs = 300)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(tailMs));
+        Close();
+        const std::string path = m_base + "-0.wav", f = wavetest::Slurp(path);
+        std::remove(path.c_str());
+        std::vector<float> left;
+        for (size_t at = 44; at + 4 <= f.size(); at += 4) {
+            int16_t s;
+            std::memcpy(&s, f.data() + at, 2);
+            left.push_back(s / 32768.0f);
+        }
+        return left;
+    }
+
+private:
+    void Close()
+    {
+        if (!Opened()) return;
+        midiStreamStop(m_h);
+        EXPECT_EQ(midiStreamClose(m_h), MMSYSERR_NOERROR);
+        m_opened = MMSYSERR_ERROR;
+    }
+
+    static inline int s_runs = 0;
+    std::string m_base;
+    HMIDISTRM m_h = nullptr;
+    MMRESULT m_opened = MMSYSERR_ERROR;
+    std::vector<DWORD> m_words;
+    MIDIHDR m_hdr{};
+};
+
+// Frames where the level first passes 0.02 after at least 50 ms below it.
+std::vector<long> Onsets(const std::vector<float>& x)
+{
+    std::vector<long> at;
+    long quiet = 1 << 20;
+    for (size_t i = 0; i < x.size(); ++i) {
+        if (std::fabs(x[i]) > 0.02f) {
+            if (quiet >= 2400) at.push_back(static_cast<long>(i));
+            quiet = 0;
+        } else {
+            ++quiet;
+        }
+    }
+    return at;
+}
+
+// Where around frame near the sound that starts at frame ref starts again: the shift that
+// best matches its first 1000 frames (the tail of what sounded before aside, the same
+// note is the same samples).
+long Align(const std::vector<float>& x, long ref, long near)
+{
+    long best = near;
+    double bestDot = -1e30;
+    for (long at = near - 128; at <= near + 128; ++at) {
+        double dot = 0;
+        for (long i = -64; i < 1000 && at + i < static_cast<long>(x.size()); ++i) dot += double(x[ref + i]) * x[at + i];
+        if (dot > bestDot) bestDot = dot, best = at;
+    }
+    return best;
+}
+
+// The amplitudes of the first ten harmonics of f0 over 100 ms from frame from, unit length.
+std::vector<double> Harmonics(const std::vector<float>& x, long from, double f0)
+{
+    std::vector<double> h;
+    double norm = 0;
+    for (int k = 1; k <= 10; ++k) {
+        double re = 0, im = 0;
+        for (long i = 0; i < 4800 && from + i < static_cast<long>(x.size()); ++i) {
+            const double w = 2 * M_PI * k * f0 * i / kRate;
+            re += x[from + i] * std::cos(w);
+            im += x[from + i] * std::sin(w);
+        }
+        h.push_back(std::hypot(re, im));
+        norm += h.back() * h.back();
+    }
+    for (double& v : h) v /= std::sqrt(norm);
+    return h;
+}
+
+double Distance(const std::vector<double>& a, const std::vector<double>& b)
+{
+    double s = 0;
+    for (size_t i = 0; i < a.size(); ++i) s += (a[i] - b[i]) * (a[i] - b[i]);
+    return std::sqrt(s);
+}
+
+const std::vector<BYTE> kDry[] = {{0xB9, 91, 0}, {0xB9, 93, 0}, {0xB0, 91, 0}, {0xB0, 93, 0}}; // no reverb, chorus
+
+} // namespace
+
+TEST(Synth, NotesStartOnFluidSynthsGridAtTheFramesTheirTimesMapTo)
+{
+    ASSERT_EQ(kVirtual, 0);
+    SynthRun run;
+    ASSERT_TRUE(run.Opened());
+    // Claves on the drum channel, at steps that are not whole 64-frame blocks apart.
+    const DWORD times[] = {100, 401, 703, 1006, 1310, 1501};
+    std::vector<std::pair<DWORD, std::vector<BYTE>>> events;
+    for (const auto& d : kDry) events.push_back({0, d});
+    for (DWORD t : times) events.push_back({t, {0x99, 75, 127}});
+    run.Play(events);
+    run.WaitDone();
+    const std::vector<float> x = run.Heard();
+    std::vector<long> onsets = Onsets(x);
+    ASSERT_EQ(onsets.size(), std::size(times));
+    for (long& at : onsets) at = Align(x, onsets[0], at);
+    // FluidSynth starts a voice at its next 64-frame block: with the first note's phase
+    // in that grid unknown, one phase must explain every onset exactly.
+    int phases = 0;
+    for (long p = 0; p < 64; ++p) {
+        bool all = true;
+        for (size_t i = 1; i < onsets.size(); ++i) {
+            const long due = p + static_cast<long>((times[i] - times[0]) * kRate / 1000);
+            all = all && onsets[i] - onsets[0] == (due + 63) / 64 * 64 - (p + 63) / 64 * 64;
+        }
+        phases += all;
+    }
+    EXPECT_GT(phases, 0) << "an onset is off its frame";
+}
+
+TEST(Synth, ProgramChangeAndGMResetChangeTheSound)
+{
+    ASSERT_EQ(kVirtual, 0);
+    SynthRun run;
+    ASSERT_TRUE(run.Opened());
+    const std::vector<BYTE> gmReset = {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7};
+    std::vector<std::pair<DWORD, std::vector<BYTE>>> events;
+    for (const auto& d : kDry) events.push_back({0, d});
+    // Middle A three times: piano, square lead after a program change, piano after a reset.
+    const DWORD starts[] = {100, 700, 1300};
+    for (DWORD t : starts) {
+        if (t == 700) events.push_back({t, {0xC0, 80}});
+        if (t == 1300) events.push_back({t, gmReset}), events.push_back({t, kDry[2]}), events.push_back({t, kDry[3]});
+        events.push_back({t, {0x90, 69, 100}});
+        events.push_back({t + 300, {0x80, 69, 0}});
+    }
+    run.Play(events);
+    run.WaitDone();
+    const std::vector<float> x = run.Heard(500);
+    const std::vector<long> onsets = Onsets(x);
+    ASSERT_EQ(onsets.size(), 3u);
+    std::vector<double> h[3];
+    for (int i = 0; i < 3; ++i) h[i] = Harmonics(x, onsets[i] + 960, 440.0);
+    // Piano against square lead: about 0.3 apart; the same piano: a thousandth.
+    EXPECT_GT(Distance(h[0], h[1]), 0.15) << "the program change did not change the sound";
+    EXPECT_LT(Distance(h[0], h[2]), 0.03) << "the GM reset did not restore the piano";
+}
+
+// A held organ note, then one way of ending it: it must fall silent long before its
+// note-off, due two seconds later, and stay so.
+TEST(Synth, StopAndPanicSilenceAHeldNote)
+{
+    ASSERT_EQ(kVirtual, 0);
+    const struct {
+        const char* how;
+        bool stop;
+    } cases[] = {{"stopping the stream", true}, {"all notes off on every channel", false}};
+    for (const auto& c : cases) {
+        SynthRun run;
+        ASSERT_TRUE(run.Opened());
+        std::vector<std::pair<DWORD, std::vector<BYTE>>> events;
+        for (const auto& d : kDry) events.push_back({0, d});
+        events.push_back({0, {0xC0, 16}});
+        events.push_back({50, {0x90, 60, 110}});
+        events.push_back({2050, {0x80, 60, 0}});
+        run.Play(events);
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        if (c.stop) {
+            EXPECT_EQ(midiStreamStop(run.Stream()), 0u);
+        } else {
+            for (int ch = 0; ch < 16; ++ch) EXPECT_EQ(midiOutShortMsg(run.Out(), Msg(0xB0 | ch, 123, 0)), 0u);
+        }
+        const std::vector<float> x = run.Heard(800);
+        ASSERT_GT(x.size(), 48000u) << c.how;
+        auto peak = [&](size_t from, size_t to) {
+            float p = 0;
+            for (size_t i = from; i < to; ++i) p = std::max(p, std::fabs(x[i]));
+            return p;
+        };
+        const float before = peak(0, 14400), tail = peak(x.size() - 9600, x.size());
+        EXPECT_GT(before, 0.01f) << c.how;
+        EXPECT_LT(tail, 0.001f) << c.how << ": still sounding";
+    }
+}
+
+TEST(Synth, AbsentOrBrokenSoundFontLeavesNoDeviceOrFailsTheOpenCleanly)
+{
+    ASSERT_EQ(kVirtual, 0);
+    const std::string empty = "/tmp/qx-synth-empty-" + std::to_string(getpid()) + ".sf2";
+    std::ofstream(empty).flush();
+    const struct {
+        std::string font;
+        int waveOuts;
+        UINT count; // MIDI outputs, the virtual one included
+        bool reason; // quavix devices says why there is no synth
+    } cases[] = {
+        {"/nonexistent/font.sf2", 1, 1, true},
+        {"/tmp", 1, 1, true},
+        {kFont, 0, 1, true},
+        {empty, 1, 2, false}, // listed, but does not load
+    };
+    const size_t threads = wavetest::ThreadCount(), live = qxplat::LiveDirectSoundObjects();
+    for (const auto& c : cases) {
+        setenv("QUAVIX_SOUNDFONT", c.font.c_str(), 1);
+        qxplat::QXVirtualSetDevices(1, 1, 1, c.waveOuts);
+        EXPECT_EQ(midiOutGetNumDevs(), c.count) << c.font;
+        EXPECT_EQ(qxplat::SynthUnavailableReason().empty(), !c.reason) << c.font;
+        MIDIOUTCAPSA caps{};
+        UINT dev = 1;
+        HMIDISTRM h = nullptr;
+        if (c.count == 1) {
+            EXPECT_EQ(midiOutGetDevCapsA(1, &caps, sizeof caps), MMSYSERR_BADDEVICEID);
+            EXPECT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_BADDEVICEID);
+        } else {
+            ASSERT_EQ(midiOutGetDevCapsA(1, &caps, sizeof caps), MMSYSERR_NOERROR);
+            EXPECT_STREQ(caps.szPname, "Quavix GM Synth");
+            EXPECT_NE(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
+        }
+        EXPECT_EQ(h, nullptr);
+    }
+    std::remove(empty.c_str());
+    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+    EXPECT_TRUE(wavetest::Eventually([&] { return wavetest::ThreadCount() == threads; }));
+    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), live);
+}
