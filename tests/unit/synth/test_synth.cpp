@@ -25,10 +25,10 @@ const int kVirtual = setenv("QUAVIX_BACKEND", "virtual", 1);
 constexpr const char* kFont = "/usr/share/sounds/sf2/TimGM6mb.sf2";
 constexpr double kRate = 48000;
 
-DWORD Msg(int status, int d1 = 0, int d2 = 0)
-{
-    return static_cast<DWORD>(status | (d1 << 8) | (d2 << 16));
-}
+// Messages at absolute ms times: SysEx, or a short message in three bytes.
+using Events = std::vector<std::pair<DWORD, std::vector<BYTE>>>;
+// No reverb or chorus on the channels the tests play, so that notes end in silence.
+const Events kDry = {{0, {0xB9, 91, 0}}, {0, {0xB9, 93, 0}}, {0, {0xB0, 91, 0}}, {0, {0xB0, 93, 0}}};
 
 // The synth opened as a stream with 1 ms ticks, wave output 0 captured to a file; the
 // capture is read once the stream is closed (then the output closes its file).
@@ -50,20 +50,16 @@ public:
     ~SynthRun() { Close(); }
     bool Opened() const { return m_opened == MMSYSERR_NOERROR; }
 
-    // Queues events at absolute ms times (SysEx as bytes) and starts the stream.
-    void Play(const std::vector<std::pair<DWORD, std::vector<BYTE>>>& events)
+    // Queues kDry and the events in one buffer and starts the stream.
+    void Play(Events events)
     {
+        events.insert(events.begin(), kDry.begin(), kDry.end());
         DWORD last = 0;
-        for (const auto& [at, bytes] : events) {
-            const bool sysex = bytes[0] == 0xF0;
-            DWORD ev = sysex ? (MEVT_LONGMSG << 24) | static_cast<DWORD>(bytes.size())
-                             : Msg(bytes[0], bytes.size() > 1 ? bytes[1] : 0, bytes.size() > 2 ? bytes[2] : 0);
-            m_words.insert(m_words.end(), {at - last, 0, ev});
-            if (sysex) {
-                std::vector<DWORD> parms((bytes.size() + 3) / 4, 0);
-                std::memcpy(parms.data(), bytes.data(), bytes.size());
-                m_words.insert(m_words.end(), parms.begin(), parms.end());
-            }
+        for (const auto& [at, b] : events) {
+            const bool sysex = b[0] == 0xF0;
+            m_words.insert(m_words.end(), {at - last, 0, sysex ? (MEVT_LONGMSG << 24) | DWORD(b.size()) : b[0] | b[1] << 8 | b[2] << 16});
+            m_words.resize(m_words.size() + (sysex ? (b.size() + 3) / 4 : 0), 0);
+            if (sysex) std::memcpy(&m_words[m_words.size() - (b.size() + 3) / 4], b.data(), b.size());
             last = at;
         }
         m_hdr.lpData = reinterpret_cast<LPSTR>(m_words.data());
@@ -72,26 +68,21 @@ public:
         ASSERT_EQ(midiStreamOut(m_h, &m_hdr, sizeof m_hdr), 0u);
         ASSERT_EQ(midiStreamRestart(m_h), 0u);
     }
-    void WaitDone()
-    {
-        EXPECT_TRUE(wavetest::Eventually([&] { return (m_hdr.dwFlags & MHDR_DONE) != 0; }));
-    }
     HMIDIOUT Out() const { return reinterpret_cast<HMIDIOUT>(m_h); }
-    HMIDISTRM Stream() const { return m_h; }
 
-    // Closes the stream after the sound's tail and returns the left channel heard.
-    std::vector<float> Heard(int tailMs = 300)
+    // Closes the stream (after its buffer played, when asked) and the sound's tail, and
+    // returns the left channel heard.
+    std::vector<float> Heard(int tailMs, bool bWholeBuffer = true)
     {
+        if (bWholeBuffer) EXPECT_TRUE(wavetest::Eventually([&] { return (m_hdr.dwFlags & MHDR_DONE) != 0; }));
         std::this_thread::sleep_for(std::chrono::milliseconds(tailMs));
         Close();
         const std::string path = m_base + "-0.wav", f = wavetest::Slurp(path);
         std::remove(path.c_str());
+        std::vector<int16_t> frames(f.size() > 44 ? (f.size() - 44) / 2 : 0);
+        std::memcpy(frames.data(), f.data() + 44, frames.size() * 2);
         std::vector<float> left;
-        for (size_t at = 44; at + 4 <= f.size(); at += 4) {
-            int16_t s;
-            std::memcpy(&s, f.data() + at, 2);
-            left.push_back(s / 32768.0f);
-        }
+        for (size_t i = 0; i < frames.size(); i += 2) left.push_back(frames[i] / 32768.0f);
         return left;
     }
 
@@ -116,14 +107,10 @@ private:
 std::vector<long> Onsets(const std::vector<float>& x)
 {
     std::vector<long> at;
-    long quiet = 1 << 20;
-    for (size_t i = 0; i < x.size(); ++i) {
-        if (std::fabs(x[i]) > 0.02f) {
-            if (quiet >= 2400) at.push_back(static_cast<long>(i));
-            quiet = 0;
-        } else {
-            ++quiet;
-        }
+    for (long i = 0, quiet = 1 << 20; i < static_cast<long>(x.size()); ++i, ++quiet) {
+        if (std::fabs(x[i]) <= 0.02f) continue;
+        if (quiet >= 2400) at.push_back(i);
+        quiet = -1;
     }
     return at;
 }
@@ -146,17 +133,16 @@ long Align(const std::vector<float>& x, long ref, long near)
 // The amplitudes of the first ten harmonics of f0 over 100 ms from frame from, unit length.
 std::vector<double> Harmonics(const std::vector<float>& x, long from, double f0)
 {
-    std::vector<double> h;
+    std::vector<double> h(10);
     double norm = 0;
-    for (int k = 1; k <= 10; ++k) {
+    for (int k = 0; k < 10; ++k) {
         double re = 0, im = 0;
         for (long i = 0; i < 4800 && from + i < static_cast<long>(x.size()); ++i) {
-            const double w = 2 * M_PI * k * f0 * i / kRate;
-            re += x[from + i] * std::cos(w);
-            im += x[from + i] * std::sin(w);
+            re += x[from + i] * std::cos(2 * M_PI * (k + 1) * f0 * i / kRate);
+            im += x[from + i] * std::sin(2 * M_PI * (k + 1) * f0 * i / kRate);
         }
-        h.push_back(std::hypot(re, im));
-        norm += h.back() * h.back();
+        h[k] = std::hypot(re, im);
+        norm += h[k] * h[k];
     }
     for (double& v : h) v /= std::sqrt(norm);
     return h;
@@ -169,8 +155,6 @@ double Distance(const std::vector<double>& a, const std::vector<double>& b)
     return std::sqrt(s);
 }
 
-const std::vector<BYTE> kDry[] = {{0xB9, 91, 0}, {0xB9, 93, 0}, {0xB0, 91, 0}, {0xB0, 93, 0}}; // no reverb, chorus
-
 } // namespace
 
 TEST(Synth, NotesStartOnFluidSynthsGridAtTheFramesTheirTimesMapTo)
@@ -180,12 +164,10 @@ TEST(Synth, NotesStartOnFluidSynthsGridAtTheFramesTheirTimesMapTo)
     ASSERT_TRUE(run.Opened());
     // Claves on the drum channel, at steps that are not whole 64-frame blocks apart.
     const DWORD times[] = {100, 401, 703, 1006, 1310, 1501};
-    std::vector<std::pair<DWORD, std::vector<BYTE>>> events;
-    for (const auto& d : kDry) events.push_back({0, d});
+    Events events;
     for (DWORD t : times) events.push_back({t, {0x99, 75, 127}});
     run.Play(events);
-    run.WaitDone();
-    const std::vector<float> x = run.Heard();
+    const std::vector<float> x = run.Heard(300);
     std::vector<long> onsets = Onsets(x);
     ASSERT_EQ(onsets.size(), std::size(times));
     for (long& at : onsets) at = Align(x, onsets[0], at);
@@ -209,18 +191,15 @@ TEST(Synth, ProgramChangeAndGMResetChangeTheSound)
     SynthRun run;
     ASSERT_TRUE(run.Opened());
     const std::vector<BYTE> gmReset = {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7};
-    std::vector<std::pair<DWORD, std::vector<BYTE>>> events;
-    for (const auto& d : kDry) events.push_back({0, d});
-    // Middle A three times: piano, square lead after a program change, piano after a reset.
-    const DWORD starts[] = {100, 700, 1300};
-    for (DWORD t : starts) {
-        if (t == 700) events.push_back({t, {0xC0, 80}});
-        if (t == 1300) events.push_back({t, gmReset}), events.push_back({t, kDry[2]}), events.push_back({t, kDry[3]});
-        events.push_back({t, {0x90, 69, 100}});
-        events.push_back({t + 300, {0x80, 69, 0}});
+    // Middle A three times: piano, square lead after a program change, piano after a reset
+    // (which brings back the default reverb and chorus).
+    Events events;
+    for (DWORD t : {100u, 700u, 1300u}) {
+        if (t == 700) events.push_back({t, {0xC0, 80, 0}});
+        if (t == 1300) events.insert(events.end(), {{t, gmReset}, {t, kDry[2].second}, {t, kDry[3].second}});
+        events.insert(events.end(), {{t, {0x90, 69, 100}}, {t + 300, {0x80, 69, 0}}});
     }
     run.Play(events);
-    run.WaitDone();
     const std::vector<float> x = run.Heard(500);
     const std::vector<long> onsets = Onsets(x);
     ASSERT_EQ(onsets.size(), 3u);
@@ -243,25 +222,13 @@ TEST(Synth, StopAndPanicSilenceAHeldNote)
     for (const auto& c : cases) {
         SynthRun run;
         ASSERT_TRUE(run.Opened());
-        std::vector<std::pair<DWORD, std::vector<BYTE>>> events;
-        for (const auto& d : kDry) events.push_back({0, d});
-        events.push_back({0, {0xC0, 16}});
-        events.push_back({50, {0x90, 60, 110}});
-        events.push_back({2050, {0x80, 60, 0}});
-        run.Play(events);
+        run.Play({{0, {0xC0, 16, 0}}, {50, {0x90, 60, 110}}, {2050, {0x80, 60, 0}}});
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
-        if (c.stop) {
-            EXPECT_EQ(midiStreamStop(run.Stream()), 0u);
-        } else {
-            for (int ch = 0; ch < 16; ++ch) EXPECT_EQ(midiOutShortMsg(run.Out(), Msg(0xB0 | ch, 123, 0)), 0u);
-        }
-        const std::vector<float> x = run.Heard(800);
+        if (c.stop) EXPECT_EQ(midiStreamStop(reinterpret_cast<HMIDISTRM>(run.Out())), 0u);
+        for (DWORD ch = 0; ch < 16 && !c.stop; ++ch) EXPECT_EQ(midiOutShortMsg(run.Out(), 0xB0 | ch | 123 << 8), 0u);
+        const std::vector<float> x = run.Heard(800, false);
         ASSERT_GT(x.size(), 48000u) << c.how;
-        auto peak = [&](size_t from, size_t to) {
-            float p = 0;
-            for (size_t i = from; i < to; ++i) p = std::max(p, std::fabs(x[i]));
-            return p;
-        };
+        auto peak = [&](size_t from, size_t to) { return std::fabs(*std::max_element(x.begin() + from, x.begin() + to, [](float a, float b) { return std::fabs(a) < std::fabs(b); })); };
         const float before = peak(0, 14400), tail = peak(x.size() - 9600, x.size());
         EXPECT_GT(before, 0.01f) << c.how;
         EXPECT_LT(tail, 0.001f) << c.how << ": still sounding";
@@ -293,14 +260,10 @@ TEST(Synth, AbsentOrBrokenSoundFontLeavesNoDeviceOrFailsTheOpenCleanly)
         MIDIOUTCAPSA caps{};
         UINT dev = 1;
         HMIDISTRM h = nullptr;
-        if (c.count == 1) {
-            EXPECT_EQ(midiOutGetDevCapsA(1, &caps, sizeof caps), MMSYSERR_BADDEVICEID);
-            EXPECT_EQ(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_BADDEVICEID);
-        } else {
-            ASSERT_EQ(midiOutGetDevCapsA(1, &caps, sizeof caps), MMSYSERR_NOERROR);
-            EXPECT_STREQ(caps.szPname, "Quavix GM Synth");
-            EXPECT_NE(midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
-        }
+        EXPECT_EQ(midiOutGetDevCapsA(1, &caps, sizeof caps), c.count == 1 ? MMSYSERR_BADDEVICEID : MMSYSERR_NOERROR);
+        EXPECT_STREQ(caps.szPname, c.count == 1 ? "" : "Quavix GM Synth");
+        const MMRESULT opened = midiStreamOpen(&h, &dev, 1, 0, 0, CALLBACK_NULL);
+        EXPECT_EQ(opened, c.count == 1 ? MMSYSERR_BADDEVICEID : MMSYSERR_NODRIVER) << c.font;
         EXPECT_EQ(h, nullptr);
     }
     std::remove(empty.c_str());

@@ -169,7 +169,7 @@ private:
         if (cancels != m_cancelsSeen) {
             m_cancelsSeen = cancels;
             m_dropBefore = m_cancelTo.load(std::memory_order_relaxed);
-            m_dropping = true;
+            m_dropping = Before(m_read.load(std::memory_order_relaxed), m_dropBefore);
             for (size_t i = 0; i < m_pendingCount; ++i) FreeSlot(m_pending[i]);
             m_pendingCount = 0;
             fluid_synth_all_sounds_off(m_synth, -1);
