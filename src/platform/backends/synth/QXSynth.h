@@ -3,8 +3,9 @@
 // output 0 (shared with the DirectSound devices there), pulled once per mix block, so
 // that MIDI through it and wave players keep one sample clock.
 //
-// - SoundFont: QUAVIX_SOUNDFONT, else /usr/share/sounds/sf2/default-GM.sf2. Without a
-//   readable one (or without a wave output) the device is not there: counts leave it out.
+// - SoundFont: QUAVIX_SOUNDFONT, else /usr/share/sounds/sf2/default-GM.sf2 (set but empty:
+//   none). Without a readable one (or without a wave output) the device is not there:
+//   counts leave it out.
 // - Each message goes with its due time to a queue the mixer thread drains. On a port
 //   with a clock a message sounds the port's latency after its due time, like a wave
 //   start (FluidSynth's 64-frame grid is the limit), and the port asks for messages
