@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -41,7 +42,8 @@ public:
         m_base = "/tmp/qx-synth-" + std::to_string(getpid()) + "-" + std::to_string(s_runs++);
         setenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE", (m_base + "-%d.wav").c_str(), 1);
         UINT dev = midiOutGetNumDevs() - 1;
-        m_opened = midiStreamOpen(&m_h, &dev, 1, 0, 0, CALLBACK_NULL);
+        m_opened = midiStreamOpen(&m_h, &dev, 1, reinterpret_cast<DWORD_PTR>(&OnDone), reinterpret_cast<DWORD_PTR>(this),
+                                  CALLBACK_FUNCTION);
         unsetenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE");
         if (m_opened != MMSYSERR_NOERROR) return;
         MIDIPROPTIMEDIV td{sizeof td, 0xFFFFE728u};
@@ -74,7 +76,9 @@ public:
     // returns the left channel heard.
     std::vector<float> Heard(int tailMs, bool bWholeBuffer = true)
     {
-        if (bWholeBuffer) EXPECT_TRUE(wavetest::Eventually([&] { return (m_hdr.dwFlags & MHDR_DONE) != 0; }));
+        if (bWholeBuffer) {
+            EXPECT_TRUE(wavetest::Eventually([&] { return m_done.load(); }));
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(tailMs));
         Close();
         const std::string path = m_base + "-0.wav", f = wavetest::Slurp(path);
@@ -87,6 +91,10 @@ public:
     }
 
 private:
+    static void CALLBACK OnDone(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR, DWORD_PTR)
+    {
+        if (msg == MOM_DONE) reinterpret_cast<SynthRun*>(inst)->m_done = true;
+    }
     void Close()
     {
         if (!Opened()) return;
@@ -101,6 +109,7 @@ private:
     MMRESULT m_opened = MMSYSERR_ERROR;
     std::vector<DWORD> m_words;
     MIDIHDR m_hdr{};
+    std::atomic<bool> m_done{false};
 };
 
 // Frames where the level first passes 0.02 after at least 50 ms below it.
@@ -160,6 +169,7 @@ double Distance(const std::vector<double>& a, const std::vector<double>& b)
 TEST(Synth, NotesStartOnFluidSynthsGridAtTheFramesTheirTimesMapTo)
 {
     ASSERT_EQ(kVirtual, 0);
+    const size_t threads = wavetest::ThreadCount();
     SynthRun run;
     ASSERT_TRUE(run.Opened());
     // Claves on the drum channel, at steps that are not whole 64-frame blocks apart.
@@ -168,6 +178,7 @@ TEST(Synth, NotesStartOnFluidSynthsGridAtTheFramesTheirTimesMapTo)
     for (DWORD t : times) events.push_back({t, {0x99, 75, 127}});
     run.Play(events);
     const std::vector<float> x = run.Heard(300);
+    EXPECT_TRUE(wavetest::Eventually([&] { return wavetest::ThreadCount() == threads; })) << "a thread outlived the synth";
     std::vector<long> onsets = Onsets(x);
     ASSERT_EQ(onsets.size(), std::size(times));
     for (long& at : onsets) at = Align(x, onsets[0], at);
@@ -224,8 +235,8 @@ TEST(Synth, StopAndPanicSilenceAHeldNote)
         ASSERT_TRUE(run.Opened());
         run.Play({{0, {0xC0, 16, 0}}, {50, {0x90, 60, 110}}, {2050, {0x80, 60, 0}}});
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
-        if (c.stop) EXPECT_EQ(midiStreamStop(reinterpret_cast<HMIDISTRM>(run.Out())), 0u);
         for (DWORD ch = 0; ch < 16 && !c.stop; ++ch) EXPECT_EQ(midiOutShortMsg(run.Out(), 0xB0 | ch | 123 << 8), 0u);
+        EXPECT_EQ(c.stop ? midiStreamStop(reinterpret_cast<HMIDISTRM>(run.Out())) : 0u, 0u);
         const std::vector<float> x = run.Heard(800, false);
         ASSERT_GT(x.size(), 48000u) << c.how;
         auto peak = [&](size_t from, size_t to) { return std::fabs(*std::max_element(x.begin() + from, x.begin() + to, [](float a, float b) { return std::fabs(a) < std::fabs(b); })); };

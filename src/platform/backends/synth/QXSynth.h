@@ -24,6 +24,8 @@ namespace qxplat {
 Backend& WithSynth(Backend& inner);
 // Why the current backend offers no synth, in one line; empty when it does.
 std::string SynthUnavailableReason();
+// Whether MIDI output n of the current backend is the synth.
+bool IsSynthMidiOut(int n);
 
 } // namespace qxplat
 

@@ -21,6 +21,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 namespace qxplat {
 
@@ -75,9 +76,13 @@ public:
         // Only the mixer thread calls it once made: FluidSynth's own lock would be waste.
         fluid_settings_setint(e->m_settings, "synth.threadsafe-api", 0);
         e->m_synth = new_fluid_synth(e->m_settings);
-        if (e->m_synth == nullptr || fluid_synth_sfload(e->m_synth, soundFont.c_str(), 1) == FLUID_FAILED)
-            return nullptr;
-        return e;
+        if (e->m_synth == nullptr) return nullptr;
+        // FluidSynth loads samples with OpenMP, whose helper threads belong to the thread
+        // that loads: on a thread of our own, joined here, they end with the load.
+        bool loaded = false;
+        std::thread loader([&] { loaded = fluid_synth_sfload(e->m_synth, soundFont.c_str(), 1) != FLUID_FAILED; });
+        loader.join();
+        return loaded ? std::move(e) : nullptr;
     }
 
     ~SynthEngine() override
@@ -334,6 +339,8 @@ public:
     MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port) override { return m_inner.OpenAudioOut(n, port); }
     MMRESULT OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port) override { return m_inner.OpenAudioIn(n, port); }
 
+    bool IsSynthOut(int n) { return IsSynth(DeviceKind::MidiOut, n); }
+
     std::string Missing()
     {
         if (m_inner.Count(DeviceKind::WaveOut) == 0) return "no wave output to play on";
@@ -364,6 +371,12 @@ std::string SynthUnavailableReason()
 {
     auto* backend = dynamic_cast<WithSynthBackend*>(&CurrentBackend());
     return backend != nullptr ? backend->Missing() : "the backend offers no synth";
+}
+
+bool IsSynthMidiOut(int n)
+{
+    auto* backend = dynamic_cast<WithSynthBackend*>(&CurrentBackend());
+    return backend != nullptr && backend->IsSynthOut(n);
 }
 
 } // namespace qxplat
