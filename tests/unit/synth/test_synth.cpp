@@ -6,6 +6,7 @@
 #include "platform/backends/virtual/QXVirtual.h"
 #include "platform/dsound/QXDSound.h"
 #include "platform/midi/QXMidiCalls.h"
+#include "unit/dsound/DSTestUtil.h"
 #include "unit/wavefile/WaveTestUtil.h"
 
 #include <gtest/gtest.h>
@@ -139,18 +140,24 @@ long Align(const std::vector<float>& x, long ref, long near)
     return best;
 }
 
+// The amplitude of frequency f over 100 ms from frame from.
+double Level(const std::vector<float>& x, double f, long from)
+{
+    double re = 0, im = 0;
+    for (long i = 0; i < 4800 && from + i < static_cast<long>(x.size()); ++i) {
+        re += x[from + i] * std::cos(2 * M_PI * f * i / kRate);
+        im += x[from + i] * std::sin(2 * M_PI * f * i / kRate);
+    }
+    return 2 * std::hypot(re, im) / 4800;
+}
+
 // The amplitudes of the first ten harmonics of f0 over 100 ms from frame from, unit length.
 std::vector<double> Harmonics(const std::vector<float>& x, long from, double f0)
 {
     std::vector<double> h(10);
     double norm = 0;
     for (int k = 0; k < 10; ++k) {
-        double re = 0, im = 0;
-        for (long i = 0; i < 4800 && from + i < static_cast<long>(x.size()); ++i) {
-            re += x[from + i] * std::cos(2 * M_PI * (k + 1) * f0 * i / kRate);
-            im += x[from + i] * std::sin(2 * M_PI * (k + 1) * f0 * i / kRate);
-        }
-        h[k] = std::hypot(re, im);
+        h[k] = Level(x, (k + 1) * f0, from);
         norm += h[k] * h[k];
     }
     for (double& v : h) v /= std::sqrt(norm);
@@ -250,6 +257,31 @@ TEST(Synth, StopAndPanicSilenceAHeldNote)
         EXPECT_GT(Peak(x, 0, 14400), 0.01f) << c.how;
         EXPECT_LT(Peak(x, x.size() - 9600, x.size()), 0.001f) << c.how << ": still sounding";
     }
+}
+
+// A wave buffer played on output 0 while the synth plays there is in the capture the
+// synth's output began: one mixer and one sink for both.
+TEST(Synth, SharesWaveOutputZerosMixWithItsWaveBuffers)
+{
+    ASSERT_EQ(kVirtual, 0);
+    SynthRun run;
+    ASSERT_TRUE(run.Opened());
+    LPDIRECTSOUND ds = nullptr;
+    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
+    LPDIRECTSOUNDBUFFER tone = dstest::MakeBuffer(ds, dstest::Pcm(48000, 1, 16), 48000); // half a second
+    dstest::FillSine16(tone, 1000.0, 48000.0, 0.25);
+    run.Play({{100, {0x90, 69, 100}}, {700, {0x80, 69, 0}}});
+    ASSERT_EQ(tone->Play(0, 0, 0), DS_OK);
+    DWORD status = DSBSTATUS_PLAYING;
+    EXPECT_TRUE(wavetest::Eventually([&] { return tone->GetStatus(&status) == DS_OK && !(status & DSBSTATUS_PLAYING); }));
+    tone->Release();
+    EXPECT_EQ(ds->Release(), 0u);
+    const std::vector<float> x = run.Heard(300);
+    double wave = 0, synth = 0;
+    for (long at = 0; at + 4800 < static_cast<long>(x.size()); at += 2400)
+        wave = std::max(wave, Level(x, 1000, at)), synth = std::max(synth, Level(x, 440, at));
+    EXPECT_GT(wave, 0.2) << "the wave buffer is not in the synth's output";
+    EXPECT_GT(synth, 0.005);
 }
 
 TEST(Synth, AbsentOrBrokenSoundFontLeavesNoDeviceOrFailsTheOpenCleanly)
