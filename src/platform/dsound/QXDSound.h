@@ -112,13 +112,15 @@ HRESULT DirectSoundCreateOffline(DWORD dwRate, Resampler resampler, LPDIRECTSOUN
 // False for a device that is not offline.
 bool DirectSoundRenderOffline(LPDIRECTSOUND pDS, float* pOut, DWORD nFrames);
 
-// Holds a device's whole mix (no cursor moves, no notification fires; the sink hears
-// silence) or lets it go on. Not a DirectSound call: it is how an output pauses.
+// Holds the mix of a device's buffers (no cursor moves, no notification fires; the sink
+// hears silence from them, while other devices and the synth on the output go on) or
+// lets it go on. Not a DirectSound call: it is how an output pauses.
 bool DirectSoundSetPaused(LPDIRECTSOUND pDS, bool bPaused);
 
-// The largest |sample| of the device's mix in each channel (1.0 is full scale, before
-// the sink's clip) since the last call, which starts a new span. Lock-free, from any
-// thread. The first call turns the meter on and reads 0. False for a null device.
+// The largest |sample| of the output's mix (every device there and the synth) in each
+// channel (1.0 is full scale, before the sink's clip) since the last call, which starts
+// a new span. Lock-free, from any thread. The first call turns the meter on and reads 0.
+// False for a null device.
 bool DirectSoundTakePeak(LPDIRECTSOUND pDS, float* pLeft, float* pRight);
 
 // Frames from a buffer's Play to its first frame leaving the sink, on average, and the
