@@ -77,9 +77,7 @@ public:
     // returns the left channel heard.
     std::vector<float> Heard(int tailMs, bool bWholeBuffer = true)
     {
-        if (bWholeBuffer) {
-            EXPECT_TRUE(wavetest::Eventually([&] { return m_done.load(); }));
-        }
+        EXPECT_TRUE(!bWholeBuffer || wavetest::Eventually([&] { return m_done.load(); }));
         std::this_thread::sleep_for(std::chrono::milliseconds(tailMs));
         Close();
         const std::string path = m_base + "-0.wav", f = wavetest::Slurp(path);
