@@ -72,6 +72,7 @@ CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::st
         dup2(out, 1);
         dup2(err, 2);
         setenv("QUAVIX_BACKEND", "virtual", 1);
+        setenv("QUAVIX_SOUNDFONT", "", 1); // the same MIDI outputs whatever SoundFonts the machine has
         for (const auto& e : env) {
             const size_t eq = e.find('=');
             setenv(e.substr(0, eq).c_str(), e.substr(eq + 1).c_str(), 1);

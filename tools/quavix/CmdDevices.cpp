@@ -2,6 +2,8 @@
 #include "Cli.h"
 #include "Commands.h"
 
+#include "platform/backends/synth/QXSynth.h"
+
 #include <cstdio>
 
 namespace qxcli {
@@ -44,6 +46,8 @@ int RunDevices(int argc, char** argv)
                             enabled, format.c_str());
             }
         }
+    const std::string noSynth = qxplat::SynthUnavailableReason();
+    if (!noSynth.empty()) std::printf("No GM synth: %s\n", noSynth.c_str());
     return kExitOk;
 }
 

@@ -4,6 +4,7 @@
 #include "Waves.h"
 
 #include "platform/backends/QXBackend.h"
+#include "platform/backends/synth/QXSynth.h"
 
 #include <algorithm>
 #include <cmath>
@@ -225,7 +226,9 @@ int RunPerform(int argc, char** argv)
     }
 
     VirtualLog log(nOutput);
-    if (session.IsVirtual()) {
+    // A virtual output logs what it emits; the synth's messages become sound instead.
+    const bool bLogged = session.IsVirtual() && !qxplat::IsSynthMidiOut(nOutput);
+    if (bLogged) {
         log.Drain(); // nothing from before this run
         log.Clear();
     }
@@ -267,7 +270,7 @@ int RunPerform(int argc, char** argv)
             break;
         }
         elapsed = static_cast<double>(qxplat::NowNs() - startNs) / 1e6;
-        if (session.IsVirtual()) {
+        if (bLogged) {
             log.Drain();
             sent = log.Entries().size();
         } else {
@@ -286,8 +289,8 @@ int RunPerform(int argc, char** argv)
                         std::to_string(items.size()) + " events" + meter);
         const bool bWavesOver = waves.Watch(q, static_cast<double>(q->GetElapsedPlayTime()));
         if (bWavesOver) perf.WavesOver();
-        const bool bPlayedOut = perf.Done() && (session.IsVirtual() ? sent >= items.size()
-                                                                    : elapsed >= lastMs + dwLatency + 250);
+        const bool bPlayedOut = perf.Done() && (bLogged ? sent >= items.size()
+                                                        : elapsed >= lastMs + dwLatency + 250);
         if (bPlayedOut && bWavesOver && elapsed >= endMs) {
             // The wave output's last mix reaches the sound (and the render).
             if (bWave && !SleepUnlessInterrupted(200)) (Interrupted() ? bInterrupted : bServerLost) = true;
@@ -301,14 +304,14 @@ int RunPerform(int argc, char** argv)
 
     q->StopDevices(); // the queued periods go; nothing plays after the panic below
     size_t songMessages = 0;
-    if (session.IsVirtual()) {
+    if (bLogged) {
         log.Drain();
         songMessages = log.Entries().size();
         sent = songMessages;
     }
     if (bInterrupted) q->OnPanicButton();
     q->CloseDevices();
-    if (session.IsVirtual()) log.Drain();
+    if (bLogged) log.Drain();
     progress.Finish();
     if (bServerLost)
         return FailServerLost(cmd, "the performance stopped at " + FormatTime(elapsed) + " of " + FormatTime(endMs));
@@ -324,7 +327,7 @@ int RunPerform(int argc, char** argv)
         std::printf("  audio     %zu of %s played, peak L %s dBFS, R %s dBFS\n", waveItems.size() - wavesFailed,
                     qxsmf::Counted(waveItems.size(), "wave file").c_str(), PeakMeter::FormatDb(peak.MaxDb(0)).c_str(),
                     PeakMeter::FormatDb(peak.MaxDb(1)).c_str());
-    if (session.IsVirtual()) {
+    if (bLogged) {
         const Lateness late = MeasureLateness(log.Entries(), 0, songMessages);
         if (late.count > 0)
             std::printf("  lateness  worst %.2f ms, 99%% within %.2f ms (emitted against due, %zu messages)\n",

@@ -8,7 +8,9 @@
 //   server answers; else "alsa" when the sequencer has a MIDI device or raw PCM opens;
 //   else virtual. A desktop user without JACK hears sound with no setting at all.
 // - "virtual": in-process devices and paced audio outputs.
+// Each gets the built-in synth as its last MIDI output when it has a wave output.
 #include "platform/backends/QXBackend.h"
+#include "platform/backends/synth/QXSynth.h"
 #include "platform/backends/virtual/QXVirtual.h"
 #ifdef QUAVIX_HAVE_JACK
 #include "platform/backends/jack/QXJack.h"
@@ -154,7 +156,7 @@ void RaiseBackendEvent(BackendEvent event, int nDevice, const char* pszServer)
 
 Backend& CurrentBackend()
 {
-    static Backend& backend = Choose();
+    static Backend& backend = WithSynth(Choose());
     return backend;
 }
 

@@ -6,6 +6,7 @@
 #include "platform/QXPlatform.h"
 #include "platform/backends/QXBackend.h"
 #include "platform/dsound/QXMixer.h"
+#include "platform/dsound/QXOutput.h"
 
 #include <algorithm>
 #include <atomic>
@@ -168,15 +169,14 @@ private:
 
 class Device final : public IDirectSound {
 public:
-    Device(DWORD rate, Resampler resampler, std::unique_ptr<AudioOutPort> port)
-        : m_port(std::move(port)), m_mixer(rate, resampler)
+    // Takes over one use of the output.
+    explicit Device(ds::Output* pOutput) : m_output(pOutput), m_port(pOutput->Port()), m_mixer(pOutput->Mix())
     {
         ++g_liveObjects;
     }
     ~Device()
     {
-        m_mixer.StopThread();
-        if (m_port) m_port->Stop();
+        m_output->Release();
         --g_liveObjects;
     }
 
@@ -233,7 +233,9 @@ public:
     HRESULT Initialize(LPCGUID) override { return DSERR_ALREADYINITIALIZED; }
 
     ds::Mixer& Mixer() { return m_mixer; }
-    bool Offline() const { return !m_port; }
+    // This device's buffers on the output's mixer: its primary buffer's gains, its pause.
+    ds::Bus& Bus() { return m_bus; }
+    bool Offline() const { return m_port == nullptr; }
     DWORD OutputLatencyFrames(DWORD* pRate, bool* pbExact) const
     {
         if (pbExact != nullptr) *pbExact = m_port && m_port->HasClock();
@@ -243,16 +245,7 @@ public:
     DWORD CoopLevel() const { return m_coopLevel.load(); }
 
     // The first Play of any buffer starts the sink and the mixer thread.
-    void Activate(bool bPrimary)
-    {
-        if (!m_port) return;
-        std::lock_guard<std::mutex> lock(m_lock);
-        if (!m_mixer.ThreadRunning()) {
-            m_port->Start();
-            m_mixer.StartThread(m_port.get());
-        }
-        if (bPrimary) m_port->PrimaryStarted();
-    }
+    void Activate(bool bPrimary) { m_output->Activate(bPrimary); }
     void PrimaryGone(PrimaryBuffer* p)
     {
         std::lock_guard<std::mutex> lock(m_lock);
@@ -262,8 +255,10 @@ public:
 private:
     std::atomic<ULONG> m_refs{1};
     std::atomic<DWORD> m_coopLevel{0};
-    std::unique_ptr<AudioOutPort> m_port;
-    ds::Mixer m_mixer;
+    ds::Output* m_output;
+    const AudioOutPort* m_port; // the output's; null offline
+    ds::Mixer& m_mixer;
+    ds::Bus m_bus;
     std::mutex m_lock;
     PrimaryBuffer* m_primary = nullptr; // under m_lock; it holds a reference to us
 };
@@ -284,7 +279,8 @@ PrimaryBuffer::PrimaryBuffer(Device* pDevice, DWORD dwFlags) : m_device(pDevice)
 
 PrimaryBuffer::~PrimaryBuffer()
 {
-    m_device->Mixer().SetMasterGains(1.0f, 1.0f);
+    m_device->Bus().gainL.store(1.0f);
+    m_device->Bus().gainR.store(1.0f);
     m_device->PrimaryGone(this);
     m_device->Release();
     --g_liveObjects;
@@ -418,7 +414,8 @@ void PrimaryBuffer::ApplyGains()
 {
     float l, r;
     ds::PanGains(m_volume, m_pan, l, r);
-    m_device->Mixer().SetMasterGains(l, r);
+    m_device->Bus().gainL.store(l);
+    m_device->Bus().gainR.store(r);
 }
 
 HRESULT PrimaryBuffer::SetVolume(LONG l)
@@ -711,7 +708,7 @@ HRESULT Device::CreateSoundBuffer(LPCDSBUFFERDESC pDesc, LPDIRECTSOUNDBUFFER* pp
     } catch (const std::bad_alloc&) {
         return DSERR_OUTOFMEMORY;
     }
-    if (!m_mixer.AddVoice(&b->Voice())) {
+    if (!m_mixer.AddVoice(&b->Voice(), &m_bus)) {
         b->Release();
         return DSERR_ALLOCATED;
     }
@@ -746,9 +743,12 @@ HRESULT DirectSoundCreateOffline(DWORD dwRate, Resampler resampler, LPDIRECTSOUN
 {
     if (ppDS == nullptr) return DSERR_INVALIDPARAM;
     *ppDS = nullptr;
+    ds::Output* out = nullptr;
     try {
-        *ppDS = new Device(dwRate, resampler, nullptr);
+        out = ds::Output::Offline(dwRate, resampler);
+        *ppDS = new Device(out);
     } catch (const std::bad_alloc&) {
+        if (out != nullptr) out->Release();
         return DSERR_OUTOFMEMORY;
     }
     return DS_OK;
@@ -766,7 +766,7 @@ bool DirectSoundRenderOffline(LPDIRECTSOUND pDS, float* pOut, DWORD nFrames)
 bool DirectSoundSetPaused(LPDIRECTSOUND pDS, bool bPaused)
 {
     if (pDS == nullptr) return false;
-    AsOurs(pDS)->Mixer().SetPaused(bPaused);
+    AsOurs(pDS)->Bus().paused.store(bPaused, std::memory_order_relaxed);
     return true;
 }
 
@@ -840,12 +840,13 @@ HRESULT DirectSoundCreate(LPCGUID pcGuidDevice, LPDIRECTSOUND* ppDS, LPUNKNOWN p
         if (n < 0 || n >= count || !IsEqualGUID(*pcGuidDevice, DriverGuid(backend.Name(), n))) return DSERR_NODRIVER;
     }
     if (n >= count) return DSERR_NODRIVER;
-    std::unique_ptr<AudioOutPort> port;
+    ds::Output* out = nullptr;
     try {
-        if (backend.OpenAudioOut(n, port) != MMSYSERR_NOERROR || !port) return DSERR_NODRIVER;
-        const DWORD rate = port->Rate();
-        *ppDS = new Device(rate, ResamplerFromEnvironment(), std::move(port));
+        out = ds::Output::Acquire(n);
+        if (out == nullptr) return DSERR_NODRIVER;
+        *ppDS = new Device(out);
     } catch (const std::bad_alloc&) {
+        if (out != nullptr) out->Release();
         return DSERR_OUTOFMEMORY;
     }
     return DS_OK;

@@ -651,8 +651,12 @@ Mixer::Mixer(DWORD dwRate, Resampler resampler)
     const uint64_t span = ((maxStep * m_blockFrames) >> 32) + static_cast<uint64_t>(m_history + m_lookahead) + 4;
     m_scratch.assign(span * 2, 0.0f);
     m_ramped.assign(size_t{m_blockFrames} * 2, 0.0f);
+    m_busMix.assign(size_t{m_blockFrames} * 2, 0.0f);
     m_snapshot.reserve(kMaxVoices);
+    m_busSnapshot.reserve(kMaxVoices);
     m_voices.reserve(kMaxVoices);
+    m_sources.reserve(kMaxSources);
+    m_sourceSnapshot.reserve(kMaxSources);
 }
 
 Mixer::~Mixer()
@@ -660,11 +664,36 @@ Mixer::~Mixer()
     StopThread();
 }
 
-bool Mixer::AddVoice(Voice* pVoice)
+bool Mixer::AddVoice(Voice* pVoice, Bus* pBus)
 {
     std::lock_guard<std::mutex> lock(m_listLock);
     if (m_voices.size() >= kMaxVoices) return false;
+    pVoice->m_bus = pBus != nullptr ? pBus : &m_ownBus;
     m_voices.push_back(pVoice);
+    return true;
+}
+
+bool Mixer::AddSource(MixSource* pSource)
+{
+    std::lock_guard<std::mutex> lock(m_listLock);
+    if (m_sources.size() >= kMaxSources) return false;
+    m_sources.push_back(pSource);
+    return true;
+}
+
+void Mixer::RemoveSource(MixSource* pSource)
+{
+    std::unique_lock<std::mutex> lock(m_listLock);
+    auto it = std::find(m_sources.begin(), m_sources.end(), pSource);
+    if (it != m_sources.end()) m_sources.erase(it);
+    WaitForBlock(lock);
+}
+
+bool BlockClock::OffsetOf(int64_t ns, int64_t* pOffset) const
+{
+    int64_t frame = 0;
+    if (!port->RingPositionAt(ns, &frame)) return false;
+    *pOffset = frame + port->LatencyFrames() - firstFrame;
     return true;
 }
 
@@ -676,8 +705,13 @@ void Mixer::RemoveVoice(Voice* pVoice)
         *it = m_voices.back();
         m_voices.pop_back();
     }
-    // Only the block in progress can hold the voice; later ones took their list after it
-    // went, so waiting for that one block is enough (no starving behind a busy mixer).
+    WaitForBlock(lock);
+}
+
+// Only the block in progress can hold what left the lists; later ones took their lists
+// after it went, so waiting for that one block is enough (no starving behind a busy mixer).
+void Mixer::WaitForBlock(std::unique_lock<std::mutex>& lock)
+{
     if (m_inBlock) {
         const uint64_t serial = m_blocksDone;
         m_blockDone.wait(lock, [this, serial] { return m_blocksDone != serial; });
@@ -692,8 +726,8 @@ size_t Mixer::VoiceCount() const
 
 void Mixer::SetMasterGains(float left, float right)
 {
-    m_masterL.store(left, std::memory_order_relaxed);
-    m_masterR.store(right, std::memory_order_relaxed);
+    m_ownBus.gainL.store(left, std::memory_order_relaxed);
+    m_ownBus.gainR.store(right, std::memory_order_relaxed);
 }
 
 void Mixer::Render(float* pOut, uint32_t nFrames)
@@ -711,22 +745,37 @@ void Mixer::MixBlock(float* pOut, uint32_t nFrames, const BlockClock* pClock)
     {
         std::lock_guard<std::mutex> lock(m_listLock);
         m_snapshot.assign(m_voices.begin(), m_voices.end());
+        m_sourceSnapshot.assign(m_sources.begin(), m_sources.end());
         m_inBlock = true;
     }
     std::fill(pOut, pOut + size_t{nFrames} * 2, 0.0f);
-    if (!m_paused.load(std::memory_order_relaxed))
-        for (Voice* v : m_snapshot) MixVoice(*v, pOut, nFrames, pClock);
-    const float ml = m_masterL.load(std::memory_order_relaxed), mr = m_masterR.load(std::memory_order_relaxed);
-    if (ml != 1.0f || mr != 1.0f) {
-        for (uint32_t i = 0; i < nFrames; ++i) {
-            pOut[2 * i] *= ml;
-            pOut[2 * i + 1] *= mr;
+    // Each bus is mixed on its own and scaled once; a bus at unity goes straight in.
+    m_busSnapshot.clear();
+    for (Voice* v : m_snapshot)
+        if (std::find(m_busSnapshot.begin(), m_busSnapshot.end(), v->m_bus) == m_busSnapshot.end())
+            m_busSnapshot.push_back(v->m_bus);
+    bool mixed = false;
+    for (Bus* bus : m_busSnapshot) {
+        if (bus->paused.load(std::memory_order_relaxed)) continue;
+        mixed = true;
+        const float gl = bus->gainL.load(std::memory_order_relaxed), gr = bus->gainR.load(std::memory_order_relaxed);
+        const bool unity = gl == 1.0f && gr == 1.0f;
+        float* into = unity ? pOut : m_busMix.data();
+        if (!unity) std::fill(into, into + size_t{nFrames} * 2, 0.0f);
+        for (Voice* v : m_snapshot)
+            if (v->m_bus == bus) MixVoice(*v, into, nFrames, pClock);
+        if (!unity) {
+            for (uint32_t i = 0; i < nFrames; ++i) {
+                pOut[2 * i] += into[2 * i] * gl;
+                pOut[2 * i + 1] += into[2 * i + 1] * gr;
+            }
         }
     }
+    for (MixSource* source : m_sourceSnapshot) source->MixInto(pOut, nFrames, pClock);
+    mixed = mixed || !m_sourceSnapshot.empty();
     // Only once someone reads the meter; and a silent block (nothing to mix) cannot
     // raise the peak.
-    if (m_peakWanted.load(std::memory_order_relaxed) && !m_snapshot.empty() &&
-        !m_paused.load(std::memory_order_relaxed)) {
+    if (m_peakWanted.load(std::memory_order_relaxed) && mixed) {
         float peakL = 0.0f, peakR = 0.0f;
         PeakOf(pOut, nFrames, peakL, peakR);
         uint32_t bitsL, bitsR;
@@ -776,9 +825,8 @@ void Mixer::MixVoice(Voice& v, float* pOut, uint32_t nFrames, const BlockClock* 
     // A voice's first frame goes where the port will sound it a constant latency after
     // its start: later in this block, or in a later one (its cursor waits till then). A
     // start already past (a paused mix, a late mixer) sounds at once.
-    int64_t startFrame = 0;
-    if (starting && pClock != nullptr && pClock->port->RingPositionAt(startNs, &startFrame)) {
-        const int64_t offset = startFrame + pClock->port->LatencyFrames() - pClock->firstFrame;
+    int64_t offset = 0;
+    if (starting && pClock != nullptr && pClock->OffsetOf(startNs, &offset)) {
         if (offset >= static_cast<int64_t>(nFrames)) return;
         if (offset > 0) {
             pOut += 2 * offset;

@@ -4,11 +4,12 @@
 // Contract:
 // - DirectSoundEnumerateA reports the default driver (no GUID) first, then one driver
 //   per audio output of the process's backend (description: the output's name; module:
-//   the backend's name). DirectSoundCreate opens that output; each device object owns
-//   one mixer and one sink. Every buffer holds a reference to its device, so a device
-//   lives until its last buffer is released.
-// - The mixer runs on its own thread from the first Play of any of the device's buffers
-//   until the device is released, in 32-bit float at the sink's rate, in blocks of at
+//   the backend's name). DirectSoundCreate opens that output; the device objects of one
+//   output (and the synth) share its mixer and sink, each with its own primary buffer,
+//   volume, pan and pause over its own buffers. Every buffer holds a reference to its
+//   device, so a device lives until its last buffer is released.
+// - The mixer runs on its own thread from the first Play of any buffer on the output
+//   until its last user is released, in 32-bit float at the sink's rate, in blocks of at
 //   most 5 ms. The primary buffer's format is taken and reported but does not change
 //   the mix, which is always the sink's rate (as on current Windows).
 // - Volume in hundredths of a dB (0 … -10000, -10000 is silence), pan -10000 … 10000:
@@ -111,13 +112,15 @@ HRESULT DirectSoundCreateOffline(DWORD dwRate, Resampler resampler, LPDIRECTSOUN
 // False for a device that is not offline.
 bool DirectSoundRenderOffline(LPDIRECTSOUND pDS, float* pOut, DWORD nFrames);
 
-// Holds a device's whole mix (no cursor moves, no notification fires; the sink hears
-// silence) or lets it go on. Not a DirectSound call: it is how an output pauses.
+// Holds the mix of a device's buffers (no cursor moves, no notification fires; the sink
+// hears silence from them, while other devices and the synth on the output go on) or
+// lets it go on. Not a DirectSound call: it is how an output pauses.
 bool DirectSoundSetPaused(LPDIRECTSOUND pDS, bool bPaused);
 
-// The largest |sample| of the device's mix in each channel (1.0 is full scale, before
-// the sink's clip) since the last call, which starts a new span. Lock-free, from any
-// thread. The first call turns the meter on and reads 0. False for a null device.
+// The largest |sample| of the output's mix (every device there and the synth) in each
+// channel (1.0 is full scale, before the sink's clip) since the last call, which starts
+// a new span. Lock-free, from any thread. The first call turns the meter on and reads 0.
+// False for a null device.
 bool DirectSoundTakePeak(LPDIRECTSOUND pDS, float* pLeft, float* pRight);
 
 // Frames from a buffer's Play to its first frame leaving the sink, on average, and the

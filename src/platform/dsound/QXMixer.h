@@ -5,7 +5,8 @@
 // application's calls and by the mixer only to copy parameters before a voice is mixed
 // and to move its cursor after. The voice list has its own lock, taken briefly by both;
 // RemoveVoice waits for the block in progress. Lock order: list lock, then voice lock,
-// then the kernel's event locks (events are signalled under the voice lock).
+// then the kernel's event locks (events are signalled under the voice lock). Sources
+// share the list lock and the block wait with voices.
 #ifndef QUAVIX_PLATFORM_DSOUND_QXMIXER_H
 #define QUAVIX_PLATFORM_DSOUND_QXMIXER_H
 
@@ -46,6 +47,31 @@ void PanGains(LONG lVolume, LONG lPan, float& left, float& right);
 
 // Notification offset that never fires (an unused slot).
 constexpr DWORD kNoOffset = 0xFFFFFFFEu;
+
+// A group of voices with its own gains and pause: one device object's buffers on an
+// output that several share. Lock-free; lives until its voices are removed.
+struct Bus {
+    std::atomic<float> gainL{1.0f}, gainR{1.0f};
+    std::atomic<bool> paused{false};
+};
+
+// Where a mix block lands in a port's ring: a time maps to its frame in the block.
+struct BlockClock {
+    const AudioOutPort* port;
+    int64_t firstFrame; // the ring position of the block's first frame
+    // Frames from the block's start to where the port sounds time ns (the port's
+    // latency after it); false while the port has no clock.
+    bool OffsetOf(int64_t ns, int64_t* pOffset) const;
+};
+
+// Sound made on the mixer thread and added into each block after the voices, unscaled
+// by any bus (the synth). Called from the mixer thread only; must not block or allocate.
+class MixSource {
+public:
+    virtual ~MixSource() = default;
+    // pClock is null when the block has no place in a ring (offline rendering, no clock).
+    virtual void MixInto(float* pOut, uint32_t nFrames, const BlockClock* pClock) = 0;
+};
 
 class Voice {
 public:
@@ -103,6 +129,7 @@ private:
     std::vector<DSBPOSITIONNOTIFY> m_notes; // sorted, without the stop entry
     HANDLE m_stopEvent = nullptr;
     uint64_t m_publishCount = 0;
+    Bus* m_bus = nullptr; // set once, by AddVoice
 
     // The mixer's own: the gains the voice's last block ended with, and the generation
     // it was mixed in (a gain change within one generation is ramped over a block).
@@ -122,20 +149,24 @@ public:
     Resampler Mode() const { return m_mode; }
     uint32_t BlockFrames() const { return m_blockFrames; }
 
-    // False when the mixer holds its maximum of voices.
-    bool AddVoice(Voice* pVoice);
+    // False when the mixer holds its maximum of voices. Without a bus the voice is on
+    // the mixer's own (SetMasterGains, SetPaused).
+    bool AddVoice(Voice* pVoice, Bus* pBus = nullptr);
     // After it returns, the mixer no longer touches the voice.
     void RemoveVoice(Voice* pVoice);
     size_t VoiceCount() const;
+    // Pulled in every block from the next one on, until RemoveSource returns.
+    bool AddSource(MixSource* pSource);
+    void RemoveSource(MixSource* pSource);
 
     // Mixes nFrames into pOut (stereo interleaved, overwritten, unclipped), in blocks of at
     // most BlockFrames(). Not while the thread runs.
     void Render(float* pOut, uint32_t nFrames);
-    // Master gain applied to the whole mix (the primary buffer's volume and pan).
+    // Gain applied to the mix of the mixer's own bus (the primary buffer's volume and pan).
     void SetMasterGains(float left, float right);
-    // A paused mixer renders silence and moves no voice: cursors and notifications wait.
-    void SetPaused(bool bPaused) { m_paused.store(bPaused, std::memory_order_relaxed); }
-    bool Paused() const { return m_paused.load(std::memory_order_relaxed); }
+    // A paused bus renders silence and moves no voice: cursors and notifications wait.
+    void SetPaused(bool bPaused) { m_ownBus.paused.store(bPaused, std::memory_order_relaxed); }
+    bool Paused() const { return m_ownBus.paused.load(std::memory_order_relaxed); }
     // Frames mixed so far.
     uint64_t FramesMixed() const { return m_framesMixed.load(std::memory_order_relaxed); }
     // The largest |sample| of each channel of the mix (after the master gain) since the
@@ -151,13 +182,10 @@ public:
     bool ThreadRunning() const { return m_thread.joinable(); }
 
     static constexpr size_t kMaxVoices = 4096;
+    static constexpr size_t kMaxSources = 16;
 
 private:
-    // Where a block lands in a port's ring, to start voices at their frame in it.
-    struct BlockClock {
-        const AudioOutPort* port;
-        int64_t firstFrame; // the ring position of the block's first frame
-    };
+    void WaitForBlock(std::unique_lock<std::mutex>& lock);
     void MixBlock(float* pOut, uint32_t nFrames, const BlockClock* pClock = nullptr);
     void MixVoice(Voice& v, float* pOut, uint32_t nFrames, const BlockClock* pClock);
     void ThreadMain(AudioOutPort* pPort);
@@ -169,10 +197,12 @@ private:
     int m_lookahead; // and after it
     std::vector<float> m_scratch; // converted source frames of one voice, stereo
     std::vector<float> m_ramped;  // one voice's block at unity gain, for a gain ramp
+    std::vector<float> m_busMix;  // one bus's block before its gains
     std::vector<Voice*> m_snapshot;
+    std::vector<Bus*> m_busSnapshot;
+    std::vector<MixSource*> m_sourceSnapshot;
     std::atomic<uint64_t> m_framesMixed{0};
-    std::atomic<float> m_masterL{1.0f}, m_masterR{1.0f};
-    std::atomic<bool> m_paused{false};
+    Bus m_ownBus;
     // |sample| as float bits: for non-negative floats their order is the numbers' order.
     std::atomic<uint32_t> m_peakL{0}, m_peakR{0};
     std::atomic<bool> m_peakWanted{false};
@@ -180,6 +210,7 @@ private:
     mutable std::mutex m_listLock;
     std::condition_variable m_blockDone;
     std::vector<Voice*> m_voices; // under m_listLock
+    std::vector<MixSource*> m_sources; // under m_listLock
     bool m_inBlock = false;       // under m_listLock
     uint64_t m_blocksDone = 0;    // under m_listLock
 

@@ -1,0 +1,32 @@
+// The built-in GM synth: one more MIDI output, "Quavix GM Synth", after the backend's own,
+// on every backend with a wave output. It renders with FluidSynth into the mixer of wave
+// output 0 (shared with the DirectSound devices there), pulled once per mix block, so
+// that MIDI through it and wave players keep one sample clock.
+//
+// - SoundFont: QUAVIX_SOUNDFONT, else /usr/share/sounds/sf2/default-GM.sf2 (set but empty:
+//   none). Without a readable one (or without a wave output) the device is not there:
+//   counts leave it out.
+// - Each message goes with its due time to a queue the mixer thread drains. On a port
+//   with a clock a message sounds the port's latency after its due time, like a wave
+//   start (FluidSynth's 64-frame grid is the limit), and the port asks for messages
+//   that much ahead; elsewhere a message plays from the first block mixed after it is due.
+// - Cancel drops what was handed over and is not yet played, and silences every voice.
+#ifndef QUAVIX_PLATFORM_BACKENDS_SYNTH_QXSYNTH_H
+#define QUAVIX_PLATFORM_BACKENDS_SYNTH_QXSYNTH_H
+
+#include "platform/backends/QXBackend.h"
+
+#include <string>
+
+namespace qxplat {
+
+// The backend with the synth added to its MIDI outputs; made once.
+Backend& WithSynth(Backend& inner);
+// Why the current backend offers no synth, in one line; empty when it does.
+std::string SynthUnavailableReason();
+// Whether MIDI output n of the current backend is the synth.
+bool IsSynthMidiOut(int n);
+
+} // namespace qxplat
+
+#endif // QUAVIX_PLATFORM_BACKENDS_SYNTH_QXSYNTH_H
