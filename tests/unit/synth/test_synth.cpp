@@ -74,8 +74,8 @@ public:
     HMIDIOUT Out() const { return reinterpret_cast<HMIDIOUT>(m_h); }
 
     // Closes the stream (after its buffer played, when asked) and the sound's tail, and
-    // returns the left channel heard.
-    std::vector<float> Heard(int tailMs, bool bWholeBuffer = true)
+    // returns the left channel heard (and the right one in *pRight).
+    std::vector<float> Heard(int tailMs, bool bWholeBuffer = true, std::vector<float>* pRight = nullptr)
     {
         EXPECT_TRUE(!bWholeBuffer || wavetest::Eventually([&] { return m_done.load(); }));
         std::this_thread::sleep_for(std::chrono::milliseconds(tailMs));
@@ -85,7 +85,10 @@ public:
         std::vector<int16_t> frames(f.size() > 44 ? (f.size() - 44) / 2 : 0);
         std::memcpy(frames.data(), f.data() + 44, frames.size() * 2);
         std::vector<float> left;
-        for (size_t i = 0; i < frames.size(); i += 2) left.push_back(frames[i] / 32768.0f);
+        for (size_t i = 0; i + 1 < frames.size(); i += 2) {
+            left.push_back(frames[i] / 32768.0f);
+            if (pRight != nullptr) pRight->push_back(frames[i + 1] / 32768.0f);
+        }
         return left;
     }
 
@@ -257,29 +260,36 @@ TEST(Synth, StopAndPanicSilenceAHeldNote)
     }
 }
 
-// A wave buffer played on output 0 while the synth plays there is in the capture the
-// synth's output began: one mixer and one sink for both.
-TEST(Synth, SharesWaveOutputZerosMixWithItsWaveBuffers)
+// A click on output 0 (left), started as a wave event of a stream time is, a latency
+// early, and a note of the synth at that time (right): both are in the capture the
+// synth's output began (one mixer and one sink), and they sound together, within
+// FluidSynth's grid and the note's attack.
+TEST(Synth, AWaveStartAndANoteOfOneTimeSoundTogetherOnOneMixer)
 {
     ASSERT_EQ(kVirtual, 0);
     SynthRun run;
     ASSERT_TRUE(run.Opened());
     LPDIRECTSOUND ds = nullptr;
     ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
-    LPDIRECTSOUNDBUFFER tone = dstest::MakeBuffer(ds, dstest::Pcm(48000, 1, 16), 48000); // half a second
-    dstest::FillSine16(tone, 1000.0, 48000.0, 0.25);
-    run.Play({{100, {0x90, 69, 100}}, {700, {0x80, 69, 0}}});
-    ASSERT_EQ(tone->Play(0, 0, 0), DS_OK);
+    LPDIRECTSOUNDBUFFER click = dstest::MakeBuffer(ds, dstest::Pcm(48000, 2, 16), 48000);
+    dstest::Fill(click, [](BYTE* p, DWORD n) {
+        for (DWORD i = 0; i < 240 && 4 * i < n; ++i) dstest::Level16(p + 4 * i, 2, 16384);
+    });
+    DWORD rate = 0;
+    const int64_t latencyNs = int64_t{qxplat::DirectSoundOutputLatencyFrames(ds, &rate)} * 1'000'000'000 / rate;
+    const int64_t t0 = qxplat::NowNs();
+    run.Play({{0, {0xB9, 10, 127}}, {500, {0x99, 75, 127}}});
+    ASSERT_EQ(qxplat::DirectSoundPlayBufferAt(click, 0, t0 + 500'000'000 - latencyNs), DS_OK);
     DWORD status = DSBSTATUS_PLAYING;
-    EXPECT_TRUE(wavetest::Eventually([&] { return tone->GetStatus(&status) == DS_OK && !(status & DSBSTATUS_PLAYING); }));
-    tone->Release();
+    EXPECT_TRUE(wavetest::Eventually([&] { return click->GetStatus(&status) == DS_OK && !(status & DSBSTATUS_PLAYING); }));
+    click->Release();
     EXPECT_EQ(ds->Release(), 0u);
-    const std::vector<float> x = run.Heard(300);
-    double wave = 0, synth = 0;
-    for (long at = 0; at + 4800 < static_cast<long>(x.size()); at += 2400)
-        wave = std::max(wave, Level(x, 1000, at)), synth = std::max(synth, Level(x, 440, at));
-    EXPECT_GT(wave, 0.2) << "the wave buffer is not in the synth's output";
-    EXPECT_GT(synth, 0.005);
+    std::vector<float> right;
+    const std::vector<float> left = run.Heard(300, true, &right);
+    const std::vector<long> clicks = Onsets(left), notes = Onsets(right);
+    ASSERT_EQ(clicks.size(), 1u) << "the wave buffer is not in the synth's output";
+    ASSERT_EQ(notes.size(), 1u);
+    EXPECT_NEAR(notes[0], clicks[0], 200) << "the note and the wave start of one time sound apart";
 }
 
 TEST(Synth, AbsentOrBrokenSoundFontLeavesNoDeviceOrFailsTheOpenCleanly)

@@ -7,9 +7,10 @@
 //   none). Without a readable one (or without a wave output) the device is not there:
 //   counts leave it out.
 // - Each message goes with its due time to a queue the mixer thread drains. On a port
-//   with a clock a message sounds the port's latency after its due time, like a wave
-//   start (FluidSynth's 64-frame grid is the limit), and the port asks for messages
-//   that much ahead; elsewhere a message plays from the first block mixed after it is due.
+//   with a clock a message sounds at its due time, where a wave start of that time sounds
+//   (FluidSynth's 64-frame grid is the limit), and the port asks for messages the
+//   output's latency ahead; elsewhere a message plays from the first block mixed after
+//   it is due.
 // - Cancel drops what was handed over and is not yet played, and silences every voice.
 #ifndef QUAVIX_PLATFORM_BACKENDS_SYNTH_QXSYNTH_H
 #define QUAVIX_PLATFORM_BACKENDS_SYNTH_QXSYNTH_H

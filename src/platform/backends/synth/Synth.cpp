@@ -32,9 +32,9 @@ constexpr const char* kDefaultSoundFont = "/usr/share/sounds/sf2/default-GM.sf2"
 constexpr uint32_t kQueueSize = 4096; // a power of two
 constexpr int kSysExSlots = 32;
 constexpr size_t kSysExBytes = 1024; // FluidSynth acts on nothing longer (tuning dumps are 408)
-// Ahead of its due time by more than a mix block plus a stream thread's wake-up delay, a
-// message waits in the queue for its frame instead of coming late.
-constexpr int64_t kLeadNs = 30'000'000;
+// Beyond the output's latency, a mix block and a stream thread's wake-up delay: a message
+// handed over that far ahead waits in the queue for its frame instead of coming late.
+constexpr int64_t kMarginNs = 10'000'000;
 // A due time this far past (or 0: at once) has no frame to keep.
 constexpr int64_t kStaleNs = 1'000'000'000;
 
@@ -161,8 +161,10 @@ private:
     static int64_t OffsetOf(int64_t dueNs, int64_t now, uint32_t nFrames, const ds::BlockClock* pClock)
     {
         if (dueNs < now - kStaleNs) return 0;
+        // A wave start is handed over a latency early to sound at its time; a message
+        // comes early by the port's lead instead, and sounds at its time too.
         int64_t offset = 0;
-        if (pClock != nullptr && pClock->OffsetOf(dueNs, &offset)) return offset;
+        if (pClock != nullptr && pClock->OffsetOf(dueNs, &offset)) return offset - pClock->port->LatencyFrames();
         return dueNs <= now ? 0 : nFrames;
     }
 
@@ -264,8 +266,8 @@ private:
 
 class SynthPort final : public MidiOutPort {
 public:
-    SynthPort(ds::Output* pOutput, std::unique_ptr<SynthEngine> engine, int64_t leadNs)
-        : m_output(pOutput), m_engine(std::move(engine)), m_leadNs(leadNs)
+    SynthPort(ds::Output* pOutput, std::unique_ptr<SynthEngine> engine)
+        : m_output(pOutput), m_engine(std::move(engine))
     {
     }
     ~SynthPort() override
@@ -275,13 +277,19 @@ public:
         m_output->Release();
     }
     MMRESULT Send(const BYTE* pData, size_t cb, int64_t dueNs) override { return m_engine->Send(pData, cb, dueNs); }
-    int64_t LeadNs() const override { return m_leadNs; }
+    // The output's latency (which may grow while it runs) and a margin, on an output
+    // with a clock; elsewhere a message plays from the first block after its time.
+    int64_t LeadNs() const override
+    {
+        const AudioOutPort* p = m_output->Port();
+        if (!p->HasClock() || p->Rate() == 0) return 0;
+        return int64_t{p->LatencyFrames()} * 1'000'000'000 / p->Rate() + kMarginNs;
+    }
     void Cancel() override { m_engine->Cancel(); }
 
 private:
     ds::Output* m_output;
     std::unique_ptr<SynthEngine> m_engine;
-    const int64_t m_leadNs;
 };
 
 MMRESULT OpenSynth(std::unique_ptr<MidiOutPort>& port)
@@ -305,11 +313,10 @@ MMRESULT OpenSynth(std::unique_ptr<MidiOutPort>& port)
         out->Release();
         return MMSYSERR_ALLOCATED;
     }
-    const int64_t lead = out->Port()->HasClock() ? kLeadNs : 0;
     // What it plays is heard from now on: a virtual output's capture starts as with a
     // primary buffer.
     out->Activate(true);
-    port = std::make_unique<SynthPort>(out, std::move(engine), lead);
+    port = std::make_unique<SynthPort>(out, std::move(engine));
     return MMSYSERR_NOERROR;
 }
 
