@@ -1,6 +1,7 @@
 // Where an audio output's ring frames are heard, for a sink that reports its delay (a
 // sound server's stream latency, an ALSA device's delay) rather than running on a frame
-// clock of its own. One writer (the sink's thread), any number of readers.
+// clock of its own. One writer (the sink's thread), any number of readers, under a
+// sequence count (sequentially consistent throughout: the sanitizers know no fences).
 #ifndef QUAVIX_PLATFORM_BACKENDS_SINKCLOCK_H
 #define QUAVIX_PLATFORM_BACKENDS_SINKCLOCK_H
 
@@ -34,13 +35,12 @@ public:
         m_ownValid = true;
         m_ownNs = anchorNs;
         m_ownFrame = anchorFrame;
-        const uint32_t seq = m_seq.load(std::memory_order_relaxed);
-        m_seq.store(seq + 1, std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_release);
-        m_ns.store(anchorNs, std::memory_order_relaxed);
-        m_frame.store(anchorFrame, std::memory_order_relaxed);
-        m_valid.store(true, std::memory_order_relaxed);
-        m_seq.store(seq + 2, std::memory_order_release);
+        const uint32_t seq = m_seq.load();
+        m_seq.store(seq + 1);
+        m_ns.store(anchorNs);
+        m_frame.store(anchorFrame);
+        m_valid.store(true);
+        m_seq.store(seq + 2);
     }
 
     // The sink's owner, while its thread does not report (at a start): no clock until
@@ -48,23 +48,21 @@ public:
     void Reset()
     {
         m_ownValid = false;
-        const uint32_t seq = m_seq.load(std::memory_order_relaxed);
-        m_seq.store(seq + 1, std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_release);
-        m_valid.store(false, std::memory_order_relaxed);
-        m_seq.store(seq + 2, std::memory_order_release);
+        const uint32_t seq = m_seq.load();
+        m_seq.store(seq + 1);
+        m_valid.store(false);
+        m_seq.store(seq + 2);
     }
 
     // The ring frame heard at time ns; false before the first report since Reset.
     bool PositionAt(int64_t ns, int64_t* pFrame) const
     {
         for (int tries = 0; tries < 64; ++tries) {
-            const uint32_t seq = m_seq.load(std::memory_order_acquire);
+            const uint32_t seq = m_seq.load();
             if (seq & 1) continue;
-            const int64_t at = m_ns.load(std::memory_order_relaxed), frame = m_frame.load(std::memory_order_relaxed);
-            const bool valid = m_valid.load(std::memory_order_relaxed);
-            std::atomic_thread_fence(std::memory_order_acquire);
-            if (m_seq.load(std::memory_order_relaxed) != seq) continue;
+            const int64_t at = m_ns.load(), frame = m_frame.load();
+            const bool valid = m_valid.load();
+            if (m_seq.load() != seq) continue;
             if (!valid) return false;
             *pFrame = frame + (ns - at) * m_rate / 1'000'000'000;
             return true;

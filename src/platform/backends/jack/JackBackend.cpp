@@ -358,16 +358,15 @@ void PlayAudio(AudioSlot* a, float* left, float* right, jack_nframes_t nframes, 
         // before moves the ring's frames later against JACK's.
         const int64_t frame = clock.anchorFrame + static_cast<int64_t>(a->readTotal) - clock.frames;
         const uint32_t start = a->starts.load(std::memory_order_acquire);
-        if (a->clockUs.load(std::memory_order_relaxed) != clock.anchorUs ||
-            a->clockFrame.load(std::memory_order_relaxed) != frame ||
-            a->clockStart.load(std::memory_order_relaxed) != start) {
-            const uint32_t seq = a->clockSeq.load(std::memory_order_relaxed);
-            a->clockSeq.store(seq + 1, std::memory_order_relaxed);
-            std::atomic_thread_fence(std::memory_order_release);
-            a->clockUs.store(clock.anchorUs, std::memory_order_relaxed);
-            a->clockFrame.store(frame, std::memory_order_relaxed);
-            a->clockStart.store(start, std::memory_order_relaxed);
-            a->clockSeq.store(seq + 2, std::memory_order_release);
+        if (a->clockUs.load() != clock.anchorUs ||
+            a->clockFrame.load() != frame ||
+            a->clockStart.load() != start) {
+            const uint32_t seq = a->clockSeq.load();
+            a->clockSeq.store(seq + 1);
+            a->clockUs.store(clock.anchorUs);
+            a->clockFrame.store(frame);
+            a->clockStart.store(start);
+            a->clockSeq.store(seq + 2);
         }
         float chunk[2 * 256];
         while (done < nframes) {
@@ -679,13 +678,12 @@ public:
     {
         if (!m_slot->running.load()) return false;
         for (int tries = 0; tries < 64; ++tries) {
-            const uint32_t seq = m_slot->clockSeq.load(std::memory_order_acquire);
+            const uint32_t seq = m_slot->clockSeq.load();
             if (seq & 1) continue;
-            const int64_t us = m_slot->clockUs.load(std::memory_order_relaxed);
-            const int64_t frame = m_slot->clockFrame.load(std::memory_order_relaxed);
-            const uint32_t start = m_slot->clockStart.load(std::memory_order_relaxed);
-            std::atomic_thread_fence(std::memory_order_acquire);
-            if (m_slot->clockSeq.load(std::memory_order_relaxed) != seq) continue;
+            const int64_t us = m_slot->clockUs.load();
+            const int64_t frame = m_slot->clockFrame.load();
+            const uint32_t start = m_slot->clockStart.load();
+            if (m_slot->clockSeq.load() != seq) continue;
             if (start != m_slot->starts.load(std::memory_order_acquire)) return false; // no cycle since Start
             *pFrame = frame + (m_b->ToJackUs(ns) - us) * static_cast<int64_t>(m_b->Rate()) / 1'000'000;
             return true;
