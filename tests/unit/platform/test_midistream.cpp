@@ -118,6 +118,7 @@ TEST_F(MidiStreamTest, ShortAndLongMessagesGoOutAtOncePastQueuedBuffers)
     EXPECT_EQ(out[0].bytes, (std::vector<BYTE>{0x90, 0x3C, 0x64}));
     EXPECT_EQ(out[1].bytes, (std::vector<BYTE>{0xF8}));
     EXPECT_EQ(out[2].bytes, std::vector<BYTE>(sysex, sysex + 6));
+    midiStreamStop(h); // hands the queued buffer back while it is still there
 }
 
 // 96 ticks a quarter note at 240 BPM are 250 ms; a tempo event halfway doubles the tick

@@ -276,7 +276,9 @@ TEST(Synth, AWaveStartAndANoteOfOneTimeSoundTogetherOnOneMixer)
         for (DWORD i = 0; i < 240 && 4 * i < n; ++i) dstest::Level16(p + 4 * i, 2, 16384);
     });
     DWORD rate = 0;
-    const int64_t latencyNs = int64_t{qxplat::DirectSoundOutputLatencyFrames(ds, &rate)} * 1'000'000'000 / rate;
+    const DWORD latency = qxplat::DirectSoundOutputLatencyFrames(ds, &rate);
+    ASSERT_GT(rate, 0u);
+    const int64_t latencyNs = int64_t{latency} * 1'000'000'000 / rate;
     const int64_t t0 = qxplat::NowNs();
     run.Play({{0, {0xB9, 10, 127}}, {500, {0x99, 75, 127}}});
     ASSERT_EQ(qxplat::DirectSoundPlayBufferAt(click, 0, t0 + 500'000'000 - latencyNs), DS_OK);
