@@ -21,6 +21,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 
 namespace qxplat {
@@ -117,6 +118,21 @@ public:
         }
         m_write.store(w + 1, std::memory_order_release);
         return MMSYSERR_NOERROR;
+    }
+
+    // Between uses, on no mixer: as new, with the SoundFont still loaded.
+    void Reset()
+    {
+        m_write.store(0);
+        m_read.store(0);
+        m_cancelTo.store(0);
+        m_cancels.store(0);
+        for (Slot& slot : m_slots) slot.busy.store(false);
+        m_pendingCount = 0;
+        m_cancelsSeen = 0;
+        m_dropBefore = 0;
+        m_dropping = false;
+        fluid_synth_system_reset(m_synth);
     }
 
     void Cancel()
@@ -264,16 +280,52 @@ private:
     bool m_dropping = false;
 };
 
+// A closed synth's engine, kept with its SoundFont for the next open of the same font at
+// the same rate: a new run is begun by closing and opening the devices, and a GM
+// SoundFont can take a second to load.
+struct Spare {
+    std::mutex lock;
+    std::unique_ptr<SynthEngine> engine;
+    std::string path;
+    DWORD rate = 0;
+    uint32_t frames = 0;
+};
+
+Spare& TheSpare()
+{
+    static Spare* s = new Spare; // kept until exit, like the SoundFont it holds
+    return *s;
+}
+
+void KeepSpare(std::unique_ptr<SynthEngine> engine, const std::string& path, DWORD rate, uint32_t frames)
+{
+    engine->Reset();
+    Spare& spare = TheSpare();
+    std::lock_guard<std::mutex> lock(spare.lock);
+    spare.engine = std::move(engine); // one is enough: a second open loads its own
+    spare.path = path;
+    spare.rate = rate;
+    spare.frames = frames;
+}
+
+std::unique_ptr<SynthEngine> TakeSpare(const std::string& path, DWORD rate, uint32_t frames)
+{
+    Spare& spare = TheSpare();
+    std::lock_guard<std::mutex> lock(spare.lock);
+    if (!spare.engine || spare.path != path || spare.rate != rate || spare.frames != frames) return nullptr;
+    return std::move(spare.engine);
+}
+
 class SynthPort final : public MidiOutPort {
 public:
-    SynthPort(ds::Output* pOutput, std::unique_ptr<SynthEngine> engine)
-        : m_output(pOutput), m_engine(std::move(engine))
+    SynthPort(ds::Output* pOutput, std::unique_ptr<SynthEngine> engine, std::string path)
+        : m_output(pOutput), m_engine(std::move(engine)), m_path(std::move(path))
     {
     }
     ~SynthPort() override
     {
         m_output->Mix().RemoveSource(m_engine.get());
-        m_engine.reset();
+        KeepSpare(std::move(m_engine), m_path, m_output->Mix().Rate(), m_output->Mix().BlockFrames());
         m_output->Release();
     }
     MMRESULT Send(const BYTE* pData, size_t cb, int64_t dueNs) override { return m_engine->Send(pData, cb, dueNs); }
@@ -290,6 +342,7 @@ public:
 private:
     ds::Output* m_output;
     std::unique_ptr<SynthEngine> m_engine;
+    const std::string m_path;
 };
 
 MMRESULT OpenSynth(std::unique_ptr<MidiOutPort>& port)
@@ -298,9 +351,9 @@ MMRESULT OpenSynth(std::unique_ptr<MidiOutPort>& port)
     if (!Readable(path)) return MMSYSERR_NODRIVER;
     ds::Output* out = ds::Output::Acquire(0);
     if (out == nullptr) return MMSYSERR_NODRIVER;
-    std::unique_ptr<SynthEngine> engine;
+    std::unique_ptr<SynthEngine> engine = TakeSpare(path, out->Mix().Rate(), out->Mix().BlockFrames());
     try {
-        engine = SynthEngine::Create(out->Mix().Rate(), out->Mix().BlockFrames(), path);
+        if (!engine) engine = SynthEngine::Create(out->Mix().Rate(), out->Mix().BlockFrames(), path);
     } catch (const std::bad_alloc&) {
         out->Release();
         return MMSYSERR_NOMEM;
@@ -316,7 +369,7 @@ MMRESULT OpenSynth(std::unique_ptr<MidiOutPort>& port)
     // What it plays is heard from now on: a virtual output's capture starts as with a
     // primary buffer.
     out->Activate(true);
-    port = std::make_unique<SynthPort>(out, std::move(engine));
+    port = std::make_unique<SynthPort>(out, std::move(engine), path);
     return MMSYSERR_NOERROR;
 }
 
