@@ -362,6 +362,7 @@ void CWavePlay::_Start(bool bFromTimer)
     CWavePlay* pDisplaced = nullptr;
     StopTail tail{};
     _Lock();
+    if (!bFromTimer) m_nStartNs = 0; // the application's Start sounds now, not at a pending time
     if (_StartLocked(bFromTimer, &pDisplaced) < 0) tail = _StopLocked();
     _Unlock();
     // Outside every lock: its destruction waits for its own threads.
