@@ -25,6 +25,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -220,8 +221,24 @@ public:
 
     // JACK's clock and the steady clock drift apart slowly (tens of ppm: one is not
     // slewed by NTP), so times are carried over relative to now on both.
-    static int64_t ToJackUs(int64_t ns) { return static_cast<int64_t>(jack_get_time()) + (ns - NowNs()) / 1000; }
-    static int64_t ToSteadyNs(int64_t us) { return NowNs() - (static_cast<int64_t>(jack_get_time()) - us) * 1000; }
+    static int64_t ToJackUs(int64_t ns) { return (ns - SteadyMinusJackNs()) / 1000; }
+    static int64_t ToSteadyNs(int64_t us) { return us * 1000 + SteadyMinusJackNs(); }
+    // The two clocks read as close together as this thread gets them: a thread preempted
+    // between two reads (a loaded machine) would move a time stamp by its wait.
+    static int64_t SteadyMinusJackNs()
+    {
+        int64_t best = 0, bestGap = INT64_MAX;
+        for (int i = 0; i < 4 && bestGap > 20'000; ++i) {
+            const int64_t before = NowNs();
+            const auto jack = static_cast<int64_t>(jack_get_time());
+            const int64_t after = NowNs();
+            if (after - before < bestGap) {
+                bestGap = after - before;
+                best = before + (after - before) / 2 - jack * 1000;
+            }
+        }
+        return best;
+    }
     jack_client_t* Client() const { return m_client; }
     int64_t PeriodNs() const
     {
