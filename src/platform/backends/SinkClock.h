@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <numeric>
 
 namespace qxplat {
 
@@ -84,13 +85,7 @@ private:
 // latency in ms then lands on its frame.
 inline uint32_t WholeMsFrames(uint32_t frames, uint32_t rate)
 {
-    uint32_t a = rate, b = 1000;
-    while (b != 0) {
-        const uint32_t t = a % b;
-        a = b;
-        b = t;
-    }
-    const uint32_t step = rate / a;
+    const uint32_t step = rate / std::gcd(rate, 1000u);
     return (frames + step - 1) / step * step;
 }
 
