@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -29,8 +30,9 @@ constexpr double kRate = 48000;
 
 // Messages at absolute ms times: SysEx, or a short message in three bytes.
 using Events = std::vector<std::pair<DWORD, std::vector<BYTE>>>;
-// No reverb or chorus on the channels the tests play, so that notes end in silence.
-const Events kDry = {{0, {0xB9, 91, 0}}, {0, {0xB9, 93, 0}}, {0, {0xB0, 91, 0}}, {0, {0xB0, 93, 0}}};
+// No reverb or chorus on the channels the tests play, so that notes end in silence; sent
+// after the stream's start, as a message due at it comes too late for its frame.
+const Events kDry = {{40, {0xB9, 91, 0}}, {40, {0xB9, 93, 0}}, {40, {0xB0, 91, 0}}, {40, {0xB0, 93, 0}}};
 
 // The synth opened as a stream with 1 ms ticks, wave output 0 captured to a file; the
 // capture is read once the stream is closed (then the output closes its file).
@@ -57,6 +59,7 @@ public:
     void Play(Events events)
     {
         events.insert(events.begin(), kDry.begin(), kDry.end());
+        std::stable_sort(events.begin(), events.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
         DWORD last = 0;
         for (const auto& [at, b] : events) {
             const bool sysex = b[0] == 0xF0;
@@ -70,7 +73,12 @@ public:
         ASSERT_EQ(midiOutPrepareHeader(Out(), &m_hdr, sizeof m_hdr), 0u);
         ASSERT_EQ(midiStreamOut(m_h, &m_hdr, sizeof m_hdr), 0u);
         ASSERT_EQ(midiStreamRestart(m_h), 0u);
+        // The output's first blocks may find its ring empty: that is before any sound.
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        m_dryFrom = qxplat::VirtualAudioUnderrunFramesAll();
     }
+    // Frames the output played dry while the stream played (its start aside).
+    uint64_t DryFrames() const { return m_dryFrames; }
     HMIDIOUT Out() const { return reinterpret_cast<HMIDIOUT>(m_h); }
 
     // Closes the stream (after its buffer played, when asked) and the sound's tail, and
@@ -100,6 +108,7 @@ private:
     void Close()
     {
         if (!Opened()) return;
+        m_dryFrames = qxplat::VirtualAudioUnderrunFramesAll() - m_dryFrom;
         midiStreamStop(m_h);
         EXPECT_EQ(midiStreamClose(m_h), MMSYSERR_NOERROR);
         m_opened = MMSYSERR_ERROR;
@@ -112,6 +121,7 @@ private:
     std::vector<DWORD> m_words;
     MIDIHDR m_hdr{};
     std::atomic<bool> m_done{false};
+    uint64_t m_dryFrom = 0, m_dryFrames = 0;
 };
 
 // Frames where the level first passes 0.02 after at least 50 ms below it.
@@ -186,30 +196,42 @@ TEST(Synth, NotesStartOnFluidSynthsGridAtTheFramesTheirTimesMapTo)
     ASSERT_EQ(kVirtual, 0);
     std::thread([] {}).join(); // a sanitizer's own thread starts with the first one
     const size_t threads = wavetest::ThreadCount();
-    SynthRun run;
-    ASSERT_TRUE(run.Opened());
     // Claves on the drum channel, at steps that are not whole 64-frame blocks apart.
     const DWORD times[] = {100, 401, 703, 1006, 1310, 1501};
     Events events;
     for (DWORD t : times) events.push_back({t, {0x99, 75, 127}});
-    run.Play(events);
-    const std::vector<float> x = run.Heard(300);
-    EXPECT_TRUE(wavetest::Eventually([&] { return wavetest::ThreadCount() == threads; })) << "a thread outlived the synth";
-    std::vector<long> onsets = Onsets(x);
-    ASSERT_EQ(onsets.size(), std::size(times));
-    for (long& at : onsets) at = Align(x, onsets[0], at);
-    // FluidSynth starts a voice at its next 64-frame block: with the first note's phase
-    // in that grid unknown, one phase must explain every onset exactly.
-    int phases = 0;
-    for (long p = 0; p < 64; ++p) {
-        bool all = true;
-        for (size_t i = 1; i < onsets.size(); ++i) {
-            const long due = p + static_cast<long>((times[i] - times[0]) * kRate / 1000);
-            all = all && onsets[i] - onsets[0] == (due + 63) / 64 * 64 - (p + 63) / 64 * 64;
+    // A run the machine held up (a message late, an output starved) says so and is
+    // judged again; one that reports nothing must be exact.
+    for (int attempt = 0;; ++attempt) {
+        const uint64_t late = qxplat::SynthLateMessages();
+        SynthRun run;
+        ASSERT_TRUE(run.Opened());
+        run.Play(events);
+        const std::vector<float> x = run.Heard(300);
+        EXPECT_TRUE(wavetest::Eventually([&] { return wavetest::ThreadCount() == threads; })) << "a thread outlived the synth";
+        if (qxplat::SynthLateMessages() != late || run.DryFrames() != 0) {
+            if (attempt == 2) GTEST_SKIP() << "every run was held up by the machine";
+            continue;
         }
-        phases += all;
+        std::vector<long> onsets = Onsets(x);
+        ASSERT_EQ(onsets.size(), std::size(times));
+        for (long& at : onsets) at = Align(x, onsets[0], at);
+        // FluidSynth starts a voice at its next 64-frame block: with the first note's
+        // phase in that grid unknown, one phase must explain every onset exactly.
+        int phases = 0;
+        for (long p = 0; p < 64; ++p) {
+            bool all = true;
+            for (size_t i = 1; i < onsets.size(); ++i) {
+                const long due = p + static_cast<long>((times[i] - times[0]) * kRate / 1000);
+                all = all && onsets[i] - onsets[0] == (due + 63) / 64 * 64 - (p + 63) / 64 * 64;
+            }
+            phases += all;
+        }
+        std::string heard;
+        for (long at : onsets) heard += " " + std::to_string(at - onsets[0]);
+        EXPECT_GT(phases, 0) << "an onset is off its frame; frames from the first:" << heard;
+        return;
     }
-    EXPECT_GT(phases, 0) << "an onset is off its frame";
 }
 
 TEST(Synth, ProgramChangeAndGMResetChangeTheSound)

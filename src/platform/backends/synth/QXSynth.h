@@ -27,6 +27,10 @@ Backend& WithSynth(Backend& inner);
 std::string SynthUnavailableReason();
 // Whether MIDI output n of the current backend is the synth.
 bool IsSynthMidiOut(int n);
+// Messages, in this process so far, that came after their frame was mixed and so sounded
+// late (a stream thread held up longer than the lead, a message due before its stream
+// began).
+uint64_t SynthLateMessages();
 
 } // namespace qxplat
 

@@ -33,9 +33,10 @@ constexpr const char* kDefaultSoundFont = "/usr/share/sounds/sf2/default-GM.sf2"
 constexpr uint32_t kQueueSize = 4096; // a power of two
 constexpr int kSysExSlots = 32;
 constexpr size_t kSysExBytes = 1024; // FluidSynth acts on nothing longer (tuning dumps are 408)
-// Beyond the output's latency, a mix block and a stream thread's wake-up delay: a message
-// handed over that far ahead waits in the queue for its frame instead of coming late.
-constexpr int64_t kMarginNs = 10'000'000;
+// Beyond the output's latency, a mix block and a stream thread's wake-up delay on a busy
+// machine: a message handed over that far ahead waits in the queue for its frame instead
+// of coming late.
+constexpr int64_t kMarginNs = 20'000'000;
 // A due time this far past (or 0: at once) has no frame to keep.
 constexpr int64_t kStaleNs = 1'000'000'000;
 
@@ -58,6 +59,8 @@ struct Event {
     int16_t slot;    // the SysEx slot, -1 for a short message
     BYTE msg[4];
 };
+
+std::atomic<uint64_t> g_lateMessages{0};
 
 // True when sequence number a comes before b (the counts wrap).
 bool Before(uint32_t a, uint32_t b)
@@ -153,6 +156,8 @@ public:
             while (head < m_pendingCount) {
                 const Event& e = m_pending[head];
                 const int64_t offset = OffsetOf(e.dueNs, now, nFrames, pClock);
+                // Its frame was mixed before it came: it sounds late.
+                if (offset < 0) g_lateMessages.fetch_add(1, std::memory_order_relaxed);
                 if (offset > pos) {
                     next = static_cast<uint32_t>(std::min<int64_t>(offset, nFrames));
                     break;
@@ -425,6 +430,11 @@ Backend& WithSynth(Backend& inner)
 {
     static WithSynthBackend* s = new WithSynthBackend(inner); // reachable by threads still running at exit
     return *s;
+}
+
+uint64_t SynthLateMessages()
+{
+    return g_lateMessages.load(std::memory_order_relaxed);
 }
 
 std::string SynthUnavailableReason()
