@@ -56,6 +56,7 @@ public:
     const char* Name() const override { return m_pszName; }
     int Count(DeviceKind kind) override { return Side(kind).Count(kind); }
     std::string DeviceName(DeviceKind kind, int n) override { return Side(kind).DeviceName(kind, n); }
+    bool IsExternalMidiOut(int n) override { return m_midi.IsExternalMidiOut(n); }
     MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override { return m_midi.OpenMidiOut(n, port); }
     MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) override
     {

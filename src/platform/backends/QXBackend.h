@@ -30,6 +30,9 @@ public:
     virtual int64_t LeadNs() const { return 0; }
     // Drops what was handed over and not yet emitted.
     virtual void Cancel() {}
+    // For a pause: drops what was handed over and not yet emitted, as Cancel does, and
+    // says whether it could; a stream then hands that over again when it restarts.
+    virtual bool Withdraw() { return false; }
     // False once the device behind it has gone (a server that went away).
     virtual bool Alive() const { return true; }
 };
@@ -59,6 +62,9 @@ public:
     virtual std::string DeviceName(DeviceKind kind, int n) = 0;
     virtual MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) = 0;
     virtual MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) = 0;
+    // Whether MIDI output n reaches something outside the process that may sound: not an
+    // in-process virtual output, not a loopback such as ALSA's "Midi Through".
+    virtual bool IsExternalMidiOut(int n) { return n >= 0 && n < Count(DeviceKind::MidiOut); }
     // Audio output n (DeviceKind::WaveOut), which a DirectSound device's mixer feeds.
     virtual MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port);
     // Audio input n (DeviceKind::WaveIn), which a wave input's capture thread drains.

@@ -157,6 +157,7 @@ public:
             m_bRunning = false;
             m_bPaused = true;
             m_pausedAtNs = NowNs();
+            TakeBack();
         }
         HoldCpus(false);
     }
@@ -174,6 +175,7 @@ public:
             for (MIDIHDR* p : m_queue) returned.push_back(p);
             m_finished.clear();
             m_callbacks.clear();
+            m_handed.clear();
             m_queue.clear();
             m_dwOffset = 0;
             m_posTicks = 0;
@@ -245,6 +247,40 @@ private:
         MIDIHDR* pHdr;
         DWORD dwOffset;
     };
+    // An event handed to the port ahead of its time, and the walk's state before it.
+    struct Handed {
+        int64_t dueNs;
+        int64_t dueTick;
+        int64_t posTicks;
+        MIDIHDR* pHdr;
+        DWORD dwOffset;
+        DWORD dwTempo;
+        int64_t baseTick;
+        int64_t baseNs;
+    };
+
+    // A pause takes back from the port what was handed ahead and is due after it, and
+    // walks back to the first such event, so that nothing sounds while paused and
+    // nothing is lost when the stream restarts.
+    void TakeBack()
+    {
+        while (!m_handed.empty() && m_handed.front().dueNs <= m_pausedAtNs) m_handed.pop_front();
+        if (m_handed.empty()) return;
+        const Handed h = m_handed.front();
+        m_handed.clear();
+        if (!m_port->Withdraw()) return;
+        while (!m_callbacks.empty() && m_callbacks.back().tick >= h.dueTick) m_callbacks.pop_back();
+        // Buffers played through since then are not done yet: their end is still to come.
+        while ((m_queue.empty() || m_queue.front() != h.pHdr) && !m_finished.empty()) {
+            m_queue.push_front(m_finished.back().pHdr);
+            m_finished.pop_back();
+        }
+        m_dwOffset = h.dwOffset;
+        m_posTicks = h.posTicks;
+        m_dwTempo = h.dwTempo;
+        m_baseTick = h.baseTick;
+        m_baseNs = h.baseNs;
+    }
 
     // A running stream keeps the CPUs ready to wake its thread on time.
     void HoldCpus(bool bHold)
@@ -290,6 +326,7 @@ private:
             }
             const int64_t now = NowNs();
             int64_t wakeNs = INT64_MAX;
+            while (!m_handed.empty() && m_handed.front().dueNs <= now) m_handed.pop_front();
             if (!m_queue.empty()) {
                 MIDIHDR* pHdr = m_queue.front();
                 const auto* base = reinterpret_cast<const BYTE*>(pHdr->lpData);
@@ -321,6 +358,8 @@ private:
                 if (handNs > now) {
                     wakeNs = std::min(wakeNs, handNs);
                 } else {
+                    if (dueNs > now)
+                        m_handed.push_back({dueNs, dueTick, m_posTicks, pHdr, m_dwOffset, m_dwTempo, m_baseTick, m_baseNs});
                     m_posTicks = dueTick;
                     const DWORD dwEventOffset = m_dwOffset;
                     m_dwOffset += cbEvent;
@@ -403,6 +442,7 @@ private:
     std::deque<MIDIHDR*> m_queue; // front: the buffer being played
     std::deque<Finished> m_finished;
     std::deque<Pending> m_callbacks; // position callbacks, in time order
+    std::deque<Handed> m_handed;     // events handed ahead whose time may not have come
     DWORD m_dwOffset = 0; // of the next event in the front buffer
     int64_t m_posTicks = 0;
     int64_t m_originNs = 0;

@@ -260,25 +260,36 @@ TEST(Synth, ProgramChangeAndGMResetChangeTheSound)
 }
 
 // A held organ note, then one way of ending it: it must fall silent long before its
-// note-off, due two seconds later, and stay so.
-TEST(Synth, StopAndPanicSilenceAHeldNote)
+// note-off, due two seconds later, and stay so. A paused stream also takes back a note
+// handed to the synth ahead of its time, and plays it once restarted.
+TEST(Synth, StopPausePanicSilenceAHeldNote)
 {
     ASSERT_EQ(kVirtual, 0);
-    const struct {
-        const char* how;
-        bool stop;
-    } cases[] = {{"stopping the stream", true}, {"all notes off on every channel", false}};
-    for (const auto& c : cases) {
+    enum How { kStop, kPanic, kPause };
+    const char* names[] = {"stopping the stream", "all notes off on every channel", "pausing the stream"};
+    for (How how : {kStop, kPanic, kPause}) {
         SynthRun run;
         ASSERT_TRUE(run.Opened());
-        run.Play({{0, {0xC0, 16, 0}}, {50, {0x90, 60, 110}}, {2050, {0x80, 60, 0}}});
-        std::this_thread::sleep_for(std::chrono::milliseconds(400));
-        for (DWORD ch = 0; ch < 16 && !c.stop; ++ch) EXPECT_EQ(midiOutShortMsg(run.Out(), 0xB0 | ch | 123 << 8), 0u);
-        EXPECT_EQ(c.stop ? midiStreamStop(reinterpret_cast<HMIDISTRM>(run.Out())) : 0u, 0u);
-        const std::vector<float> x = run.Heard(800, false);
-        ASSERT_GT(x.size(), 48000u) << c.how;
-        EXPECT_GT(Peak(x, 0, 14400), 0.01f) << c.how;
-        EXPECT_LT(Peak(x, x.size() - 9600, x.size()), 0.001f) << c.how << ": still sounding";
+        Events events = {{0, {0xC0, 16, 0}}, {50, {0x90, 60, 110}}, {2050, {0x80, 60, 0}}};
+        if (how == kPause) events.push_back({490, {0x90, 67, 110}}); // handed at about 445 ms
+        run.Play(events);
+        std::this_thread::sleep_for(std::chrono::milliseconds(400)); // 460 ms into the stream
+        const auto stream = reinterpret_cast<HMIDISTRM>(run.Out());
+        for (DWORD ch = 0; ch < 16 && how == kPanic; ++ch) EXPECT_EQ(midiOutShortMsg(run.Out(), 0xB0 | ch | 123 << 8), 0u);
+        EXPECT_EQ(how == kStop ? midiStreamStop(stream) : how == kPause ? midiStreamPause(stream) : 0u, 0u);
+        if (how == kPause) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(800));
+            EXPECT_EQ(midiStreamRestart(stream), 0u);
+        }
+        const std::vector<float> x = run.Heard(how == kPause ? 400 : 800, false);
+        const size_t after = 48 * 660; // 200 ms after the stop, pause or panic
+        ASSERT_GT(x.size(), after + 9600) << names[how];
+        EXPECT_GT(Peak(x, 0, 14400), 0.01f) << names[how];
+        const size_t quietTo = how == kPause ? 48 * 1200 : x.size();
+        EXPECT_LT(Peak(x, after, quietTo), 0.001f) << names[how] << ": still sounding";
+        if (how == kPause) {
+            EXPECT_GT(Peak(x, 48 * 1350, x.size()), 0.01f) << "the note taken back was not played";
+        }
     }
 }
 

@@ -28,6 +28,7 @@ struct PortAddr {
     int client;
     int port;
     std::string name;
+    bool loopback = false; // the kernel's "Midi Through": what goes in comes out again
 };
 
 void SilentError(const char*, int, const char*, int, const char*, ...) {}
@@ -41,6 +42,12 @@ public:
     MMRESULT Send(const BYTE* pData, size_t cb, int64_t dueNs) override;
     int64_t LeadNs() const override { return 20'000'000; } // the queue keeps the time
     void Cancel() override;
+    // Note-offs stay queued and come again after the restart: a second one is harmless.
+    bool Withdraw() override
+    {
+        Cancel();
+        return true;
+    }
 
 private:
     AlsaBackend* m_b;
@@ -101,6 +108,12 @@ public:
         auto& list = kind == DeviceKind::MidiOut ? m_outPeers : m_inPeers;
         if (n < 0 || static_cast<size_t>(n) >= list.size()) return {};
         return list[static_cast<size_t>(n)].name;
+    }
+
+    bool IsExternalMidiOut(int n) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return n >= 0 && static_cast<size_t>(n) < m_outPeers.size() && !m_outPeers[static_cast<size_t>(n)].loopback;
     }
 
     MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override
@@ -213,7 +226,9 @@ private:
             while (snd_seq_query_next_port(m_out, pi) >= 0) {
                 if ((snd_seq_port_info_get_capability(pi) & need) != need) continue;
                 if (!(snd_seq_port_info_get_type(pi) & SND_SEQ_PORT_TYPE_MIDI_GENERIC)) continue;
-                out.push_back({client, snd_seq_port_info_get_port(pi), snd_seq_port_info_get_name(pi)});
+                const bool through = snd_seq_client_info_get_type(ci) == SND_SEQ_KERNEL_CLIENT &&
+                                     std::strcmp(snd_seq_client_info_get_name(ci), "Midi Through") == 0;
+                out.push_back({client, snd_seq_port_info_get_port(pi), snd_seq_port_info_get_name(pi), through});
             }
         }
         return out;

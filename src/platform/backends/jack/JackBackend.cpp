@@ -195,6 +195,14 @@ public:
         return list[static_cast<size_t>(n)];
     }
 
+    // A bridge of ALSA's loopback (a2jmidid, PipeWire) only echoes what it gets.
+    bool IsExternalMidiOut(int n) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (n < 0 || static_cast<size_t>(n) >= m_outPeers.size()) return false;
+        const std::string& name = m_outPeers[static_cast<size_t>(n)];
+        return name.find("Midi Through") == std::string::npos && name.find("Midi-Through") == std::string::npos;
+    }
     MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override;
     MMRESULT OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiInPort>& port) override;
     MMRESULT OpenAudioOut(int n, std::unique_ptr<AudioOutPort>& port) override;

@@ -27,6 +27,9 @@ Backend& WithSynth(Backend& inner);
 std::string SynthUnavailableReason();
 // Whether MIDI output n of the current backend is the synth.
 bool IsSynthMidiOut(int n);
+// The MIDI output that is heard when none is chosen: the first that leads outside the
+// process (a synthesizer, a port of another program), else the synth, else 0.
+int DefaultMidiOut();
 // Messages, in this process so far, that came after their frame was mixed and so sounded
 // late (a stream thread held up longer than the lead, a message due before its stream
 // began).

@@ -343,6 +343,11 @@ public:
         return int64_t{p->LatencyFrames()} * 1'000'000'000 / p->Rate() + kMarginNs;
     }
     void Cancel() override { m_engine->Cancel(); }
+    bool Withdraw() override
+    {
+        m_engine->Cancel();
+        return true;
+    }
 
 private:
     ds::Output* m_output;
@@ -392,6 +397,7 @@ public:
         if (IsSynth(kind, n)) return kSynthName;
         return m_inner.DeviceName(kind, n);
     }
+    bool IsExternalMidiOut(int n) override { return !IsSynth(DeviceKind::MidiOut, n) && m_inner.IsExternalMidiOut(n); }
     MMRESULT OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port) override
     {
         if (IsSynth(DeviceKind::MidiOut, n)) return OpenSynth(port);
@@ -405,6 +411,14 @@ public:
     MMRESULT OpenAudioIn(int n, std::unique_ptr<AudioInPort>& port) override { return m_inner.OpenAudioIn(n, port); }
 
     bool IsSynthOut(int n) { return IsSynth(DeviceKind::MidiOut, n); }
+
+    int DefaultMidiOut()
+    {
+        const int n = m_inner.Count(DeviceKind::MidiOut);
+        for (int i = 0; i < n; ++i)
+            if (m_inner.IsExternalMidiOut(i)) return i;
+        return Offered() ? n : 0;
+    }
 
     std::string Missing()
     {
@@ -430,6 +444,12 @@ Backend& WithSynth(Backend& inner)
 {
     static WithSynthBackend* s = new WithSynthBackend(inner); // reachable by threads still running at exit
     return *s;
+}
+
+int DefaultMidiOut()
+{
+    auto* backend = dynamic_cast<WithSynthBackend*>(&CurrentBackend());
+    return backend != nullptr ? backend->DefaultMidiOut() : 0;
 }
 
 uint64_t SynthLateMessages()

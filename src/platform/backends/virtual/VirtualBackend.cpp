@@ -31,6 +31,7 @@ public:
 
     int Count(DeviceKind kind) override { return m_counts[static_cast<int>(kind)].load(); }
 
+    bool IsExternalMidiOut(int) override { return false; }
     std::string DeviceName(DeviceKind kind, int n) override
     {
         if (n < 0 || n >= Count(kind)) return {};
