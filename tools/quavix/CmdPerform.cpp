@@ -184,9 +184,12 @@ int RunPerform(int argc, char** argv)
         return render.Prepare(cmd, args.Get("render")) ? kExitOk : kExitFailure;
     });
     if (!bBegun) return session.FailStatus();
+    const bool bCapture = args.Has("capture");
+    // Heard without a choice: the synth when nothing outside would sound (a capture
+    // wants the virtual output that logs).
+    if (!args.Has("output") && !bCapture) nOutput = qxplat::DefaultMidiOut();
     if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput)) return kExitFailure;
     if (bWave && !session.CheckDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, nWaveOut)) return kExitFailure;
-    const bool bCapture = args.Has("capture");
     if (bCapture && !session.IsVirtual())
         return Fail(cmd, "--capture records what a virtual output emitted: it needs the virtual backend", kExitUsage);
     // Before a note plays, not after the whole performance.

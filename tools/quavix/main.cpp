@@ -24,9 +24,11 @@ for a wave output the one it opens with ("none" for MIDI devices).
         {"perform", "play a Standard MIDI File through the performance engine",
          R"(Usage: quavix perform FILE.mid [--output N] [--tempo-scale X] [--audio FILE.wav[@MS]]...
 
-Plays a Standard MIDI File (format 0 or 1) on MIDI output N (default 0), 100 ms at a
-time through the performance engine, and prints a summary at the end. Ctrl-C stops
-and silences the output.
+Plays a Standard MIDI File (format 0 or 1) on a MIDI output, 100 ms at a time through
+the performance engine, and prints a summary at the end. Ctrl-C stops and silences the
+output. Without --output it plays on the first output that leads out of this program
+(a synthesizer, another program's port), else on the built-in GM synth ("Quavix GM
+Synth", heard on wave output 0), else on output 0; with --capture, on output 0.
 
   --output N            MIDI output number (quavix devices lists them)
   --tempo-scale X       play X times as fast (0.05 to 20; 2 is twice as fast)
