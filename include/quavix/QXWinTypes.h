@@ -364,7 +364,9 @@ static_assert(sizeof(MIDIOUTCAPSA) == 52, "MIDIOUTCAPSA is 52 bytes");
 
 #define MOD_MIDIPORT 1
 #define MOD_SYNTH 2
+#define MOD_SWSYNTH 7
 #define MIDICAPS_VOLUME 0x0001u
+#define MIDICAPS_LRVOLUME 0x0002u
 #define MIDICAPS_STREAM 0x0008u
 
 struct MIDIHDR {

@@ -2,6 +2,7 @@
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/QXBackend.h"
+#include "platform/backends/synth/QXSynth.h"
 
 #include <algorithm>
 #include <cstring>
@@ -79,6 +80,11 @@ MMRESULT midiOutGetDevCapsA(UINT_PTR uDeviceID, MIDIOUTCAPSA* pmoc, UINT cbmoc)
     caps.wTechnology = MOD_MIDIPORT;
     caps.wChannelMask = 0xFFFF;
     caps.dwSupport = MIDICAPS_STREAM;
+    if (qxplat::IsSynthMidiOut(static_cast<int>(uDeviceID))) {
+        caps.wTechnology = MOD_SWSYNTH;
+        caps.wVoices = caps.wNotes = qxplat::kSynthPolyphony;
+        caps.dwSupport |= MIDICAPS_VOLUME | MIDICAPS_LRVOLUME;
+    }
     return CopyOut(pmoc, cbmoc, caps);
 }
 

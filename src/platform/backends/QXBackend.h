@@ -33,6 +33,9 @@ public:
     // For a pause: drops what was handed over and not yet emitted, as Cancel does, and
     // says whether it could; a stream then hands that over again when it restarts.
     virtual bool Withdraw() { return false; }
+    // The device volume of an output that has one (left in the low word).
+    virtual MMRESULT SetVolume(DWORD) { return MMSYSERR_NOTSUPPORTED; }
+    virtual MMRESULT GetVolume(DWORD*) const { return MMSYSERR_NOTSUPPORTED; }
     // False once the device behind it has gone (a server that went away).
     virtual bool Alive() const { return true; }
 };

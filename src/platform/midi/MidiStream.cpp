@@ -233,6 +233,8 @@ public:
     }
 
     MMRESULT SendLong(const BYTE* pData, size_t cb) { return m_port->Send(pData, cb, 0); }
+    MMRESULT SetVolume(DWORD dwVolume) { return m_port->SetVolume(dwVolume); }
+    MMRESULT GetVolume(DWORD* pdwVolume) const { return m_port->GetVolume(pdwVolume); }
     bool Alive() const { return m_port->Alive(); }
 
     ~Stream() { Shutdown(); }
@@ -653,4 +655,19 @@ MMRESULT midiOutLongMsg(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh)
     pmh->dwFlags = (pmh->dwFlags & ~MHDR_ISSTRM) | MHDR_DONE;
     s->Callback(MOM_DONE, reinterpret_cast<DWORD_PTR>(pmh), 0);
     return r;
+}
+
+MMRESULT midiOutSetVolume(HMIDIOUT hmo, DWORD dwVolume)
+{
+    auto s = Find(hmo);
+    if (!s) return MMSYSERR_INVALHANDLE;
+    return s->SetVolume(dwVolume);
+}
+
+MMRESULT midiOutGetVolume(HMIDIOUT hmo, LPDWORD pdwVolume)
+{
+    auto s = Find(hmo);
+    if (!s) return MMSYSERR_INVALHANDLE;
+    if (pdwVolume == nullptr) return MMSYSERR_INVALPARAM;
+    return s->GetVolume(pdwVolume);
 }

@@ -31,6 +31,11 @@ MMRESULT midiOutUnprepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh);
 // At once, past any queued stream buffers.
 MMRESULT midiOutShortMsg(HMIDIOUT hmo, DWORD dwMsg);
 MMRESULT midiOutLongMsg(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh);
+// The device's volume, left in the low word, right in the high word (0xFFFF: full, a
+// linear gain), on outputs whose caps say MIDICAPS_VOLUME (the synth); others answer
+// MMSYSERR_NOTSUPPORTED.
+MMRESULT midiOutSetVolume(HMIDIOUT hmo, DWORD dwVolume);
+MMRESULT midiOutGetVolume(HMIDIOUT hmo, LPDWORD pdwVolume);
 #define MM_MOM_OPEN MOM_OPEN
 #define MM_MOM_CLOSE MOM_CLOSE
 #define MM_MOM_DONE MOM_DONE

@@ -259,6 +259,39 @@ TEST(Synth, ProgramChangeAndGMResetChangeTheSound)
     EXPECT_LT(Distance(h[0], h[2]), 0.03) << "the GM reset did not restore the piano";
 }
 
+// The same piano note before and after the volume is halved, by the device volume or by
+// the GM master volume in the stream: the second sounds at half the level.
+TEST(Synth, DeviceAndMasterVolumeScaleItsSound)
+{
+    ASSERT_EQ(kVirtual, 0);
+    const std::vector<BYTE> halfMaster = {0xF0, 0x7F, 0x7F, 0x04, 0x01, 0x00, 0x40, 0xF7};
+    for (bool device : {true, false}) {
+        SynthRun run;
+        ASSERT_TRUE(run.Opened());
+        MIDIOUTCAPSA caps{};
+        ASSERT_EQ(midiOutGetDevCapsA(midiOutGetNumDevs() - 1, &caps, sizeof caps), 0u);
+        EXPECT_EQ(caps.dwSupport & (MIDICAPS_VOLUME | MIDICAPS_LRVOLUME), MIDICAPS_VOLUME | MIDICAPS_LRVOLUME);
+        Events events = {{100, {0x90, 69, 100}}, {400, {0x80, 69, 0}}, {700, {0x90, 69, 100}}, {1000, {0x80, 69, 0}}};
+        if (!device) events.push_back({550, halfMaster});
+        run.Play(events);
+        if (device) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(490)); // 550 ms into the stream
+            EXPECT_EQ(midiOutSetVolume(run.Out(), 0x80008000u), 0u);
+            DWORD v = 0;
+            EXPECT_EQ(midiOutGetVolume(run.Out(), &v), 0u);
+            EXPECT_EQ(v, 0x80008000u);
+        }
+        std::vector<float> right;
+        const std::vector<float> left = run.Heard(600, true, &right);
+        ASSERT_GT(left.size(), 48u * 1200);
+        const std::vector<float>* sides[] = {&left, &right};
+        for (const std::vector<float>* x : sides) {
+            const float ratio = Peak(*x, 48 * 650, 48 * 1200) / Peak(*x, 0, 48 * 600);
+            EXPECT_NEAR(ratio, 0.5f, 0.03f) << (device ? "device volume" : "master volume");
+        }
+    }
+}
+
 // A held organ note, then one way of ending it: it must fall silent long before its
 // note-off, due two seconds later, and stay so. A paused stream also takes back a note
 // handed to the synth ahead of its time, and plays it once restarted.

@@ -12,6 +12,9 @@
 //   output's latency ahead; elsewhere a message plays from the first block mixed after
 //   it is due.
 // - Cancel drops what was handed over and is not yet played, and silences every voice.
+// - Its volume is a gain in the mix: the device volume (midiOutSetVolume, left and right)
+//   times the GM master volume SysEx (F0 7F dev 04 01 lsb msb F7) at its time; a GM reset
+//   brings the master volume back to full.
 #ifndef QUAVIX_PLATFORM_BACKENDS_SYNTH_QXSYNTH_H
 #define QUAVIX_PLATFORM_BACKENDS_SYNTH_QXSYNTH_H
 
@@ -20,6 +23,9 @@
 #include <string>
 
 namespace qxplat {
+
+// Voices FluidSynth keeps sounding at once (its default).
+constexpr WORD kSynthPolyphony = 256;
 
 // The backend with the synth added to its MIDI outputs; made once.
 Backend& WithSynth(Backend& inner);

@@ -79,6 +79,7 @@ public:
         fluid_settings_setnum(e->m_settings, "synth.sample-rate", static_cast<double>(rate));
         // Only the mixer thread calls it once made: FluidSynth's own lock would be waste.
         fluid_settings_setint(e->m_settings, "synth.threadsafe-api", 0);
+        fluid_settings_setint(e->m_settings, "synth.polyphony", kSynthPolyphony);
         e->m_synth = new_fluid_synth(e->m_settings);
         if (e->m_synth == nullptr) return nullptr;
         // FluidSynth loads samples with OpenMP, whose helper threads belong to the thread
@@ -135,8 +136,13 @@ public:
         m_cancelsSeen = 0;
         m_dropBefore = 0;
         m_dropping = false;
+        m_volume.store(0xFFFFFFFFu);
+        m_master = 1.0f;
         fluid_synth_system_reset(m_synth);
     }
+
+    void SetVolume(DWORD dwVolume) { m_volume.store(dwVolume, std::memory_order_relaxed); }
+    DWORD Volume() const { return m_volume.load(std::memory_order_relaxed); }
 
     void Cancel()
     {
@@ -234,6 +240,12 @@ private:
             const BYTE* body = m_slots[e.slot].data + 1;
             int len = e.length - 1;
             if (len > 0 && body[len - 1] == 0xF7) --len;
+            // Universal messages to any device: master volume, which FluidSynth leaves
+            // alone, and GM System On, which brings it back.
+            if (len >= 6 && body[0] == 0x7F && body[2] == 0x04 && body[3] == 0x01)
+                m_master = static_cast<float>((body[4] & 0x7F) | (body[5] & 0x7F) << 7) / 16383.0f;
+            else if (len >= 4 && body[0] == 0x7E && body[2] == 0x09 && (body[3] == 0x01 || body[3] == 0x03))
+                m_master = 1.0f;
             if (len > 0) fluid_synth_sysex(m_synth, reinterpret_cast<const char*>(body), len, nullptr, nullptr, nullptr, 0);
             FreeSlot(e);
             return;
@@ -258,7 +270,13 @@ private:
         if (nFrames == 0) return;
         float* s = m_scratch.get();
         fluid_synth_write_float(m_synth, static_cast<int>(nFrames), s, 0, 2, s, 1, 2);
-        for (size_t i = 0; i < size_t{nFrames} * 2; ++i) pOut[i] += s[i];
+        const DWORD v = m_volume.load(std::memory_order_relaxed);
+        const float left = m_master * static_cast<float>(v & 0xFFFF) / 65535.0f;
+        const float right = m_master * static_cast<float>(v >> 16) / 65535.0f;
+        for (size_t i = 0; i < size_t{nFrames} * 2; i += 2) {
+            pOut[i] += left * s[i];
+            pOut[i + 1] += right * s[i + 1];
+        }
     }
 
     fluid_settings_t* m_settings = nullptr;
@@ -275,6 +293,7 @@ private:
     Slot m_slots[kSysExSlots];
     std::atomic<uint32_t> m_cancelTo{0}; // the ring count at the last Cancel
     std::atomic<uint32_t> m_cancels{0};
+    std::atomic<DWORD> m_volume{0xFFFFFFFFu}; // left in the low word
 
     // The mixer thread's own.
     std::unique_ptr<Event[]> m_pending; // sorted by due time
@@ -283,6 +302,7 @@ private:
     uint32_t m_cancelsSeen = 0;
     uint32_t m_dropBefore = 0;
     bool m_dropping = false;
+    float m_master = 1.0f; // the GM master volume
 };
 
 // A closed synth's engine, kept with its SoundFont for the next open of the same font at
@@ -347,6 +367,16 @@ public:
     {
         m_engine->Cancel();
         return true;
+    }
+    MMRESULT SetVolume(DWORD dwVolume) override
+    {
+        m_engine->SetVolume(dwVolume);
+        return MMSYSERR_NOERROR;
+    }
+    MMRESULT GetVolume(DWORD* pdwVolume) const override
+    {
+        *pdwVolume = m_engine->Volume();
+        return MMSYSERR_NOERROR;
     }
 
 private:
