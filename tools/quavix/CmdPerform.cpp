@@ -9,23 +9,28 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <deque>
+#include <mutex>
 #include <new>
 #include <sys/stat.h>
 
 namespace qxcli {
 
+Item MakeItem(const qxsmf::Message& m)
+{
+    Item it{static_cast<DWORD>(std::llround(m.ms)), 0, {}};
+    if (m.IsSysEx())
+        it.sysex.assign(m.bytes.begin(), m.bytes.end());
+    else
+        it.msg = PackShort(m.bytes);
+    return it;
+}
+
 std::vector<Item> MakeItems(const qxsmf::Timeline& timeline)
 {
     std::vector<Item> items;
     items.reserve(timeline.messages.size());
-    for (const auto& m : timeline.messages) {
-        Item it{static_cast<DWORD>(std::llround(m.ms)), 0, {}};
-        if (m.IsSysEx())
-            it.sysex.assign(m.bytes.begin(), m.bytes.end());
-        else
-            it.msg = PackShort(m.bytes);
-        items.push_back(std::move(it));
-    }
+    for (const auto& m : timeline.messages) items.push_back(MakeItem(m));
     return items;
 }
 
@@ -47,39 +52,86 @@ CQXEventData* MakeEvent(const Item& item, int nOutput, DWORD dwTime)
     return e;
 }
 
-Lateness MeasureLateness(const std::vector<VirtualLog::Entry>& entries, size_t from, size_t to)
+void LatenessMeter::Add(const std::vector<VirtualLog::Entry>& entries, size_t from, size_t to)
 {
-    std::vector<double> late;
-    for (size_t i = from; i < to && i < entries.size(); ++i)
-        if (entries[i].dueNs != 0) late.push_back(static_cast<double>(entries[i].timeNs - entries[i].dueNs) / 1e6);
+    for (size_t i = from; i < to && i < entries.size(); ++i) {
+        if (entries[i].dueNs == 0) continue;
+        const int64_t ns = entries[i].timeNs - entries[i].dueNs;
+        const double ms = static_cast<double>(ns) / 1e6;
+        m_worstMs = m_count == 0 ? ms : std::max(m_worstMs, ms);
+        ++m_count;
+        const int64_t us = std::max<int64_t>(0, ns / 1000);
+        if (static_cast<size_t>(us) < kBins)
+            ++m_bins[static_cast<size_t>(us)];
+        else
+            m_beyond.push_back(ms);
+    }
+}
+
+Lateness LatenessMeter::Result() const
+{
     Lateness l;
-    l.count = late.size();
-    if (late.empty()) return l;
-    std::sort(late.begin(), late.end());
-    l.worstMs = late.back();
-    l.p99Ms = late[std::min(late.size() - 1, static_cast<size_t>(std::ceil(0.99 * static_cast<double>(late.size()))) - 1)];
+    l.count = m_count;
+    if (m_count == 0) return l;
+    l.worstMs = m_worstMs;
+    // The smallest lateness that 99 % of the messages keep within.
+    const size_t rank = static_cast<size_t>(std::ceil(0.99 * static_cast<double>(m_count)));
+    size_t seen = 0;
+    for (size_t us = 0; us < kBins; ++us) {
+        seen += m_bins[us];
+        if (seen >= rank) {
+            l.p99Ms = std::min(static_cast<double>(us + 1) / 1000.0, m_worstMs);
+            return l;
+        }
+    }
+    std::vector<double> beyond = m_beyond;
+    std::sort(beyond.begin(), beyond.end());
+    l.p99Ms = beyond[std::min(beyond.size() - 1, rank - seen - 1)];
     return l;
 }
 
-std::string Describe(const qxsmf::File& file, const qxsmf::Timeline& timeline)
+Lateness MeasureLateness(const std::vector<VirtualLog::Entry>& entries, size_t from, size_t to)
 {
-    char b[160];
-    std::snprintf(b, sizeof b, "format %d, %s, %s, %s", file.format, qxsmf::Counted(file.tracks.size(), "track").c_str(),
-                  FormatTime(timeline.lengthMs).c_str(), qxsmf::Counted(timeline.messages.size(), "event").c_str());
-    std::string s = b;
-    if (!timeline.title.empty()) s = "\"" + timeline.title + "\", " + s;
-    return s;
+    LatenessMeter meter;
+    meter.Add(entries, from, to);
+    return meter.Result();
 }
 
 namespace {
 
-// Hands the file's events to the engine period by period. The callback runs on the
-// polling thread with the device lock held; the main thread only reads the count.
+std::string Describe(int format, size_t tracks, const qxsmf::Summary& info, size_t events)
+{
+    char b[160];
+    std::snprintf(b, sizeof b, "format %d, %s, %s, %s", format, qxsmf::Counted(tracks, "track").c_str(),
+                  FormatTime(info.lengthMs).c_str(), qxsmf::Counted(events, "event").c_str());
+    std::string s = b;
+    if (!info.title.empty()) s = "\"" + info.title + "\", " + s;
+    return s;
+}
+
+} // namespace
+
+std::string Describe(const qxsmf::File& file, const qxsmf::Timeline& timeline)
+{
+    return Describe(file.format, file.tracks.size(), timeline, timeline.messages.size());
+}
+
+std::string Describe(const qxsmf::Song& song)
+{
+    return Describe(song.Format(), song.Tracks(), song.Info(), song.Messages());
+}
+
+namespace {
+
+// Hands the file's events to the engine period by period, reading them from the file as
+// it goes. The callback runs on the polling thread with the device lock held; the main
+// thread only reads the counts.
 class FilePerformance {
 public:
-    FilePerformance(CQuavix* q, const std::vector<Item>& items, int nOutput, WaveSchedule& waves)
-        : m_q(q), m_items(items), m_nOutput(nOutput), m_waves(waves), m_bWavesOver(waves.Empty())
+    FilePerformance(CQuavix* q, qxsmf::Song& song, int nOutput, WaveSchedule& waves)
+        : m_q(q), m_song(song), m_nOutput(nOutput), m_waves(waves), m_bWavesOver(waves.Empty())
     {
+        m_bHasNext = m_song.Next(m_next);
     }
 
     static int Proc(DWORD_PTR dwUser, int nTag, DWORD, DWORD dwEnd)
@@ -94,26 +146,47 @@ public:
     void HandBefore(DWORD dwEnd)
     {
         CQXEventList list;
-        while (m_next < m_items.size() && m_items[m_next].ms < dwEnd) {
-            const Item& it = m_items[m_next++];
-            if (CQXEventData* e = MakeEvent(it, m_nOutput, it.ms))
-                if (list.AddTail(e) == nullptr) delete e;
+        size_t handed = 0;
+        {
+            std::lock_guard<std::mutex> lock(m_timesLock);
+            while (m_bHasNext && std::llround(m_next.ms) < dwEnd) {
+                const Item it = MakeItem(m_next);
+                if (CQXEventData* e = MakeEvent(it, m_nOutput, it.ms))
+                    if (list.AddTail(e) == nullptr) delete e;
+                m_times.push_back(it.ms);
+                ++handed;
+                m_bHasNext = m_song.Next(m_next);
+            }
         }
-        m_handed = m_next;
+        m_handed += handed;
         m_waves.AddDue(list, dwEnd);
         m_q->PlayBuffer(list);
     }
 
-    bool Done() const { return m_handed.load() == m_items.size(); }
+    bool Done() const { return m_handed.load() == m_song.Messages(); }
     void WavesOver() { m_bWavesOver = true; }
     size_t Handed() const { return m_handed.load(); }
+    // Of those handed, how many were due by ms: only the times still ahead are kept.
+    size_t DueBy(double ms)
+    {
+        std::lock_guard<std::mutex> lock(m_timesLock);
+        while (!m_times.empty() && m_times.front() <= ms) {
+            m_times.pop_front();
+            ++m_due;
+        }
+        return m_due;
+    }
 
 private:
     CQuavix* m_q;
-    const std::vector<Item>& m_items;
+    qxsmf::Song& m_song;
     int m_nOutput;
-    size_t m_next = 0;
+    qxsmf::Message m_next;
+    bool m_bHasNext = false;
     std::atomic<size_t> m_handed{0};
+    std::mutex m_timesLock;
+    std::deque<DWORD> m_times; // of messages handed and not yet due
+    size_t m_due = 0;
     WaveSchedule& m_waves;
     std::atomic<bool> m_bWavesOver;
 };
@@ -169,11 +242,9 @@ int RunPerform(int argc, char** argv)
     }
 
     const std::string path = args.Positional()[0];
-    qxsmf::File file;
-    qxsmf::Timeline timeline;
+    qxsmf::Song song;
     std::string error;
-    if (!LoadSong(cmd, path, scale, file, timeline)) return kExitFailure;
-    const std::vector<Item> items = MakeItems(timeline);
+    if (!song.Load(path, scale, error)) return Fail(cmd, error);
 
     WaveRender render;
     Session session;
@@ -220,7 +291,7 @@ int RunPerform(int argc, char** argv)
         char tempo[48] = "";
         if (scale != 1.0) std::snprintf(tempo, sizeof tempo, ", tempo x%g", scale);
         std::printf("Playing %s (%s)\n  on MIDI output %d (%s), %s backend%s\n", path.c_str(),
-                    Describe(file, timeline).c_str(), nOutput, outName.c_str(), session.BackendText().c_str(), tempo);
+                    Describe(song).c_str(), nOutput, outName.c_str(), session.BackendText().c_str(), tempo);
         if (bWave)
             std::printf("  wave output %d (%s)\n", nWaveOut,
                         session.DeviceName(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, nWaveOut).c_str());
@@ -236,7 +307,7 @@ int RunPerform(int argc, char** argv)
         log.Clear();
     }
     WaveSchedule waves(waveItems, q->GetUniqueTag(), nWaveOut);
-    FilePerformance perf(q, items, nOutput, waves);
+    FilePerformance perf(q, song, nOutput, waves);
     // The periods written when the output opens are not asked for: what they play must
     // be merged before.
     const DWORD dwLatency = q->GetPerformanceLatency();
@@ -261,8 +332,19 @@ int RunPerform(int argc, char** argv)
     PeakMeter peak(nWaveOut);
     if (bWave) peak.Read(); // turns the meter on
 
-    const double lastMs = items.empty() ? 0.0 : items.back().ms;
-    const double endMs = std::max({timeline.lengthMs, lastMs, waves.EndMs()});
+    const size_t total = song.Messages();
+    const double lastMs = static_cast<double>(std::llround(song.LastMs()));
+    const double endMs = std::max({song.Info().lengthMs, lastMs, waves.EndMs()});
+    // Without a capture, what went out is counted and timed as it comes, not kept.
+    const bool bKeepLog = bCapture;
+    LatenessMeter lateness;
+    size_t logged = 0;
+    auto drainLog = [&](bool bSong) {
+        log.Drain();
+        if (bSong) lateness.Add(log.Entries(), bKeepLog ? logged : 0, log.Entries().size());
+        logged = bKeepLog ? log.Entries().size() : logged + log.Entries().size();
+        if (!bKeepLog) log.Clear();
+    };
     Progress progress(args.Quiet());
     bool bInterrupted = false, bStalled = false, bServerLost = false;
     double elapsed = 0;
@@ -274,13 +356,10 @@ int RunPerform(int argc, char** argv)
         }
         elapsed = static_cast<double>(qxplat::NowNs() - startNs) / 1e6;
         if (bLogged) {
-            log.Drain();
-            sent = log.Entries().size();
+            drainLog(true);
+            sent = logged;
         } else {
-            // What is due by now has gone to the backend.
-            auto due = std::upper_bound(items.begin(), items.end(), elapsed,
-                                        [](double t, const Item& it) { return t < it.ms; });
-            sent = std::min(perf.Handed(), static_cast<size_t>(due - items.begin()));
+            sent = perf.DueBy(elapsed); // what is due by now has gone to the backend
         }
         std::string meter;
         if (bWave) {
@@ -289,11 +368,10 @@ int RunPerform(int argc, char** argv)
         }
         progress.Update(FormatTime(std::min(elapsed, endMs)) + " / " + FormatTime(endMs) + " " +
                         Bar(endMs > 0 ? elapsed / endMs : 1.0, 30) + " " + std::to_string(sent) + "/" +
-                        std::to_string(items.size()) + " events" + meter);
+                        std::to_string(total) + " events" + meter);
         const bool bWavesOver = waves.Watch(q, static_cast<double>(q->GetElapsedPlayTime()));
         if (bWavesOver) perf.WavesOver();
-        const bool bPlayedOut = perf.Done() && (bLogged ? sent >= items.size()
-                                                        : elapsed >= lastMs + dwLatency + 250);
+        const bool bPlayedOut = perf.Done() && (bLogged ? sent >= total : elapsed >= lastMs + dwLatency + 250);
         if (bPlayedOut && bWavesOver && elapsed >= endMs) {
             // The wave output's last mix reaches the sound (and the render).
             if (bWave && !SleepUnlessInterrupted(200)) (Interrupted() ? bInterrupted : bServerLost) = true;
@@ -306,41 +384,39 @@ int RunPerform(int argc, char** argv)
     }
 
     q->StopDevices(); // the queued periods go; nothing plays after the panic below
-    size_t songMessages = 0;
     if (bLogged) {
-        log.Drain();
-        songMessages = log.Entries().size();
-        sent = songMessages;
+        drainLog(true);
+        sent = logged;
     }
     if (bInterrupted) q->OnPanicButton();
     q->CloseDevices();
-    if (bLogged) log.Drain();
+    if (bLogged) drainLog(false);
     progress.Finish();
     if (bServerLost)
         return FailServerLost(cmd, "the performance stopped at " + FormatTime(elapsed) + " of " + FormatTime(endMs));
 
     if (bStalled)
-        return Fail(cmd, "playback stalled: " + std::to_string(perf.Handed()) + " of " + std::to_string(items.size()) +
+        return Fail(cmd, "playback stalled: " + std::to_string(perf.Handed()) + " of " + std::to_string(total) +
                              " events were handed to the engine, " + std::to_string(sent) + " went out");
 
     std::printf("%s\n", bInterrupted ? "Stopped (interrupted); the output was silenced." : "Summary:");
-    std::printf("  events    %zu of %zu sent\n", sent, items.size());
+    std::printf("  events    %zu of %zu sent\n", sent, total);
     std::printf("  duration  %.1f s of music, played in %.1f s\n", endMs / 1000.0, elapsed / 1000.0);
     if (!waveItems.empty())
         std::printf("  audio     %zu of %s played, peak L %s dBFS, R %s dBFS\n", waveItems.size() - wavesFailed,
                     qxsmf::Counted(waveItems.size(), "wave file").c_str(), PeakMeter::FormatDb(peak.MaxDb(0)).c_str(),
                     PeakMeter::FormatDb(peak.MaxDb(1)).c_str());
     if (bLogged) {
-        const Lateness late = MeasureLateness(log.Entries(), 0, songMessages);
+        const Lateness late = lateness.Result();
         if (late.count > 0)
             std::printf("  lateness  worst %.2f ms, 99%% within %.2f ms (emitted against due, %zu messages)\n",
                         late.worstMs, late.p99Ms, late.count);
     } else {
         std::printf("  lateness  not measured on the %s backend\n", session.Backend().c_str());
     }
-    if (timeline.metaSkipped + timeline.dropped > 0)
-        std::printf("  skipped   %s, %s\n", qxsmf::Counted(timeline.metaSkipped, "meta event").c_str(),
-                    qxsmf::Counted(timeline.dropped, "malformed or incomplete message").c_str());
+    if (song.Info().metaSkipped + song.Info().dropped > 0)
+        std::printf("  skipped   %s, %s\n", qxsmf::Counted(song.Info().metaSkipped, "meta event").c_str(),
+                    qxsmf::Counted(song.Info().dropped, "malformed or incomplete message").c_str());
     // A destination that went away took what followed with it.
     const int64_t lostNs = Session::LostAt(QX_DEVDIR_OUT, nOutput);
     if (lostNs != 0)
@@ -352,7 +428,7 @@ int RunPerform(int argc, char** argv)
         int64_t originNs = startNs;
         for (const auto& e : log.Entries())
             if (e.dueNs != 0) {
-                originNs = e.dueNs - (items.empty() ? 0 : static_cast<int64_t>(items.front().ms) * 1'000'000);
+                originNs = e.dueNs - (total == 0 ? 0 : std::llround(song.FirstMs()) * 1'000'000);
                 break;
             }
         if (!log.Write(args.Get("capture"), originNs, bDue, 0, error)) return Fail(cmd, error);

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <csignal>
 #include <cstdlib>
@@ -38,105 +39,123 @@ uint32_t Le32(const uint8_t* p)
     return (uint32_t{p[3]} << 24) | (uint32_t{p[2]} << 16) | (uint32_t{p[1]} << 8) | p[0];
 }
 
-// Reads one track chunk's events. Every read checks the chunk's end, and offsets in
-// messages count from the start of the file.
+// Reads one track chunk's events, one at a time. Every read checks the chunk's end, and
+// offsets in messages count from the start of the file.
 class TrackReader {
 public:
+    enum class Step { Event, End, Error };
+
     TrackReader(const uint8_t* base, size_t begin, size_t end, int nTrack, size_t& nEvents)
-        : m_base(base), m_pos(begin), m_end(end), m_nTrack(nTrack), m_nEvents(nEvents)
+        : m_base(base), m_begin(begin), m_pos(begin), m_end(end), m_nTrack(nTrack), m_nEvents(&nEvents)
     {
+    }
+
+    void Rewind()
+    {
+        m_pos = m_begin;
+        m_tick = 0;
+        m_running = 0;
+        m_ended = false;
     }
 
     bool Read(Track& track, std::string& error)
     {
-        uint64_t tick = 0;
-        uint8_t running = 0;
-        while (m_pos < m_end) {
-            uint32_t delta = 0;
-            if (!Vlq(delta, error)) return false;
-            tick += delta;
-            if (m_pos >= m_end) return Fail(error, "truncated event");
-            if (++m_nEvents > kMaxEvents) return Fail(error, "more than " + std::to_string(kMaxEvents) + " events");
-            Event ev;
-            ev.tick = tick;
-            const uint8_t b = m_base[m_pos];
-            if (b == 0xFF) {
-                ++m_pos;
-                if (m_pos >= m_end) return Fail(error, "truncated meta event");
-                ev.kind = Kind::Meta;
-                ev.metaType = m_base[m_pos++];
-                if (!Payload(ev.data, error)) return false;
-                const bool bEnd = ev.metaType == 0x2F;
-                track.events.push_back(std::move(ev));
-                if (bEnd) return true; // anything after end of track is not part of it
-                continue;
-            }
-            if (b == 0xF0 || b == 0xF7) {
-                ++m_pos;
-                ev.kind = b == 0xF0 ? Kind::SysEx : Kind::Escape;
-                if (b == 0xF0) ev.data.push_back(0xF0);
-                if (!Payload(ev.data, error)) return false;
-                track.events.push_back(std::move(ev));
-                continue;
-            }
-            uint8_t status = b;
-            if (b & 0x80) {
-                if (b >= 0xF0) return Fail(error, "status byte " + Hex(b) + " cannot stand in a track");
-                running = b;
-                ++m_pos;
-            } else {
-                if (running == 0) return Fail(error, "data byte " + Hex(b) + " without a running status");
-                status = running;
-            }
-            const size_t n = ShortLength(status) - 1;
-            if (m_end - m_pos < n) return Fail(error, "truncated channel message");
-            ev.kind = Kind::Channel;
-            ev.data.push_back(status);
-            for (size_t i = 0; i < n; ++i) {
-                const uint8_t d = m_base[m_pos];
-                if (d & 0x80) return Fail(error, "status byte " + Hex(d) + " where a data byte belongs");
-                ev.data.push_back(d);
-                ++m_pos;
-            }
-            track.events.push_back(std::move(ev));
+        Event ev;
+        Step step;
+        while ((step = Next(ev, error)) == Step::Event) track.events.push_back(ev);
+        return step == Step::End;
+    }
+
+    // The next event into ev, whose buffer is reused. After end of track (or the chunk's
+    // end, for a track without one) there are no more.
+    Step Next(Event& ev, std::string& error)
+    {
+        if (m_ended || m_pos >= m_end) return Step::End;
+        uint32_t delta = 0;
+        if (!Vlq(delta, error)) return Step::Error;
+        m_tick += delta;
+        if (m_pos >= m_end) return Fail(error, "truncated event");
+        if (++*m_nEvents > kMaxEvents) return Fail(error, "more than " + std::to_string(kMaxEvents) + " events");
+        ev.tick = m_tick;
+        ev.metaType = 0;
+        ev.data.clear();
+        const uint8_t b = m_base[m_pos];
+        if (b == 0xFF) {
+            ++m_pos;
+            if (m_pos >= m_end) return Fail(error, "truncated meta event");
+            ev.kind = Kind::Meta;
+            ev.metaType = m_base[m_pos++];
+            if (!Payload(ev.data, error)) return Step::Error;
+            m_ended = ev.metaType == 0x2F; // anything after end of track is not part of it
+            return Step::Event;
         }
-        return true; // a track without end of track is taken as ending with its chunk
+        if (b == 0xF0 || b == 0xF7) {
+            ++m_pos;
+            ev.kind = b == 0xF0 ? Kind::SysEx : Kind::Escape;
+            if (b == 0xF0) ev.data.push_back(0xF0);
+            return Payload(ev.data, error) ? Step::Event : Step::Error;
+        }
+        uint8_t status = b;
+        if (b & 0x80) {
+            if (b >= 0xF0) return Fail(error, "status byte " + Hex(b) + " cannot stand in a track");
+            m_running = b;
+            ++m_pos;
+        } else {
+            if (m_running == 0) return Fail(error, "data byte " + Hex(b) + " without a running status");
+            status = m_running;
+        }
+        const size_t n = ShortLength(status) - 1;
+        if (m_end - m_pos < n) return Fail(error, "truncated channel message");
+        ev.kind = Kind::Channel;
+        ev.data.push_back(status);
+        for (size_t i = 0; i < n; ++i) {
+            const uint8_t d = m_base[m_pos];
+            if (d & 0x80) return Fail(error, "status byte " + Hex(d) + " where a data byte belongs");
+            ev.data.push_back(d);
+            ++m_pos;
+        }
+        return Step::Event;
     }
 
 private:
-    bool Fail(std::string& error, const std::string& what)
+    Step Fail(std::string& error, const std::string& what)
     {
         error = "track " + std::to_string(m_nTrack + 1) + ": " + what + " at offset " + std::to_string(m_pos);
-        return false;
+        return Step::Error;
     }
 
     bool Vlq(uint32_t& value, std::string& error)
     {
         value = 0;
         for (int i = 0; i < 4; ++i) {
-            if (m_pos >= m_end) return Fail(error, "truncated variable-length number");
+            if (m_pos >= m_end) return Fail(error, "truncated variable-length number") == Step::Event;
             const uint8_t b = m_base[m_pos++];
             value = (value << 7) | (b & 0x7Fu);
             if (!(b & 0x80)) return true;
         }
-        return Fail(error, "variable-length number longer than four bytes");
+        return Fail(error, "variable-length number longer than four bytes") == Step::Event;
     }
 
     bool Payload(std::vector<uint8_t>& out, std::string& error)
     {
         uint32_t len = 0;
         if (!Vlq(len, error)) return false;
-        if (m_end - m_pos < len) return Fail(error, "event of " + Counted(len, "byte") + " runs past its track");
+        if (m_end - m_pos < len)
+            return Fail(error, "event of " + Counted(len, "byte") + " runs past its track") == Step::Event;
         out.insert(out.end(), m_base + m_pos, m_base + m_pos + len);
         m_pos += len;
         return true;
     }
 
     const uint8_t* m_base;
+    size_t m_begin;
     size_t m_pos;
     size_t m_end;
     int m_nTrack;
-    size_t& m_nEvents;
+    size_t* m_nEvents;
+    uint64_t m_tick = 0;
+    uint8_t m_running = 0;
+    bool m_ended = false;
 };
 
 // A RIFF MIDI file (RMID) wraps a Standard MIDI File in its "data" chunk.
@@ -213,9 +232,19 @@ size_t ShortLength(uint8_t status)
     }
 }
 
-bool Parse(const uint8_t* p, size_t cb, File& file, std::string& error)
+namespace {
+
+// Where a file's tracks lie, once its header and chunks have been checked.
+struct Layout {
+    const uint8_t* base = nullptr;
+    int format = 1;
+    uint16_t division = 480;
+    std::vector<std::pair<size_t, size_t>> tracks; // chunk bodies: begin, end
+};
+
+bool ReadLayout(const uint8_t* p, size_t cb, Layout& file, std::string& error)
 {
-    file = File{};
+    file = Layout{};
     if (p == nullptr || cb == 0) {
         error = "the file is empty";
         return false;
@@ -261,7 +290,7 @@ bool Parse(const uint8_t* p, size_t cb, File& file, std::string& error)
     }
 
     size_t pos = 8 + size_t{hlen};
-    size_t nEvents = 0;
+    file.base = p;
     while (file.tracks.size() < nTracks) {
         if (cb - pos < 8) {
             error = "truncated: the header announces " + Counted(nTracks, "track") + ", the file holds " +
@@ -275,36 +304,63 @@ bool Parse(const uint8_t* p, size_t cb, File& file, std::string& error)
             return false;
         }
         const size_t body = pos + 8;
-        if (std::memcmp(p + pos, "MTrk", 4) == 0) {
-            Track track;
-            TrackReader reader(p, body, body + len, static_cast<int>(file.tracks.size()), nEvents);
-            if (!reader.Read(track, error)) return false;
-            file.tracks.push_back(std::move(track));
-        }
         // Chunks of other types are for other programs: skipped.
+        if (std::memcmp(p + pos, "MTrk", 4) == 0) file.tracks.emplace_back(body, body + len);
         pos = body + len;
     }
     return true;
 }
 
-bool Read(const std::string& path, File& file, std::string& error)
+} // namespace
+
+bool Parse(const uint8_t* p, size_t cb, File& file, std::string& error)
+{
+    file = File{};
+    Layout layout;
+    if (!ReadLayout(p, cb, layout, error)) return false;
+    file.format = layout.format;
+    file.division = layout.division;
+    size_t nEvents = 0;
+    for (const auto& [begin, end] : layout.tracks) {
+        Track track;
+        TrackReader reader(layout.base, begin, end, static_cast<int>(file.tracks.size()), nEvents);
+        if (!reader.Read(track, error)) return false;
+        file.tracks.push_back(std::move(track));
+    }
+    return true;
+}
+
+namespace {
+
+bool ReadBytes(const std::string& path, std::vector<uint8_t>& data, std::string& error)
 {
     std::unique_ptr<FILE, int (*)(FILE*)> f(std::fopen(path.c_str(), "rb"), &std::fclose);
     if (!f) {
         error = "cannot open " + path + ": " + std::strerror(errno);
         return false;
     }
-    std::vector<uint8_t> data;
+    struct stat st {};
+    if (fstat(fileno(f.get()), &st) == 0 && S_ISREG(st.st_mode))
+        data.reserve(static_cast<size_t>(std::min<off_t>(st.st_size, kMaxFileBytes + 1)));
     uint8_t buf[65536];
     size_t n;
     while ((n = std::fread(buf, 1, sizeof buf, f.get())) > 0) {
         data.insert(data.end(), buf, buf + n);
-        if (data.size() > kMaxFileBytes) break; // Parse says why
+        if (data.size() > kMaxFileBytes) break; // the parse says why
     }
     if (std::ferror(f.get())) {
         error = "cannot read " + path + ": " + std::strerror(errno);
         return false;
     }
+    return true;
+}
+
+} // namespace
+
+bool Read(const std::string& path, File& file, std::string& error)
+{
+    std::vector<uint8_t> data;
+    if (!ReadBytes(path, data, error)) return false;
     if (!Parse(data.data(), data.size(), file, error)) {
         error = path + ": " + error;
         return false;
@@ -447,124 +503,334 @@ bool Write(const std::string& path, const File& file, std::string& error)
     return true;
 }
 
-bool BuildTimeline(const File& file, double scale, Timeline& timeline, std::string& error)
-{
-    timeline = Timeline{};
-    if (!(scale > 0) || !std::isfinite(scale)) {
-        error = "the tempo scale must be a positive number";
-        return false;
-    }
-    if (file.format == 2) {
-        error = "it is a format 2 file (independent sequences), which cannot be played";
-        return false;
-    }
+namespace {
 
-    // Tempo changes of every track make one map, as format 1 puts them in the first.
-    std::vector<TempoPoint> map{{0, 0.0, 500000}};
-    const bool bSmpte = (file.division & 0x8000) != 0;
-    double usPerTick = 0;
-    if (bSmpte) {
-        const int fps = -static_cast<int8_t>(file.division >> 8);
-        const double frames = fps == 29 ? 29.97 : fps;
-        usPerTick = 1e6 / (frames * (file.division & 0xFF));
-    } else {
-        std::vector<std::pair<uint64_t, uint32_t>> changes;
-        for (const Track& t : file.tracks)
-            for (const Event& ev : t.events)
-                if (ev.kind == Kind::Meta && ev.metaType == 0x51) {
-                    if (ev.data.size() == 3) {
-                        const uint32_t tempo = (uint32_t{ev.data[0]} << 16) | (uint32_t{ev.data[1]} << 8) | ev.data[2];
-                        if (tempo != 0) {
-                            changes.emplace_back(ev.tick, tempo);
-                            continue;
-                        }
-                    }
-                    ++timeline.dropped; // a tempo that cannot be one
-                }
-        std::stable_sort(changes.begin(), changes.end(),
-                         [](const auto& a, const auto& b) { return a.first < b.first; });
-        timeline.tempoChanges = changes.size();
-        const double ppq = file.division;
-        for (const auto& [tick, tempo] : changes) {
-            TempoPoint& last = map.back();
-            const double us = last.us + static_cast<double>(tick - last.tick) * last.tempo / ppq;
+// The file's tempo changes, from every track, as format 1 puts them in the first.
+class TempoMap {
+public:
+    // False for a format 2 file or a tempo scale that is no positive number.
+    bool Begin(int format, uint16_t division, double scale, std::string& error)
+    {
+        if (!(scale > 0) || !std::isfinite(scale)) {
+            error = "the tempo scale must be a positive number";
+            return false;
+        }
+        if (format == 2) {
+            error = "it is a format 2 file (independent sequences), which cannot be played";
+            return false;
+        }
+        m_division = division;
+        m_scale = scale;
+        m_bSmpte = (division & 0x8000) != 0;
+        if (m_bSmpte) {
+            const int fps = -static_cast<int8_t>(division >> 8);
+            const double frames = fps == 29 ? 29.97 : fps;
+            m_usPerTick = 1e6 / (frames * (division & 0xFF));
+        }
+        return true;
+    }
+    // SMPTE time has no tempo.
+    bool Smpte() const { return m_bSmpte; }
+    // A tempo meta event; false when it cannot be one.
+    bool Add(const Event& ev)
+    {
+        if (ev.data.size() != 3) return false;
+        const uint32_t tempo = (uint32_t{ev.data[0]} << 16) | (uint32_t{ev.data[1]} << 8) | ev.data[2];
+        if (tempo == 0) return false;
+        m_changes.emplace_back(ev.tick, tempo);
+        return true;
+    }
+    void Finish()
+    {
+        std::stable_sort(m_changes.begin(), m_changes.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+        for (const auto& [tick, tempo] : m_changes) {
+            TempoPoint& last = m_map.back();
+            const double us = last.us + static_cast<double>(tick - last.tick) * last.tempo / m_division;
             if (tick == last.tick)
                 last.tempo = tempo; // the later of two changes at one tick holds
             else
-                map.push_back({tick, us, tempo});
+                m_map.push_back({tick, us, tempo});
         }
+        m_changes.clear();
     }
-    auto toMs = [&](uint64_t tick) {
+    double Ms(uint64_t tick) const
+    {
         double us;
-        if (bSmpte) {
-            us = static_cast<double>(tick) * usPerTick;
+        if (m_bSmpte) {
+            us = static_cast<double>(tick) * m_usPerTick;
         } else {
-            auto it = std::upper_bound(map.begin(), map.end(), tick,
+            auto it = std::upper_bound(m_map.begin(), m_map.end(), tick,
                                        [](uint64_t t, const TempoPoint& p) { return t < p.tick; });
             const TempoPoint& p = *(it - 1);
-            us = p.us + static_cast<double>(tick - p.tick) * p.tempo / file.division;
+            us = p.us + static_cast<double>(tick - p.tick) * p.tempo / m_division;
         }
-        return us / 1000.0 / scale;
-    };
+        return us / 1000.0 / m_scale;
+    }
 
-    for (size_t nt = 0; nt < file.tracks.size(); ++nt) {
-        const Track& t = file.tracks[nt];
-        std::vector<uint8_t> pending; // a divided SysEx waiting for its continuation
-        double pendingMs = 0;
-        bool bTitled = !timeline.title.empty();
-        auto emit = [&](double ms, std::vector<uint8_t> bytes) {
-            timeline.messages.push_back({ms, static_cast<int>(nt), std::move(bytes)});
-        };
-        for (const Event& ev : t.events) {
-            const double ms = toMs(ev.tick);
-            timeline.lengthMs = std::max(timeline.lengthMs, ms);
-            switch (ev.kind) {
-            case Kind::Channel:
-                emit(ms, ev.data);
-                break;
-            case Kind::SysEx:
-                if (!pending.empty()) ++timeline.dropped; // never finished
-                pending.clear();
-                if (ev.data.size() >= 2 && ev.data.back() == 0xF7) {
-                    emit(ms, ev.data);
-                } else {
-                    pending = ev.data;
-                    pendingMs = ms;
-                }
-                break;
-            case Kind::Escape:
-                if (!pending.empty()) {
-                    pending.insert(pending.end(), ev.data.begin(), ev.data.end());
-                    if (!ev.data.empty() && ev.data.back() == 0xF7) {
-                        emit(pendingMs, std::move(pending));
-                        pending.clear();
-                    }
-                } else if (ev.data.size() >= 2 && ev.data.front() == 0xF0 && ev.data.back() == 0xF7) {
-                    emit(ms, ev.data);
-                } else if (!ev.data.empty() && ShortLength(ev.data[0]) == ev.data.size()) {
-                    emit(ms, ev.data); // one whole message, as a real-time or system common one
-                } else {
-                    ++timeline.dropped;
-                }
-                break;
-            case Kind::Meta:
-                if (ev.metaType == 0x03 && nt == 0 && !bTitled) {
-                    timeline.title.assign(ev.data.begin(), ev.data.end());
-                    bTitled = true;
-                } else if (ev.metaType != 0x51 && ev.metaType != 0x2F) {
-                    ++timeline.metaSkipped;
-                }
-                break;
+private:
+    std::vector<TempoPoint> m_map{{0, 0.0, 500000}};
+    std::vector<std::pair<uint64_t, uint32_t>> m_changes;
+    uint16_t m_division = 480;
+    double m_scale = 1.0;
+    bool m_bSmpte = false;
+    double m_usPerTick = 0;
+};
+
+// Turns one track's events into the messages to send, joining divided SysEx; what it
+// drops and skips is counted in the summary.
+class TrackMessages {
+public:
+    TrackMessages(int nTrack, Summary& summary) : m_nTrack(nTrack), m_summary(summary) {}
+
+    // emit(Message&&) gets each message; a divided SysEx comes when its last part does,
+    // at the time of its first.
+    template <class Emit>
+    void Feed(const Event& ev, double ms, Emit&& emit)
+    {
+        m_summary.lengthMs = std::max(m_summary.lengthMs, ms);
+        switch (ev.kind) {
+        case Kind::Channel:
+            emit(Message{ms, m_nTrack, ev.data});
+            break;
+        case Kind::SysEx:
+            if (!m_pending.empty()) ++m_summary.dropped; // never finished
+            m_pending.clear();
+            if (ev.data.size() >= 2 && ev.data.back() == 0xF7) {
+                emit(Message{ms, m_nTrack, ev.data});
+            } else {
+                m_pending = ev.data;
+                m_pendingMs = ms;
             }
+            break;
+        case Kind::Escape:
+            if (!m_pending.empty()) {
+                m_pending.insert(m_pending.end(), ev.data.begin(), ev.data.end());
+                if (!ev.data.empty() && ev.data.back() == 0xF7) {
+                    emit(Message{m_pendingMs, m_nTrack, std::move(m_pending)});
+                    m_pending.clear();
+                }
+            } else if (ev.data.size() >= 2 && ev.data.front() == 0xF0 && ev.data.back() == 0xF7) {
+                emit(Message{ms, m_nTrack, ev.data});
+            } else if (!ev.data.empty() && ShortLength(ev.data[0]) == ev.data.size()) {
+                emit(Message{ms, m_nTrack, ev.data}); // one whole message, as a real-time or system common one
+            } else {
+                ++m_summary.dropped;
+            }
+            break;
+        case Kind::Meta:
+            if (ev.metaType == 0x03 && m_nTrack == 0 && !m_bTitled) {
+                m_summary.title.assign(ev.data.begin(), ev.data.end());
+                m_bTitled = true;
+            } else if (ev.metaType != 0x51 && ev.metaType != 0x2F) {
+                ++m_summary.metaSkipped;
+            }
+            break;
         }
-        if (!pending.empty()) ++timeline.dropped;
+    }
+    // The track has ended: a SysEx still waiting for its end is dropped.
+    void Finish()
+    {
+        if (!m_pending.empty()) ++m_summary.dropped;
+        m_pending.clear();
+    }
+    bool Pending() const { return !m_pending.empty(); }
+    double PendingMs() const { return m_pendingMs; }
+
+private:
+    int m_nTrack;
+    Summary& m_summary;
+    std::vector<uint8_t> m_pending;
+    double m_pendingMs = 0;
+    bool m_bTitled = false;
+};
+
+bool TooLong(const Summary& summary, std::string& error)
+{
+    if (summary.lengthMs <= 24.0 * 3600 * 1000) return false;
+    error = "it plays for longer than 24 hours";
+    return true;
+}
+
+} // namespace
+
+bool BuildTimeline(const File& file, double scale, Timeline& timeline, std::string& error)
+{
+    timeline = Timeline{};
+    TempoMap tempo;
+    if (!tempo.Begin(file.format, file.division, scale, error)) return false;
+    for (const Track& t : file.tracks)
+        for (const Event& ev : t.events)
+            if (ev.kind == Kind::Meta && ev.metaType == 0x51 && !tempo.Smpte()) {
+                if (tempo.Add(ev))
+                    ++timeline.tempoChanges;
+                else
+                    ++timeline.dropped; // a tempo that cannot be one
+            }
+    tempo.Finish();
+    for (size_t nt = 0; nt < file.tracks.size(); ++nt) {
+        TrackMessages track(static_cast<int>(nt), timeline);
+        for (const Event& ev : file.tracks[nt].events)
+            track.Feed(ev, tempo.Ms(ev.tick), [&](Message&& m) { timeline.messages.push_back(std::move(m)); });
+        track.Finish();
     }
     std::stable_sort(timeline.messages.begin(), timeline.messages.end(),
                      [](const Message& a, const Message& b) { return a.ms < b.ms; });
-    if (timeline.lengthMs > 24.0 * 3600 * 1000) {
-        error = "it plays for longer than 24 hours";
+    return !TooLong(timeline, error);
+}
+
+struct Song::Impl {
+    // One track's place in the file and the messages it has given but not yet handed on.
+    struct Cursor {
+        TrackReader reader;
+        TrackMessages messages;
+        std::deque<Message> ready; // in (time, order given)
+        Event event;
+        bool ended = false;
+    };
+
+    std::vector<uint8_t> bytes;
+    Layout layout;
+    TempoMap tempo;
+    Summary info;
+    Summary replay; // what the cursors count again: not reported
+    size_t count = 0, nEvents = 0;
+    double firstMs = 0, lastMs = 0;
+    std::vector<Cursor> cursors;
+    // Cursors with a message ready, by its time and then by track.
+    std::vector<std::pair<double, size_t>> heap;
+
+    static bool Later(const std::pair<double, size_t>& a, const std::pair<double, size_t>& b)
+    {
+        return a.first != b.first ? a.first > b.first : a.second > b.second;
+    }
+
+    // Reads on until the cursor's first message can no longer be preceded by one it has
+    // yet to give: only a divided SysEx comes back to an earlier time.
+    void Fill(size_t n)
+    {
+        Cursor& c = cursors[n];
+        std::string error;
+        while (!c.ended && (c.ready.empty() || (c.messages.Pending() && c.ready.front().ms > c.messages.PendingMs()))) {
+            if (c.reader.Next(c.event, error) != TrackReader::Step::Event) {
+                c.messages.Finish();
+                c.ended = true;
+                break;
+            }
+            c.messages.Feed(c.event, tempo.Ms(c.event.tick), [&](Message&& m) {
+                auto at = std::upper_bound(c.ready.begin(), c.ready.end(), m.ms,
+                                           [](double ms, const Message& r) { return ms < r.ms; });
+                c.ready.insert(at, std::move(m));
+            });
+        }
+        if (!c.ready.empty()) {
+            heap.emplace_back(c.ready.front().ms, n);
+            std::push_heap(heap.begin(), heap.end(), Later);
+        }
+    }
+};
+
+Song::Song() : m(std::make_unique<Impl>()) {}
+Song::~Song() = default;
+
+bool Song::Load(const std::string& path, double scale, std::string& error)
+{
+    std::vector<uint8_t> data;
+    if (!ReadBytes(path, data, error)) return false;
+    if (!Open(std::move(data), scale, error)) {
+        error = path + ": " + error;
         return false;
     }
+    return true;
+}
+
+bool Song::Open(std::vector<uint8_t> bytes, double scale, std::string& error)
+{
+    m = std::make_unique<Impl>();
+    m->bytes = std::move(bytes);
+    if (!ReadLayout(m->bytes.data(), m->bytes.size(), m->layout, error)) return false;
+    // Every event is read once to check it and to find the tempo changes, ...
+    std::vector<TrackReader> readers;
+    for (const auto& [begin, end] : m->layout.tracks)
+        readers.emplace_back(m->layout.base, begin, end, static_cast<int>(readers.size()), m->nEvents);
+    std::string why;
+    const bool bPlayable = m->tempo.Begin(m->layout.format, m->layout.division, scale, why);
+    Event ev;
+    for (TrackReader& reader : readers) {
+        TrackReader::Step step;
+        while ((step = reader.Next(ev, error)) == TrackReader::Step::Event)
+            if (ev.kind == Kind::Meta && ev.metaType == 0x51 && !m->tempo.Smpte()) {
+                if (m->tempo.Add(ev))
+                    ++m->info.tempoChanges;
+                else
+                    ++m->info.dropped; // a tempo that cannot be one
+            }
+        if (step == TrackReader::Step::Error) return false;
+    }
+    if (!bPlayable) {
+        error = why;
+        return false;
+    }
+    m->tempo.Finish();
+    // ... once more to count what it holds, ...
+    bool bAny = false;
+    m->nEvents = 0;
+    for (size_t nt = 0; nt < readers.size(); ++nt) {
+        readers[nt].Rewind();
+        TrackMessages track(static_cast<int>(nt), m->info);
+        while (readers[nt].Next(ev, error) == TrackReader::Step::Event)
+            track.Feed(ev, m->tempo.Ms(ev.tick), [&](Message&& msg) {
+                ++m->count;
+                m->firstMs = bAny ? std::min(m->firstMs, msg.ms) : msg.ms;
+                m->lastMs = bAny ? std::max(m->lastMs, msg.ms) : msg.ms;
+                bAny = true;
+            });
+        track.Finish();
+    }
+    if (TooLong(m->info, error)) return false;
+    // ... and then as it plays.
+    m->nEvents = 0;
+    for (size_t nt = 0; nt < readers.size(); ++nt) {
+        readers[nt].Rewind();
+        m->cursors.push_back({readers[nt], TrackMessages(static_cast<int>(nt), m->replay), {}, {}, false});
+    }
+    for (size_t nt = 0; nt < m->cursors.size(); ++nt) m->Fill(nt);
+    return true;
+}
+
+int Song::Format() const
+{
+    return m->layout.format;
+}
+size_t Song::Tracks() const
+{
+    return m->layout.tracks.size();
+}
+const Summary& Song::Info() const
+{
+    return m->info;
+}
+size_t Song::Messages() const
+{
+    return m->count;
+}
+double Song::FirstMs() const
+{
+    return m->firstMs;
+}
+double Song::LastMs() const
+{
+    return m->lastMs;
+}
+
+bool Song::Next(Message& message)
+{
+    if (m->heap.empty()) return false;
+    std::pop_heap(m->heap.begin(), m->heap.end(), Impl::Later);
+    const size_t n = m->heap.back().second;
+    m->heap.pop_back();
+    message = std::move(m->cursors[n].ready.front());
+    m->cursors[n].ready.pop_front();
+    m->Fill(n);
     return true;
 }
 

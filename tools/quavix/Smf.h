@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -59,18 +60,51 @@ struct Message {
     bool IsSysEx() const { return !bytes.empty() && bytes[0] == 0xF0; }
 };
 
-struct Timeline {
-    std::vector<Message> messages; // time order; file order among equal times
-    double lengthMs = 0;           // the last event or end of track, whichever is later
+// What a file holds besides its messages.
+struct Summary {
+    double lengthMs = 0;    // the last event or end of track, whichever is later
     size_t tempoChanges = 0;
-    size_t metaSkipped = 0;        // meta events other than tempo and end of track
-    size_t dropped = 0;            // incomplete SysEx and escapes that are no message
-    std::string title;             // the first track's name, when it has one
+    size_t metaSkipped = 0; // meta events other than tempo and end of track
+    size_t dropped = 0;     // incomplete SysEx and escapes that are no message
+    std::string title;      // the first track's name, when it has one
+};
+
+struct Timeline : Summary {
+    std::vector<Message> messages; // time order; file order among equal times
 };
 
 // Merges the tracks of a format 0 or 1 file through its tempo map. scale > 1 plays
 // faster: every time is divided by it.
 bool BuildTimeline(const File& file, double scale, Timeline& timeline, std::string& error);
+
+// The messages of a file, merged as BuildTimeline merges them, but read from the file's
+// bytes one at a time: memory holds the file and one cursor per track, whatever its
+// length.
+class Song {
+public:
+    Song();
+    ~Song();
+    Song(const Song&) = delete;
+    Song& operator=(const Song&) = delete;
+
+    // Reads and checks the whole file (its errors name it) and counts what it holds.
+    bool Load(const std::string& path, double scale, std::string& error);
+    bool Open(std::vector<uint8_t> bytes, double scale, std::string& error);
+
+    int Format() const;
+    size_t Tracks() const;
+    const Summary& Info() const;
+    size_t Messages() const;  // how many Next gives
+    double FirstMs() const;   // the first message's time (0 without any)
+    double LastMs() const;    // the last message's time (0 without any)
+
+    // The next message in time order (file order among equal times); false at the end.
+    bool Next(Message& message);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m;
+};
 
 // "1 track", "2 tracks": a count and its noun, singular or plural.
 std::string Counted(size_t n, const std::string& noun);
