@@ -9,6 +9,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 
 using qxplat::NowNs;
@@ -48,6 +49,22 @@ public:
     void OnMidiData(const BYTE* pData, size_t cb, int64_t timeNs) override
     {
         if (!m_bStarted.load()) return;
+        m_deliverer.store(std::this_thread::get_id());
+        Deliver(pData, cb, timeNs);
+        m_deliverer.store(std::thread::id());
+    }
+
+    // Closing waits for the delivery in progress: from inside it, that would be forever.
+    bool Delivering() const { return m_deliverer.load() == std::this_thread::get_id(); }
+
+    HMIDIIN m_handle = nullptr;
+    std::unique_ptr<qxplat::MidiInPort> m_port;
+    std::atomic<bool> m_bStarted{false};
+    std::atomic<int64_t> m_startNs{0};
+
+private:
+    void Deliver(const BYTE* pData, size_t cb, int64_t timeNs)
+    {
         const int64_t startNs = m_startNs.load();
         const DWORD dwTime = timeNs > startNs ? static_cast<DWORD>((timeNs - startNs) / 1'000'000) : 0;
         for (size_t i = 0; i < cb; ++i) {
@@ -92,12 +109,7 @@ public:
         }
     }
 
-    HMIDIIN m_handle = nullptr;
-    std::unique_ptr<qxplat::MidiInPort> m_port;
-    std::atomic<bool> m_bStarted{false};
-    std::atomic<int64_t> m_startNs{0};
-
-private:
+    std::atomic<std::thread::id> m_deliverer{};
     const DWORD m_callbackType;
     const DWORD_PTR m_dwCallback;
     const DWORD_PTR m_dwInstance;
@@ -187,6 +199,7 @@ MMRESULT midiInClose(HMIDIIN hmi)
     auto in = Find(hmi);
     if (!in) return MMSYSERR_INVALHANDLE;
     if (QXFaultCheck("midiInClose", &r)) return r;
+    if (in->Delivering()) return MMSYSERR_HANDLEBUSY;
     {
         std::lock_guard<std::mutex> lock(Table().mutex);
         Table().inputs.erase(reinterpret_cast<uintptr_t>(hmi));

@@ -54,6 +54,8 @@ MMRESULT midiInOpen(HMIDIIN* phmi, UINT uDeviceID, DWORD_PTR dwCallback, DWORD_P
 MMRESULT midiInStart(HMIDIIN hmi);
 MMRESULT midiInStop(HMIDIIN hmi);
 MMRESULT midiInReset(HMIDIIN hmi);
+// From inside its own callback it is refused (MMSYSERR_HANDLEBUSY): it would wait for
+// that very callback.
 MMRESULT midiInClose(HMIDIIN hmi);
 #define MM_MIM_OPEN MIM_OPEN
 #define MM_MIM_CLOSE MIM_CLOSE

@@ -243,3 +243,27 @@ TEST_F(MidiInTest, DestroyingAnOpenInputLeavesNoOpenPlatformInput)
     EXPECT_EQ(midiInOpen(&h, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
     midiInClose(h);
 }
+
+TEST_F(MidiInTest, ClosingTheDevicesWhenAThruSendFailsLeavesTheInputForTheNextClose)
+{
+    // The failure is reported on the input's own thread: a close from there cannot wait
+    // for that thread, so the input stays open until the next close.
+    static std::atomic<int> closes{0};
+    closes = 0;
+    q->SetNotificationCallback(
+        [](DWORD code, DWORD, DWORD_PTR) {
+            if (code == QXN_MIDIOUT_SHORTMSG && closes++ == 0) CQuavix::GetQuavix()->CloseDevices();
+        },
+        0);
+    q->EnableMidiThru(1);
+    q->ConnectMidiThru(1, -1);
+    q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1);
+    OpenInput(0);
+    QXFaultInject("midiOutShortMsg", MMSYSERR_ERROR);
+    Send(0, {0x90, 0x3C, 0x40});
+    ASSERT_TRUE(Eventually([&] { return closes.load() > 0; })) << "no failed thru send was reported";
+    EXPECT_TRUE(Eventually([&] { return !(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1) & QX_STATE_OPEN); }));
+    EXPECT_TRUE(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0) & QX_STATE_OPEN);
+    q->CloseDevices();
+    EXPECT_FALSE(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0) & QX_STATE_OPEN);
+}
