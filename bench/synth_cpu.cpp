@@ -144,7 +144,8 @@ int SynthOutput()
     int n = -1;
     char line[512];
     while (f != nullptr && std::fgets(line, sizeof line, f) != nullptr)
-        if (std::strncmp(line, "MIDI  out", 9) == 0 && std::strstr(line, "Quavix GM Synth") != nullptr) n = std::atoi(line + 9);
+        if (std::strncmp(line, "MIDI  out", 9) == 0 && std::strstr(line, "Quavix GM Synth") != nullptr)
+            n = std::atoi(line + 9);
     if (f != nullptr) std::fclose(f);
     std::remove(list.c_str());
     return n;
@@ -236,7 +237,8 @@ int main(int argc, char** argv)
         const Song song = NotesFor(font, want, seconds, &counted);
         std::string error;
         if (counted == 0 || !qxsmf::Write(file, qxsmf::FromMilliseconds(song), error)) {
-            std::fprintf(stderr, "synth_cpu: cannot make the file: %s\n", error.empty() ? "the SoundFont does not load" : error.c_str());
+            std::fprintf(stderr, "synth_cpu: cannot make the file: %s\n",
+                         error.empty() ? "the SoundFont does not load" : error.c_str());
             return 1;
         }
         const std::vector<std::string> ours{QUAVIX_CLI_PATH, "perform", file, "--output", std::to_string(output), "-q"};

@@ -41,6 +41,7 @@ Wav Render(Song song, const std::vector<std::string>& audio = {})
 
 // Frames where aubioonset finds onsets on one channel: high-frequency content over
 // 256 frames, an 8-frame hop (a step of the synth's 64-frame grid), 100 ms apart at least.
+// It prints whole frames through a float, one frame short at times.
 std::vector<long> AubioOnsets(const Wav& w, unsigned channel)
 {
     std::vector<float> x;
@@ -68,14 +69,15 @@ std::string Listed(const std::vector<long>& v)
 // frame; FluidSynth starts a voice at its next 64-frame block. So the clicks are exactly
 // the times' distances apart, the notes are where one phase of the grid puts them, and
 // each note is after its click by its place in the grid (under 64 frames) and one attack.
-// FluidSynth's first voice starts softer than the ones after (its own program's too): the
-// first note and click only lead in.
+// FluidSynth's first voice starts softer than those after it (in the fluidsynth program
+// too), so the first note and click only lead in.
 TEST(CliSynth, NotesStartOnTheSynthsGridBesideWaveClicksOfTheirTimes)
 {
     if (std::system("command -v aubioonset >/dev/null") != 0) GTEST_SKIP() << "needs aubioonset (package aubio-tools)";
     const long times[] = {100, 401, 703, 1006, 1310, 1501, 1777};
     std::vector<float> burst(2000); // 3 kHz, fading, on the left
-    for (size_t i = 0; i < burst.size(); i += 2) burst[i] = float(0.5 * std::sin(analysis::kPi * i / 16) * std::exp(-double(i) / 400));
+    for (size_t i = 0; i < burst.size(); i += 2)
+        burst[i] = float(0.5 * std::sin(analysis::kPi * double(i) / 16) * std::exp(-double(i) / 400));
     const std::string click = TempPath("click.wav");
     ASSERT_TRUE(analysis::WriteWav(click, 48000, 2, burst));
     Song song{{0, {0xB9, 10, 127}}};
@@ -84,28 +86,32 @@ TEST(CliSynth, NotesStartOnTheSynthsGridBesideWaveClicksOfTheirTimes)
         song.insert(song.end(), {{uint64_t(t), {0x99, 75, 127}}, {uint64_t(t) + 100, {0x89, 75, 0}}});
         audio.push_back(click + "@" + std::to_string(t));
     }
-    // The program reports no late message: a run that fails is judged again, in case the
-    // machine held it up, and only a fault seen in every run fails.
+    // `quavix perform` does not report the synth's late messages, so a run the machine held
+    // up cannot be told apart: a failing run is judged again, and only a fault seen in
+    // every run fails.
     std::string failed;
     for (int attempt = 0; attempt < 3; ++attempt) {
         const Wav w = Render(song, audio);
         const std::vector<long> clicks = AubioOnsets(w, 0), notes = AubioOnsets(w, 1);
+        const long perMs = long(w.rate / 1000);
         ASSERT_EQ(clicks.size(), std::size(times)) << Listed(clicks);
         ASSERT_EQ(notes.size(), std::size(times)) << Listed(notes);
         bool exact = true, grid = false;
         long spread[2] = {1 << 30, -(1 << 30)};
         for (size_t i = 1; i < notes.size(); ++i) {
-            exact = exact && clicks[i] - clicks[1] == (times[i] - times[1]) * 48;
+            exact = exact && std::labs(clicks[i] - clicks[1] - (times[i] - times[1]) * perMs) <= 1;
             spread[0] = std::min(spread[0], notes[i] - clicks[i]);
             spread[1] = std::max(spread[1], notes[i] - clicks[i]);
         }
+        // From the block where a voice due at frame p starts to where one due d frames later does.
+        auto step = [](long p, long d) { return (p + d + 63) / 64 * 64 - (p + 63) / 64 * 64; };
         for (long p = 0; p < 64 && !grid; ++p) {
             grid = true;
             for (size_t i = 1; i < notes.size(); ++i)
-                grid = grid && notes[i] - notes[1] == (p + (times[i] - times[1]) * 48 + 63) / 64 * 64 - (p + 63) / 64 * 64;
+                grid = grid && std::labs(notes[i] - notes[1] - step(p, (times[i] - times[1]) * perMs)) <= 1;
         }
-        // The clave's attack, as the detector sees it against the click's, is 2 ms.
-        if (exact && grid && spread[1] - spread[0] < 64 && spread[0] >= 0 && spread[1] < 64 + 144) return;
+        // The clave's attack, as the detector sees it against the click's, is about 2 ms.
+        if (exact && grid && spread[1] - spread[0] < 64 && spread[0] >= 0 && spread[1] < 64 + 3 * perMs) return;
         failed += "\n  clicks" + Listed(clicks) + "; notes" + Listed(notes) + "; notes after clicks by " +
                   std::to_string(spread[0]) + " to " + std::to_string(spread[1]) + " frames";
     }
@@ -119,7 +125,8 @@ TEST(CliSynth, ProgramChangesAndGMResetAreHeard)
     Song song;
     for (uint64_t t : {100, 700, 1300}) {
         if (t == 700) song.push_back({t, {0xC0, 80}});
-        if (t == 1300) song.insert(song.end(), {{t, {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7}}, {t, {0xB0, 91, 0}}, {t, {0xB0, 93, 0}}});
+        if (t == 1300)
+            song.insert(song.end(), {{t, {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7}}, {t, {0xB0, 91, 0}}, {t, {0xB0, 93, 0}}});
         song.insert(song.end(), {{t, {0x90, 69, 100}}, {t + 300, {0x80, 69, 0}}});
     }
     const Wav w = Render(song);
@@ -149,11 +156,13 @@ TEST(CliSynth, WithoutASoundFontTheSynthIsMissingAndDevicesSaysWhy)
     const CliResult devices = RunCli({"devices"}, none);
     ASSERT_EQ(devices.status, 0) << devices.err;
     EXPECT_EQ(devices.out.find("Quavix GM Synth"), std::string::npos);
-    EXPECT_NE(devices.out.find("\nNo GM synth: no readable SoundFont at \"/nonexistent/gm.sf2\""), std::string::npos) << devices.out;
+    EXPECT_NE(devices.out.find("\nNo GM synth: no readable SoundFont at \"/nonexistent/gm.sf2\""), std::string::npos)
+        << devices.out;
     // Where the synth would be: the output after the last one listed.
     const int n = SynthOutput(kFont);
     ASSERT_GT(n, 0);
-    const CliResult r = RunCli({"perform", WriteSong(qxsmf::FromMilliseconds(kDry), "dry.mid"), "--output", std::to_string(n)}, none);
+    const std::string song = WriteSong(qxsmf::FromMilliseconds(kDry), "dry.mid");
+    const CliResult r = RunCli({"perform", song, "--output", std::to_string(n)}, none);
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.ErrLines().size(), 1u) << r.err;
     EXPECT_NE(r.err.find("no MIDI output " + std::to_string(n)), std::string::npos) << r.err;
