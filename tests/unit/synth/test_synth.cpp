@@ -126,11 +126,11 @@ TEST(Synth, StopPanicAndResetSilenceAHeldNoteWithinAPeriod)
         ASSERT_TRUE(run.Opened());
         run.Play({{0, 0x10C0}, {40, 0x005BB0}, {40, 0x005DB0}, {50, 0x6E3C90}, {3050, 0x003C80}});
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        const int64_t endNs = qxplat::NowNs();
+        const int64_t sentNs = qxplat::NowNs();
         for (DWORD m : c.msgs) EXPECT_EQ(midiOutShortMsg(run.Out(), m), 0u);
         EXPECT_EQ(c.msgs.empty() ? midiStreamStop(reinterpret_cast<HMIDISTRM>(run.Out())) : 0u, 0u);
         long at = 0;
-        const std::vector<float> x = run.Heard(800, endNs, &at);
+        const std::vector<float> x = run.Heard(800, sentNs, &at);
         const float held = Peak(x, at - 9600, at - 2400);
         long fall = at - 9600;
         while (fall < static_cast<long>(x.size()) && Peak(x, fall, fall + 480) > held / 2) fall += 480;
