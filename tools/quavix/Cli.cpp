@@ -2,6 +2,7 @@
 
 #include "platform/QXFaults.h"
 #include "platform/backends/QXBackend.h"
+#include "platform/backends/synth/QXSynth.h"
 #include "platform/backends/virtual/QXVirtual.h"
 
 #include <algorithm>
@@ -362,8 +363,12 @@ bool Session::CheckDevice(int nType, int nDir, int nDevice) const
     std::string what = std::string(nType == QX_DEVTYPE_MIDI ? "MIDI " : "wave ") + (nDir == QX_DEVDIR_IN ? "input" : "output");
     std::string have = n == 0 ? "there is none" : n == 1 ? "there is only " + what + " 0"
                                                          : "there are " + what + "s 0 to " + std::to_string(n - 1);
+    // Where the synth would be, say why it is not.
+    const std::string noSynth = nType == QX_DEVTYPE_MIDI && nDir == QX_DEVDIR_OUT && nDevice == n
+                                    ? qxplat::SynthUnavailableReason()
+                                    : std::string();
     Fail(m_command, "no " + what + " " + std::to_string(nDevice) + " on the " + m_backend + " backend: " + have +
-                        " (quavix devices lists them)");
+                        (noSynth.empty() ? " (quavix devices lists them)" : "; no GM synth: " + noSynth));
     return false;
 }
 

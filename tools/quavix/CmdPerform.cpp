@@ -7,12 +7,17 @@
 #include "platform/backends/synth/QXSynth.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <deque>
 #include <mutex>
 #include <new>
 #include <sys/stat.h>
+#include <thread>
+
+#include <chrono>
+#include <thread>
 
 namespace qxcli {
 
@@ -329,6 +334,8 @@ int RunPerform(int argc, char** argv)
         return Fail(cmd, "cannot start MIDI output " + std::to_string(nOutput) + (why.empty() ? "" : ": " + why));
     }
     const int64_t startNs = qxplat::NowNs();
+    const bool bSynth = qxplat::IsSynthMidiOut(nOutput);
+    const uint64_t lateBefore = qxplat::SynthLateMessages();
     PeakMeter peak(nWaveOut);
     if (bWave) peak.Read(); // turns the meter on
 
@@ -383,12 +390,22 @@ int RunPerform(int argc, char** argv)
         }
     }
 
-    q->StopDevices(); // the queued periods go; nothing plays after the panic below
+    // The queued periods go, so that nothing plays after the panic. On an interrupt the
+    // MIDI output stops and is silenced while the wave output (where the synth sounds)
+    // still mixes: what is heard last is the silence, not the sound cut off.
+    if (bInterrupted)
+        q->StopDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput);
+    else
+        q->StopDevices();
     if (bLogged) {
         drainLog(true);
         sent = logged;
     }
-    if (bInterrupted) q->OnPanicButton();
+    if (bInterrupted) {
+        q->OnPanicButton();
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        q->StopDevices();
+    }
     q->CloseDevices();
     if (bLogged) drainLog(false);
     progress.Finish();
@@ -411,6 +428,13 @@ int RunPerform(int argc, char** argv)
         if (late.count > 0)
             std::printf("  lateness  worst %.2f ms, 99%% within %.2f ms (emitted against due, %zu messages)\n",
                         late.worstMs, late.p99Ms, late.count);
+    } else if (bSynth) {
+        const uint64_t late = qxplat::SynthLateMessages() - lateBefore;
+        if (late == 0)
+            std::printf("  lateness  none: every message reached the synth before its frame was mixed\n");
+        else
+            std::printf("  lateness  %s reached the synth after its frame was mixed, and sounded late\n",
+                        qxsmf::Counted(late, "message").c_str());
     } else {
         std::printf("  lateness  not measured on the %s backend\n", session.Backend().c_str());
     }

@@ -23,6 +23,7 @@ for a wave output the one it opens with ("none" for MIDI devices).
          RunDevices},
         {"perform", "play a Standard MIDI File through the performance engine",
          R"(Usage: quavix perform FILE.mid [--output N] [--tempo-scale X] [--audio FILE.wav[@MS]]...
+                             [--wave-out N] [--capture OUT.mid] [--render OUT.wav]
 
 Plays a Standard MIDI File (format 0 or 1) on a MIDI output, 100 ms at a time through
 the performance engine, and prints a summary at the end. Ctrl-C stops and silences the

@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -52,6 +53,18 @@ bool Readable(const std::string& path)
     return !path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(path.c_str(), R_OK) == 0;
 }
 
+// A SoundFont 2 file is a RIFF form of type "sfbk". What is not, FluidSynth's loader
+// would complain about on stderr before failing.
+bool LooksLikeSoundFont(const std::string& path)
+{
+    char head[12] = {};
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) return false;
+    const size_t n = std::fread(head, 1, sizeof head, f);
+    std::fclose(f);
+    return n == sizeof head && std::memcmp(head, "RIFF", 4) == 0 && std::memcmp(head + 8, "sfbk", 4) == 0;
+}
+
 struct Event {
     int64_t dueNs;
     uint32_t seq;    // its place in the ring's count
@@ -73,6 +86,13 @@ public:
     // Null when FluidSynth cannot be made or the SoundFont does not load.
     static std::unique_ptr<SynthEngine> Create(DWORD rate, uint32_t maxFrames, const std::string& soundFont)
     {
+        // FluidSynth's own log would reach stderr beside the one result the caller reports.
+        static const bool quiet = [] {
+            for (int level = FLUID_PANIC; level < LAST_LOG_LEVEL; ++level) fluid_set_log_function(level, nullptr, nullptr);
+            return true;
+        }();
+        (void)quiet;
+        if (!LooksLikeSoundFont(soundFont)) return nullptr;
         std::unique_ptr<SynthEngine> e(new SynthEngine(maxFrames));
         e->m_settings = new_fluid_settings();
         if (e->m_settings == nullptr) return nullptr;
