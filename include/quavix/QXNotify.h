@@ -131,7 +131,8 @@ private:
 
 // Where the library's devices report: the shared manager's service while a manager
 // exists (it registers itself with QXSetSharedNotify), else a process-wide one, so
-// that devices used without a manager (wave files, for one) still report.
+// that devices used without a manager (wave files, for one) still report. Setting null
+// returns once reports under way on other threads are done with the object set before.
 QUAVIX_API void QXSetSharedNotify(CQXNotify* pNotify);
 QUAVIX_API CQXNotify* QXGetSharedNotify();
 QUAVIX_API void QXNotifyShared(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice);

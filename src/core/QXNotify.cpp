@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <thread>
 
 namespace {
 
@@ -350,9 +351,20 @@ CQXNotify& ProcessNotify()
 
 } // namespace
 
+namespace {
+
+// Reports in progress through the shared object, and this thread's own among them: the
+// owner of an object taken out of use waits for the others before it goes.
+std::atomic<int> g_nSharedUsers{0};
+thread_local int t_nSharedUses = 0;
+
+} // namespace
+
 void QXSetSharedNotify(CQXNotify* pNotify)
 {
     g_pSharedNotify.store(pNotify);
+    if (pNotify != nullptr) return;
+    while (g_nSharedUsers.load() > t_nSharedUses) std::this_thread::yield();
 }
 
 CQXNotify* QXGetSharedNotify()
@@ -363,5 +375,9 @@ CQXNotify* QXGetSharedNotify()
 
 void QXNotifyShared(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
 {
+    g_nSharedUsers.fetch_add(1);
+    ++t_nSharedUses;
     QXGetSharedNotify()->Notify(dwCode, dwValue, dwDevice);
+    --t_nSharedUses;
+    g_nSharedUsers.fetch_sub(1);
 }
