@@ -323,6 +323,10 @@ void QXTrace(const char* pszFormat, ...)
 namespace {
 
 std::atomic<CQXNotify*> g_pSharedNotify{nullptr};
+// Reports in progress through the shared object, and this thread's own among them: the
+// owner of an object taken out of use waits for the others before it goes.
+std::atomic<int> g_nSharedUsers{0};
+thread_local int t_nSharedUses = 0;
 
 // A backend's own reports (a server or a peer that went away) reach the application
 // like any other, on the backend's thread.
@@ -348,15 +352,6 @@ CQXNotify& ProcessNotify()
     static CQXNotify* s_pNotify = new CQXNotify; // reachable from threads during exit
     return *s_pNotify;
 }
-
-} // namespace
-
-namespace {
-
-// Reports in progress through the shared object, and this thread's own among them: the
-// owner of an object taken out of use waits for the others before it goes.
-std::atomic<int> g_nSharedUsers{0};
-thread_local int t_nSharedUses = 0;
 
 } // namespace
 

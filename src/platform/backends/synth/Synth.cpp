@@ -86,12 +86,6 @@ public:
     // Null when FluidSynth cannot be made or the SoundFont does not load.
     static std::unique_ptr<SynthEngine> Create(DWORD rate, uint32_t maxFrames, const std::string& soundFont)
     {
-        // FluidSynth's own log would reach stderr beside the one result the caller reports.
-        static const bool quiet = [] {
-            for (int level = FLUID_PANIC; level < LAST_LOG_LEVEL; ++level) fluid_set_log_function(level, nullptr, nullptr);
-            return true;
-        }();
-        (void)quiet;
         if (!LooksLikeSoundFont(soundFont)) return nullptr;
         std::unique_ptr<SynthEngine> e(new SynthEngine(maxFrames));
         e->m_settings = new_fluid_settings();
