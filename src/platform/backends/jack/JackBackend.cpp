@@ -55,6 +55,8 @@ struct Header {
     int64_t timeUs; // JACK time: due time out, arrival time in
     uint32_t size;
 };
+// In the timed ring: what came before it was withdrawn (a header with no message).
+constexpr uint32_t kWithdrawnMark = UINT32_MAX;
 
 class JackBackend;
 JackBackend* Instance();
@@ -116,6 +118,10 @@ struct OutSlot {
     jack_ringbuffer_t* timed = nullptr; // in due order, from the stream engine
     jack_ringbuffer_t* now = nullptr;   // at once, from any thread
     std::mutex producers;               // producers only; the process callback never locks
+    // Withdrawals asked for (counted before their mark is written) and marks passed (the
+    // process callback's): while they differ, timed messages are dropped.
+    std::atomic<uint32_t> withdrawals{0};
+    uint32_t marksPassed = 0;
 };
 
 struct InSlot {
@@ -345,14 +351,37 @@ private:
 // not due in this cycle or that no longer fits. Timed messages land on the frame of their
 // due time through the client's mapping.
 void Drain(jack_ringbuffer_t* ring, void* buf, jack_nframes_t nframes, const FrameClock& clock, jack_nframes_t rate,
-           jack_nframes_t& last, bool bTimed)
+           jack_nframes_t& last, OutSlot* pWithdrawing)
 {
+    const bool bTimed = pWithdrawing != nullptr;
     Header h;
     while (jack_ringbuffer_read_space(ring) >= sizeof h) {
         jack_ringbuffer_peek(ring, reinterpret_cast<char*>(&h), sizeof h);
+        if (bTimed && h.size == kWithdrawnMark) {
+            jack_ringbuffer_read_advance(ring, sizeof h);
+            ++pWithdrawing->marksPassed;
+            continue;
+        }
         if (jack_ringbuffer_read_space(ring) < sizeof h + h.size) return;
+        bool bWithdrawn = bTimed && pWithdrawing->marksPassed != pWithdrawing->withdrawals.load(std::memory_order_acquire);
+        if (bWithdrawn && h.size >= 3) {
+            // A withdrawn note-off still ends its note, at once: nothing hangs while paused.
+            uint8_t m[3];
+            jack_ringbuffer_data_t vec[2];
+            jack_ringbuffer_get_read_vector(ring, vec);
+            for (size_t i = 0; i < 3; ++i) {
+                const size_t at = sizeof h + i;
+                m[i] = static_cast<uint8_t>(at < vec[0].len ? vec[0].buf[at] : vec[1].buf[at - vec[0].len]);
+            }
+            bWithdrawn = !((m[0] & 0xF0) == 0x80 || ((m[0] & 0xF0) == 0x90 && m[2] == 0));
+            if (!bWithdrawn) h.timeUs = 0;
+        }
+        if (bWithdrawn) {
+            jack_ringbuffer_read_advance(ring, sizeof h + h.size);
+            continue;
+        }
         jack_nframes_t off = 0;
-        if (bTimed) {
+        if (bTimed && h.timeUs != 0) {
             const int64_t rel = clock.FrameAt(h.timeUs, rate) - clock.frames;
             if (rel >= static_cast<int64_t>(nframes)) return; // a later cycle's
             off = rel > 0 ? static_cast<jack_nframes_t>(rel) : 0;
@@ -452,8 +481,8 @@ int JackBackend::Process(jack_nframes_t nframes, void* arg)
         void* buf = jack_port_get_buffer(out->port, nframes);
         jack_midi_clear_buffer(buf);
         jack_nframes_t last = 0;
-        Drain(out->now, buf, nframes, self->m_clock, self->m_rate, last, false);
-        Drain(out->timed, buf, nframes, self->m_clock, self->m_rate, last, true);
+        Drain(out->now, buf, nframes, self->m_clock, self->m_rate, last, nullptr);
+        Drain(out->timed, buf, nframes, self->m_clock, self->m_rate, last, out);
     }
     for (auto& s : self->m_ins) {
         InSlot* in = s.load(std::memory_order_acquire);
@@ -523,9 +552,18 @@ public:
     // the wall clock, and one of margin for the stream thread.
     int64_t LeadNs() const override { return 3 * m_b->PeriodNs() + 1'000'000; }
 
-    // The ring is read by the process callback alone; dropping waiting messages would race
-    // it, so they are let out (they were due within the lead time anyway).
-    void Cancel() override {}
+    // The ring is read by the process callback alone: a mark in it says that what came
+    // before is dropped (note-offs aside, which go at once).
+    void Cancel() override { Withdraw(); }
+    bool Withdraw() override
+    {
+        const Header mark{0, kWithdrawnMark};
+        std::lock_guard<std::mutex> lock(m_slot->producers);
+        if (jack_ringbuffer_write_space(m_slot->timed) < sizeof mark) return false;
+        m_slot->withdrawals.fetch_add(1, std::memory_order_release);
+        jack_ringbuffer_write(m_slot->timed, reinterpret_cast<const char*>(&mark), sizeof mark);
+        return true;
+    }
 
     bool Alive() const override { return !m_b->Dead(); }
 
