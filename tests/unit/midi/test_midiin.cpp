@@ -40,9 +40,8 @@ struct Recorder {
     }
 };
 
-void Send(int n, std::initializer_list<BYTE> bytes, int64_t timeNs = 0)
+void Send(int n, const Msg& b, int64_t timeNs = 0)
 {
-    const Msg b(bytes);
     ASSERT_TRUE(qxplat::QXVirtualInjectMidiIn(n, b.data(), b.size(), timeNs));
 }
 
@@ -71,12 +70,9 @@ TEST_F(MidiInTest, StatusTableDecidesWhatIsRecordedEchoedAndSynced)
     OpenInput(0);
     // Outside slave mode the transport bytes do nothing at all.
     for (BYTE s : {0xF6, 0xF7, 0xF8, 0xFA, 0xFB, 0xFC, 0xFE, 0xFF, 0xF4, 0xF5, 0xF9, 0xFD, 0xFA, 0xF8}) Send(0, {s});
-    Send(0, {0xF1, 0x10});
-    Send(0, {0xF2, 0x01, 0x02});
-    Send(0, {0xF3, 0x05});
-    Send(0, {0xC3, 0x05});
-    Send(0, {0x92, 0x3C, 0x40});
-    Send(0, {0x3D, 0x41}); // running status: another note-on
+    // Running status makes the last one another note-on.
+    for (Msg m : Msgs{{0xF1, 0x10}, {0xF2, 0x01, 0x02}, {0xF3, 0x05}, {0xC3, 0x05}, {0x92, 0x3C, 0x40}, {0x3D, 0x41}})
+        Send(0, m);
     ASSERT_TRUE(rec.WaitFor(7));
     const Msgs echoed = Out(1, 7); // the last echoes: whatever else was recorded is in by now
     std::vector<DWORD> data;
@@ -121,12 +117,8 @@ TEST_F(MidiInTest, RecordingsSeeEveryMessageInStartOrderWithTheirOwnValues)
     ASSERT_TRUE(b.WaitFor(1));
     auto sa = a.Take(), sb = b.Take();
     ASSERT_EQ(sa.size(), 1u);
-    EXPECT_EQ(sa[0].tag, ta);
-    EXPECT_EQ(sb[0].tag, tb);
-    EXPECT_EQ(sa[0].device, 1);
-    EXPECT_GE(sa[0].time, 1500u);
-    EXPECT_LE(sa[0].time, 1501u);
-    EXPECT_EQ(sa[0].data, 0x00403C90u);
+    EXPECT_EQ(std::make_tuple(sa[0].tag, sb[0].tag, sa[0].device, sa[0].data), std::make_tuple(ta, tb, 1, 0x00403C90u));
+    EXPECT_NEAR(double(sa[0].time), 1500.5, 0.5);
 
     // A callback that stops its own recording and starts another, on the input's thread.
     a.also = [&](int tag) {
@@ -233,9 +225,7 @@ TEST_F(MidiInTest, StoppingARecordingFromASyncNotificationCannotDeadlock)
 TEST_F(MidiInTest, DestroyingAnOpenInputLeavesNoOpenPlatformInput)
 {
     auto* in = new CMidiIn;
-    ASSERT_EQ(in->Open(1), 1);
-    ASSERT_EQ(in->Start(), 1);
-    ASSERT_EQ(in->Pause(), 1);
+    ASSERT_EQ(in->Open(1) + in->Start() + in->Pause(), 3);
     EXPECT_EQ(in->GetState(), QX_STATE_OPEN | QX_STATE_PAUSED);
     delete in;
     EXPECT_FALSE(qxplat::QXVirtualInjectMidiIn(1, reinterpret_cast<const BYTE*>("\x90\x3C\x40"), 3)) << "closed";

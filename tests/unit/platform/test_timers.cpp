@@ -65,19 +65,6 @@ struct Probe {
 
 } // namespace
 
-TEST(Timer, OneShotFiresOnceOffTheCallersThreadNeverEarly)
-{
-    Probe p;
-    const Clock::time_point armed = Clock::now();
-    UINT id = p.Arm(20, TIME_ONESHOT);
-    ASSERT_TRUE(p.WaitFor(1));
-    std::this_thread::sleep_for(60ms);
-    EXPECT_EQ(p.Count(), 1u);
-    EXPECT_GE(p.times[0], armed + 20ms);
-    EXPECT_NE(p.thread, std::this_thread::get_id());
-    EXPECT_EQ(timeKillEvent(id), MMSYSERR_INVALPARAM) << "finished";
-}
-
 TEST(Timer, PeriodicKeepsAbsoluteDeadlinesSkipsMissedTicksAndStopsWhenKilled)
 {
     // The callback's own 12 ms must not push the grid: the typical gap stays 20 ms, not 32.
@@ -110,27 +97,20 @@ TEST(Timer, PeriodicKeepsAbsoluteDeadlinesSkipsMissedTicksAndStopsWhenKilled)
               10);
 }
 
-TEST(Timer, KillWaitsForTheRunningCallback)
+// Callbacks run with no lock of the service held; a kill from outside waits for the
+// running callback.
+TEST(Timer, KillWaitsForTheRunningCallbackAndCallbacksMayArmAndKill)
 {
     for (UINT flags : {TIME_ONESHOT, TIME_PERIODIC}) {
-        SCOPED_TRACE(flags);
         Probe p;
         std::atomic<bool> finished{false};
-        p.hook = [&](UINT, size_t) {
-            std::this_thread::sleep_for(100ms);
-            finished = true;
-        };
+        p.hook = [&](UINT, size_t) { std::this_thread::sleep_for(100ms), finished = true; };
         UINT id = p.Arm(1, flags);
         ASSERT_TRUE(p.WaitFor(1));
         EXPECT_EQ(timeKillEvent(id), TIMERR_NOERROR);
-        EXPECT_TRUE(finished.load());
+        EXPECT_TRUE(finished.load()) << flags;
         EXPECT_EQ(p.Count(), 1u);
     }
-}
-
-// Callbacks run with no lock of the service held.
-TEST(Timer, CallbackMayArmKillOthersAndKillItself)
-{
     Probe p, inner, victim;
     UINT victimId = victim.Arm(100, TIME_ONESHOT);
     std::atomic<MMRESULT> killedVictim{~0u}, killedSelf{~0u};
@@ -150,27 +130,33 @@ TEST(Timer, CallbackMayArmKillOthersAndKillItself)
     EXPECT_EQ(timeKillEvent(id), MMSYSERR_INVALPARAM);
 }
 
-TEST(Timer, ManyTimersFireOnceInDeadlineOrderUnlessKilled)
+// One-shots fire once, never early, off the caller's thread, and in deadline order.
+TEST(Timer, ManyOneShotsFireOnceInDeadlineOrderUnlessKilled)
 {
     constexpr size_t kTimers = 200;
     std::vector<Probe> shots(kTimers);
     std::vector<Clock::time_point> lo(kTimers), hi(kTimers); // bounds of the deadline taken
+    std::vector<UINT> ids(kTimers);
     std::mt19937 rng(12345);
     for (size_t i = 0; i < kTimers; ++i) {
         const bool kill = i % 3 == 0;
         const auto delay = std::chrono::milliseconds((kill ? 150 : 1) + rng() % 150);
         lo[i] = Clock::now() + delay;
-        const UINT id = shots[i].Arm(static_cast<UINT>(delay.count()), TIME_ONESHOT);
+        ids[i] = shots[i].Arm(static_cast<UINT>(delay.count()), TIME_ONESHOT);
         hi[i] = Clock::now() + delay;
-        ASSERT_NE(id, 0u);
-        EXPECT_TRUE(!kill || timeKillEvent(id) == TIMERR_NOERROR);
+        ASSERT_NE(ids[i], 0u);
+        EXPECT_TRUE(!kill || timeKillEvent(ids[i]) == TIMERR_NOERROR);
     }
     for (size_t i = 0; i < kTimers; ++i) ASSERT_TRUE(i % 3 == 0 || shots[i].WaitFor(1)) << "timer " << i;
     std::this_thread::sleep_until(*std::max_element(hi.begin(), hi.end()) + 50ms); // the killed ones' deadlines pass
     std::vector<size_t> order;
     for (size_t i = 0; i < kTimers; ++i) {
         EXPECT_EQ(shots[i].Count(), i % 3 == 0 ? 0u : 1u) << "timer " << i;
-        if (shots[i].Count() > 0) order.push_back(i);
+        if (shots[i].Count() == 0) continue;
+        order.push_back(i);
+        EXPECT_GE(shots[i].times[0], lo[i]) << "timer " << i << " fired early";
+        EXPECT_NE(shots[i].thread, std::this_thread::get_id());
+        EXPECT_EQ(timeKillEvent(ids[i]), MMSYSERR_INVALPARAM) << "finished";
     }
     // One thread runs the callbacks, so their clock readings give the firing order.
     std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return shots[a].times[0] < shots[b].times[0]; });
