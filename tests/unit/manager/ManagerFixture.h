@@ -39,6 +39,11 @@ public:
 
     static inline std::mutex s_logMutex;
     static inline std::vector<std::string> s_log;
+    static void Clear()
+    {
+        std::lock_guard<std::mutex> lock(s_logMutex);
+        s_log.clear();
+    }
     // The hook calls whose text begins with prefix.
     static std::vector<std::string> Log(const std::string& prefix = "")
     {
@@ -98,10 +103,7 @@ protected:
     void SetUp() override
     {
         QXFaultClear();
-        {
-            std::lock_guard<std::mutex> lock(FakeDevice::s_logMutex);
-            FakeDevice::s_log.clear();
-        }
+        FakeDevice::Clear();
         QXSetDeviceFactory([](int t, int d) -> CQXDevice* { return new FakeDevice(t, d); });
         qxplat::QXVirtualSetDevices(2, 3, 1, 0);
     }
