@@ -51,32 +51,34 @@ protected:
 
 } // namespace
 
-// A failed step leaves the input where it was, and succeeds once the fault is gone.
+// A failed step leaves the input where it was, and succeeds once the fault is gone. A
+// paused input is a stopped one: pausing fails the same way.
 TEST_F(Failures, MidiInputReportsEveryFailingCallWithItsNumber)
 {
-    const int in = QX_DEVDIR_IN;
     QX_DevCaps caps;
     Fails("midiInGetDevCapsA", MMSYSERR_NODRIVER, [&] { return CMidiIn::GetDeviceCaps(1, &caps); },
           QXN_MIDIIN_GETCAPS, 1);
     EXPECT_EQ(CMidiIn::GetDeviceCaps(7, &caps), 0) << "no such input";
     EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_GETCAPS, MMSYSERR_BADDEVICEID, 7}}));
     EXPECT_EQ(CMidiIn::GetDeviceCaps(1, &caps), 1);
-
-    Fails("midiInOpen", MMSYSERR_ALLOCATED, [&] { return Midi(&CQuavix::OpenDevice, in, 1); }, QXN_MIDIIN_OPEN, 1);
-    EXPECT_EQ(State(in, 1), QX_STATE_CLOSED);
-    ASSERT_EQ(Midi(&CQuavix::OpenDevice, in, 1), 1);
-    Fails("midiInStart", MMSYSERR_NOMEM, [&] { return Midi(&CQuavix::StartDevice, in, 1); }, QXN_MIDIIN_START, 1);
-    EXPECT_EQ(State(in, 1), QX_STATE_OPEN);
-    ASSERT_EQ(Midi(&CQuavix::StartDevice, in, 1), 1);
-    // A paused input is a stopped one: pausing fails the same way.
-    Fails("midiInStop", MMSYSERR_INVALHANDLE, [&] { return Midi(&CQuavix::StopDevice, in, 1); }, QXN_MIDIIN_STOP, 1);
-    Fails("midiInStop", MMSYSERR_ERROR, [&] { return Midi(&CQuavix::PauseDevice, in, 1); }, QXN_MIDIIN_STOP, 1);
-    EXPECT_TRUE(State(in, 1) & QX_STATE_STARTED);
-    ASSERT_EQ(Midi(&CQuavix::StopDevice, in, 1), 1);
-    Fails("midiInClose", MMSYSERR_HANDLEBUSY, [&] { return Midi(&CQuavix::CloseDevice, in, 1); }, QXN_MIDIIN_CLOSE,
-          1);
-    EXPECT_TRUE(State(in, 1) & QX_STATE_OPEN);
-    EXPECT_EQ(Midi(&CQuavix::CloseDevice, in, 1), 1);
+    const struct {
+        const char* call;
+        DWORD result, code;
+        int (CQuavix::*step)(int, int, int);
+    } steps[] = {{"midiInOpen", MMSYSERR_ALLOCATED, QXN_MIDIIN_OPEN, &CQuavix::OpenDevice},
+                 {"midiInStart", MMSYSERR_NOMEM, QXN_MIDIIN_START, &CQuavix::StartDevice},
+                 {"midiInStop", MMSYSERR_ERROR, QXN_MIDIIN_STOP, &CQuavix::PauseDevice},
+                 {"midiInStop", MMSYSERR_INVALHANDLE, QXN_MIDIIN_STOP, &CQuavix::StopDevice},
+                 {"midiInClose", MMSYSERR_HANDLEBUSY, QXN_MIDIIN_CLOSE, &CQuavix::CloseDevice}};
+    for (const auto& s : steps) {
+        const UINT before = State(QX_DEVDIR_IN, 1);
+        Fails(s.call, s.result, [&] { return Midi(s.step, QX_DEVDIR_IN, 1); }, s.code, 1);
+        EXPECT_EQ(State(QX_DEVDIR_IN, 1), before) << s.call;
+        if (s.step != &CQuavix::PauseDevice) {
+            ASSERT_EQ(Midi(s.step, QX_DEVDIR_IN, 1), 1);
+        }
+    }
+    EXPECT_EQ(State(QX_DEVDIR_IN, 1), QX_STATE_CLOSED);
     EXPECT_EQ(Reports::Take(), Got{});
 }
 
@@ -100,20 +102,18 @@ TEST_F(Failures, MidiOutputReportsEveryFailingCallWithItsNumber)
     // but cannot be unprepared: each is taken, if not played, and gone afterwards.
     auto period = [&] {
         CQXEventList list;
-        auto* e = new CQXEventData;
-        e->SetMidiData(0x00403C90);
-        e->SetTimeStamp(10);
-        list.AddTail(e);
+        list.AddTail(new CQXEventData);
+        list.GetHead()->SetMidiData(0x00403C90);
         const int r = pOut->PlayData(&list, 0, 100);
         while (CQXEventData* pLeft = list.RemoveHead()) delete pLeft; // refused: the caller's
         return r;
     };
-    QXFaultInject("midiOutPrepareHeader", MMSYSERR_NOMEM);
-    EXPECT_EQ(period(), 1);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_PREPARE, MMSYSERR_NOMEM, 2}}));
-    QXFaultInject("midiStreamOut", MIDIERR_STILLPLAYING);
-    EXPECT_EQ(period(), 1);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_SEND, MIDIERR_STILLPLAYING, 2}}));
+    for (auto [call, result, code] : {std::tuple{"midiOutPrepareHeader", MMSYSERR_NOMEM, QXN_MIDIOUT_PREPARE},
+                                      {"midiStreamOut", MIDIERR_STILLPLAYING, QXN_MIDIOUT_SEND}}) {
+        QXFaultInject(call, result);
+        EXPECT_EQ(period(), 1);
+        EXPECT_EQ(Reports::Take(), (Got{{code, result, 2}}));
+    }
     ASSERT_EQ(period(), 1);
     QXFaultInject("midiOutUnprepareHeader", MIDIERR_UNPREPARED);
     ASSERT_EQ(Midi(&CQuavix::StopDevice, out, 2), 1); // returns the buffer, and waits for it
