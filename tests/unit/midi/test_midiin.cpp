@@ -221,15 +221,3 @@ TEST_F(MidiInTest, StoppingARecordingFromASyncNotificationCannotDeadlock)
     ASSERT_TRUE(a.WaitFor(2));
     EXPECT_EQ(rec.Take().size(), 1u) << "the recording was stopped";
 }
-
-TEST_F(MidiInTest, DestroyingAnOpenInputLeavesNoOpenPlatformInput)
-{
-    auto* in = new CMidiIn;
-    ASSERT_EQ(in->Open(1) + in->Start() + in->Pause(), 3);
-    EXPECT_EQ(in->GetState(), QX_STATE_OPEN | QX_STATE_PAUSED);
-    delete in;
-    EXPECT_FALSE(qxplat::QXVirtualInjectMidiIn(1, reinterpret_cast<const BYTE*>("\x90\x3C\x40"), 3)) << "closed";
-    HMIDIIN h;
-    EXPECT_EQ(midiInOpen(&h, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
-    midiInClose(h);
-}
