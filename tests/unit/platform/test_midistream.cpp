@@ -219,41 +219,29 @@ TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
 
 // A position callback that pauses its stream while another thread stops it, or stops
 // the stream itself.
-struct SelfControl : Calls {
-    HMIDISTRM h = nullptr;
-    bool bStop = false;
-
-    static void CALLBACK Proc(HMIDIOUT h, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR p2)
-    {
-        auto* c = reinterpret_cast<SelfControl*>(inst);
-        Calls::Proc(h, msg, inst, p1, p2);
-        if (msg != MOM_POSITIONCB) return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the other thread's stop waits now
-        if (c->bStop)
-            midiStreamStop(c->h);
-        else
-            midiStreamPause(c->h);
-    }
-};
-
 TEST(MidiStreamRace, APositionCallbackMayPauseOrStopItsOwnStream)
 {
     qxplat::QXVirtualSetDevices(0, 1, 0, 0);
     for (bool bStop : {false, true}) {
         SCOPED_TRACE(bStop);
-        SelfControl c;
-        c.bStop = bStop;
-        c.h = OpenStream(P(SelfControl::Proc), &c);
+        Calls c;
+        HMIDISTRM h = nullptr;
+        c.hook = [&](UINT msg) {
+            if (msg != MOM_POSITIONCB) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the other thread's stop waits now
+            bStop ? midiStreamStop(h) : midiStreamPause(h);
+        };
+        h = OpenStream(P(Calls::Proc<HMIDIOUT>), &c);
         Buffer b;
-        b.Ev(0, kCallbackEvent, {1, 77}).Ev(500, 0x02000000u).Queue(c.h);
-        midiStreamRestart(c.h);
+        b.Ev(0, kCallbackEvent, {1, 77}).Ev(500, 0x02000000u).Queue(h);
+        midiStreamRestart(h);
         ASSERT_TRUE(c.WaitFor(MOM_POSITIONCB, 1));
         if (!bStop) {
-            EXPECT_EQ(midiStreamStop(c.h), MMSYSERR_NOERROR); // amid the callback
+            EXPECT_EQ(midiStreamStop(h), MMSYSERR_NOERROR); // amid the callback
         }
         EXPECT_TRUE(c.WaitFor(MOM_DONE, 1));
         EXPECT_TRUE(b.hdr.dwFlags & MHDR_DONE);
-        EXPECT_EQ(midiStreamClose(c.h), MMSYSERR_NOERROR);
+        EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
     }
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
 }
