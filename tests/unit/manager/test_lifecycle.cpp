@@ -1,9 +1,8 @@
 // The manager's life against what applications do to it: callbacks that end the
-// library, delayed starts pending at exit, threads that still reach for it, bad values.
+// library, threads that still reach for it, bad values.
 #include "ManagerFixture.h"
 
 #include <climits>
-#include <random>
 
 namespace {
 
@@ -71,18 +70,6 @@ TEST_F(ManagerTest, ExitInsideACallbackIsRefusedAndTheManagerGoesOn)
     EXPECT_GT(q->StartPerformance([](DWORD_PTR, int, DWORD, DWORD) { return 1; }, 0, 0, 0), 0);
     CQuavix::ExitQuavix();
     EXPECT_EQ(CQuavix::GetQuavix(), nullptr);
-}
-
-TEST_F(ManagerTest, DelayedStartsPendingAtExitNeverHoldItUp)
-{
-    std::mt19937 rng(20240601);
-    for (int round = 0; round < 40; ++round) {
-        CQuavix* q = Make();
-        for (int i = 0; i < 300; ++i) q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, i % 2, 10 + DWORD(rng() % 41));
-        Sleep(10 + DWORD(rng() % 31)); // exit while some have fired and others are pending
-        CQuavix::ExitQuavix();
-        ASSERT_EQ(CQuavix::GetQuavix(), nullptr) << "round " << round;
-    }
 }
 
 TEST_F(ManagerTest, PrefetchCountIsBoundedAndTheLatencyNeverWraps)
