@@ -60,13 +60,14 @@ protected:
 
 } // namespace
 
-TEST_F(MidiInTest, StatusTableDecidesWhatIsRecordedEchoedAndSynced)
+// Thru echoes on its own channel to its output, or to the default output when that is on.
+TEST_F(MidiInTest, StatusTableDecidesWhatIsRecordedEchoedAndSyncedAndThruSetsTheChannel)
 {
     rec.Start(q);
     perf.Start(q);
     q->EnableMidiThru(1);
     q->ConnectMidiThru(1, -1);
-    q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1);
+    q->OpenDevices();
     OpenInput(0);
     // Outside slave mode the transport bytes do nothing at all.
     for (BYTE s : {0xF6, 0xF7, 0xF8, 0xFA, 0xFB, 0xFC, 0xFE, 0xFF, 0xF4, 0xF5, 0xF9, 0xFD, 0xFA, 0xF8}) Send(0, {s});
@@ -83,18 +84,10 @@ TEST_F(MidiInTest, StatusTableDecidesWhatIsRecordedEchoedAndSynced)
     EXPECT_EQ(data, (std::vector<DWORD>{0xF4, 0xF5, 0xF9, 0xFD, 0x000005C3, 0x00403C92, 0x00413D92}));
     EXPECT_EQ(echoed, (Msgs{{0xF4}, {0xF5}, {0xF9}, {0xFD}, {0xC3, 0x05}, {0x92, 0x3C, 0x40}, {0x92, 0x3D, 0x41}}));
     EXPECT_TRUE(perf.Get(perf.codes).empty());
-}
-
-TEST_F(MidiInTest, ThruRewritesTheChannelAndFollowsTheDefaultOutput)
-{
-    rec.Start(q);
-    q->EnableMidiThru(1);
+    q->ConnectMidiThru(1, 9);
     q->ConnectMidiThru(5, 3); // no output 5: nothing changes
     q->ConnectMidiThru(1, 16);
-    EXPECT_EQ(std::make_pair(q->GetMidiThruDevice(), q->GetMidiThruChannel()), std::make_pair(0, -1));
-    q->ConnectMidiThru(1, 9);
-    q->OpenDevices();
-    OpenInput(0);
+    EXPECT_EQ(std::make_pair(q->GetMidiThruDevice(), q->GetMidiThruChannel()), std::make_pair(1, 9));
     Send(0, {0x92, 0x3C, 0x40});
     EXPECT_EQ(Out(1, 1), (Msgs{{0x99, 0x3C, 0x40}}));
     q->SetDefaultMidiDevice(2);
