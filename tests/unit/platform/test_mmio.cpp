@@ -126,9 +126,11 @@ TEST_F(Mmio, ChunksAreWrittenWithTheirTrueSizesAndFoundInsideTheirParent)
     ASSERT_EQ(mmioAscend(h, &form, 0), 0u);
     put("tail", "outside");
     mmioWrite(h, "huge\xF0\xFF\xFF\xFF", 8);
+    put("last", "z"); // its pad is the file's last byte
     ASSERT_EQ(mmioClose(h, 0), 0u);
     const std::string riff = Riff(Chunk("fmt ", "12345") + Chunk("data", "abc"));
-    ASSERT_EQ(Slurp(path), Chunk("JUNK", "j") + riff + Chunk("tail", "outside") + "huge" + Le32(0xFFFFFFF0u));
+    ASSERT_EQ(Slurp(path),
+              Chunk("JUNK", "j") + riff + Chunk("tail", "outside") + "huge" + Le32(0xFFFFFFF0u) + Chunk("last", "z"));
 
     for (DWORD buffering : {0u, DWORD(MMIO_ALLOCBUF)}) {
         h = Open(path, MMIO_READ | buffering);
