@@ -9,6 +9,7 @@
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "unit/wavefile/WaveTestUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -28,6 +29,8 @@ inline std::string DescribeEvent(const CQXEventData* p)
         s += "." + std::to_string(reinterpret_cast<const BYTE*>(p->m_dwData)[i]);
     return s + "@" + std::to_string(p->m_dwTimeStamp);
 }
+
+using wavetest::Eventually;
 
 // Posted to a fake device: it reports notification 777 from its own thread.
 constexpr UINT kFakeNotifyFromThread = 0x0400 + 77;
@@ -122,23 +125,9 @@ protected:
         return q;
     }
 
-    // The manager's notifications from now on, as code, value, device.
-    static std::vector<DWORD>& Reports(CQuavix* q)
-    {
-        static std::vector<DWORD> r;
-        r.clear();
-        q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { r.insert(r.end(), {c, v, DWORD(d)}); }, 0);
-        return r;
-    }
 
     static FakeDevice* Dev(CQuavix* q, int t, int d, int n) { return static_cast<FakeDevice*>(q->GetDevice(t, d, n)); }
 
-    // Waits (generously) for a condition that another thread makes true.
-    template <class Pred> static bool Eventually(Pred pred, int ms = 5000)
-    {
-        for (int i = 0; i < ms && !pred(); ++i) Sleep(1);
-        return pred();
-    }
     // Waits until the manager's thread has handled every message posted before: a
     // delayed start posted behind them has run.
     static void Drain(CQuavix* q)

@@ -118,7 +118,7 @@ TEST_F(ManagerTest, ThreadsReachingForTheManagerSurviveItsExit)
         q->ConnectMidiThru(-1, -1); // through the manager to no output: no device noise
         if (round % 3 == 0) q->SetSyncMode(QX_SYNCMODE_SLAVE);
         const int nBefore = reached.load();
-        Eventually([&] { return reached.load() > nBefore; }, 200);
+        Eventually([&] { return reached.load() > nBefore; }, std::chrono::milliseconds(200));
         CQuavix::ExitQuavix();
     }
     stop = true;

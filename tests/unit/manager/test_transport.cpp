@@ -109,10 +109,11 @@ TEST_F(ManagerTest, DelayedStartRunsOnTheManagerThreadAndCanBeCancelled)
     EXPECT_EQ(q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1, 50), 0u);
     q->StopDevices();
     FakeDevice::Clear();
-    const std::vector<DWORD>& reports = Reports(q);
+    q->SetNotificationCallback(wavetest::ReportLog::Proc, 0);
+    wavetest::ReportLog::Take();
     QXFaultInject("timeSetEvent", 0);
     EXPECT_EQ(q->StartDevices(), 0);
-    EXPECT_EQ(reports, (std::vector<DWORD>{QXN_TIMER_CREATE, 0, 0}));
+    EXPECT_EQ(wavetest::ReportLog::Take(), (wavetest::Log{{QXN_TIMER_CREATE, 0, 0}}));
     EXPECT_TRUE(FakeDevice::Log("start").empty());
     EXPECT_NE(q->GetPlayStartTime(), 0u);
 }

@@ -189,14 +189,14 @@ TEST_F(MidiInTest, StoppingARecordingFromASyncNotificationCannotDeadlock)
     std::atomic<bool> inRecording{false}, inSync{false}, syncDone{false};
     rec.also = [&](int) {
         inRecording = true;
-        Eventually([&] { return inSync.load(); }, 2000);
+        Eventually([&] { return inSync.load(); }, std::chrono::milliseconds(2000));
         q->SendMidiMsg(0, 0x00403C90, 1); // takes the device lock
     };
     const int tag = rec.Start(q);
     a.Start(q); // called after rec
     perf.fn = [&](int code, DWORD, DWORD) {
         if (code == QX_SYNC_CLOCK && !syncDone) {
-            Eventually([&] { return inRecording.load(); }, 2000);
+            Eventually([&] { return inRecording.load(); }, std::chrono::milliseconds(2000));
             inSync = true;
             std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the recording now waits for the lock
             q->StopRecording(tag);

@@ -172,7 +172,8 @@ TEST_F(MidiOutTest, DevicesDestroyedWhileOpenCloseTheirPlatformDevices)
 // several buffers that pace the engine as one; an event no buffer can hold is reported.
 TEST_F(MidiOutTest, ADensePeriodPlaysWholeAndPacesAsOne)
 {
-    std::vector<DWORD>& reports = Reports();
+    q->SetNotificationCallback(wavetest::ReportLog::Proc, 0);
+    wavetest::ReportLog::Take();
     q->SetDefaultMidiDevice(0); // SysEx to output 0 only, not copied to the others
     q->EnableDefaultMidiDevice(1);
     auto big = [](size_t cb, BYTE fill, DWORD time) {
@@ -200,7 +201,7 @@ TEST_F(MidiOutTest, ADensePeriodPlaysWholeAndPacesAsOne)
     auto out = Sent(0, 6);
     q->StopDevices();
 
-    EXPECT_EQ(reports, (std::vector<DWORD>{QXN_MIDIOUT_PREPARE, MMSYSERR_INVALPARAM, 0}));
+    EXPECT_EQ(wavetest::ReportLog::Take(), (wavetest::Log{{QXN_MIDIOUT_PREPARE, MMSYSERR_INVALPARAM, 0}}));
     ASSERT_GE(out.size(), 6u);
     for (size_t i = 0; i < 3; ++i) {
         ASSERT_EQ(out[i].bytes.size(), 6u << 20) << i;
