@@ -22,7 +22,7 @@ struct Calls {
     std::vector<std::pair<UINT, DWORD_PTR>> seen;
     std::vector<std::thread::id> threads;
     std::vector<DWORD> offsets;
-    std::function<void(UINT msg)> hook;
+    std::function<void(UINT msg, DWORD_PTR p1)> hook;
 
     template <class Handle>
     static void CALLBACK Proc(Handle, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
@@ -35,7 +35,7 @@ struct Calls {
             if (msg == MOM_POSITIONCB) c->offsets.push_back(reinterpret_cast<MIDIHDR*>(p1)->dwOffset);
             c->cv.notify_all();
         }
-        if (c->hook) c->hook(msg);
+        if (c->hook) c->hook(msg, p1);
     }
     bool WaitFor(UINT msg, size_t count)
     {

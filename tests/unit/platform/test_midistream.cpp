@@ -148,52 +148,37 @@ TEST_F(MidiStreamTest, AnEventThatOverrunsItsBufferIsNotPlayedAndTheBufferStillR
 
 // Owners free a header as soon as it comes back; a position callback still reading it
 // must have returned by then.
-struct Race {
-    std::mutex mutex;
-    std::vector<DWORD_PTR> reading; // headers inside a position callback
-    int positions = 0, done = 0, returnedWhileRead = 0, changed = 0;
-
-    int Positions()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return positions;
-    }
-
-    static void CALLBACK Proc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
-    {
-        auto* r = reinterpret_cast<Race*>(inst);
+TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
+{
+    qxplat::QXVirtualSetDevices(0, 1, 0, 0);
+    Calls c;
+    std::vector<DWORD_PTR> reading; // headers inside a position callback, under c.mutex
+    int returnedWhileRead = 0, changed = 0;
+    c.hook = [&](UINT msg, DWORD_PTR p1) {
         auto* hdr = reinterpret_cast<MIDIHDR*>(p1);
-        std::unique_lock<std::mutex> lock(r->mutex);
+        std::unique_lock<std::mutex> lock(c.mutex);
         if (msg == MOM_DONE) {
-            ++r->done;
-            r->returnedWhileRead += std::count(r->reading.begin(), r->reading.end(), hdr->dwUser);
+            returnedWhileRead += std::count(reading.begin(), reading.end(), hdr->dwUser);
             lock.unlock();
             delete reinterpret_cast<Buffer*>(hdr->dwUser);
             return;
         }
         if (msg != MOM_POSITIONCB) return;
-        r->reading.push_back(hdr->dwUser);
-        ++r->positions;
+        reading.push_back(hdr->dwUser);
         lock.unlock();
         // Read the event before and after giving a stop the time to overlap.
-        int changed = 0;
+        int n = 0;
         for (int i = 0; i < 2; ++i) {
             const auto* ev = reinterpret_cast<const volatile DWORD*>(hdr->lpData + hdr->dwOffset);
-            changed += ev[3] != 1 || ev[4] != 77;
+            n += ev[3] != 1 || ev[4] != 77;
             if (i == 0) std::this_thread::sleep_for(std::chrono::microseconds(300));
         }
         lock.lock();
-        r->changed += changed;
-        r->reading.erase(std::find(r->reading.begin(), r->reading.end(), hdr->dwUser));
-    }
-};
-
-TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
-{
-    qxplat::QXVirtualSetDevices(0, 1, 0, 0);
-    Race race;
-    HMIDISTRM h = OpenStream(P(Race::Proc), &race);
-    int queued = 0;
+        changed += n;
+        reading.erase(std::find(reading.begin(), reading.end(), hdr->dwUser));
+    };
+    HMIDISTRM h = OpenStream(P(Calls::Proc<HMIDIOUT>), &c);
+    size_t queued = 0;
     for (int round = 0; round < 150; ++round) {
         for (int k = 0; k < 3; ++k, ++queued) {
             auto* buf = new Buffer;
@@ -201,19 +186,19 @@ TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
             buf->Ev(2, 0x02000000u).Hdr()->dwUser = P(buf);
             buf->Queue(h);
         }
-        const int before = race.Positions();
+        const size_t before = c.Count(MOM_POSITIONCB);
         midiStreamRestart(h);
         // Stop at once, a little later, or once the callbacks have begun.
         if (round % 3 == 1) Sleep(1);
-        for (int i = 0; round % 3 == 2 && race.Positions() == before && i < 20000; ++i) Sleep(1);
+        for (int i = 0; round % 3 == 2 && c.Count(MOM_POSITIONCB) == before && i < 20000; ++i) Sleep(1);
         ASSERT_EQ(midiStreamStop(h), MMSYSERR_NOERROR);
     }
     EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
-    std::lock_guard<std::mutex> lock(race.mutex);
-    EXPECT_EQ(race.done, queued) << "every buffer came back once";
-    EXPECT_EQ(race.returnedWhileRead, 0);
-    EXPECT_EQ(race.changed, 0) << "an event changed under its callback";
-    EXPECT_GT(race.positions, 0);
+    EXPECT_EQ(c.Count(MOM_DONE), queued) << "every buffer came back once";
+    EXPECT_GT(c.Count(MOM_POSITIONCB), 0u);
+    std::lock_guard<std::mutex> lock(c.mutex);
+    EXPECT_EQ(returnedWhileRead, 0);
+    EXPECT_EQ(changed, 0) << "an event changed under its callback";
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
 }
 
@@ -226,7 +211,7 @@ TEST(MidiStreamRace, APositionCallbackMayPauseOrStopItsOwnStream)
         SCOPED_TRACE(bStop);
         Calls c;
         HMIDISTRM h = nullptr;
-        c.hook = [&](UINT msg) {
+        c.hook = [&](UINT msg, DWORD_PTR) {
             if (msg != MOM_POSITIONCB) return;
             std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the other thread's stop waits now
             bStop ? midiStreamStop(h) : midiStreamPause(h);
