@@ -43,7 +43,10 @@ protected:
         EXPECT_EQ(step(), 0);
         EXPECT_EQ(Reports::Take(), (Got{{code, result, dev}}));
     }
-    int Midi(int (CQuavix::*step)(int, int, int), int nDir, int n) { return (q->*step)(QX_DEVTYPE_MIDI, nDir, n); }
+    std::function<int()> Step(int (CQuavix::*step)(int, int, int), int nDir, int n)
+    {
+        return [=, this] { return (q->*step)(QX_DEVTYPE_MIDI, nDir, n); };
+    }
     UINT State(int nDir, int n) { return q->GetDeviceState(QX_DEVTYPE_MIDI, nDir, n); }
 
     CQuavix* q = nullptr;
@@ -72,10 +75,10 @@ TEST_F(Failures, MidiInputReportsEveryFailingCallWithItsNumber)
                  {"midiInClose", MMSYSERR_HANDLEBUSY, QXN_MIDIIN_CLOSE, &CQuavix::CloseDevice}};
     for (const auto& s : steps) {
         const UINT before = State(QX_DEVDIR_IN, 1);
-        Fails(s.call, s.result, [&] { return Midi(s.step, QX_DEVDIR_IN, 1); }, s.code, 1);
+        Fails(s.call, s.result, Step(s.step, QX_DEVDIR_IN, 1), s.code, 1);
         EXPECT_EQ(State(QX_DEVDIR_IN, 1), before) << s.call;
         if (s.step != &CQuavix::PauseDevice) {
-            ASSERT_EQ(Midi(s.step, QX_DEVDIR_IN, 1), 1);
+            ASSERT_EQ(Step(s.step, QX_DEVDIR_IN, 1)(), 1);
         }
     }
     EXPECT_EQ(State(QX_DEVDIR_IN, 1), QX_STATE_CLOSED);
@@ -92,7 +95,7 @@ TEST_F(Failures, MidiOutputReportsEveryFailingCallWithItsNumber)
     QX_DevCaps caps;
     Fails("midiOutGetDevCapsA", MMSYSERR_NOTENABLED, [&] { return CMidiOut::GetDeviceCaps(2, &caps); },
           QXN_MIDIOUT_GETCAPS, 2);
-    auto open = [&] { return Midi(&CQuavix::OpenDevice, out, 2); };
+    auto open = Step(&CQuavix::OpenDevice, out, 2);
     Fails("midiStreamOpen", MMSYSERR_ALLOCATED, open, QXN_MIDIOUT_OPEN, 2);
     Fails("midiStreamProperty", MIDIERR_NOTREADY, open, QXN_MIDIOUT_SETTIMING, 2);
     EXPECT_EQ(State(out, 2), QX_STATE_CLOSED);
@@ -116,17 +119,15 @@ TEST_F(Failures, MidiOutputReportsEveryFailingCallWithItsNumber)
     }
     ASSERT_EQ(period(), 1);
     QXFaultInject("midiOutUnprepareHeader", MIDIERR_UNPREPARED);
-    ASSERT_EQ(Midi(&CQuavix::StopDevice, out, 2), 1); // returns the buffer, and waits for it
+    ASSERT_EQ(Step(&CQuavix::StopDevice, out, 2)(), 1); // returns the buffer, and waits for it
     EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_UNPREPARE, MIDIERR_UNPREPARED, 2}}));
     EXPECT_TRUE(qxplat::QXVirtualTakeMidiOut(2).empty()) << "never started: nothing played";
 
-    Fails("midiStreamRestart", MMSYSERR_NODRIVER, [&] { return Midi(&CQuavix::StartDevice, out, 2); },
-          QXN_MIDIOUT_START, 2);
+    Fails("midiStreamRestart", MMSYSERR_NODRIVER, Step(&CQuavix::StartDevice, out, 2), QXN_MIDIOUT_START, 2);
     EXPECT_EQ(period(), 0) << "a stream that failed to start takes no period";
-    ASSERT_EQ(Midi(&CQuavix::StartDevice, out, 2), 1);
-    Fails("midiStreamPause", MMSYSERR_INVALHANDLE, [&] { return Midi(&CQuavix::PauseDevice, out, 2); },
-          QXN_MIDIOUT_PAUSE, 2);
-    Fails("midiStreamStop", MMSYSERR_ERROR, [&] { return Midi(&CQuavix::StopDevice, out, 2); }, QXN_MIDIOUT_STOP, 2);
+    ASSERT_EQ(Step(&CQuavix::StartDevice, out, 2)(), 1);
+    Fails("midiStreamPause", MMSYSERR_INVALHANDLE, Step(&CQuavix::PauseDevice, out, 2), QXN_MIDIOUT_PAUSE, 2);
+    Fails("midiStreamStop", MMSYSERR_ERROR, Step(&CQuavix::StopDevice, out, 2), QXN_MIDIOUT_STOP, 2);
     EXPECT_TRUE(State(out, 2) & QX_STATE_STARTED);
 
     // A short message, the note-on of a timed note, a SysEx: nothing goes out, no
@@ -139,11 +140,10 @@ TEST_F(Failures, MidiOutputReportsEveryFailingCallWithItsNumber)
           QXN_MIDIOUT_SHORTMSG, 2);
     EXPECT_TRUE(qxplat::QXVirtualTakeMidiOut(2).empty());
 
-    ASSERT_EQ(Midi(&CQuavix::StopDevice, out, 2), 1);
-    Fails("midiStreamClose", MMSYSERR_HANDLEBUSY, [&] { return Midi(&CQuavix::CloseDevice, out, 2); },
-          QXN_MIDIOUT_CLOSE, 2);
+    ASSERT_EQ(Step(&CQuavix::StopDevice, out, 2)(), 1);
+    Fails("midiStreamClose", MMSYSERR_HANDLEBUSY, Step(&CQuavix::CloseDevice, out, 2), QXN_MIDIOUT_CLOSE, 2);
     EXPECT_EQ(pOut->PlayMidi(0x000007B0), 1) << "still open after the failed close";
-    EXPECT_EQ(Midi(&CQuavix::CloseDevice, out, 2), 1);
+    EXPECT_EQ(Step(&CQuavix::CloseDevice, out, 2)(), 1);
     EXPECT_EQ(Reports::Take(), Got{});
 }
 
