@@ -102,22 +102,6 @@ TEST(KernelThread, RunsOffTheCallerSignalsItsEndAndMayBeDetachedOrFailToStart)
     CloseHandle(gate);
 }
 
-TEST(KernelFaults, TheNthCallFailsOnceWithTheChosenResultUntilCleared)
-{
-    QXFaultInject("CreateEventA", 1234, 3);
-    for (int n = 1; n <= 4; ++n) {
-        HANDLE ev = Event(TRUE);
-        EXPECT_EQ(ev == nullptr, n == 3) << "call " << n;
-        EXPECT_TRUE(ev != nullptr || GetLastError() == 1234u);
-        CloseHandle(ev);
-    }
-    QXFaultInject("CreateEventA", 1);
-    QXFaultClear();
-    HANDLE e = Event(TRUE);
-    EXPECT_NE(e, nullptr);
-    CloseHandle(e);
-}
-
 TEST(KernelCriticalSection, IsRecursiveAndExcludesOtherThreads)
 {
     CRITICAL_SECTION cs;
