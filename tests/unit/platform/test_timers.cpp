@@ -66,29 +66,34 @@ struct Probe {
 
 TEST(Timer, PeriodicKeepsAbsoluteDeadlinesSkipsMissedTicksAndStopsWhenKilled)
 {
-    // The callback's own 12 ms must not push the grid: the typical gap stays 20 ms, not 32.
-    Probe p;
-    p.hook = [](UINT, size_t) { std::this_thread::sleep_for(12ms); };
-    const Clock::time_point armed = Clock::now();
-    UINT id = p.Arm(20, TIME_PERIODIC);
-    ASSERT_TRUE(p.WaitFor(10));
-    ASSERT_EQ(timeKillEvent(id), TIMERR_NOERROR);
-    const size_t n = p.Count();
-    std::vector<Clock::duration> gaps;
-    for (size_t k = 0; k < n; ++k) {
-        EXPECT_GE(p.times[k], armed + (k + 1) * 20ms) << "tick " << k;
-        if (k > 0) gaps.push_back(p.times[k] - p.times[k - 1]);
+    // The callback's own 12 ms must not push the grid: the typical gap stays 20 ms, not
+    // 32. A run the machine held up is tried again.
+    Clock::duration median{};
+    for (int attempt = 0; attempt < 3 && (attempt == 0 || median >= 26ms); ++attempt) {
+        Probe p;
+        p.hook = [](UINT, size_t) { std::this_thread::sleep_for(12ms); };
+        const Clock::time_point armed = Clock::now();
+        UINT id = p.Arm(20, TIME_PERIODIC);
+        ASSERT_TRUE(p.WaitFor(10));
+        ASSERT_EQ(timeKillEvent(id), TIMERR_NOERROR);
+        const size_t n = p.Count();
+        std::vector<Clock::duration> gaps;
+        for (size_t k = 0; k < n; ++k) {
+            EXPECT_GE(p.times[k], armed + (k + 1) * 20ms) << "tick " << k;
+            if (k > 0) gaps.push_back(p.times[k] - p.times[k - 1]);
+        }
+        std::nth_element(gaps.begin(), gaps.begin() + gaps.size() / 2, gaps.end());
+        median = gaps[gaps.size() / 2];
+        std::this_thread::sleep_for(50ms);
+        EXPECT_EQ(p.Count(), n);
     }
-    std::nth_element(gaps.begin(), gaps.begin() + gaps.size() / 2, gaps.end());
-    EXPECT_LT(gaps[gaps.size() / 2], 26ms);
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(p.Count(), n);
+    EXPECT_LT(median, 26ms);
 
     // A callback held up 200 ms: of the 15 deadlines up to 300 ms, the 9 behind by a full
     // period are dropped instead of fired in a burst.
     Probe late;
     late.hook = [](UINT, size_t n) { if (n == 1) std::this_thread::sleep_for(200ms); };
-    id = late.Arm(20, TIME_PERIODIC);
+    UINT id = late.Arm(20, TIME_PERIODIC);
     ASSERT_TRUE(late.WaitFor(1));
     std::this_thread::sleep_for(400ms);
     ASSERT_EQ(timeKillEvent(id), TIMERR_NOERROR);
