@@ -125,7 +125,6 @@ protected:
         return q;
     }
 
-
     static FakeDevice* Dev(CQuavix* q, int t, int d, int n) { return static_cast<FakeDevice*>(q->GetDevice(t, d, n)); }
 
     // Waits until the manager's thread has handled every message posted before: a

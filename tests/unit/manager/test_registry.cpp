@@ -119,7 +119,8 @@ TEST_F(ManagerTest, CreateAndDestroyWhileRunningLeavesNothingBehind)
         if (round % 2 == 0) q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES, 0); // on the timer
         q->OpenDevices();
         q->StartDevices();
-        for (int i = 0; round % 2 == 0 && i < 30; ++i) q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, i % 2, 10 + rng() % 41);
+        for (int i = 0; round % 2 == 0 && i < 30; ++i)
+            q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, i % 2, 10 + DWORD(rng() % 41));
         if (round % 5 == 0) Sleep(10 + DWORD(rng() % 31)); // exit while some have fired and others are pending
         CQXEventList events;
         for (int i = 0; i < 5; ++i) {

@@ -134,7 +134,8 @@ TEST_F(MidiStreamTest, TimeDivisionAndTempoEventsSetTheTickLength)
     ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
     ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_SET | MIDIPROP_TEMPO), 0u);
     Buffer b;
-    const auto out = PlayOut(b.Ev(0, 0x00403C90).Ev(96, 0x00403E90).Ev(0, (DWORD{MEVT_TEMPO} << 24) | 500000).Ev(96, 0x00404090));
+    b.Ev(0, 0x00403C90).Ev(96, 0x00403E90).Ev(0, (DWORD{MEVT_TEMPO} << 24) | 500000).Ev(96, 0x00404090);
+    const auto out = PlayOut(b);
     ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(out[1].dueNs - out[0].dueNs, 250'000'000);
     EXPECT_EQ(out[2].dueNs - out[1].dueNs, 500'000'000);
