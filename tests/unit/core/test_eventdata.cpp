@@ -4,6 +4,7 @@
 
 #include <list>
 #include <random>
+#include <tuple>
 #include <vector>
 
 TEST(EventData, SysExIsCopiedIntoWholeStreamWordsAndOnlyMessagesTakeAChannel)
@@ -17,11 +18,8 @@ TEST(EventData, SysExIsCopiedIntoWholeStreamWordsAndOnlyMessagesTakeAChannel)
     msg[1] = 0;
     const BYTE* copy = reinterpret_cast<const BYTE*>(e.m_dwData);
     EXPECT_EQ(std::vector<BYTE>(copy, copy + 5), (std::vector<BYTE>{0xF0, 0x43, 0x10, 0x4C, 0xF7}));
-    EXPECT_EQ(e.m_nType, QX_EVENT_SYSEX);
-    EXPECT_EQ(e.m_dwLength, 5u);
-    EXPECT_EQ(e.m_dwStreamWords, 2u);
-    EXPECT_EQ(four.m_dwStreamWords, 1u);
-    EXPECT_EQ(none.m_nType, QX_EVENT_NONE);
+    EXPECT_EQ(std::tuple(e.m_nType, e.m_dwLength, e.m_dwStreamWords, four.m_dwStreamWords, none.m_nType),
+              std::tuple(QX_EVENT_SYSEX, 5u, 2u, 1u, QX_EVENT_NONE));
     EXPECT_EQ(none.m_dwData | none.m_dwLength | none.m_dwStreamWords, 0u);
 
     // A SysEx pointer keeps its low bits; a message gets the new channel.
@@ -31,8 +29,7 @@ TEST(EventData, SysExIsCopiedIntoWholeStreamWordsAndOnlyMessagesTakeAChannel)
     CQXEventData note;
     note.SetMidiData(0x00403C90);
     note.SetDevChan(2, 5);
-    EXPECT_EQ(note.m_dwData, 0x00403C95u);
-    EXPECT_EQ(note.m_nDevice, 2);
+    EXPECT_EQ(std::tuple(note.m_dwData, note.m_nDevice), std::tuple(0x00403C95u, 2));
     note.SetDevChan(0, 0x13);
     EXPECT_EQ(note.m_dwData, 0x00403C93u);
 }
@@ -44,10 +41,9 @@ TEST(EventData, WaveStartNamesThePlayerAndWaveDataOwnsItsParams)
     CQXEventData start;
     start.SetWaveStart(&params); // not kept: freeing a stack record would fail under ASan
     start.SetWaveStart(nullptr);
-    EXPECT_EQ(start.m_nType, QX_EVENT_WAVESTART);
-    EXPECT_EQ(start.m_dwData, 1u);
-    EXPECT_EQ(start.m_dwStreamWords, 2u);
-    EXPECT_EQ(start.m_dwLength, 0x123456789A0u); // the whole 64-bit pointer
+    // The length holds the whole 64-bit pointer.
+    EXPECT_EQ(std::tuple(start.m_nType, start.m_dwData, start.m_dwStreamWords, start.m_dwLength),
+              std::tuple(QX_EVENT_WAVESTART, 1u, 2u, 0x123456789A0u));
     CQXEventData data;
     data.SetWaveData(new QX_WaveParams{1, 2, {}}); // a leak if the record does not delete it
 }

@@ -43,7 +43,10 @@ protected:
         EXPECT_EQ(step(), 0);
         EXPECT_EQ(Reports::Take(), (Got{{code, result, dev}}));
     }
-    int Midi(int (CQuavix::*step)(int, int, int), int nDir, int n) { return (q->*step)(QX_DEVTYPE_MIDI, nDir, n); }
+    std::function<int()> Step(int (CQuavix::*step)(int, int, int), int nDir, int n)
+    {
+        return [=, this] { return (q->*step)(QX_DEVTYPE_MIDI, nDir, n); };
+    }
     UINT State(int nDir, int n) { return q->GetDeviceState(QX_DEVTYPE_MIDI, nDir, n); }
 
     CQuavix* q = nullptr;
@@ -51,32 +54,34 @@ protected:
 
 } // namespace
 
-// A failed step leaves the input where it was, and succeeds once the fault is gone.
+// A failed step leaves the input where it was, and succeeds once the fault is gone. A
+// paused input is a stopped one: pausing fails the same way.
 TEST_F(Failures, MidiInputReportsEveryFailingCallWithItsNumber)
 {
-    const int in = QX_DEVDIR_IN;
     QX_DevCaps caps;
     Fails("midiInGetDevCapsA", MMSYSERR_NODRIVER, [&] { return CMidiIn::GetDeviceCaps(1, &caps); },
           QXN_MIDIIN_GETCAPS, 1);
     EXPECT_EQ(CMidiIn::GetDeviceCaps(7, &caps), 0) << "no such input";
     EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIIN_GETCAPS, MMSYSERR_BADDEVICEID, 7}}));
     EXPECT_EQ(CMidiIn::GetDeviceCaps(1, &caps), 1);
-
-    Fails("midiInOpen", MMSYSERR_ALLOCATED, [&] { return Midi(&CQuavix::OpenDevice, in, 1); }, QXN_MIDIIN_OPEN, 1);
-    EXPECT_EQ(State(in, 1), QX_STATE_CLOSED);
-    ASSERT_EQ(Midi(&CQuavix::OpenDevice, in, 1), 1);
-    Fails("midiInStart", MMSYSERR_NOMEM, [&] { return Midi(&CQuavix::StartDevice, in, 1); }, QXN_MIDIIN_START, 1);
-    EXPECT_EQ(State(in, 1), QX_STATE_OPEN);
-    ASSERT_EQ(Midi(&CQuavix::StartDevice, in, 1), 1);
-    // A paused input is a stopped one: pausing fails the same way.
-    Fails("midiInStop", MMSYSERR_INVALHANDLE, [&] { return Midi(&CQuavix::StopDevice, in, 1); }, QXN_MIDIIN_STOP, 1);
-    Fails("midiInStop", MMSYSERR_ERROR, [&] { return Midi(&CQuavix::PauseDevice, in, 1); }, QXN_MIDIIN_STOP, 1);
-    EXPECT_TRUE(State(in, 1) & QX_STATE_STARTED);
-    ASSERT_EQ(Midi(&CQuavix::StopDevice, in, 1), 1);
-    Fails("midiInClose", MMSYSERR_HANDLEBUSY, [&] { return Midi(&CQuavix::CloseDevice, in, 1); }, QXN_MIDIIN_CLOSE,
-          1);
-    EXPECT_TRUE(State(in, 1) & QX_STATE_OPEN);
-    EXPECT_EQ(Midi(&CQuavix::CloseDevice, in, 1), 1);
+    const struct {
+        const char* call;
+        DWORD result, code;
+        int (CQuavix::*step)(int, int, int);
+    } steps[] = {{"midiInOpen", MMSYSERR_ALLOCATED, QXN_MIDIIN_OPEN, &CQuavix::OpenDevice},
+                 {"midiInStart", MMSYSERR_NOMEM, QXN_MIDIIN_START, &CQuavix::StartDevice},
+                 {"midiInStop", MMSYSERR_ERROR, QXN_MIDIIN_STOP, &CQuavix::PauseDevice},
+                 {"midiInStop", MMSYSERR_INVALHANDLE, QXN_MIDIIN_STOP, &CQuavix::StopDevice},
+                 {"midiInClose", MMSYSERR_HANDLEBUSY, QXN_MIDIIN_CLOSE, &CQuavix::CloseDevice}};
+    for (const auto& s : steps) {
+        const UINT before = State(QX_DEVDIR_IN, 1);
+        Fails(s.call, s.result, Step(s.step, QX_DEVDIR_IN, 1), s.code, 1);
+        EXPECT_EQ(State(QX_DEVDIR_IN, 1), before) << s.call;
+        if (s.step != &CQuavix::PauseDevice) {
+            ASSERT_EQ(Step(s.step, QX_DEVDIR_IN, 1)(), 1);
+        }
+    }
+    EXPECT_EQ(State(QX_DEVDIR_IN, 1), QX_STATE_CLOSED);
     EXPECT_EQ(Reports::Take(), Got{});
 }
 
@@ -90,7 +95,7 @@ TEST_F(Failures, MidiOutputReportsEveryFailingCallWithItsNumber)
     QX_DevCaps caps;
     Fails("midiOutGetDevCapsA", MMSYSERR_NOTENABLED, [&] { return CMidiOut::GetDeviceCaps(2, &caps); },
           QXN_MIDIOUT_GETCAPS, 2);
-    auto open = [&] { return Midi(&CQuavix::OpenDevice, out, 2); };
+    auto open = Step(&CQuavix::OpenDevice, out, 2);
     Fails("midiStreamOpen", MMSYSERR_ALLOCATED, open, QXN_MIDIOUT_OPEN, 2);
     Fails("midiStreamProperty", MIDIERR_NOTREADY, open, QXN_MIDIOUT_SETTIMING, 2);
     EXPECT_EQ(State(out, 2), QX_STATE_CLOSED);
@@ -100,33 +105,29 @@ TEST_F(Failures, MidiOutputReportsEveryFailingCallWithItsNumber)
     // but cannot be unprepared: each is taken, if not played, and gone afterwards.
     auto period = [&] {
         CQXEventList list;
-        auto* e = new CQXEventData;
-        e->SetMidiData(0x00403C90);
-        e->SetTimeStamp(10);
-        list.AddTail(e);
+        list.AddTail(new CQXEventData);
+        list.GetHead()->SetMidiData(0x00403C90);
         const int r = pOut->PlayData(&list, 0, 100);
         while (CQXEventData* pLeft = list.RemoveHead()) delete pLeft; // refused: the caller's
         return r;
     };
-    QXFaultInject("midiOutPrepareHeader", MMSYSERR_NOMEM);
-    EXPECT_EQ(period(), 1);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_PREPARE, MMSYSERR_NOMEM, 2}}));
-    QXFaultInject("midiStreamOut", MIDIERR_STILLPLAYING);
-    EXPECT_EQ(period(), 1);
-    EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_SEND, MIDIERR_STILLPLAYING, 2}}));
+    for (auto [call, result, code] : {std::tuple{"midiOutPrepareHeader", MMSYSERR_NOMEM, QXN_MIDIOUT_PREPARE},
+                                      {"midiStreamOut", MIDIERR_STILLPLAYING, QXN_MIDIOUT_SEND}}) {
+        QXFaultInject(call, result);
+        EXPECT_EQ(period(), 1);
+        EXPECT_EQ(Reports::Take(), (Got{{code, result, 2}}));
+    }
     ASSERT_EQ(period(), 1);
     QXFaultInject("midiOutUnprepareHeader", MIDIERR_UNPREPARED);
-    ASSERT_EQ(Midi(&CQuavix::StopDevice, out, 2), 1); // returns the buffer, and waits for it
+    ASSERT_EQ(Step(&CQuavix::StopDevice, out, 2)(), 1); // returns the buffer, and waits for it
     EXPECT_EQ(Reports::Take(), (Got{{QXN_MIDIOUT_UNPREPARE, MIDIERR_UNPREPARED, 2}}));
     EXPECT_TRUE(qxplat::QXVirtualTakeMidiOut(2).empty()) << "never started: nothing played";
 
-    Fails("midiStreamRestart", MMSYSERR_NODRIVER, [&] { return Midi(&CQuavix::StartDevice, out, 2); },
-          QXN_MIDIOUT_START, 2);
+    Fails("midiStreamRestart", MMSYSERR_NODRIVER, Step(&CQuavix::StartDevice, out, 2), QXN_MIDIOUT_START, 2);
     EXPECT_EQ(period(), 0) << "a stream that failed to start takes no period";
-    ASSERT_EQ(Midi(&CQuavix::StartDevice, out, 2), 1);
-    Fails("midiStreamPause", MMSYSERR_INVALHANDLE, [&] { return Midi(&CQuavix::PauseDevice, out, 2); },
-          QXN_MIDIOUT_PAUSE, 2);
-    Fails("midiStreamStop", MMSYSERR_ERROR, [&] { return Midi(&CQuavix::StopDevice, out, 2); }, QXN_MIDIOUT_STOP, 2);
+    ASSERT_EQ(Step(&CQuavix::StartDevice, out, 2)(), 1);
+    Fails("midiStreamPause", MMSYSERR_INVALHANDLE, Step(&CQuavix::PauseDevice, out, 2), QXN_MIDIOUT_PAUSE, 2);
+    Fails("midiStreamStop", MMSYSERR_ERROR, Step(&CQuavix::StopDevice, out, 2), QXN_MIDIOUT_STOP, 2);
     EXPECT_TRUE(State(out, 2) & QX_STATE_STARTED);
 
     // A short message, the note-on of a timed note, a SysEx: nothing goes out, no
@@ -139,11 +140,10 @@ TEST_F(Failures, MidiOutputReportsEveryFailingCallWithItsNumber)
           QXN_MIDIOUT_SHORTMSG, 2);
     EXPECT_TRUE(qxplat::QXVirtualTakeMidiOut(2).empty());
 
-    ASSERT_EQ(Midi(&CQuavix::StopDevice, out, 2), 1);
-    Fails("midiStreamClose", MMSYSERR_HANDLEBUSY, [&] { return Midi(&CQuavix::CloseDevice, out, 2); },
-          QXN_MIDIOUT_CLOSE, 2);
+    ASSERT_EQ(Step(&CQuavix::StopDevice, out, 2)(), 1);
+    Fails("midiStreamClose", MMSYSERR_HANDLEBUSY, Step(&CQuavix::CloseDevice, out, 2), QXN_MIDIOUT_CLOSE, 2);
     EXPECT_EQ(pOut->PlayMidi(0x000007B0), 1) << "still open after the failed close";
-    EXPECT_EQ(Midi(&CQuavix::CloseDevice, out, 2), 1);
+    EXPECT_EQ(Step(&CQuavix::CloseDevice, out, 2)(), 1);
     EXPECT_EQ(Reports::Take(), Got{});
 }
 

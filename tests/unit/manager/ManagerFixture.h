@@ -9,6 +9,7 @@
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "unit/wavefile/WaveTestUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -29,6 +30,8 @@ inline std::string DescribeEvent(const CQXEventData* p)
     return s + "@" + std::to_string(p->m_dwTimeStamp);
 }
 
+using wavetest::Eventually;
+
 // Posted to a fake device: it reports notification 777 from its own thread.
 constexpr UINT kFakeNotifyFromThread = 0x0400 + 77;
 
@@ -39,6 +42,11 @@ public:
 
     static inline std::mutex s_logMutex;
     static inline std::vector<std::string> s_log;
+    static void Clear()
+    {
+        std::lock_guard<std::mutex> lock(s_logMutex);
+        s_log.clear();
+    }
     // The hook calls whose text begins with prefix.
     static std::vector<std::string> Log(const std::string& prefix = "")
     {
@@ -98,10 +106,7 @@ protected:
     void SetUp() override
     {
         QXFaultClear();
-        {
-            std::lock_guard<std::mutex> lock(FakeDevice::s_logMutex);
-            FakeDevice::s_log.clear();
-        }
+        FakeDevice::Clear();
         QXSetDeviceFactory([](int t, int d) -> CQXDevice* { return new FakeDevice(t, d); });
         qxplat::QXVirtualSetDevices(2, 3, 1, 0);
     }
@@ -120,23 +125,8 @@ protected:
         return q;
     }
 
-    // The manager's notifications from now on, as code, value, device.
-    static std::vector<DWORD>& Reports(CQuavix* q)
-    {
-        static std::vector<DWORD> r;
-        r.clear();
-        q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { r.insert(r.end(), {c, v, DWORD(d)}); }, 0);
-        return r;
-    }
-
     static FakeDevice* Dev(CQuavix* q, int t, int d, int n) { return static_cast<FakeDevice*>(q->GetDevice(t, d, n)); }
 
-    // Waits (generously) for a condition that another thread makes true.
-    template <class Pred> static bool Eventually(Pred pred, int ms = 5000)
-    {
-        for (int i = 0; i < ms && !pred(); ++i) Sleep(1);
-        return pred();
-    }
     // Waits until the manager's thread has handled every message posted before: a
     // delayed start posted behind them has run.
     static void Drain(CQuavix* q)

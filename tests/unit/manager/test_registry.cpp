@@ -4,6 +4,7 @@
 #include "platform/kernel/QXWindow.h"
 
 #include <cstring>
+#include <random>
 
 TEST_F(ManagerTest, NothingBeforeInitializeCrashesAndExitTwiceIsHarmless)
 {
@@ -24,7 +25,7 @@ TEST_F(ManagerTest, NothingBeforeInitializeCrashesAndExitTwiceIsHarmless)
     CQuavix::ExitQuavix();
 }
 
-TEST_F(ManagerTest, CountsFollowTheFlagsAndASecondInitializeChangesNothing)
+TEST_F(ManagerTest, CountsAndCapabilitiesFollowTheFlagsAndASecondInitializeChangesNothing)
 {
     CQuavix* q = Make(QX_INIT_MIDI);
     q->Initialize(QX_INIT_WAVE);
@@ -37,14 +38,9 @@ TEST_F(ManagerTest, CountsFollowTheFlagsAndASecondInitializeChangesNothing)
     EXPECT_EQ(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 7), 0u);
     EXPECT_EQ(q->GetDeviceState(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 1), QX_STATE_CLOSED);
     CQuavix::ExitQuavix();
-    q = Make(0);
-    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT), 0);
-    EXPECT_NE(q->GetHWnd(), nullptr);
-}
 
-TEST_F(ManagerTest, CapabilitiesNameTheBackendsDevicesOfEachKind)
-{
-    CQuavix* q = Make();
+    // Capabilities name the backend's devices of each kind.
+    q = Make();
     QX_DevCaps caps;
     std::memset(&caps, 0xCC, sizeof caps);
     ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 2, &caps), 1);
@@ -56,6 +52,10 @@ TEST_F(ManagerTest, CapabilitiesNameTheBackendsDevicesOfEachKind)
     EXPECT_STREQ(caps.waveIn.szPname, "Quavix Virtual Wave In 1");
     for (int n : {3, -1}) EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n, &caps), 0);
     EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, 0, nullptr), 0);
+    CQuavix::ExitQuavix();
+    q = Make(0);
+    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT), 0);
+    EXPECT_NE(q->GetHWnd(), nullptr);
 }
 
 TEST_F(ManagerTest, EnablingAndFormatsByNumberAndForAll)
@@ -106,18 +106,22 @@ TEST_F(ManagerTest, TagsComeFromOneCounterAndRefusedNullCallbacksSpendNone)
     EXPECT_EQ(q->IsActive(), 1);
 }
 
+// Delayed starts pending at exit never hold it up.
 TEST_F(ManagerTest, CreateAndDestroyWhileRunningLeavesNothingBehind)
 {
     Make(); // once first, so that lazily made services (timer thread, queues) exist
     CQuavix::ExitQuavix();
     const size_t handles = qxplat::LiveHandleCount(), windows = qxplat::LiveWindowCount();
+    std::mt19937 rng(20240601);
     for (int round = 0; round < 200; ++round) {
         CQuavix* q = Make();
         q->StartPerformance([](DWORD_PTR, int, DWORD, DWORD) { return 1; }, 0, 1, 0);
         if (round % 2 == 0) q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES, 0); // on the timer
         q->OpenDevices();
         q->StartDevices();
-        if (round % 2 == 0) q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, 0, 50); // still pending at exit
+        for (int i = 0; round % 2 == 0 && i < 30; ++i)
+            q->DelayStart(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, i % 2, 10 + DWORD(rng() % 41));
+        if (round % 5 == 0) Sleep(10 + DWORD(rng() % 31)); // exit while some have fired and others are pending
         CQXEventList events;
         for (int i = 0; i < 5; ++i) {
             auto* e = new CQXEventData;

@@ -9,6 +9,7 @@
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "unit/wavefile/WaveTestUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -22,6 +23,7 @@
 using Msg = std::vector<BYTE>;
 using Msgs = std::vector<Msg>;
 using qxplat::QXVirtualTakeMidiOut;
+using wavetest::Eventually;
 
 inline CQXEventData* MidiEvent(DWORD dwMsg, DWORD dwTime, int nDevice = 0)
 {
@@ -54,12 +56,6 @@ inline void Play(std::initializer_list<CQXEventData*> events)
     CQXEventList list;
     for (auto* e : events) list.AddTail(e);
     CQuavix::GetQuavix()->PlayBuffer(list);
-}
-
-template <class Pred> bool Eventually(Pred pred, int ms = 5000)
-{
-    for (int i = 0; i < ms && !pred(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return pred();
 }
 
 // A performance: it notes the periods it is asked for and the sync codes it is told
@@ -122,14 +118,6 @@ protected:
         Msgs v;
         for (auto& m : Sent(n, count)) v.push_back(m.bytes);
         return v;
-    }
-    // The manager's notifications from now on, as code, value, device.
-    std::vector<DWORD>& Reports()
-    {
-        static std::vector<DWORD> r;
-        r.clear();
-        q->SetNotificationCallback([](DWORD c, DWORD v, DWORD_PTR d) { r.insert(r.end(), {c, v, DWORD(d)}); }, 0);
-        return r;
     }
 
     CQuavix* q = nullptr;

@@ -157,34 +157,27 @@ TEST(StreamBuffer, WaveStartCarriesTheHandleOfALivePlayerOnly)
         EXPECT_EQ(start(stale), (Words{40, 0, 0xC2000008, 1, 0, 60, 0, NOP}));
 }
 
-TEST(StreamBuffer, CapsOnceIgnoresNullAndFreesTheEventsItPacked)
+// A failed allocation keeps the events for the next cap; a cap that worked is not redone.
+TEST(StreamBuffer, CapsOnceIgnoresNullAndAFailedAllocationKeepsTheEvents)
 {
-    CMidiStreamBuffer b;
-    EXPECT_EQ(b.GetStreamHeader()->lpData, nullptr);
+    CMidiStreamBuffer b(1000, 1100);
+    const MIDIHDR* h = b.GetStreamHeader();
+    EXPECT_EQ(h->lpData, nullptr);
     b.AddStreamData(nullptr);
-    b.AddStreamData(SysEx(0, {0xF0, 0xF7})); // freed by the cap: a list still holding it frees it twice
-    b.CapStreamBuffer();
-    const LPSTR data = b.GetStreamHeader()->lpData;
-    EXPECT_EQ(Packed(b.GetStreamHeader()), (Words{0, 0, 0x80000002, 0xF7F0, 0, 0, NOP}));
-    EXPECT_EQ(b.GetStreamHeader()->dwUser, reinterpret_cast<DWORD_PTR>(&b));
-    b.CapStreamBuffer();
-    EXPECT_EQ(b.GetStreamHeader()->lpData, data);
-}
-
-TEST(StreamBuffer, FailedAllocationKeepsTheEventsAndSizesBeyond32BitsFailLikeIt)
-{
-    auto b = std::make_unique<CMidiStreamBuffer>(1000, 1100);
-    b->AddStreamData(Midi(1010, NOTE_ON));
-    b->AddStreamData(SysEx(1020, {0xF0, 0xF7}));
+    b.AddStreamData(Midi(1010, NOTE_ON));
+    b.AddStreamData(SysEx(1020, {0xF0, 0xF7})); // freed by the cap: a list still holding it frees it twice
     QXFaultInject("VirtualAlloc", ERROR_NOT_ENOUGH_MEMORY);
     testing::internal::CaptureStderr();
-    b->CapStreamBuffer();
+    b.CapStreamBuffer();
     EXPECT_EQ(testing::internal::GetCapturedStderr(), kAllocLine);
-    const MIDIHDR* h = b->GetStreamHeader();
     EXPECT_EQ(h->lpData, nullptr);
     EXPECT_EQ(h->dwBufferLength | h->dwBytesRecorded | h->dwFlags | h->dwUser, 0u);
-    b->CapStreamBuffer(); // all events are still there to pack
+    b.CapStreamBuffer();
     EXPECT_EQ(Packed(h), (Words{10, 0, NOTE_ON, 10, 0, 0x80000002, 0xF7F0, 80, 0, NOP}));
+    EXPECT_EQ(h->dwUser, reinterpret_cast<DWORD_PTR>(&b));
+    const LPSTR data = h->lpData;
+    b.CapStreamBuffer();
+    EXPECT_EQ(h->lpData, data);
 
     // Never capped: the destructor frees the events (a leak under ASan otherwise). The
     // first pair of word counts wraps 32 bits to a tiny buffer that packing would overrun.

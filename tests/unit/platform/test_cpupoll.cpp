@@ -37,25 +37,22 @@ TEST(CpuPolling, RunningStreamsHoldThePollersAndTheLastOneToStopEndsThem)
     sched_getaffinity(0, sizeof set, &set);
     const int cpus = CPU_COUNT(&set);
     qxplat::QXVirtualSetDevices(0, 2, 0, 0);
-    HMIDISTRM a = nullptr, b = nullptr;
-    UINT d0 = 0, d1 = 1;
-    ASSERT_EQ(midiStreamOpen(&a, &d0, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
-    ASSERT_EQ(midiStreamOpen(&b, &d1, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
+    HMIDISTRM h[2] = {nullptr, nullptr};
+    for (UINT d = 0; d < 2; ++d) ASSERT_EQ(midiStreamOpen(&h[d], &d, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
     EXPECT_EQ(qxplat::CpuPollerCount(), 0) << "open streams are paused";
-    midiStreamRestart(a);
-    midiStreamRestart(a);
-    midiStreamRestart(b);
-    midiStreamPause(a);
-    EXPECT_EQ(qxplat::CpuPollerCount(), cpus) << "b still runs";
-    midiStreamStop(b);
-    EXPECT_EQ(qxplat::CpuPollerCount(), 0);
-    midiStreamStop(b);
-    midiStreamPause(a);
-    midiStreamRestart(b);
-    EXPECT_EQ(qxplat::CpuPollerCount(), cpus) << "stops and pauses do not release twice";
-    EXPECT_EQ(midiStreamClose(b), MMSYSERR_NOERROR) << "an empty running stream may close";
-    EXPECT_EQ(qxplat::CpuPollerCount(), 0);
-    EXPECT_EQ(midiStreamClose(a), MMSYSERR_NOERROR);
+    // Stops and pauses do not release twice; an empty running stream may close.
+    const struct {
+        MMRESULT (*op)(HMIDISTRM);
+        int stream;
+        bool held;
+    } steps[] = {{midiStreamRestart, 0, true}, {midiStreamRestart, 0, true}, {midiStreamRestart, 1, true},
+                 {midiStreamPause, 0, true},   {midiStreamStop, 1, false},   {midiStreamStop, 1, false},
+                 {midiStreamPause, 0, false},  {midiStreamRestart, 1, true}, {midiStreamClose, 1, false}};
+    for (const auto& s : steps) {
+        EXPECT_EQ(s.op(h[s.stream]), MMSYSERR_NOERROR);
+        EXPECT_EQ(qxplat::CpuPollerCount(), s.held ? cpus : 0) << &s - steps;
+    }
+    EXPECT_EQ(midiStreamClose(h[0]), MMSYSERR_NOERROR);
     qxplat::HoldCpusAwake();
     qxplat::HoldCpusAwake();
     qxplat::ReleaseCpusAwake();

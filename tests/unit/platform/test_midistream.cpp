@@ -63,6 +63,14 @@ protected:
         EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
         qxplat::QXVirtualSetDevices(1, 1, 1, 1);
     }
+    // Plays the buffer through to its return; the messages output 0 sent.
+    std::vector<qxplat::VirtualMidiMessage> PlayOut(Buffer& b)
+    {
+        b.Queue(h);
+        midiStreamRestart(h);
+        EXPECT_TRUE(calls.WaitFor(MOM_DONE, 1));
+        return QXVirtualTakeMidiOut(0);
+    }
 
     HMIDISTRM h = nullptr;
     Calls calls;
@@ -87,14 +95,10 @@ TEST_F(MidiStreamTest, StopReturnsEveryBufferAtOnceInQueueOrder)
 TEST_F(MidiStreamTest, PositionCallbackNamesItsEventBeforeTheBufferReturnsAndSendsNothing)
 {
     Buffer b;
-    b.Ev(0, 0x00403C90).Ev(20, kCallbackEvent, {1, 77}).Ev(30, 0x00003C80).Ev(50, 0x02000000u).Queue(h);
-    midiStreamRestart(h);
-    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
+    const auto out = PlayOut(b.Ev(0, 0x00403C90).Ev(20, kCallbackEvent, {1, 77}).Ev(30, 0x00003C80).Ev(50, 0x02000000u));
     EXPECT_EQ(calls.offsets, std::vector<DWORD>{12});
     const auto seen = calls.Seen();
-    EXPECT_EQ(seen[1].first, UINT{MOM_POSITIONCB});
-    EXPECT_EQ(seen[2].first, UINT{MOM_DONE});
-    const auto out = QXVirtualTakeMidiOut(0);
+    EXPECT_EQ(std::make_pair(seen[1].first, seen[2].first), std::make_pair(UINT{MOM_POSITIONCB}, UINT{MOM_DONE}));
     ASSERT_EQ(out.size(), 2u);
     EXPECT_EQ(out[1].dueNs - out[0].dueNs, 50'000'000);
 }
@@ -130,10 +134,8 @@ TEST_F(MidiStreamTest, TimeDivisionAndTempoEventsSetTheTickLength)
     ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&td), MIDIPROP_SET | MIDIPROP_TIMEDIV), 0u);
     ASSERT_EQ(midiStreamProperty(h, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_SET | MIDIPROP_TEMPO), 0u);
     Buffer b;
-    b.Ev(0, 0x00403C90).Ev(96, 0x00403E90).Ev(0, (DWORD{MEVT_TEMPO} << 24) | 500000).Ev(96, 0x00404090).Queue(h);
-    midiStreamRestart(h);
-    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
-    const auto out = QXVirtualTakeMidiOut(0);
+    b.Ev(0, 0x00403C90).Ev(96, 0x00403E90).Ev(0, (DWORD{MEVT_TEMPO} << 24) | 500000).Ev(96, 0x00404090);
+    const auto out = PlayOut(b);
     ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(out[1].dueNs - out[0].dueNs, 250'000'000);
     EXPECT_EQ(out[2].dueNs - out[1].dueNs, 500'000'000);
@@ -142,60 +144,42 @@ TEST_F(MidiStreamTest, TimeDivisionAndTempoEventsSetTheTickLength)
 TEST_F(MidiStreamTest, AnEventThatOverrunsItsBufferIsNotPlayedAndTheBufferStillReturns)
 {
     Buffer overrun;
-    overrun.Ev(0, MEVT_F_LONG | 4000, {0xF07E7FF0}).Queue(h);
-    midiStreamRestart(h);
-    ASSERT_TRUE(calls.WaitFor(MOM_DONE, 1));
-    EXPECT_TRUE(QXVirtualTakeMidiOut(0).empty());
+    EXPECT_TRUE(PlayOut(overrun.Ev(0, MEVT_F_LONG | 4000, {0xF07E7FF0})).empty());
 }
 
 // Owners free a header as soon as it comes back; a position callback still reading it
 // must have returned by then.
-struct Race {
-    std::mutex mutex;
-    std::vector<DWORD_PTR> reading; // headers inside a position callback
-    int positions = 0, done = 0, returnedWhileRead = 0, changed = 0;
-
-    int Positions()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return positions;
-    }
-
-    static void CALLBACK Proc(HMIDIOUT, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
-    {
-        auto* r = reinterpret_cast<Race*>(inst);
+TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
+{
+    qxplat::QXVirtualSetDevices(0, 1, 0, 0);
+    Calls c;
+    std::vector<DWORD_PTR> reading; // headers inside a position callback, under c.mutex
+    int returnedWhileRead = 0, changed = 0;
+    c.hook = [&](UINT msg, DWORD_PTR p1) {
         auto* hdr = reinterpret_cast<MIDIHDR*>(p1);
-        std::unique_lock<std::mutex> lock(r->mutex);
+        std::unique_lock<std::mutex> lock(c.mutex);
         if (msg == MOM_DONE) {
-            ++r->done;
-            r->returnedWhileRead += std::count(r->reading.begin(), r->reading.end(), hdr->dwUser);
+            returnedWhileRead += std::count(reading.begin(), reading.end(), hdr->dwUser);
             lock.unlock();
             delete reinterpret_cast<Buffer*>(hdr->dwUser);
             return;
         }
         if (msg != MOM_POSITIONCB) return;
-        r->reading.push_back(hdr->dwUser);
-        ++r->positions;
+        reading.push_back(hdr->dwUser);
         lock.unlock();
         // Read the event before and after giving a stop the time to overlap.
-        int changed = 0;
+        int n = 0;
         for (int i = 0; i < 2; ++i) {
             const auto* ev = reinterpret_cast<const volatile DWORD*>(hdr->lpData + hdr->dwOffset);
-            changed += ev[3] != 1 || ev[4] != 77;
+            n += ev[3] != 1 || ev[4] != 77;
             if (i == 0) std::this_thread::sleep_for(std::chrono::microseconds(300));
         }
         lock.lock();
-        r->changed += changed;
-        r->reading.erase(std::find(r->reading.begin(), r->reading.end(), hdr->dwUser));
-    }
-};
-
-TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
-{
-    qxplat::QXVirtualSetDevices(0, 1, 0, 0);
-    Race race;
-    HMIDISTRM h = OpenStream(P(Race::Proc), &race);
-    int queued = 0;
+        changed += n;
+        reading.erase(std::find(reading.begin(), reading.end(), hdr->dwUser));
+    };
+    HMIDISTRM h = OpenStream(P(Calls::Proc<HMIDIOUT>), &c);
+    size_t queued = 0;
     for (int round = 0; round < 150; ++round) {
         for (int k = 0; k < 3; ++k, ++queued) {
             auto* buf = new Buffer;
@@ -203,59 +187,47 @@ TEST(MidiStreamRace, HeadersComeBackOnlyAfterTheirPositionCallbacks)
             buf->Ev(2, 0x02000000u).Hdr()->dwUser = P(buf);
             buf->Queue(h);
         }
-        const int before = race.Positions();
+        const size_t before = c.Count(MOM_POSITIONCB);
         midiStreamRestart(h);
         // Stop at once, a little later, or once the callbacks have begun.
         if (round % 3 == 1) Sleep(1);
-        for (int i = 0; round % 3 == 2 && race.Positions() == before && i < 20000; ++i) Sleep(1);
+        for (int i = 0; round % 3 == 2 && c.Count(MOM_POSITIONCB) == before && i < 20000; ++i) Sleep(1);
         ASSERT_EQ(midiStreamStop(h), MMSYSERR_NOERROR);
     }
     EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
-    std::lock_guard<std::mutex> lock(race.mutex);
-    EXPECT_EQ(race.done, queued) << "every buffer came back once";
-    EXPECT_EQ(race.returnedWhileRead, 0);
-    EXPECT_EQ(race.changed, 0) << "an event changed under its callback";
-    EXPECT_GT(race.positions, 0);
+    EXPECT_EQ(c.Count(MOM_DONE), queued) << "every buffer came back once";
+    EXPECT_GT(c.Count(MOM_POSITIONCB), 0u);
+    std::lock_guard<std::mutex> lock(c.mutex);
+    EXPECT_EQ(returnedWhileRead, 0);
+    EXPECT_EQ(changed, 0) << "an event changed under its callback";
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
 }
 
 // A position callback that pauses its stream while another thread stops it, or stops
 // the stream itself.
-struct SelfControl : Calls {
-    HMIDISTRM h = nullptr;
-    bool bStop = false;
-
-    static void CALLBACK Proc(HMIDIOUT h, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR p2)
-    {
-        auto* c = reinterpret_cast<SelfControl*>(inst);
-        Calls::Proc(h, msg, inst, p1, p2);
-        if (msg != MOM_POSITIONCB) return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the other thread's stop waits now
-        if (c->bStop)
-            midiStreamStop(c->h);
-        else
-            midiStreamPause(c->h);
-    }
-};
-
 TEST(MidiStreamRace, APositionCallbackMayPauseOrStopItsOwnStream)
 {
     qxplat::QXVirtualSetDevices(0, 1, 0, 0);
     for (bool bStop : {false, true}) {
         SCOPED_TRACE(bStop);
-        SelfControl c;
-        c.bStop = bStop;
-        c.h = OpenStream(P(SelfControl::Proc), &c);
+        Calls c;
+        HMIDISTRM h = nullptr;
+        c.hook = [&](UINT msg, DWORD_PTR) {
+            if (msg != MOM_POSITIONCB) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the other thread's stop waits now
+            bStop ? midiStreamStop(h) : midiStreamPause(h);
+        };
+        h = OpenStream(P(Calls::Proc<HMIDIOUT>), &c);
         Buffer b;
-        b.Ev(0, kCallbackEvent, {1, 77}).Ev(500, 0x02000000u).Queue(c.h);
-        midiStreamRestart(c.h);
+        b.Ev(0, kCallbackEvent, {1, 77}).Ev(500, 0x02000000u).Queue(h);
+        midiStreamRestart(h);
         ASSERT_TRUE(c.WaitFor(MOM_POSITIONCB, 1));
         if (!bStop) {
-            EXPECT_EQ(midiStreamStop(c.h), MMSYSERR_NOERROR); // amid the callback
+            EXPECT_EQ(midiStreamStop(h), MMSYSERR_NOERROR); // amid the callback
         }
         EXPECT_TRUE(c.WaitFor(MOM_DONE, 1));
         EXPECT_TRUE(b.hdr.dwFlags & MHDR_DONE);
-        EXPECT_EQ(midiStreamClose(c.h), MMSYSERR_NOERROR);
+        EXPECT_EQ(midiStreamClose(h), MMSYSERR_NOERROR);
     }
     qxplat::QXVirtualSetDevices(1, 1, 1, 1);
 }
@@ -276,20 +248,18 @@ TEST(AlsaCancel, RemovesOnlyTheStoppedOutputsScheduledMessages)
     const unsigned cond = snd_seq_remove_events_get_condition(rm);
     const snd_seq_addr_t* d = snd_seq_remove_events_get_dest(rm);
     const struct {
-        int queue, ourPort, peerClient, peerPort;
+        int queue, ourPort, peerClient, peerPort, client;
         unsigned char type;
-        int client;
-        bool removed;
-        const char* what;
+        const char* what; // removed when it begins with "its"
     } cases[] = {
-        {queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON, us, true, "its note-on"},
-        {queue, 3, 20, 0, SND_SEQ_EVENT_CONTROLLER, us, true, "its controller"},
-        {queue, 3, 20, 0, SND_SEQ_EVENT_NOTEOFF, us, false, "its note-off: sounding notes end"},
-        {queue, 4, 21, 0, SND_SEQ_EVENT_NOTEON, us, false, "another output"},
-        {queue, 4, 20, 1, SND_SEQ_EVENT_NOTEON, us, false, "another port of the peer"},
-        {queue, 5, 20, 0, SND_SEQ_EVENT_NOTEON, us, false, "a second output to the peer"},
-        {queue + 1, 3, 20, 0, SND_SEQ_EVENT_NOTEON, us, false, "another queue"},
-        {queue, 3, 20, 0, SND_SEQ_EVENT_NOTEON, us + 1, false, "another client's"},
+        {queue, 3, 20, 0, us, SND_SEQ_EVENT_NOTEON, "its note-on"},
+        {queue, 3, 20, 0, us, SND_SEQ_EVENT_CONTROLLER, "its controller"},
+        {queue, 3, 20, 0, us, SND_SEQ_EVENT_NOTEOFF, "a note-off: sounding notes end"},
+        {queue, 4, 21, 0, us, SND_SEQ_EVENT_NOTEON, "another output"},
+        {queue, 4, 20, 1, us, SND_SEQ_EVENT_NOTEON, "another port of the peer"},
+        {queue, 5, 20, 0, us, SND_SEQ_EVENT_NOTEON, "a second output to the peer"},
+        {queue + 1, 3, 20, 0, us, SND_SEQ_EVENT_NOTEON, "another queue"},
+        {queue, 3, 20, 0, us + 1, SND_SEQ_EVENT_NOTEON, "another client's"},
     };
     for (const auto& c : cases) {
         snd_seq_event_t ev;
@@ -304,7 +274,7 @@ TEST(AlsaCancel, RemovesOnlyTheStoppedOutputsScheduledMessages)
                       ev.dest.port == d->port;
         if (cond & SND_SEQ_REMOVE_TAG_MATCH) removed = removed && ev.tag == snd_seq_remove_events_get_tag(rm);
         if (cond & SND_SEQ_REMOVE_IGNORE_OFF) removed = removed && ev.type != SND_SEQ_EVENT_NOTEOFF;
-        EXPECT_EQ(removed, c.removed) << c.what;
+        EXPECT_EQ(removed, std::string(c.what).starts_with("its")) << c.what;
     }
     snd_seq_remove_events_free(rm);
 }

@@ -104,24 +104,45 @@ TEST_F(Mmio, BufferedAndUnbufferedReadsWritesAndSeeksGiveTheFilesBytes)
     }
 }
 
-TEST_F(Mmio, DescendSearchesInsideTheParentAndSkipsPadBytes)
+// Chunks written with their true sizes and pad bytes, then found again: inside their
+// parent only, past the pads of the chunks before them.
+TEST_F(Mmio, ChunksAreWrittenWithTheirTrueSizesAndFoundInsideTheirParent)
 {
-    const std::string riff =
-        Riff(Chunk("LIST", "INFO" + Chunk("ICMT", "odd")) + Chunk("fmt ", "12345") + Chunk("data", "abc"));
-    const std::string path =
-        Make("d.wav", Chunk("JUNK", "j") + riff + Chunk("tail", "outside") + "huge" + Le32(0xFFFFFFF0u));
+    const std::string path = Path("c.wav");
+    HMMIO h = Open(path, MMIO_CREATE | MMIO_WRITE | MMIO_ALLOCBUF);
+    auto put = [&](const char(&id)[5], const std::string& body) {
+        MMCKINFO ck = Ck(id);
+        ck.cksize = 100; // a wrong guess is corrected
+        ASSERT_EQ(mmioCreateChunk(h, &ck, 0), 0u);
+        mmioWrite(h, body.data(), LONG(body.size()));
+        ASSERT_EQ(mmioAscend(h, &ck, 0), 0u);
+        EXPECT_EQ(ck.cksize, body.size());
+    };
+    MMCKINFO form = Ck("????", "WAVE");
+    put("JUNK", "j");
+    ASSERT_EQ(mmioCreateChunk(h, &form, MMIO_CREATERIFF), 0u);
+    put("fmt ", "12345");
+    put("data", "abc");
+    ASSERT_EQ(mmioAscend(h, &form, 0), 0u);
+    put("tail", "outside");
+    mmioWrite(h, "huge\xF0\xFF\xFF\xFF", 8);
+    put("last", "z"); // its pad is the file's last byte
+    ASSERT_EQ(mmioClose(h, 0), 0u);
+    const std::string riff = Riff(Chunk("fmt ", "12345") + Chunk("data", "abc"));
+    ASSERT_EQ(Slurp(path),
+              Chunk("JUNK", "j") + riff + Chunk("tail", "outside") + "huge" + Le32(0xFFFFFFF0u) + Chunk("last", "z"));
+
     for (DWORD buffering : {0u, DWORD(MMIO_ALLOCBUF)}) {
-        HMMIO h = Open(path, MMIO_READ | buffering);
-        MMCKINFO wave = Ck("RIFF", "WAVE"), info = Ck("LIST", "INFO"), here{}, data = Ck("data");
+        h = Open(path, MMIO_READ | buffering);
+        MMCKINFO wave = Ck("RIFF", "WAVE"), here{}, data = Ck("data");
+        EXPECT_EQ(mmioCreateChunk(h, &here, 0), UINT(MMIOERR_CANNOTWRITE));
         ASSERT_EQ(mmioDescend(h, &wave, nullptr, MMIO_FINDRIFF), 0u);
         EXPECT_EQ(wave.dwDataOffset, 18u); // past "JUNK", its odd byte and its pad
         EXPECT_EQ(mmioSeek(h, 0, SEEK_CUR), 22);
-        ASSERT_EQ(mmioDescend(h, &info, &wave, MMIO_FINDLIST), 0u);
-        ASSERT_EQ(mmioDescend(h, &here, &info, 0), 0u); // the chunk right here
-        EXPECT_EQ(here.ckid, mmioFOURCC('I', 'C', 'M', 'T'));
-        EXPECT_EQ(ReadN(h, 3), "odd");
+        ASSERT_EQ(mmioDescend(h, &here, &wave, 0), 0u); // the chunk right here
+        EXPECT_EQ(here.ckid, mmioFOURCC('f', 'm', 't', ' '));
+        EXPECT_EQ(ReadN(h, 3), "123");
         ASSERT_EQ(mmioAscend(h, &here, 0), 0u);
-        ASSERT_EQ(mmioAscend(h, &info, 0), 0u);
         ASSERT_EQ(mmioDescend(h, &data, &wave, MMIO_FINDCHUNK), 0u);
         EXPECT_EQ(ReadN(h, 3), "abc");
         ASSERT_EQ(mmioAscend(h, &data, 0), 0u);
@@ -142,61 +163,34 @@ TEST_F(Mmio, DescendSearchesInsideTheParentAndSkipsPadBytes)
     }
 }
 
-TEST_F(Mmio, CreateChunkAndAscendWriteTheTrueSizes)
-{
-    const std::string path = Path("c.wav");
-    HMMIO h = Open(path, MMIO_CREATE | MMIO_WRITE | MMIO_ALLOCBUF);
-    MMCKINFO form = Ck("????", "TEST"), list = Ck("????", "INFO"), odd = Ck("abcd"), guess = Ck("efgh");
-    ASSERT_EQ(mmioCreateChunk(h, &form, MMIO_CREATERIFF), 0u);
-    ASSERT_EQ(mmioCreateChunk(h, &list, MMIO_CREATELIST), 0u);
-    ASSERT_EQ(mmioCreateChunk(h, &odd, 0), 0u);
-    mmioWrite(h, "x", 1);
-    ASSERT_EQ(mmioAscend(h, &odd, 0), 0u);
-    EXPECT_EQ(odd.cksize, 1u);
-    ASSERT_EQ(mmioAscend(h, &list, 0), 0u);
-    guess.cksize = 100; // a wrong guess is corrected
-    ASSERT_EQ(mmioCreateChunk(h, &guess, 0), 0u);
-    mmioWrite(h, "1234", 4);
-    ASSERT_EQ(mmioAscend(h, &guess, 0), 0u);
-    ASSERT_EQ(mmioAscend(h, &form, 0), 0u);
-    ASSERT_EQ(mmioClose(h, 0), 0u);
-    EXPECT_EQ(Slurp(path), Riff(Chunk("LIST", "INFO" + Chunk("abcd", "x")) + Chunk("efgh", "1234"), "TEST"));
-
-    h = Open(path, MMIO_READ);
-    EXPECT_EQ(mmioCreateChunk(h, &odd, 0), UINT(MMIOERR_CANNOTWRITE));
-    mmioClose(h, 0);
-}
-
-TEST_F(Mmio, DirectBufferWritesReachTheFileAndBadPointersOrHandlesAreRefused)
+// A writer's small buffer, and a reader's direct access to its buffer.
+TEST_F(Mmio, DirectBufferReadsGiveTheFilesBytesAndBadPointersOrHandlesAreRefused)
 {
     const std::string data = Pattern(1000), path = Path("direct.bin");
     HMMIO h = Open(path, MMIO_CREATE | MMIO_WRITE | MMIO_ALLOCBUF);
     ASSERT_EQ(mmioSetBuffer(h, nullptr, 64, 0), 0u);
-    MMIOINFO info;
-    ASSERT_EQ(mmioGetInfo(h, &info, 0), 0u);
-    EXPECT_EQ(info.cchBuffer, 64);
-    for (char c : data) {
-        if (info.pchNext == info.pchEndWrite) {
-            info.dwFlags |= MMIO_DIRTY;
-            ASSERT_EQ(mmioAdvance(h, &info, MMIO_WRITE), 0u);
-        }
-        *info.pchNext++ = c;
-    }
-    info.dwFlags |= MMIO_DIRTY;
-    ASSERT_EQ(mmioSetInfo(h, &info, 0), 0u);
+    for (size_t at = 0; at < data.size(); at += 100) ASSERT_EQ(mmioWrite(h, data.data() + at, 100), 100);
     ASSERT_EQ(mmioSetBuffer(h, nullptr, 0, 0), 0u); // flushes, then unbuffered
     EXPECT_EQ(Slurp(path), data);
     mmioWrite(h, "ab", 2);
     EXPECT_EQ(Slurp(path), data + "ab");
     ASSERT_EQ(mmioClose(h, 0), 0u);
 
-    // A pointer outside the buffer is refused, and so is writing a file open for reading.
     h = Open(path, MMIO_READ | MMIO_ALLOCBUF);
+    ASSERT_EQ(mmioSetBuffer(h, nullptr, 64, 0), 0u);
+    MMIOINFO info;
     ASSERT_EQ(mmioGetInfo(h, &info, 0), 0u);
+    EXPECT_EQ(info.cchBuffer, 64);
+    std::string back;
+    for (int advances = 0; back.size() < data.size() + 2 && advances < 100; back += *info.pchNext++) {
+        while (info.pchNext == info.pchEndRead && advances++ < 100) ASSERT_EQ(mmioAdvance(h, &info, MMIO_READ), 0u);
+    }
+    EXPECT_EQ(back, data + "ab");
     MMIOINFO wild = info;
     wild.pchNext = info.pchBuffer + info.cchBuffer + 1;
     EXPECT_EQ(mmioSetInfo(h, &wild, 0), UINT(MMSYSERR_INVALPARAM));
-    EXPECT_EQ(mmioAdvance(h, &info, MMIO_WRITE), UINT(MMIOERR_CANNOTWRITE));
+    EXPECT_EQ(mmioAdvance(h, &info, MMIO_WRITE), UINT(MMIOERR_CANNOTWRITE)) << "a file open for reading";
+    ASSERT_EQ(mmioSetInfo(h, &info, 0), 0u);
     char mine[4];
     ASSERT_EQ(mmioSetBuffer(h, mine, sizeof(mine), 0), 0u);
     EXPECT_EQ(mmioSeek(h, 995, SEEK_SET), 995);
