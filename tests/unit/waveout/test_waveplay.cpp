@@ -45,6 +45,13 @@ public:
         return _OpenSoundFile(pszPath);
     }
     int CreateBuffer() { return _CreateSoundBuffer(m_WaveParams.dsParams); }
+    // Plays a file on a track of a performance; the done callback goes to DoneLog.
+    int PlayTrack(int nPerformance, int nTrack, const std::string& path, int nDevice, DWORD dwStart,
+                  DWORD_PTR dwUser = 0, int bSelfDeleting = 0)
+    {
+        QX_WaveParams params = WaveParams(nPerformance, nTrack, path);
+        return Play(&params, nDevice, dwStart, DoneLog::Proc, dwUser, bSelfDeleting);
+    }
     void OnDone(DWORD_PTR dwUser)
     {
         m_pfnDone = DoneLog::Proc;
@@ -395,8 +402,7 @@ TEST_F(OnOutput, ASelfDeletingPlayerWhoseStartFailsIsReleasedOnce)
             ASSERT_EQ(DoneLog::Count(), 1u) << "called back before PlayWaveFile returned";
         } else {
             auto* p = new TestPlayer;
-            QX_WaveParams params = WaveParams(12, 0, m_long);
-            ASSERT_EQ(p->Play(&params, 1, Now() + 200, DoneLog::Proc, 11, 1), 1);
+            ASSERT_EQ(p->PlayTrack(12, 0, m_long, 1, Now() + 200, 11, 1), 1);
             dwPlayer = p->GetHandle();
             QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
             ASSERT_TRUE(Eventually([] { return DoneLog::Count() == 1; }));
@@ -417,8 +423,7 @@ TEST_F(OnOutput, AStartTimeAheadArmsTheTimerAndTheManagerStartsIt)
     auto* p = new TestPlayer; // the output's once Play succeeds
     p->SignalStart();
     EXPECT_FALSE(p->StartSignalled()) << "not prepared: no start event";
-    QX_WaveParams params = WaveParams(7, 2, m_long);
-    ASSERT_EQ(p->Play(&params, 0, Now() + 1500, DoneLog::Proc, 9, 0), 1);
+    ASSERT_EQ(p->PlayTrack(7, 2, m_long, 0, Now() + 1500, 9), 1);
     EXPECT_FALSE(p->Playing()) << "prepared, waiting for its time";
     EXPECT_TRUE(QXSignalPlayer(p->GetHandle()));
     EXPECT_TRUE(p->StartSignalled()) << "signalled, and nothing else happens";
@@ -432,8 +437,7 @@ TEST_F(OnOutput, AStartTimeAheadArmsTheTimerAndTheManagerStartsIt)
 
     // A start time already passed starts before Play returns.
     auto* p2 = new TestPlayer;
-    QX_WaveParams params2 = WaveParams(7, 3, m_long);
-    ASSERT_EQ(p2->Play(&params2, 0, 1, nullptr, 0, 0), 1);
+    ASSERT_EQ(p2->PlayTrack(7, 3, m_long, 0, 1), 1);
     EXPECT_TRUE(p2->Playing());
     EXPECT_EQ(ReportLog::Take(), Log{});
 }
@@ -443,8 +447,7 @@ TEST_F(OnOutput, AStartTimeAheadArmsTheTimerAndTheManagerStartsIt)
 TEST_F(OnOutput, APlayerDestroyedBeforeItsTimerFiresDoesNothing)
 {
     auto* p = new TestPlayer;
-    QX_WaveParams params = WaveParams(7, 2, m_long);
-    ASSERT_EQ(p->Play(&params, 0, Now() + 300, DoneLog::Proc, 3, 0), 1);
+    ASSERT_EQ(p->PlayTrack(7, 2, m_long, 0, Now() + 300, 3), 1);
     const DWORD dwHandle = p->GetHandle();
     Out(0)->DeletePerformance(7, 1);
     EXPECT_TRUE(Gone(dwHandle));
@@ -459,11 +462,10 @@ TEST_F(OnOutput, ASecondPlayerOnTheTrackDestroysTheFirst)
 {
     auto* p1 = new TestPlayer;
     auto* p2 = new TestPlayer;
-    QX_WaveParams params = WaveParams(7, 2, m_long);
-    ASSERT_EQ(p1->Play(&params, 0, 0, DoneLog::Proc, 1, 0), 1);
+    ASSERT_EQ(p1->PlayTrack(7, 2, m_long, 0, 0, 1), 1);
     ASSERT_TRUE(p1->Playing());
     const DWORD dwFirst = p1->GetHandle();
-    ASSERT_EQ(p2->Play(&params, 0, 0, DoneLog::Proc, 2, 0), 1);
+    ASSERT_EQ(p2->PlayTrack(7, 2, m_long, 0, 0, 2), 1);
     EXPECT_TRUE(Gone(dwFirst));
     EXPECT_EQ(DoneLog::Calls(), (std::vector<DoneCall>{{1, dwFirst}}));
     EXPECT_TRUE(p2->Playing());
@@ -481,10 +483,9 @@ TEST_F(OnOutput, APlayerPlaysAgainAfterItStopped)
 {
     const std::string path = Make("short.wav", Wave(WAVE_FORMAT_PCM, 2, 48000, 16, SegmentRamp(3 * kSegment)));
     auto* p = new TestPlayer;
-    QX_WaveParams params = WaveParams(4, 1, path);
     for (size_t nRun = 1; nRun <= 3; ++nRun) {
         SCOPED_TRACE("run " + std::to_string(nRun));
-        ASSERT_EQ(p->Play(&params, 1, 0, DoneLog::Proc, nRun, 0), 1);
+        ASSERT_EQ(p->PlayTrack(4, 1, path, 1, 0, nRun), 1);
         ASSERT_TRUE(Eventually([&] { return DoneLog::Count() == nRun; }));
         EXPECT_EQ(DoneLog::Calls().back(), (DoneCall{nRun, p->GetHandle()}));
         EXPECT_EQ(p->SegmentEnds(), 4) << "three data segments and one of silence";
@@ -508,9 +509,8 @@ TEST_F(OnOutput, ThePlayersReportsNameItsOutput)
         SCOPED_TRACE(c.op);
         const bool timer = c.code == QXN_TIMER_CREATE; // reported as the manager's, with no value
         auto* p = new TestPlayer;
-        QX_WaveParams params = WaveParams(8, 1, m_long);
         QXFaultInject(c.op, timer ? 0 : kOom);
-        EXPECT_EQ(p->Play(&params, 1, timer ? Now() + 5000 : 0, nullptr, 0, 0), c.plays ? 1 : 0);
+        EXPECT_EQ(p->PlayTrack(8, 1, m_long, 1, timer ? Now() + 5000 : 0), c.plays ? 1 : 0);
         EXPECT_EQ(p->Playing(), c.plays);
         if (!c.plays) delete p;
         EXPECT_EQ(ReportLog::Take(), (Log{{c.code, timer ? 0 : kOom, timer ? 0u : 1u}}));
