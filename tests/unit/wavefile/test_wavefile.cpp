@@ -4,8 +4,6 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
-
 using namespace wavetest;
 
 namespace {
@@ -407,11 +405,11 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
 }
 
 // The header keeps up with the data while it is written, so that a recorder killed or
-// stopped by a full disk leaves a file that we and SoX read. The refresh rewrites the
+// stopped by a full disk leaves a file that we read (the recorder's own tests have SoX
+// read one). The refresh rewrites the
 // header from the format record; without one it writes the two lengths alone.
 TEST_F(WaveFile, TheHeaderKeepsUpWithTheDataWhileRecording)
 {
-    const bool sox = std::system("command -v sox >/dev/null 2>&1") == 0;
     const std::string path = Path("rec.wav");
     auto readWhole = [&] {
         CWaveFileRead r;
@@ -455,8 +453,5 @@ TEST_F(WaveFile, TheHeaderKeepsUpWithTheDataWhileRecording)
         QX_DevFormat back{};
         ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
         EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
-        if (!sox) continue;
-        ASSERT_EQ(std::system(("sox -V1 '" + path + "' -t raw '" + path + ".raw'").c_str()), 0);
-        EXPECT_TRUE(Slurp(path + ".raw") == data) << "SoX reads it too";
     }
 }

@@ -131,9 +131,7 @@ size_t OffTheSine(const std::vector<int16_t>& s, size_t from, size_t fit, size_t
 
 CQXDevice* MakeProbes(int nType, int nDir)
 {
-    if (nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_IN) return new Probe;
-    if (nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_OUT) return new CWaveOut;
-    return nullptr;
+    return nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_IN ? new Probe : nullptr;
 }
 
 class WaveInDevice : public ScratchTest {
@@ -142,11 +140,7 @@ protected:
     {
         ScratchTest::SetUp();
         ASSERT_EQ(dstest::kVirtualBackendSet, 0);
-        Init(0);
-    }
-    void Init(int nWaveOut)
-    {
-        qxplat::QXVirtualSetDevices(0, 0, nWaveOut == 0 ? 2 : 1, nWaveOut);
+        qxplat::QXVirtualSetDevices(0, 0, 2, 0);
         QXSetDeviceFactory(MakeProbes);
         q = CQuavix::InitQuavix();
         q->Initialize(QX_INIT_WAVE);
@@ -406,39 +400,4 @@ TEST_F(WaveInDevice, ASineIsRecordedWithoutAGapAcrossAHeldUpCallback)
         EXPECT_NEAR(amp, 0.5, 0.01); // rounding; the converter's own error
         EXPECT_EQ(off, 0u) << "first off at sample " << first << " (buffer " << first / size_t(rate / 2) << ")";
     }
-}
-
-// The file PlayWaveFile plays on output 0, a second of a 1 kHz sine, is found whole in
-// what input 0 records of it.
-TEST_F(WaveInDevice, APlayedFileIsFoundInTheLoopbackRecording)
-{
-    CQuavix::ExitQuavix();
-    setenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE", "loopback", 1);
-    Init(1);
-    const std::string path = Make("sine.wav", Wave(WAVE_FORMAT_PCM, 1, 48000, 16, Sine(16, 48000, 1000, 48000, 1, 0.4)));
-    QX_DevFormat mono = Pcm(48000, 1, 16);
-    ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &mono), 1);
-    ASSERT_EQ(q->OpenDevices(), 1);
-    ASSERT_EQ(q->StartDevices(), 1);
-    const uint64_t dryBefore = qxplat::VirtualAudioUnderrunFramesAll();
-    ASSERT_NE(q->PlayWaveFile(path.c_str(), 0, nullptr, 0), 0);
-    ASSERT_TRUE(rec.WaitFor(4));
-    const uint64_t dry = qxplat::VirtualAudioUnderrunFramesAll() - dryBefore;
-    q->StopDevices();
-    std::vector<int16_t> take;
-    for (const Seen& b : rec.Snapshot()) Append(take, b);
-    size_t onset = 0;
-    while (onset < take.size() && std::abs(take[onset]) < 1000) ++onset;
-    ASSERT_LT(onset + 48000, take.size()) << "the sine was not heard whole";
-    double amp = 0;
-    size_t first = 0;
-    const size_t off = OffTheSine(take, onset + 48, 4800, onset + 48000 - 48, 48000, 0.002, &amp, &first);
-    // Silence the output played when it ran dry (a loaded machine) shifts what follows.
-    if (off > 0 && dry > 0) {
-        std::printf("note: the output ran dry for %llu frames (machine load): not judged\n",
-                    static_cast<unsigned long long>(dry));
-        return;
-    }
-    EXPECT_NEAR(amp, 0.4, 0.01);
-    EXPECT_EQ(off, 0u) << "the recording is the file; first off at " << first - onset;
 }
