@@ -41,16 +41,23 @@ protected:
 
 } // namespace
 
+// What a short chunk lacks is 0; an extensible chunk stands for its sub-format's code
+// when that is PCM or float of the standard family.
 TEST_F(WaveFile, FormatRecordIsItsFirst18BytesWhateverTheChunkLength)
 {
-    for (auto [length, bits] : {std::pair{16, 16}, {40, 16}, {14, 0}, {0, 0}}) {
-        std::string fmt = Fmt(1, 22050, 16, size_t(length));
-        if (length == 40) fmt.replace(8 + 16, 2, Le16(22)); // a cbSize the record must not take
-        const std::string path = Make("f.wav", Riff(fmt + Chunk("data", "dd")));
+    std::string cbSize22 = Fmt(1, 22050, 16, 40);
+    cbSize22.replace(8 + 16, 2, Le16(22)); // a cbSize the record must not take
+    struct Case { std::string chunk; WORD tag, bits; };
+    for (const Case& c : {Case{Fmt(1, 22050, 16), WAVE_FORMAT_PCM, 16}, {cbSize22, WAVE_FORMAT_PCM, 16},
+                          {Fmt(1, 22050, 16, 14), WAVE_FORMAT_PCM, 0}, {Fmt(1, 22050, 16, 0), 0, 0},
+                          {FmtExtensible(2, 44100, 24, WAVE_FORMAT_PCM), WAVE_FORMAT_PCM, 24},
+                          {FmtExtensible(1, 44100, 32, WAVE_FORMAT_IEEE_FLOAT), WAVE_FORMAT_IEEE_FLOAT, 32},
+                          {FmtExtensible(2, 44100, 8, 6), WAVE_FORMAT_EXTENSIBLE, 8}}) {
+        SCOPED_TRACE(c.chunk.size());
+        const std::string path = Make("f.wav", Riff(c.chunk + Chunk("data", "dd")));
         QX_DevFormat f = Garbage();
-        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1) << length;
-        EXPECT_EQ(f.wBitsPerSample, bits) << length; // what a short chunk lacks is 0
-        EXPECT_EQ(f.cbSize, 0) << length;
+        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1);
+        EXPECT_EQ(std::tuple(f.wFormatTag, f.wBitsPerSample, f.cbSize), std::tuple(c.tag, c.bits, 0));
     }
 }
 
