@@ -473,8 +473,11 @@ TEST_F(OnOutput, ASecondPlayerOnTheTrackDestroysTheFirst)
     QX_WaveParams change = WaveParams(7, 2, m_long);
     change.dsParams.lpszFileName = nullptr;
     change.dsParams.lVolume = -1200;
-    Out(0)->SetWaveParams(&change);
+    ASSERT_EQ(q->SetWaveParams(&change), 1);
     EXPECT_EQ(std::get<0>(p2->Applied()), -1200);
+    QX_DSParams now{};
+    EXPECT_EQ(Out(0)->GetTrackParameters(7, 2, &now), 1);
+    EXPECT_EQ(std::tuple(now.lVolume, now.lPan), std::tuple(-1200, 0)) << "what the player there holds";
 }
 
 // A player played again after it stopped streams its second run from the start and
