@@ -1,4 +1,4 @@
-// The DirectSound objects: drivers, device objects and the primary buffer.
+// The DirectSound drivers and the device objects they open.
 #include "DSTestUtil.h"
 
 #include "platform/backends/virtual/QXVirtual.h"
@@ -59,39 +59,4 @@ TEST_F(DSoundApi, DriversAreTheDefaultThenOnePerOutput)
     ASSERT_EQ(DirectSoundEnumerateA(Collect, &drivers), DS_OK);
     EXPECT_EQ(drivers.size(), 1u);
     EXPECT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DSERR_NODRIVER);
-}
-
-TEST_F(DSoundApi, PrimaryBufferNeedsThePriorityLevelAndOnlyLoops)
-{
-    LPDIRECTSOUND ds = nullptr;
-    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
-    HWND hwnd = MakeWindow();
-    LPDIRECTSOUNDBUFFER primary = Primary(ds);
-    ASSERT_NE(primary, nullptr);
-    EXPECT_EQ(Primary(ds), primary) << "one primary buffer per device";
-    primary->Release();
-    WAVEFORMATEX f = Pcm(22050, 2, 16), adpcm = Pcm(22050, 2, 16, 2), got{};
-    EXPECT_EQ(primary->SetFormat(&f), DSERR_PRIOLEVELNEEDED);
-    ASSERT_EQ(ds->SetCooperativeLevel(hwnd, DSSCL_PRIORITY), DS_OK);
-    ASSERT_EQ(primary->SetFormat(&f), DS_OK);
-    ASSERT_EQ(primary->GetFormat(&got, sizeof got, nullptr), DS_OK);
-    EXPECT_EQ(std::tuple(got.nSamplesPerSec, got.nBlockAlign), std::tuple(22050u, 4));
-    EXPECT_EQ(primary->SetFormat(&adpcm), DSERR_BADFORMAT);
-
-    EXPECT_EQ(primary->Play(0, 0, 0), DSERR_INVALIDPARAM);
-    ASSERT_EQ(primary->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-    DWORD status = 0;
-    ASSERT_EQ(primary->GetStatus(&status), DS_OK);
-    EXPECT_EQ(status, DSBSTATUS_PLAYING | DSBSTATUS_LOOPING);
-    LPVOID p1, p2;
-    DWORD b1, b2;
-    EXPECT_EQ(primary->Lock(0, 4, &p1, &b1, &p2, &b2, 0), DSERR_INVALIDCALL);
-    ASSERT_EQ(primary->Stop(), DS_OK);
-    ASSERT_EQ(primary->GetStatus(&status), DS_OK);
-    EXPECT_EQ(status, 0u);
-
-    // The primary buffer keeps the device alive after the application let go of it.
-    EXPECT_EQ(ds->Release(), 1u);
-    EXPECT_EQ(primary->Release(), 0u);
-    DestroyWindow(hwnd);
 }
