@@ -54,12 +54,17 @@ struct WavData {
 TEST(DSoundRealtime, EachStartSoundsTheOutputsLatencyAfterItsPlay)
 {
     constexpr double kRate = 48000;
-    const std::string base = "/tmp/qx-dsound-start-" + std::to_string(getpid()), path = base + "-0.wav";
+    // The second output, by its driver's GUID: its capture is the one numbered 1.
+    const std::string base = "/tmp/qx-dsound-start-" + std::to_string(getpid()), path = base + "-1.wav";
     setenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE", (base + "-%d.wav").c_str(), 1);
-    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+    qxplat::QXVirtualSetDevices(1, 1, 1, 2);
+    std::vector<Driver> drivers;
+    ASSERT_EQ(DirectSoundEnumerateA(Collect, &drivers), DS_OK);
+    ASSERT_EQ(drivers.size(), 3u);
     LPDIRECTSOUND ds = nullptr;
-    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
+    ASSERT_EQ(DirectSoundCreate(&drivers[2].guid, &ds, nullptr), DS_OK);
     unsetenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE");
+    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
     DWORD rate = 0;
     EXPECT_EQ(qxplat::DirectSoundOutputLatencyFrames(ds, &rate), 1200u); // 20 ms queued, one 5 ms block
     ASSERT_EQ(rate, 48000u);
