@@ -314,7 +314,8 @@ TEST(DSoundMixer, EverySampleFormatConvertsToTheSameLevelAndOthersAreRefused)
     // What the mixer cannot play is refused, and so are impossible sizes.
     WAVEFORMATEX align = Pcm(22050, 2, 16), ok = Pcm(22050, 2, 16);
     align.nBlockAlign = 2;
-    for (WAVEFORMATEX f : {Pcm(22050, 1, 12), Pcm(22050, 1, 16, 2), Pcm(22050, 0, 16), Pcm(99, 1, 16), align}) {
+    for (WAVEFORMATEX f : {Pcm(22050, 1, 12), Pcm(22050, 1, 16, 2), Pcm(22050, 1, 64, WAVE_FORMAT_IEEE_FLOAT),
+                           Pcm(22050, 0, 16), Pcm(22050, 9, 16), Pcm(99, 1, 16), Pcm(100001, 1, 16), align}) {
         d.lpwfxFormat = &f;
         EXPECT_EQ(off.ds->CreateSoundBuffer(&d, &b, nullptr), DSERR_BADFORMAT) << f.wBitsPerSample << " " << f.nChannels;
     }

@@ -107,6 +107,11 @@ TEST_F(WaveFile, NonsenseFormatsGiveTruncatedOrZeroDurationsAndStayInBounds)
     ASSERT_EQ(w.Close(), 1);
     ASSERT_EQ(OpenFile(r, Path("zero.wav")), 1);
     EXPECT_EQ(ReadToEnd(r), data);
+    // File devices pause and stop, but never start; the plain file device never opens.
+    EXPECT_EQ(r.Pause() + r.Stop(), 2);
+    EXPECT_EQ(r.Start(), 0);
+    CWaveFile plain;
+    EXPECT_EQ(OpenFile(plain, Path("zero.wav")), 0);
 }
 
 TEST_F(WaveFile, RefusedFilesAndPathsAreReportedWithTheReasonAndLeaveNothingOpen)
