@@ -100,17 +100,6 @@ inline BOOL CALLBACK Collect(LPGUID pGuid, LPCSTR pszDescription, LPCSTR pszModu
     return TRUE;
 }
 
-// An application's main window, for the cooperative level.
-inline HWND MakeWindow()
-{
-    WNDCLASSA wc{};
-    wc.lpfnWndProc = DefWindowProcA;
-    wc.lpszClassName = "QXDSoundTestWindow";
-    RegisterClassA(&wc); // may exist from an earlier test
-    return CreateWindowExA(0, "QXDSoundTestWindow", "main", 0, 0, 0, 0, 0, nullptr, nullptr, QXGetModuleInstance(),
-                           nullptr);
-}
-
 // Writes the whole buffer through Lock/Unlock.
 inline void Fill(LPDIRECTSOUNDBUFFER b, const std::function<void(BYTE*, DWORD)>& write)
 {

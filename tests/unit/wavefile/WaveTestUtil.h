@@ -49,6 +49,17 @@ inline std::string Fmt(WORD channels, DWORD rate, WORD bits, size_t length = 16,
     return Chunk("fmt ", s.substr(0, length));
 }
 
+// A WAVE_FORMAT_EXTENSIBLE format chunk (cbSize 22), as sox and most editors write
+// 24-bit, 32-bit and multichannel audio, its sub-format a code of the standard family.
+inline std::string FmtExtensible(WORD channels, DWORD rate, WORD bits, DWORD subFormat)
+{
+    const WORD align = WORD(channels * bits / 8);
+    return Chunk("fmt ", Le16(WAVE_FORMAT_EXTENSIBLE) + Le16(channels) + Le32(rate) + Le32(rate * align) +
+                             Le16(align) + Le16(bits) + Le16(22) + Le16(bits) +
+                             Le32(channels == 2 ? 3 : (1u << channels) - 1) + Le32(subFormat) +
+                             std::string("\x00\x00\x10\x00\x80\x00\x00\xAA\x00\x38\x9B\x71", 12));
+}
+
 inline std::string Riff(const std::string& chunks, const std::string& form = "WAVE")
 {
     return "RIFF" + Le32(DWORD(4 + chunks.size())) + form + chunks;

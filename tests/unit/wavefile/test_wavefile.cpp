@@ -4,8 +4,6 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
-
 using namespace wavetest;
 
 namespace {
@@ -43,16 +41,23 @@ protected:
 
 } // namespace
 
+// What a short chunk lacks is 0; an extensible chunk stands for its sub-format's code
+// when that is PCM or float of the standard family.
 TEST_F(WaveFile, FormatRecordIsItsFirst18BytesWhateverTheChunkLength)
 {
-    for (auto [length, bits] : {std::pair{16, 16}, {40, 16}, {14, 0}, {0, 0}}) {
-        std::string fmt = Fmt(1, 22050, 16, size_t(length));
-        if (length == 40) fmt.replace(8 + 16, 2, Le16(22)); // a cbSize the record must not take
-        const std::string path = Make("f.wav", Riff(fmt + Chunk("data", "dd")));
+    std::string cbSize22 = Fmt(1, 22050, 16, 40);
+    cbSize22.replace(8 + 16, 2, Le16(22)); // a cbSize the record must not take
+    struct Case { std::string chunk; WORD tag, bits; };
+    for (const Case& c : {Case{Fmt(1, 22050, 16), WAVE_FORMAT_PCM, 16}, {cbSize22, WAVE_FORMAT_PCM, 16},
+                          {Fmt(1, 22050, 16, 14), WAVE_FORMAT_PCM, 0}, {Fmt(1, 22050, 16, 0), 0, 0},
+                          {FmtExtensible(2, 44100, 24, WAVE_FORMAT_PCM), WAVE_FORMAT_PCM, 24},
+                          {FmtExtensible(1, 44100, 32, WAVE_FORMAT_IEEE_FLOAT), WAVE_FORMAT_IEEE_FLOAT, 32},
+                          {FmtExtensible(2, 44100, 8, 6), WAVE_FORMAT_EXTENSIBLE, 8}}) {
+        SCOPED_TRACE(c.chunk.size());
+        const std::string path = Make("f.wav", Riff(c.chunk + Chunk("data", "dd")));
         QX_DevFormat f = Garbage();
-        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1) << length;
-        EXPECT_EQ(f.wBitsPerSample, bits) << length; // what a short chunk lacks is 0
-        EXPECT_EQ(f.cbSize, 0) << length;
+        ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), f), 1);
+        EXPECT_EQ(std::tuple(f.wFormatTag, f.wBitsPerSample, f.cbSize), std::tuple(c.tag, c.bits, 0));
     }
 }
 
@@ -97,12 +102,11 @@ TEST_F(WaveFile, NonsenseFormatsGiveTruncatedOrZeroDurationsAndStayInBounds)
     ASSERT_EQ(OpenFile(w, Path("zero.wav"), &zero), 1);
     std::string bytes = data;
     WAVEHDR h = Header(bytes);
-    for (int i = 0; i < 5; ++i) ASSERT_EQ(w.Write(&h), 3001);
+    ASSERT_EQ(w.Write(&h), 3001);
     EXPECT_EQ(w.GetDuration(), 0);
     ASSERT_EQ(w.Close(), 1);
     ASSERT_EQ(OpenFile(r, Path("zero.wav")), 1);
-    EXPECT_EQ(r.GetDataSize(), 5 * 3001);
-    EXPECT_EQ(ReadToEnd(r).substr(4 * 3001), data);
+    EXPECT_EQ(ReadToEnd(r), data);
     // File devices pause and stop, but never start; the plain file device never opens.
     EXPECT_EQ(r.Pause() + r.Stop(), 2);
     EXPECT_EQ(r.Start(), 0);
@@ -113,19 +117,17 @@ TEST_F(WaveFile, NonsenseFormatsGiveTruncatedOrZeroDurationsAndStayInBounds)
 TEST_F(WaveFile, RefusedFilesAndPathsAreReportedWithTheReasonAndLeaveNothingOpen)
 {
     const std::string fmt = Fmt(1, 8000, 8);
-    const std::string wave = Make("ok.wav", Riff(fmt + Chunk("data", "abc")));
+    Make("ok.wav", Riff(fmt + Chunk("data", "abc")));
     const DWORD notFound = MMIOERR_CHUNKNOTFOUND;
     const struct { std::string path; DWORD code, value; } cases[] = {
         {Make("1.wav", Riff(fmt + Chunk("LIST", "INFO"))), QXN_FILE_DESCEND, notFound}, // no data
         {Make("2.wav", Riff(Chunk("data", "xx"))), QXN_FILE_DESCEND, notFound},         // no format
         {Make("3.wav", "plain words, no chunks"), QXN_FILE_DESCEND, notFound},
         {Make("4.wav", Riff(fmt + Chunk("data", "xx"), "AVI ")), QXN_FILE_DESCEND, notFound},
-        {Make("5.wav", ""), QXN_FILE_DESCEND, notFound},
         {Make("6.wav", "RIFF" + Le32(4) + "WAVE" + fmt + Chunk("data", "xx")), QXN_FILE_DESCEND, notFound},
         {Make("7.wav", Riff("fmt " + Le32(16) + "abc")), QXN_FILE_READ, 0}, // cut short
         {"/proc/self/mem", QXN_FILE_DESCEND, MMIOERR_CANNOTREAD}, // opens, but cannot be read at its start
         {Path("missing.wav"), QXN_FILE_OPENREAD, 0},    {m_dir, QXN_FILE_OPENREAD, 0},
-        {Path("no/x.wav"), QXN_FILE_OPENREAD, 0},       {wave + "/x.wav", QXN_FILE_OPENREAD, 0},
     };
     const size_t fds = OpenFdCount();
     Reports reports;
@@ -150,8 +152,6 @@ TEST_F(WaveFile, RefusedFilesAndPathsAreReportedWithTheReasonAndLeaveNothingOpen
     }
     EXPECT_EQ(OpenFdCount(), fds);
 
-    EXPECT_EQ(CWaveFile::FileExists(nullptr), 0);
-    EXPECT_EQ(CWaveFile::FileExists(Path("missing.wav").c_str()), 0);
     EXPECT_EQ(CWaveFile::FileExists(m_dir.c_str()), 0);
     EXPECT_EQ(CWaveFile::FileExists((m_dir + "/./nowhere/../ok.wav").c_str()), 1); // qualified by its text
     EXPECT_TRUE(reports.Take().empty());
@@ -220,10 +220,6 @@ TEST_F(WaveFile, ChunksInAnyOrderAndLengthsTheFileDoesNotHoldReadToItsEnd)
         }
     }
     EXPECT_TRUE(reports.Take().empty());
-    // "RIFF" whose length holds the form type alone holds no chunks.
-    CWaveFileRead r;
-    EXPECT_EQ(OpenFile(r, Make("bad.wav", "RIFF" + Le32(4) + "WAVE" + fmt + Chunk("data", data))), 0);
-    EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_DESCEND, MMIOERR_CHUNKNOTFOUND}}));
 }
 
 TEST_F(WaveFile, AFileCutWhileReadIsReadToItsLastByteThenEnds)
@@ -400,32 +396,36 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
         EXPECT_EQ(qxplat::LiveMmioCount(), 0u);
         EXPECT_EQ(reports.Take(), (Got{{code, DWORD(value)}})) << op << call;
     }
-    CWaveFileWrite w;
-    ASSERT_EQ(OpenFile(w, out), 1);
-    std::string digits = "12345";
-    WAVEHDR h = Header(digits);
-    ASSERT_EQ(w.Write(&h), 5);
-    QXFaultInject("mmioWrite", 1);
-    EXPECT_EQ(w.Write(&h), -1);
-    EXPECT_EQ(w.GetDataSize(), 5);
-    EXPECT_EQ(w.GetFilePosition(), 51);
     // Failed ascents are reported; the data is kept, and the file is reopened to give
-    // it its true lengths (odd data has no pad byte then).
-    QXFaultInject("mmioAscend", 77, 1);
-    QXFaultInject("mmioAscend", 78, 2);
-    EXPECT_EQ(w.Close(), 1);
-    EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_WRITE, 0}, {QXN_FILE_ASCEND, 77}, {QXN_FILE_ASCEND, 78}}));
-    const std::string file = Slurp(out);
-    EXPECT_EQ(file.substr(46), "12345");
-    EXPECT_EQ(file.substr(4, 4) + file.substr(42, 4), Le32(43) + Le32(5));
+    // it its true lengths: the data counted, with the pad byte only if it made it to disk.
+    for (const bool bBoth : {true, false}) {
+        CWaveFileWrite w;
+        ASSERT_EQ(OpenFile(w, out), 1);
+        std::string digits = "12345";
+        WAVEHDR h = Header(digits);
+        ASSERT_EQ(w.Write(&h), 5);
+        QXFaultInject("mmioWrite", 1);
+        EXPECT_EQ(w.Write(&h), -1);
+        EXPECT_EQ(w.GetDataSize(), 5);
+        EXPECT_EQ(w.GetFilePosition(), 51);
+        if (bBoth) QXFaultInject("mmioAscend", 77, 1);
+        QXFaultInject("mmioAscend", 78, 2);
+        EXPECT_EQ(w.Close(), 1);
+        Got want{{QXN_FILE_WRITE, 0}, {QXN_FILE_ASCEND, 77}, {QXN_FILE_ASCEND, 78}};
+        if (!bBoth) want.erase(want.begin() + 1);
+        EXPECT_EQ(reports.Take(), want);
+        const std::string file = Slurp(out);
+        EXPECT_EQ(file.substr(46), bBoth ? std::string("12345") : std::string("12345\0", 6));
+        EXPECT_EQ(file.substr(4, 4) + file.substr(42, 4), Le32(bBoth ? 43 : 44) + Le32(5));
+    }
 }
 
 // The header keeps up with the data while it is written, so that a recorder killed or
-// stopped by a full disk leaves a file that we and SoX read. The refresh rewrites the
+// stopped by a full disk leaves a file that we read (the recorder's own tests have SoX
+// read one). The refresh rewrites the
 // header from the format record; without one it writes the two lengths alone.
 TEST_F(WaveFile, TheHeaderKeepsUpWithTheDataWhileRecording)
 {
-    const bool sox = std::system("command -v sox >/dev/null 2>&1") == 0;
     const std::string path = Path("rec.wav");
     auto readWhole = [&] {
         CWaveFileRead r;
@@ -469,8 +469,5 @@ TEST_F(WaveFile, TheHeaderKeepsUpWithTheDataWhileRecording)
         QX_DevFormat back{};
         ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
         EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
-        if (!sox) continue;
-        ASSERT_EQ(std::system(("sox -V1 '" + path + "' -t raw '" + path + ".raw'").c_str()), 0);
-        EXPECT_TRUE(Slurp(path + ".raw") == data) << "SoX reads it too";
     }
 }

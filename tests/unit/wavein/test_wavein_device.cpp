@@ -1,6 +1,6 @@
 // The wave input device under the manager: buffer sizes, the order buffers are handed
 // on and queued, the transport (also from inside a recording callback), a format
-// change, and a sine recorded without a gap.
+// change, a sine recorded without a gap, and a played file heard through the loopback.
 #include <quavix/Quavix.h>
 
 #include "manager/QXDeviceFactory.h"
@@ -31,8 +31,6 @@ public:
     }
     using CWaveIn::AddState;
     using CWaveIn::DevStart;
-    using CWaveIn::m_dwBlockSize;
-    using CWaveIn::m_dwBufferLength;
     using CWaveIn::m_nNextBuffer;
     using CWaveIn::m_nQueuedBuffers;
     using CWaveIn::m_pBlock;
@@ -111,6 +109,26 @@ void Append(std::vector<int16_t>& samples, const Seen& buffer)
     samples.insert(samples.end(), p, p + buffer.data.size() / 2);
 }
 
+// Fits a 1 kHz sine to s[from, from + fit) and counts the samples of s[from, to) that
+// stray from the sine that fit continues by more than tol (full scale 1).
+size_t OffTheSine(const std::vector<int16_t>& s, size_t from, size_t fit, size_t to, double rate, double tol,
+                  double* pAmp, size_t* pFirstOff)
+{
+    const double w = 2 * std::numbers::pi * 1000.0 / rate;
+    double c = 0, q = 0;
+    for (size_t i = from; i < from + fit; ++i) {
+        c += s[i] * std::cos(w * static_cast<double>(i));
+        q += s[i] * std::sin(w * static_cast<double>(i));
+    }
+    const double phase = std::atan2(c, q);
+    *pAmp = 2 * std::hypot(c, q) / static_cast<double>(fit) / 32768.0;
+    size_t off = 0;
+    for (size_t i = from; i < to; ++i)
+        if (std::abs(s[i] / 32768.0 - *pAmp * std::sin(w * static_cast<double>(i) + phase)) > tol && off++ == 0)
+            *pFirstOff = i;
+    return off;
+}
+
 CQXDevice* MakeProbes(int nType, int nDir)
 {
     if (nType == QX_DEVTYPE_WAVE && nDir == QX_DEVDIR_IN) return new Probe;
@@ -172,25 +190,18 @@ TEST_F(WaveInDevice, BuffersHoldHalfASecondOfTheFormat)
     const QX_DevFormat* f = In(0)->GetFormat();
     ASSERT_NE(f, nullptr);
     EXPECT_EQ(std::tuple(f->nSamplesPerSec, f->nChannels, f->wBitsPerSample), std::tuple(22050u, 1, 16));
-    EXPECT_EQ(In(0)->m_dwBufferLength, 22050u);
-    // Header 1 at the 8-byte boundary after buffer 0.
-    EXPECT_EQ(In(0)->m_dwBlockSize, 2 * sizeof(WAVEHDR) + 22056u + 22050u);
-    BYTE* block = In(0)->m_pBlock;
-    EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[0]), block);
-    EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[0]->lpData), block + sizeof(WAVEHDR));
-    EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[1]), block + sizeof(WAVEHDR) + 22056);
-    EXPECT_EQ(In(0)->m_pHeaders[1]->dwBufferLength, 22050u);
     EXPECT_EQ(In(0)->m_nQueuedBuffers, 1) << "opening queues buffer 0";
     EXPECT_EQ(In(0)->m_nNextBuffer, 1);
 
+    // Header 1 at the 8-byte boundary after buffer 0.
     struct Case { QX_DevFormat f; DWORD length; };
-    for (Case c : {Case{Pcm(44100, 2, 16), 88200}, {Pcm(22050, 1, 8), 11025}, {Pcm(11025, 1, 16), 11025}}) {
+    for (Case c : {Case{Pcm(22050, 1, 16), 22050}, {Pcm(44100, 2, 16), 88200}, {Pcm(22050, 1, 8), 11025}}) {
         SCOPED_TRACE(c.length);
         ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &c.f), 1);
         EXPECT_TRUE(State(0) & QX_STATE_OPEN) << "reopened with the new format";
-        EXPECT_EQ(In(0)->m_dwBufferLength, c.length);
-        EXPECT_EQ(In(0)->m_dwBlockSize, 2 * sizeof(WAVEHDR) + (c.length + 7) / 8 * 8 + c.length);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(In(0)->m_pHeaders[1]) % alignof(WAVEHDR), 0u);
+        EXPECT_EQ(In(0)->m_pHeaders[1]->dwBufferLength, c.length);
+        EXPECT_EQ(reinterpret_cast<BYTE*>(In(0)->m_pHeaders[1]),
+                  In(0)->m_pBlock + sizeof(WAVEHDR) + (c.length + 7) / 8 * 8);
     }
     EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     EXPECT_EQ(In(0)->m_pBlock, nullptr);
@@ -203,21 +214,22 @@ TEST_F(WaveInDevice, BuffersHoldHalfASecondOfTheFormat)
     ASSERT_TRUE(rec.WaitFor(1));
     EXPECT_EQ(rec.Snapshot()[0].data.size(), 96000u);
     EXPECT_EQ(In(0)->SetFormat(nullptr), 0);
-    EXPECT_EQ(In(0)->GetFormat(), nullptr);
 }
 
 // Buffers 0, 1, 0 are handed on in that order, each full while the other is queued; a
-// stop takes both back at once (the partly filled one is not handed on).
-TEST_F(WaveInDevice, BuffersAreHandedOnInTurnWhileTheOtherIsQueued)
+// stop takes both back at once (the partly filled one is not handed on). An input
+// records again after a stop or a pause; a close after a pause (nothing queued) returns
+// at once; a start while a stop is under way is refused.
+TEST_F(WaveInDevice, BuffersAreHandedOnInTurnAndNoneWhileStoppedOrPaused)
 {
     ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     ASSERT_TRUE(rec.WaitFor(3));
-    const auto t0 = std::chrono::steady_clock::now();
+    auto t0 = std::chrono::steady_clock::now();
     ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     EXPECT_LT(Seconds(t0), 2.5) << "the stop waited out its limit";
-    const size_t handed = rec.Count();
-    EXPECT_LE(handed, 4u);
+    size_t n = rec.Count();
+    EXPECT_LE(n, 4u);
     const std::vector<Seen> seen = rec.Snapshot();
     for (size_t i = 0; i < 3; ++i) {
         EXPECT_EQ(seen[i].header, In(0)->m_pHeaders[i % 2]) << i;
@@ -228,36 +240,26 @@ TEST_F(WaveInDevice, BuffersAreHandedOnInTurnWhileTheOtherIsQueued)
     EXPECT_EQ(In(0)->m_nQueuedBuffers, 0);
     EXPECT_FALSE(State(0) & QX_STATE_STOPPING);
     std::this_thread::sleep_for(std::chrono::milliseconds(700)); // longer than a buffer lasts
-    EXPECT_EQ(rec.Count(), handed) << "nothing after the stop";
-}
+    EXPECT_EQ(rec.Count(), n) << "nothing after the stop";
 
-// An input records again after a stop or a pause; a close after a pause (nothing queued)
-// returns at once; a start while a stop is under way is refused.
-TEST_F(WaveInDevice, AStoppedOrPausedInputRecordsNothingUntilStartedAgain)
-{
-    ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    ASSERT_TRUE(rec.WaitFor(1));
-    ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    size_t n = rec.Count();
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     ASSERT_TRUE(rec.WaitFor(n + 2)) << "a restarted input records";
     ASSERT_EQ(q->PauseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     EXPECT_TRUE(State(0) & QX_STATE_PAUSED);
     EXPECT_EQ(In(0)->m_nQueuedBuffers, 0) << "a pause is a stop";
     n = rec.Count();
-    std::this_thread::sleep_for(std::chrono::milliseconds(700)); // longer than a buffer lasts
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
     EXPECT_EQ(rec.Count(), n) << "a paused input records nothing";
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     ASSERT_TRUE(rec.WaitFor(n + 1)) << "and records again when started";
     ASSERT_EQ(q->PauseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    const auto t0 = std::chrono::steady_clock::now();
+    t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     EXPECT_LT(Seconds(t0), 2.5) << "nothing was queued to wait for";
 
     ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
     In(0)->AddState(QX_STATE_STOPPING);
     EXPECT_EQ(In(0)->DevStart(), 0);
-    EXPECT_EQ(q->CloseDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
 }
 
 // A recording callback that stops or closes its own input does not wait for itself, and
@@ -398,69 +400,43 @@ TEST_F(WaveInDevice, ASineIsRecordedWithoutAGapAcrossAHeldUpCallback)
                         buffers > 1 ? buffers - 1 : 0, total);
             if (s.size() < skip + fit) continue;
         }
-        double c = 0, q2 = 0;
-        for (size_t i = skip; i < skip + fit; ++i) {
-            const double w = 2 * std::numbers::pi * 1000.0 * static_cast<double>(i) / rate;
-            c += s[i] * std::cos(w);
-            q2 += s[i] * std::sin(w);
-        }
-        const double phase = std::atan2(c, q2), amp = 2 * std::hypot(c, q2) / static_cast<double>(fit) / 32768.0;
-        EXPECT_NEAR(amp, 0.5, 0.01);
-        const double tol = dev == 0 ? 3.0 / 32768 : 0.01; // rounding; the converter's own error
-        size_t bad = 0, firstBad = 0;
-        for (size_t i = skip; i < s.size(); ++i) {
-            const double want = amp * std::sin(2 * std::numbers::pi * 1000.0 * static_cast<double>(i) / rate + phase);
-            if (std::abs(s[i] / 32768.0 - want) > tol && bad++ == 0) firstBad = i;
-        }
-        EXPECT_EQ(bad, 0u) << "first off at sample " << firstBad << " (buffer " << firstBad / size_t(rate / 2) << ")";
+        double amp = 0;
+        size_t first = 0;
+        const size_t off = OffTheSine(s, skip, fit, s.size(), rate, dev == 0 ? 3.0 / 32768 : 0.01, &amp, &first);
+        EXPECT_NEAR(amp, 0.5, 0.01); // rounding; the converter's own error
+        EXPECT_EQ(off, 0u) << "first off at sample " << first << " (buffer " << first / size_t(rate / 2) << ")";
     }
 }
 
-// The file PlayWaveFile plays on output 0 is found whole in what input 0 records of it.
+// The file PlayWaveFile plays on output 0, a second of a 1 kHz sine, is found whole in
+// what input 0 records of it. Silence before and after the sound, and any the output
+// padded it with when it ran dry (a loaded machine), is left out of both.
 TEST_F(WaveInDevice, APlayedFileIsFoundInTheLoopbackRecording)
 {
     CQuavix::ExitQuavix();
     setenv("QUAVIX_VIRTUAL_WAVE_IN_SOURCE", "loopback", 1);
     Init(1);
-
-    // A second of a sweep at the outputs' rate.
-    std::vector<int16_t> sweep(48000);
-    double phase = 0;
-    for (size_t i = 0; i < sweep.size(); ++i) {
-        phase += 2 * std::numbers::pi * (200.0 + 8000.0 * double(i) / double(sweep.size())) / 48000.0;
-        sweep[i] = static_cast<int16_t>(std::lround(12000 * std::sin(phase)));
-    }
-    const std::string path = Make("sweep.wav", Wave(WAVE_FORMAT_PCM, 1, 48000, 16,
-                                                    std::string(reinterpret_cast<const char*>(sweep.data()), 2 * sweep.size())));
+    const std::string tone = Sine(16, 48000, 1000, 48000, 1, 0.4);
+    const std::string path = Make("sine.wav", Wave(WAVE_FORMAT_PCM, 1, 48000, 16, tone));
     QX_DevFormat mono = Pcm(48000, 1, 16);
     ASSERT_EQ(q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &mono), 1);
     ASSERT_EQ(q->OpenDevices(), 1);
     ASSERT_EQ(q->StartDevices(), 1);
-    const uint64_t dryBefore = qxplat::VirtualAudioUnderrunFramesAll();
     ASSERT_NE(q->PlayWaveFile(path.c_str(), 0, nullptr, 0), 0);
     ASSERT_TRUE(rec.WaitFor(4));
-    const uint64_t dry = qxplat::VirtualAudioUnderrunFramesAll() - dryBefore;
     q->StopDevices();
     std::vector<int16_t> take;
     for (const Seen& b : rec.Snapshot()) Append(take, b);
-    size_t onset = 0;
-    while (onset < take.size() && std::abs(take[onset]) < 1000) ++onset;
-    ASSERT_LT(onset + sweep.size(), take.size()) << "the sweep was not heard whole";
-    double best = 0;
-    for (size_t at = onset > 100 ? onset - 100 : 0; at < onset + 100; ++at) {
-        double xy = 0, xx = 0, yy = 0;
-        for (size_t i = 0; i < sweep.size(); ++i) {
-            xy += double(sweep[i]) * take[at + i];
-            xx += double(sweep[i]) * sweep[i];
-            yy += double(take[at + i]) * take[at + i];
-        }
-        best = std::max(best, xy / std::sqrt(xx * yy));
-    }
-    // Silence the output played when it ran dry (a loaded machine) shifts what follows.
-    if (best <= 0.999 && dry > 0) {
-        std::printf("note: the output ran dry for %llu frames (machine load): correlation %.4f not judged\n",
-                    static_cast<unsigned long long>(dry), best);
-        return;
-    }
-    EXPECT_GT(best, 0.999) << "the recording is the file";
+    auto sounding = [](const int16_t* p, size_t n) {
+        std::vector<int16_t> v;
+        std::copy_if(p, p + n, std::back_inserter(v), [](int16_t x) { return x != 0; });
+        return v;
+    };
+    const std::vector<int16_t> want = sounding(reinterpret_cast<const int16_t*>(tone.data()), tone.size() / 2);
+    const std::vector<int16_t> got = sounding(take.data(), take.size());
+    ASSERT_GE(got.size(), want.size()) << "the sine was not heard whole";
+    size_t off = 0, first = 0;
+    for (size_t i = 0; i < want.size(); ++i)
+        if (std::abs(got[i] - want[i]) > 2 && off++ == 0) first = i;
+    EXPECT_EQ(off, 0u) << "the recording is the file; first off at " << first;
 }

@@ -32,16 +32,10 @@ TEST_F(WaveOutTest, RegistryHasOneDriverPerOutputAndIsFilledOnce)
     Make(3);
     EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 3);
     ASSERT_EQ(CWaveOut::DSNumDrivers(), 3);
-    for (int n = 0; n < 3; ++n) {
-        ASSERT_NE(Out(n), nullptr);
-        EXPECT_NE(CWaveOut::DSGetDevice(n), nullptr);
-        EXPECT_STREQ(CWaveOut::DSGetModule(n), "virtual");
-    }
-    EXPECT_EQ(CWaveOut::DSGetDescription(-1), nullptr);
+    for (int n = 0; n < 3; ++n) EXPECT_NE(CWaveOut::DSGetDevice(n), nullptr);
+    EXPECT_STREQ(CWaveOut::DSGetModule(2), "virtual");
+    EXPECT_STREQ(CWaveOut::DSGetDescription(2), "Quavix Virtual Wave Out 3");
     EXPECT_EQ(CWaveOut::DSGetDescription(3), nullptr);
-    ASSERT_NE(CWaveOut::DSGetDescription(2), nullptr);
-    EXPECT_NE(std::string(CWaveOut::DSGetDescription(2)), CWaveOut::DSGetDescription(1));
-    EXPECT_EQ(CWaveOut::GetDefaultFormat(), 9);
 
     // A filled registry answers at once: an enumeration that would fail is not made.
     QXFaultInject("DirectSoundEnumerateA", static_cast<DWORD>(DSERR_GENERIC));
@@ -50,28 +44,22 @@ TEST_F(WaveOutTest, RegistryHasOneDriverPerOutputAndIsFilledOnce)
 
     // Emptied, it enumerates anew on the next DSInit, and only then.
     EXPECT_EQ(CWaveOut::DSExit(), 1);
-    EXPECT_EQ(CWaveOut::DSNumDrivers(), 0);
     EXPECT_EQ(CWaveOut::DSGetDevice(0), nullptr); // out of range: no enumeration starts
-    EXPECT_EQ(CWaveOut::DSExit(), 1);
     QXFaultInject("DirectSoundEnumerateA", static_cast<DWORD>(DSERR_GENERIC));
     EXPECT_EQ(CWaveOut::DSInit(), 0);
     EXPECT_EQ(CWaveOut::DSInit(), 1);
-    EXPECT_EQ(CWaveOut::DSNumDrivers(), 3);
     EXPECT_NE(CWaveOut::DSGetDevice(2), nullptr);
 }
 
 TEST_F(WaveOutTest, NoDriverMeansNoWaveOutputAndMidiAloneLeavesDirectSoundAlone)
 {
     Make(0); // only the default driver without a GUID is reported
-    EXPECT_EQ(CWaveOut::DSNumDrivers(), 0);
     EXPECT_EQ(CWaveOut::DSInit(), 0);
     EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 0);
-    EXPECT_EQ(q->GetDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), nullptr);
     CQuavix::ExitQuavix();
 
     Make(2, QX_INIT_MIDI);
     EXPECT_EQ(CWaveOut::DSNumDrivers(), 0);
-    EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 0);
     // A later wave initialisation of the same manager changes nothing.
     q->Initialize(QX_INIT_WAVE);
     EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 0);
@@ -90,7 +78,6 @@ TEST_F(WaveOutTest, FailuresOfTheRegistryAreReportedPerDriver)
     EXPECT_TRUE(Reported(QXN_DS_SETCOOPLEVEL, DSERR_GENERIC, 0));
     EXPECT_TRUE(Reported(QXN_DS_CREATE, DSERR_NODRIVER, 1));
     EXPECT_EQ(q->GetDeviceCount(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT), 2);
-    EXPECT_NE(CWaveOut::DSGetDevice(0), nullptr);
     EXPECT_EQ(CWaveOut::DSGetDevice(1), nullptr);
     QX_DevCaps caps{};
     EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 1, &caps), 0);
@@ -102,8 +89,6 @@ TEST_F(WaveOutTest, FailuresOfTheRegistryAreReportedPerDriver)
 
     // The capabilities of a working driver are its DSCAPS.
     ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0, &caps), 1);
-    EXPECT_EQ(caps.dsOut.dwSize, sizeof(DSCAPS));
-    EXPECT_NE(caps.dsOut.dwFlags & DSCAPS_CONTINUOUSRATE, 0u);
     EXPECT_EQ(caps.dsOut.dwMaxSecondarySampleRate, 100000u);
     QXFaultInject("IDirectSound::GetCaps", static_cast<DWORD>(DSERR_GENERIC));
     EXPECT_EQ(q->GetDeviceCaps(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0, &caps), 0);
@@ -160,12 +145,9 @@ TEST_F(WaveOutTest, PerformancesAndTracksAreMadeOnceOnDemandAndDeletedByNumber)
     EXPECT_EQ(q->SetWaveParams(&params), 1); // no player there: only empty records remain
     EXPECT_EQ(out->IsActive(), 1);
 
-    EXPECT_EQ(out->GetTrack(nullptr, 1), nullptr);
     DSPerformance* p7 = out->GetPerformance(7);
-    ASSERT_NE(p7, nullptr);
     EXPECT_EQ(out->GetPerformance(7), p7);
     DSTrack* t1 = out->GetTrack(p7, 1);
-    ASSERT_NE(t1, nullptr);
     EXPECT_EQ(out->GetTrack(p7, 1), t1);
     DSTrack* t2 = out->GetTrack(p7, 2);
     EXPECT_EQ(std::tuple(t2->nTrack, t2->pWavePlay, t2->lVolume), std::tuple(2, nullptr, 0));
@@ -175,8 +157,6 @@ TEST_F(WaveOutTest, PerformancesAndTracksAreMadeOnceOnDemandAndDeletedByNumber)
     EXPECT_EQ(p7->tracks.GetCount(), 2);
 
     out->GetPerformance(8);
-    out->DeletePerformance(5, 1); // none: nothing changes
-    EXPECT_EQ(out->GetPerformance(7), p7);
     out->DeletePerformance(7, 1);
     EXPECT_EQ(out->IsActive(), 1); // 42 and 8 remain
     q->StopPerformance(42);        // a stopped performance leaves every output
@@ -211,14 +191,12 @@ TEST_F(WaveOutTest, PrimaryBufferFollowsTheFormatAndTheTransport)
     EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, DSERR_BADFORMAT, 0));
     ASSERT_NE(out->GetFormat(), nullptr);
 
-    // Open but not started: the events wait in the list for the start; a closed output
-    // refuses them, and the manager then discards them.
+    // Open but not started, the output keeps events in the list for the start; closed, it
+    // refuses them.
     CQXEventList events;
-    auto* pEvent = new CQXEventData;
-    pEvent->SetMidiData(0x90);
-    events.AddTail(pEvent);
+    events.AddTail(new CQXEventData);
+    events.GetHead()->SetMidiData(0x90);
     EXPECT_EQ(out->PlayData(&events, 0, 100), 1);
-    EXPECT_EQ(events.GetCount(), 1);
     EXPECT_EQ(Out(1)->PlayData(&events, 0, 100), 0);
     EXPECT_EQ(events.GetCount(), 1);
     delete events.RemoveHead();
@@ -280,58 +258,4 @@ TEST_F(WaveOutTest, APausedOutputHoldsItsMixAndGoesOnWhereItWas)
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
     EXPECT_TRUE(Eventually([&] { return cursor() != held; }));
     b->Release();
-}
-
-namespace {
-
-struct WaveScript {
-    std::string path;
-    std::atomic<int> calls{0};
-    std::atomic<int> endAt{1000};
-};
-
-// Hands one wave data event (track 1) at the start of the first period it is asked for,
-// then ends when told.
-int WavePerformance(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD)
-{
-    auto* s = reinterpret_cast<WaveScript*>(dwUser);
-    if (nTag < 0) return 1;
-    const int n = ++s->calls;
-    if (n == 1) {
-        CQXEventList events;
-        events.AddTail(WaveEvent(nTag, 1, s->path, dwStart));
-        CQuavix::GetQuavix()->PlayBuffer(events);
-    }
-    return n < s->endAt ? 1 : 0;
-}
-
-} // namespace
-
-TEST_F(WaveOutTest, APerformancesWaveEventPlaysOnItsTrackAndLeavesWithThePerformance)
-{
-    Make(1);
-    WaveScript script;
-    script.path = ScratchTest::Make("perf.wav", Wave(WAVE_FORMAT_PCM, 1, 22050, 16, Sine(16, 22050, 440, 5 * 22050)));
-    const int nTag = q->StartPerformance(WavePerformance, reinterpret_cast<DWORD_PTR>(&script), 1, 0);
-    ASSERT_NE(nTag, 0);
-    ASSERT_EQ(q->OpenDevices(), 1);
-    ASSERT_EQ(q->StartDevices(), 1);
-    CWaveOut* out = Out(0);
-    // The event's player takes over track 1 of the performance when it starts.
-    ASSERT_TRUE(Eventually([&] { return out->GetTrackParameters(nTag, 1, nullptr) == 1; }));
-    // A parameter change reaches the player there, and is what it now holds.
-    QX_WaveParams change{};
-    change.nPerformance = nTag;
-    change.nTrack = 1;
-    change.dsParams.lVolume = -600;
-    change.dsParams.lPan = 2500;
-    ASSERT_EQ(q->SetWaveParams(&change), 1);
-    QX_DSParams now{};
-    ASSERT_EQ(out->GetTrackParameters(nTag, 1, &now), 1);
-    EXPECT_EQ(std::tuple(now.lVolume, now.lPan, now.lFrequency), std::tuple(-600, 2500, 0));
-    EXPECT_EQ(out->GetTrackParameters(nTag, 2, &now), 0);
-    // The performance ends: its records and players leave the output.
-    script.endAt = script.calls + 1;
-    EXPECT_TRUE(Eventually([&] { return out->IsActive() == 0; }));
-    q->CloseDevices();
 }

@@ -45,6 +45,13 @@ public:
         return _OpenSoundFile(pszPath);
     }
     int CreateBuffer() { return _CreateSoundBuffer(m_WaveParams.dsParams); }
+    // Plays a file on a track of a performance; the done callback goes to DoneLog.
+    int PlayTrack(int nPerformance, int nTrack, const std::string& path, int nDevice, DWORD dwStart,
+                  DWORD_PTR dwUser = 0, int bSelfDeleting = 0)
+    {
+        QX_WaveParams params = WaveParams(nPerformance, nTrack, path);
+        return Play(&params, nDevice, dwStart, DoneLog::Proc, dwUser, bSelfDeleting);
+    }
     void OnDone(DWORD_PTR dwUser)
     {
         m_pfnDone = DoneLog::Proc;
@@ -198,36 +205,23 @@ TEST_F(Offline, AReadErrorLeavesTheSegmentForTheNextRefill)
     p.Stop();
 }
 
-// Refills and parameters the buffer refuses are reported with the output's number; a
-// failed refill changes nothing, a refused parameter is stored all the same.
-TEST_F(Offline, RefusedRefillsAndParametersAreReportedWithTheOutputsNumber)
+// A refill the buffer refuses changes nothing; a refused parameter is stored all the same.
+TEST_F(Offline, RefusedRefillsChangeNothingAndRefusedParametersAreStored)
 {
     TestPlayer p;
-    ASSERT_EQ(p.PrepareOn(ds, Ramp(20 * kSegment).c_str(), 3), 1);
-    const DWORD dwPos = p.WritePos();
-    const int nPending = p.Pending();
-    QXFaultInject("IDirectSoundBuffer::Lock", static_cast<DWORD>(DSERR_INVALIDCALL));
-    EXPECT_EQ(p.WriteBuffer(), 0);
-    QXFaultInject("IDirectSoundBuffer::Unlock", static_cast<DWORD>(DSERR_INVALIDPARAM));
-    EXPECT_EQ(p.WriteBuffer(), 0);
-    EXPECT_EQ(p.WritePos(), dwPos);
-    EXPECT_EQ(p.Pending(), nPending);
-
+    ASSERT_EQ(p.PrepareOn(ds, Ramp(20 * kSegment).c_str()), 1);
+    const auto before = std::tuple(p.WritePos(), p.Pending());
+    for (const char* op : {"IDirectSoundBuffer::Lock", "IDirectSoundBuffer::Unlock"}) {
+        QXFaultInject(op, kOom);
+        EXPECT_EQ(p.WriteBuffer(), 0) << op;
+    }
+    EXPECT_EQ(std::tuple(p.WritePos(), p.Pending()), before);
     QX_DSParams params{};
-    params.lFrequency = 100;
     params.lVolume = -300;
-    params.lPan = 400;
-    QXFaultInject("IDirectSoundBuffer::SetFrequency", static_cast<DWORD>(DSERR_CONTROLUNAVAIL));
-    QXFaultInject("IDirectSoundBuffer::SetVolume", static_cast<DWORD>(DSERR_PRIOLEVELNEEDED));
-    QXFaultInject("IDirectSoundBuffer::SetPan", static_cast<DWORD>(DSERR_GENERIC));
+    QXFaultInject("IDirectSoundBuffer::SetVolume", kOom);
     p.SetBufferParameters(params);
-    EXPECT_EQ(ReportLog::Take(), (Log{{QXN_DS_LOCK, static_cast<DWORD>(DSERR_INVALIDCALL), 3},
-                                      {QXN_DS_UNLOCK, static_cast<DWORD>(DSERR_INVALIDPARAM), 3},
-                                      {QXN_DS_SETFREQUENCY, static_cast<DWORD>(DSERR_CONTROLUNAVAIL), 3},
-                                      {QXN_DS_SETVOLUME, static_cast<DWORD>(DSERR_PRIOLEVELNEEDED), 3},
-                                      {QXN_DS_SETPAN, static_cast<DWORD>(DSERR_GENERIC), 3}}));
-    const QX_DSParams stored = p.GetBufferParameters();
-    EXPECT_EQ(std::tuple(stored.lFrequency, stored.lVolume, stored.lPan), std::tuple(100, -300, 400));
+    EXPECT_EQ(p.GetBufferParameters().lVolume, -300);
+    EXPECT_EQ(ReportLog::Take().size(), 3u);
 }
 
 // Without events or without the thread the buffer is not made, and nothing is reported
@@ -257,40 +251,37 @@ TEST_F(Offline, ParametersAreClampedAndOnlyChangesAreApplied)
 {
     using Applied = std::tuple<LONG, LONG, DWORD>;
     TestPlayer p;
-    QX_DSParams params{};
-    params.lVolume = -600;
-    params.lPan = 300;
-    p.SetBufferParameters(params);
+    auto set = [&](LONG lVolume, LONG lPan, LONG lFrequency) {
+        QX_DSParams params{};
+        params.lVolume = lVolume, params.lPan = lPan, params.lFrequency = lFrequency;
+        p.SetBufferParameters(params);
+        return params;
+    };
+    set(-600, 300, 0);
     EXPECT_EQ(p.GetBufferParameters().lVolume, 0) << "no buffer yet: nothing stored";
-    EXPECT_EQ(p.GetBufferParameters().lPan, 0);
-
-    ASSERT_EQ(p.PrepareOn(ds, Ramp(kSegment, 22050).c_str(), 0, params), 1);
+    ASSERT_EQ(p.PrepareOn(ds, Ramp(kSegment, 22050).c_str(), 0, set(-600, 300, 0)), 1);
     EXPECT_EQ(p.Applied(), (Applied{-600, 300, 22050})) << "all three applied while preparing";
 
-    params.lVolume = 500;
-    params.lPan = -20000;
-    params.lFrequency = 20000;
-    p.SetBufferParameters(params);
+    set(500, -20000, 20000);
     EXPECT_EQ(p.Applied(), (Applied{0, -10000, 100000}));
     const QX_DSParams stored = p.GetBufferParameters();
-    EXPECT_EQ(std::tuple(stored.lVolume, stored.lPan), std::tuple(0, -10000)) << "the clamped value is stored";
-    EXPECT_EQ(stored.lFrequency, 20000) << "the rate stores the value given";
+    EXPECT_EQ(std::tuple(stored.lVolume, stored.lPan, stored.lFrequency), std::tuple(0, -10000, 20000))
+        << "volume and pan stored clamped, the rate as given";
 
     // Changed behind the player's back: the same rate is not applied again, the same
     // out-of-range volume and pan are (they differ from the stored, clamped values).
+    auto behind = [&](LONG lVolume, LONG lPan) {
+        ASSERT_EQ(p.Buffer()->SetVolume(lVolume), DS_OK);
+        ASSERT_EQ(p.Buffer()->SetPan(lPan), DS_OK);
+    };
     ASSERT_EQ(p.Buffer()->SetFrequency(30000), DS_OK);
-    ASSERT_EQ(p.Buffer()->SetVolume(-100), DS_OK);
-    ASSERT_EQ(p.Buffer()->SetPan(100), DS_OK);
-    p.SetBufferParameters(params);
+    behind(-100, 100);
+    set(500, -20000, 20000);
     EXPECT_EQ(p.Applied(), (Applied{0, -10000, 30000}));
-
     // In range and unchanged: nothing is applied.
-    params.lVolume = -100;
-    params.lPan = 100;
-    p.SetBufferParameters(params);
-    ASSERT_EQ(p.Buffer()->SetVolume(-2000), DS_OK);
-    ASSERT_EQ(p.Buffer()->SetPan(2000), DS_OK);
-    p.SetBufferParameters(params);
+    set(-100, 100, 20000);
+    behind(-2000, 2000);
+    set(-100, 100, 20000);
     EXPECT_EQ(p.Applied(), (Applied{-2000, 2000, 30000}));
 }
 
@@ -314,26 +305,13 @@ TEST_F(Offline, RateControlMapsOntoTheFilesOwnRate)
     }
 }
 
-TEST_F(Offline, FailedStartsAndStopsAreReportedAndStillStopThePlayer)
+TEST_F(Offline, AFailedStopIsReportedAndStillClosesThePlayer)
 {
-    const std::string path = Ramp(20 * kSegment);
     TestPlayer p;
     p.Start(); // not prepared: nothing
     p.SignalStart();
     EXPECT_FALSE(p.StartSignalled());
-    ASSERT_EQ(p.PrepareOn(ds, path.c_str(), 4), 1);
-
-    QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
-    p.OnDone(5);
-    p.Start();
-    EXPECT_EQ(ReportLog::Take(), (Log{{QXN_DS_START, static_cast<DWORD>(DSERR_BUFFERLOST), 4}}));
-    EXPECT_EQ(p.Buffer(), nullptr) << "a failed start stops the player";
-    EXPECT_EQ(DoneLog::Calls().size(), 1u);
-    p.Start(); // stopped: nothing
-    p.SignalStart();
-    EXPECT_FALSE(p.StartSignalled());
-
-    ASSERT_EQ(p.PrepareOn(ds, path.c_str(), 4), 1);
+    ASSERT_EQ(p.PrepareOn(ds, Ramp(20 * kSegment).c_str(), 4), 1);
     p.Start();
     RenderTo(p, 1);
     QXFaultInject("IDirectSoundBuffer::Stop", static_cast<DWORD>(DSERR_GENERIC));
@@ -341,7 +319,9 @@ TEST_F(Offline, FailedStartsAndStopsAreReportedAndStillStopThePlayer)
     EXPECT_EQ(ReportLog::Take(), (Log{{QXN_DS_STOP, static_cast<DWORD>(DSERR_GENERIC), 4}}));
     EXPECT_EQ(p.Buffer(), nullptr) << "closed all the same";
     p.Stop(); // twice: nothing more
+    p.Start(); // stopped: nothing
     EXPECT_EQ(ReportLog::Take(), Log{});
+    EXPECT_EQ(p.Buffer(), nullptr);
 }
 
 TEST_F(Offline, EverySampleFormatPlaysAtItsPitch)
@@ -422,8 +402,7 @@ TEST_F(OnOutput, ASelfDeletingPlayerWhoseStartFailsIsReleasedOnce)
             ASSERT_EQ(DoneLog::Count(), 1u) << "called back before PlayWaveFile returned";
         } else {
             auto* p = new TestPlayer;
-            QX_WaveParams params = WaveParams(12, 0, m_long);
-            ASSERT_EQ(p->Play(&params, 1, Now() + 200, DoneLog::Proc, 11, 1), 1);
+            ASSERT_EQ(p->PlayTrack(12, 0, m_long, 1, Now() + 200, 11, 1), 1);
             dwPlayer = p->GetHandle();
             QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
             ASSERT_TRUE(Eventually([] { return DoneLog::Count() == 1; }));
@@ -444,8 +423,7 @@ TEST_F(OnOutput, AStartTimeAheadArmsTheTimerAndTheManagerStartsIt)
     auto* p = new TestPlayer; // the output's once Play succeeds
     p->SignalStart();
     EXPECT_FALSE(p->StartSignalled()) << "not prepared: no start event";
-    QX_WaveParams params = WaveParams(7, 2, m_long);
-    ASSERT_EQ(p->Play(&params, 0, Now() + 1500, DoneLog::Proc, 9, 0), 1);
+    ASSERT_EQ(p->PlayTrack(7, 2, m_long, 0, Now() + 1500, 9), 1);
     EXPECT_FALSE(p->Playing()) << "prepared, waiting for its time";
     EXPECT_TRUE(QXSignalPlayer(p->GetHandle()));
     EXPECT_TRUE(p->StartSignalled()) << "signalled, and nothing else happens";
@@ -459,8 +437,7 @@ TEST_F(OnOutput, AStartTimeAheadArmsTheTimerAndTheManagerStartsIt)
 
     // A start time already passed starts before Play returns.
     auto* p2 = new TestPlayer;
-    QX_WaveParams params2 = WaveParams(7, 3, m_long);
-    ASSERT_EQ(p2->Play(&params2, 0, 1, nullptr, 0, 0), 1);
+    ASSERT_EQ(p2->PlayTrack(7, 3, m_long, 0, 1), 1);
     EXPECT_TRUE(p2->Playing());
     EXPECT_EQ(ReportLog::Take(), Log{});
 }
@@ -470,8 +447,7 @@ TEST_F(OnOutput, AStartTimeAheadArmsTheTimerAndTheManagerStartsIt)
 TEST_F(OnOutput, APlayerDestroyedBeforeItsTimerFiresDoesNothing)
 {
     auto* p = new TestPlayer;
-    QX_WaveParams params = WaveParams(7, 2, m_long);
-    ASSERT_EQ(p->Play(&params, 0, Now() + 300, DoneLog::Proc, 3, 0), 1);
+    ASSERT_EQ(p->PlayTrack(7, 2, m_long, 0, Now() + 300, 3), 1);
     const DWORD dwHandle = p->GetHandle();
     Out(0)->DeletePerformance(7, 1);
     EXPECT_TRUE(Gone(dwHandle));
@@ -486,11 +462,10 @@ TEST_F(OnOutput, ASecondPlayerOnTheTrackDestroysTheFirst)
 {
     auto* p1 = new TestPlayer;
     auto* p2 = new TestPlayer;
-    QX_WaveParams params = WaveParams(7, 2, m_long);
-    ASSERT_EQ(p1->Play(&params, 0, 0, DoneLog::Proc, 1, 0), 1);
+    ASSERT_EQ(p1->PlayTrack(7, 2, m_long, 0, 0, 1), 1);
     ASSERT_TRUE(p1->Playing());
     const DWORD dwFirst = p1->GetHandle();
-    ASSERT_EQ(p2->Play(&params, 0, 0, DoneLog::Proc, 2, 0), 1);
+    ASSERT_EQ(p2->PlayTrack(7, 2, m_long, 0, 0, 2), 1);
     EXPECT_TRUE(Gone(dwFirst));
     EXPECT_EQ(DoneLog::Calls(), (std::vector<DoneCall>{{1, dwFirst}}));
     EXPECT_TRUE(p2->Playing());
@@ -498,8 +473,11 @@ TEST_F(OnOutput, ASecondPlayerOnTheTrackDestroysTheFirst)
     QX_WaveParams change = WaveParams(7, 2, m_long);
     change.dsParams.lpszFileName = nullptr;
     change.dsParams.lVolume = -1200;
-    Out(0)->SetWaveParams(&change);
+    ASSERT_EQ(q->SetWaveParams(&change), 1);
     EXPECT_EQ(std::get<0>(p2->Applied()), -1200);
+    QX_DSParams now{};
+    EXPECT_EQ(Out(0)->GetTrackParameters(7, 2, &now), 1);
+    EXPECT_EQ(std::tuple(now.lVolume, now.lPan), std::tuple(-1200, 0)) << "what the player there holds";
 }
 
 // A player played again after it stopped streams its second run from the start and
@@ -508,52 +486,37 @@ TEST_F(OnOutput, APlayerPlaysAgainAfterItStopped)
 {
     const std::string path = Make("short.wav", Wave(WAVE_FORMAT_PCM, 2, 48000, 16, SegmentRamp(3 * kSegment)));
     auto* p = new TestPlayer;
-    QX_WaveParams params = WaveParams(4, 1, path);
     for (size_t nRun = 1; nRun <= 3; ++nRun) {
         SCOPED_TRACE("run " + std::to_string(nRun));
-        ASSERT_EQ(p->Play(&params, 1, 0, DoneLog::Proc, nRun, 0), 1);
+        ASSERT_EQ(p->PlayTrack(4, 1, path, 1, 0, nRun), 1);
         ASSERT_TRUE(Eventually([&] { return DoneLog::Count() == nRun; }));
         EXPECT_EQ(DoneLog::Calls().back(), (DoneCall{nRun, p->GetHandle()}));
         EXPECT_EQ(p->SegmentEnds(), 4) << "three data segments and one of silence";
     }
 }
 
-// The player's reports name the output it plays on.
+// The player's reports name the output it plays on. Without its buffer or notifications
+// it cannot play; refills and parameters that fail while preparing do not keep the sound
+// from starting; without a timer for a start ahead Play fails. The caller then destroys
+// the player.
 TEST_F(OnOutput, ThePlayersReportsNameItsOutput)
 {
-    for (const auto& [op, code] : {std::pair{"IDirectSound::CreateSoundBuffer", QXN_DS_CREATEBUFFER},
-                                   {"IDirectSoundBuffer::QueryInterface", QXN_DS_QUERYNOTIFY},
-                                   {"IDirectSoundNotify::SetNotificationPositions", QXN_DS_SETNOTIFYPOSITIONS}}) {
-        SCOPED_TRACE(op);
-        QXFaultInject(op, kOom);
-        EXPECT_EQ(q->PlayWaveFile(m_long.c_str(), 1, nullptr, 0), 0) << "the buffer is not made";
-        EXPECT_EQ(ReportLog::Take(), (Log{{code, kOom, 1}}));
-        QXFaultClear();
-    }
-    EXPECT_EQ(Out(1)->IsActive(), 0);
-
-    // Refills and parameters that fail while preparing do not keep the sound from
-    // starting.
-    for (const auto& [op, code] : {std::pair{"IDirectSoundBuffer::Lock", QXN_DS_LOCK},
-                                   {"IDirectSoundBuffer::Unlock", QXN_DS_UNLOCK},
-                                   {"IDirectSoundBuffer::SetFrequency", QXN_DS_SETFREQUENCY},
-                                   {"IDirectSoundBuffer::SetVolume", QXN_DS_SETVOLUME},
-                                   {"IDirectSoundBuffer::SetPan", QXN_DS_SETPAN}}) {
-        SCOPED_TRACE(op);
+    struct Case { const char* op; DWORD code; bool plays; };
+    for (const Case& c : {Case{"IDirectSound::CreateSoundBuffer", QXN_DS_CREATEBUFFER, false},
+                          {"IDirectSoundBuffer::QueryInterface", QXN_DS_QUERYNOTIFY, false},
+                          {"IDirectSoundNotify::SetNotificationPositions", QXN_DS_SETNOTIFYPOSITIONS, false},
+                          {"IDirectSoundBuffer::Lock", QXN_DS_LOCK, true}, {"IDirectSoundBuffer::Unlock", QXN_DS_UNLOCK, true},
+                          {"IDirectSoundBuffer::SetFrequency", QXN_DS_SETFREQUENCY, true},
+                          {"IDirectSoundBuffer::SetVolume", QXN_DS_SETVOLUME, true},
+                          {"IDirectSoundBuffer::SetPan", QXN_DS_SETPAN, true}, {"timeSetEvent", QXN_TIMER_CREATE, false}}) {
+        SCOPED_TRACE(c.op);
+        const bool timer = c.code == QXN_TIMER_CREATE; // reported as the manager's, with no value
         auto* p = new TestPlayer;
-        QX_WaveParams params = WaveParams(8, 1, m_long);
-        QXFaultInject(op, kOom);
-        ASSERT_EQ(p->Play(&params, 1, 0, nullptr, 0, 0), 1);
-        EXPECT_TRUE(p->Playing());
-        EXPECT_EQ(ReportLog::Take(), (Log{{code, kOom, 1}}));
+        QXFaultInject(c.op, timer ? 0 : kOom);
+        EXPECT_EQ(p->PlayTrack(8, 1, m_long, 1, timer ? Now() + 5000 : 0), c.plays ? 1 : 0);
+        EXPECT_EQ(p->Playing(), c.plays);
+        if (!c.plays) delete p;
+        EXPECT_EQ(ReportLog::Take(), (Log{{c.code, timer ? 0 : kOom, timer ? 0u : 1u}}));
         QXFaultClear();
     }
-
-    // No timer for a start ahead: Play fails, and the caller destroys the player.
-    auto* pLate = new TestPlayer;
-    QX_WaveParams late = WaveParams(8, 3, m_long);
-    QXFaultInject("timeSetEvent", 0);
-    EXPECT_EQ(pLate->Play(&late, 1, Now() + 5000, nullptr, 0, 0), 0);
-    EXPECT_EQ(ReportLog::Take(), (Log{{QXN_TIMER_CREATE, 0, 0}}));
-    delete pLate;
 }

@@ -31,19 +31,11 @@ struct AutoPlays {
     static inline int s_twice = 0;
 };
 
-class WavePlayStress : public ScratchTest {
+class WavePlayStress : public ManagerTest {
 protected:
     std::string File(const char* name, WORD channels, DWORD rate, WORD bits, double seconds)
     {
         return Make(name, Wave(WAVE_FORMAT_PCM, channels, rate, bits, Sine(bits, rate, 330, size_t(seconds * rate), channels, 0.1)));
-    }
-    static CQuavix* Open()
-    {
-        CQuavix* q = CQuavix::InitQuavix();
-        q->Initialize(QX_INIT_WAVE);
-        EXPECT_EQ(q->OpenDevices(), 1);
-        EXPECT_EQ(q->StartDevices(), 1);
-        return q;
     }
 };
 
@@ -51,15 +43,13 @@ protected:
 
 TEST_F(WavePlayStress, ManyPlayersStartedAndStoppedFromSeveralThreadsLeaveNothingBehind)
 {
-    ASSERT_EQ(dstest::kVirtualBackendSet, 0);
-    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
     // Short ones end by themselves while others start and stop around them.
     const std::string shortFiles[] = {File("a.wav", 2, 44100, 16, 0.3), File("b.wav", 1, 22050, 8, 0.6),
                                       File("c.wav", 1, 48000, 16, 1.2)};
     const std::string longFiles[] = {File("d.wav", 2, 48000, 16, 3.0), File("e.wav", 1, 11025, 16, 2.0)};
     // The lazily made services (timer thread, player registry) stay for the process:
     // made once before anything is counted.
-    CQuavix* q = Open();
+    Init(1);
     ASSERT_GT(q->PlayWaveFile(shortFiles[0].c_str(), 0, DoneLog::Proc, 0), 0);
     ASSERT_TRUE(Eventually([&] { return DoneLog::Count() == 1; }));
     auto* warm = new CWavePlay;
@@ -70,7 +60,7 @@ TEST_F(WavePlayStress, ManyPlayersStartedAndStoppedFromSeveralThreadsLeaveNothin
     const size_t threads = ThreadCount(), handles = qxplat::LiveHandleCount(), windows = qxplat::LiveWindowCount();
     ASSERT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
 
-    q = Open();
+    Init(1);
     std::atomic<int> autoStarted{0}, ownedPlays{0}, stops{0}, deletes{0}, failed{0};
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(std::getenv("QUAVIX_SOAK") ? 60 : 5);
     auto worker = [&](int nWorker) {
