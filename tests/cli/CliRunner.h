@@ -3,6 +3,7 @@
 #define QUAVIX_TESTS_CLI_CLIRUNNER_H
 
 #include "../integration/analysis.h"
+#include "../integration/harness.h"
 #include "Smf.h"
 
 #include <functional>
@@ -16,7 +17,7 @@ struct CliResult {
     int status = -1; // exit status; 128 + n when killed by signal n
     std::string out;
     std::string err;
-    std::vector<std::string> ErrLines() const;
+    std::vector<std::string> ErrLines() const { return harness::Lines(err); }
 };
 
 // When to send the child a signal: once `when` holds (polled), or after `ms` without one.
@@ -35,8 +36,8 @@ struct Interrupt {
 CliResult RunCli(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                  const Interrupt& interrupt = {}, long fileSizeLimit = 0);
 
-// A fresh path in a directory of its own for this test program.
-std::string TempPath(const std::string& name);
+// A fresh path of this test program's own.
+inline std::string TempPath(const std::string& name) { return harness::Temp(name); }
 std::string WriteSong(const qxsmf::File& f, const std::string& name);
 const std::string kDemo = std::string(QUAVIX_SOURCE_DIR) + "/examples/quavix-demo.mid";
 
@@ -51,10 +52,9 @@ std::vector<std::string> DirEntries(const std::string& dir);
 // A mono sine as a 16-bit WAV file (amplitude 1.0 is full scale).
 std::string WriteTone(const std::string& name, double hz, double seconds, double amplitude, unsigned rate = 48000);
 
+using analysis::Level;
 using analysis::Wav;
 // A WAV file the test expects to be there.
 Wav ReadWav(const std::string& path);
-// A tone's amplitude on one channel over [fromMs, toMs).
-double Level(const Wav& w, unsigned channel, double hz, double fromMs, double toMs);
 
 #endif // QUAVIX_TESTS_CLI_CLIRUNNER_H

@@ -167,6 +167,19 @@ inline Wav ReadWav(const std::string& path)
     return w;
 }
 
+// A tone's amplitude on one channel over [fromMs, toMs).
+inline double Level(const Wav& w, unsigned channel, double hz, double fromMs, double toMs)
+{
+    const auto a = static_cast<size_t>(fromMs * w.rate / 1000), b = static_cast<size_t>(toMs * w.rate / 1000);
+    const double step = 2 * kPi * hz / w.rate;
+    double re = 0, im = 0;
+    for (size_t i = a; i < b && (i + 1) * w.channels <= w.x.size(); ++i) {
+        re += w.x[i * w.channels + channel] * std::cos(step * double(i));
+        im += w.x[i * w.channels + channel] * std::sin(step * double(i));
+    }
+    return 2 * std::hypot(re, im) / double(b - a);
+}
+
 inline float Peak(const std::vector<float>& x)
 {
     float p = 0;

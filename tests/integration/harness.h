@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -61,9 +62,7 @@ struct TempFile {
 inline std::string Slurp(const std::string& path)
 {
     std::ifstream f(path, std::ios::binary);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
+    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
 }
 
 inline std::vector<std::string> Lines(const std::string& text)
@@ -103,25 +102,32 @@ public:
 
     bool Started() const { return m_pid > 0; }
     pid_t Pid() const { return m_pid; }
+    // True once it has ended; then Wait gives its status at once.
+    bool Ended()
+    {
+        int ws = 0;
+        const pid_t w = m_pid > 0 ? waitpid(m_pid, &ws, WNOHANG) : 0;
+        if (w != 0) m_status = w == m_pid ? (WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws)) : -1;
+        if (w != 0) m_pid = -1;
+        return m_pid <= 0;
+    }
     // Its exit status (128 + n when signal n ended it), or -1 when it ran past the limit
     // (then it is killed).
     int Wait(std::chrono::milliseconds limit)
     {
-        if (m_pid <= 0) return m_status;
-        int ws = 0;
-        if (!Await([&] { return waitpid(m_pid, &ws, WNOHANG) != 0; }, limit)) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-            m_pid = -1;
-            return m_status = -1;
-        }
+        if (Await([&] { return Ended(); }, limit)) return m_status;
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
         m_pid = -1;
-        return m_status = WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
+        return m_status = -1;
+    }
+    void Signal(int sig)
+    {
+        if (m_pid > 0) kill(m_pid, sig);
     }
     void Kill(int sig)
     {
-        if (m_pid <= 0) return;
-        kill(m_pid, sig);
+        Signal(sig);
         Wait(30s);
     }
     void Stop() { Kill(SIGTERM); }
