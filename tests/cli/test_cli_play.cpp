@@ -68,7 +68,7 @@ TEST(CliPlay, AtStartsEachFileAtItsTimeOnATrackOfItsOwn)
         Wav left = mix;
         size_t padding = 0;
         left.channels = 1;
-        left.x = analysis::LeftWithoutPadding(mix.x, &padding);
+        left.x = analysis::WithoutPadding(mix.x, 2, &padding);
         const double onNow = OnsetMs(left, 400, 350), onEarly = OnsetMs(left, 1500, 800), onLate = OnsetMs(left, 1000, 1200);
         ASSERT_GE(onNow, 0);
         ASSERT_LT(onNow, 300) << "the timeline starts within its lead of the render";

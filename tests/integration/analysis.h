@@ -242,26 +242,29 @@ inline double BestCorrelation(const std::vector<float>& rec, const std::vector<f
     return best;
 }
 
-// The left channel of a recording, less the padding that an output that ran dry inserts
+// The first channel of a recording, less the padding that an output that ran dry inserts
 // (runs of two or more frames of exact silence between the first and last audible
 // frames): it delays what follows and loses nothing. *pPadding counts what went.
-inline std::vector<float> LeftWithoutPadding(const std::vector<float>& stereo, size_t* pPadding)
+inline std::vector<float> WithoutPadding(const std::vector<float>& x, unsigned channels, size_t* pPadding)
 {
-    const size_t frames = stereo.size() / 2;
+    const size_t frames = x.size() / channels;
+    auto silent = [&](size_t i) {
+        return std::all_of(&x[i * channels], &x[i * channels] + channels, [](float v) { return v == 0.0f; });
+    };
     size_t first = 0, last = frames;
-    while (first < frames && std::fabs(stereo[2 * first]) < 0.02) ++first;
-    while (last > first && std::fabs(stereo[2 * (last - 1)]) < 0.02) --last;
+    while (first < frames && std::fabs(x[channels * first]) < 0.02) ++first;
+    while (last > first && std::fabs(x[channels * (last - 1)]) < 0.02) --last;
     std::vector<float> out;
     *pPadding = 0;
     for (size_t i = 0; i < frames;) {
         size_t run = 0;
-        while (i + run < frames && stereo[2 * (i + run)] == 0.0f && stereo[2 * (i + run) + 1] == 0.0f) ++run;
+        while (i + run < frames && silent(i + run)) ++run;
         if (run >= 2 && i > first && i + run < last) {
             *pPadding += run;
             i += run;
-            continue;
+        } else {
+            for (const size_t end = i + std::max<size_t>(run, 1); i < end; ++i) out.push_back(x[channels * i]);
         }
-        for (size_t k = 0; k < std::max<size_t>(run, 1) && i < frames; ++k, ++i) out.push_back(stereo[2 * i]);
     }
     return out;
 }

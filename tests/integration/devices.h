@@ -12,11 +12,11 @@
 
 #include <gtest/gtest.h>
 #include <jack/jack.h>
+#include <jack/midiport.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <condition_variable>
-#include <deque>
 #include <functional>
 #include <mutex>
 
@@ -24,16 +24,26 @@ namespace dev {
 
 using namespace std::chrono_literals;
 
-// A JACK client of the test's own: counts the server's xruns, answers about ports.
+// A JACK client of the test's own: counts the server's xruns, answers about ports, and
+// with `midi` keeps every event on its MIDI inputs "sent" (0) and "thru" (1).
 class Probe {
 public:
-    explicit Probe(const char* name = "qxprobe")
+    struct Event {
+        int port;
+        jack_nframes_t frame; // absolute
+        size_t size;
+        unsigned char bytes[3], last;
+    };
+    explicit Probe(const char* name = "qxprobe", bool midi = false) : m_events(midi ? 1 << 16 : 0)
     {
         // A server just started may not answer yet.
         if (!harness::Await([&] { return (m_client = jack_client_open(name, JackNoStartServer, nullptr)) != nullptr; }))
             return;
+        for (int p = 0; midi && p < 2; ++p)
+            m_midi[p] = jack_port_register(m_client, p == 0 ? "sent" : "thru", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
+        if (midi) jack_set_process_callback(m_client, Process, this);
         jack_set_xrun_callback(m_client, [](void* a) { return static_cast<Probe*>(a)->m_xruns.fetch_add(1), 0; }, this);
-        if (jack_activate(m_client) != 0) {
+        if (jack_activate(m_client) != 0 || (midi && (m_midi[0] == nullptr || m_midi[1] == nullptr))) {
             jack_client_close(m_client);
             m_client = nullptr;
         }
@@ -75,7 +85,8 @@ public:
         }
         return name;
     }
-    // Connects `out` to `in`, after taking whatever else fed `in` away from it.
+    // Connects `out` to `in` (a MIDI input of ours when it is a number), after taking
+    // whatever else fed `in` away from it.
     bool ConnectOnly(const std::string& out, const std::string& in) const
     {
         if (out.empty() || in.empty()) return false;
@@ -85,9 +96,38 @@ public:
         }
         return jack_connect(m_client, out.c_str(), in.c_str()) == 0;
     }
+    bool ConnectOnly(const std::string& out, int midiIn) const { return ConnectOnly(out, jack_port_name(m_midi[midiIn])); }
+    std::vector<Event> Events(int port) const
+    {
+        std::vector<Event> out;
+        for (size_t i = 0; i < m_count.load(); ++i)
+            if (m_events[i].port == port) out.push_back(m_events[i]);
+        return out;
+    }
 
 private:
+    static int Process(jack_nframes_t nframes, void* arg)
+    {
+        auto* self = static_cast<Probe*>(arg);
+        const jack_nframes_t start = jack_last_frame_time(self->m_client);
+        for (int p = 0; p < 2; ++p) {
+            void* buf = jack_port_get_buffer(self->m_midi[p], nframes);
+            jack_midi_event_t ev;
+            for (jack_nframes_t i = 0; i < jack_midi_get_event_count(buf); ++i) {
+                const size_t n = self->m_count.load();
+                if (jack_midi_event_get(&ev, buf, i) != 0 || n >= self->m_events.size()) continue;
+                Event& e = self->m_events[n];
+                e = {p, start + ev.time, ev.size, {0, 0, 0}, ev.buffer[ev.size - 1]};
+                std::copy_n(ev.buffer, std::min<size_t>(3, ev.size), e.bytes);
+                self->m_count.store(n + 1);
+            }
+        }
+        return 0;
+    }
     jack_client_t* m_client = nullptr;
+    jack_port_t* m_midi[2] = {nullptr, nullptr};
+    std::vector<Event> m_events;
+    std::atomic<size_t> m_count{0};
     std::atomic<int> m_xruns{0};
 };
 
@@ -262,10 +302,7 @@ public:
     // Collects until the take holds `frames` frames, or the limit passes.
     bool Collect(size_t frames, std::chrono::milliseconds limit)
     {
-        return harness::Await([&] {
-            Drain(true, 50ms);
-            return m_samples.size() >= frames * m_fmt.nChannels;
-        }, limit);
+        return harness::Await([&] { return Drain(true) >= frames * m_fmt.nChannels; }, limit);
     }
     // Ends the recording: what the buffers hold joins the take; each result is kept.
     void Close()
@@ -273,7 +310,7 @@ public:
         if (m_h == nullptr) return;
         m_stopResult = waveInStop(m_h);
         m_resetResult = waveInReset(m_h);
-        Drain(false, 0ms);
+        Drain(false);
         for (auto& b : m_buffers) waveInUnprepareHeader(m_h, &b.hdr, sizeof(WAVEHDR));
         m_closeResult = waveInClose(m_h);
         m_h = nullptr;
@@ -304,18 +341,16 @@ private:
     };
     static void CALLBACK Proc(HWAVEIN, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
     {
-        if (msg != WIM_DATA) return;
         auto* self = reinterpret_cast<Take*>(inst);
         std::lock_guard<std::mutex> lock(self->m_lock);
-        self->m_done.push_back(reinterpret_cast<WAVEHDR*>(p1));
-        self->m_wake.notify_all();
+        if (msg == WIM_DATA) self->m_done.push_back(reinterpret_cast<WAVEHDR*>(p1));
     }
-    void Drain(bool bRequeue, std::chrono::milliseconds wait)
+    // What came back joins the take (and goes back to the input): how much the take holds.
+    size_t Drain(bool bRequeue)
     {
-        std::deque<WAVEHDR*> done;
+        std::vector<WAVEHDR*> done;
         {
-            std::unique_lock<std::mutex> lock(m_lock);
-            m_wake.wait_for(lock, wait, [this] { return !m_done.empty(); });
+            std::lock_guard<std::mutex> lock(m_lock);
             done.swap(m_done);
         }
         for (WAVEHDR* h : done) {
@@ -323,6 +358,7 @@ private:
             m_samples.insert(m_samples.end(), s, s + h->dwBytesRecorded / 2);
             if (bRequeue) waveInAddBuffer(m_h, h, sizeof(WAVEHDR));
         }
+        return m_samples.size();
     }
 
     WAVEFORMATEX m_fmt{};
@@ -330,8 +366,7 @@ private:
     Buffer m_buffers[8];
     std::vector<int16_t> m_samples;
     std::mutex m_lock;
-    std::condition_variable m_wake;
-    std::deque<WAVEHDR*> m_done; // under m_lock
+    std::vector<WAVEHDR*> m_done; // under m_lock
     MMRESULT m_stopResult = MMSYSERR_NOERROR, m_resetResult = MMSYSERR_NOERROR, m_closeResult = MMSYSERR_NOERROR;
 };
 

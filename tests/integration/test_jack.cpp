@@ -1,21 +1,24 @@
-// MIDI through a real JACK server: our devices against jack_midiseq and a listening
-// client of the test's own.
+// A real JACK server (dummy driver): MIDI through our devices against jack_midiseq and a
+// listening client of the test's own; our wave output and input, their ports and
+// connections, a tone recorded from our output by jack_rec, jack_metro's clicks recorded
+// through our input, our output recorded through our input, each port's contract, and a
+// server that goes away under all of them.
 #include <quavix/Quavix.h>
 
-#include "harness.h"
+#include "analysis.h"
 #include "devices.h"
-#include "platform/backends/QXBackend.h"
+#include "platform/backends/jack/QXJack.h"
 
 #include <gtest/gtest.h>
-#include <jack/midiport.h>
 
-#include <algorithm>
-#include <cstring>
+#include <future>
 #include <mutex>
 
 namespace {
 
-using harness::Child;
+using namespace std::chrono_literals;
+
+using Event = dev::Probe::Event;
 
 // Index of the device whose name is exactly port, or -1.
 int FindDevice(CQuavix* q, int dir, const std::string& port)
@@ -29,73 +32,10 @@ int FindDevice(CQuavix* q, int dir, const std::string& port)
     return -1;
 }
 
-// A receiving client: every event on its two inputs with its absolute frame, size, first
-// bytes and last byte, and the server's xruns.
-class Watch {
-public:
-    struct Event {
-        int port;
-        jack_nframes_t frame;
-        size_t size;
-        unsigned char bytes[3], last;
-    };
-    Watch()
-    {
-        m_events.resize(1 << 16);
-        m_client = jack_client_open("qxwatch", JackNoStartServer, nullptr);
-        if (m_client == nullptr) return;
-        m_ports[0] = jack_port_register(m_client, "sent", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
-        m_ports[1] = jack_port_register(m_client, "thru", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
-        jack_set_process_callback(m_client, Process, this);
-        jack_set_xrun_callback(m_client, [](void* a) { static_cast<Watch*>(a)->m_xruns.fetch_add(1); return 0; }, this);
-        if (m_ports[0] == nullptr || m_ports[1] == nullptr || jack_activate(m_client) != 0) {
-            jack_client_close(m_client);
-            m_client = nullptr;
-        }
-    }
-    ~Watch()
-    {
-        if (m_client != nullptr) jack_client_close(m_client);
-    }
-    bool Connect(const std::string& from, int port)
-    {
-        return m_client != nullptr && jack_connect(m_client, from.c_str(), jack_port_name(m_ports[port])) == 0;
-    }
-    std::vector<Event> Take(int port) const
-    {
-        std::vector<Event> out;
-        for (size_t i = 0; i < m_count.load(); ++i)
-            if (m_events[i].port == port) out.push_back(m_events[i]);
-        return out;
-    }
-    int Xruns() const { return m_xruns.load(); }
-    jack_client_t* Client() const { return m_client; }
-
-private:
-    static int Process(jack_nframes_t nframes, void* arg)
-    {
-        auto* self = static_cast<Watch*>(arg);
-        const jack_nframes_t start = jack_last_frame_time(self->m_client);
-        for (int p = 0; p < 2; ++p) {
-            void* buf = jack_port_get_buffer(self->m_ports[p], nframes);
-            for (jack_nframes_t i = 0; i < jack_midi_get_event_count(buf); ++i) {
-                jack_midi_event_t ev;
-                const size_t n = self->m_count.load();
-                if (jack_midi_event_get(&ev, buf, i) != 0 || n >= self->m_events.size()) continue;
-                Event& e = self->m_events[n];
-                e = {p, start + ev.time, ev.size, {0, 0, 0}, ev.buffer[ev.size - 1]};
-                for (size_t k = 0; k < 3 && k < ev.size; ++k) e.bytes[k] = ev.buffer[k];
-                self->m_count.store(n + 1);
-            }
-        }
-        return 0;
-    }
-    jack_client_t* m_client = nullptr;
-    jack_port_t* m_ports[2] = {nullptr, nullptr};
-    std::vector<Event> m_events;
-    std::atomic<size_t> m_count{0};
-    std::atomic<int> m_xruns{0};
-};
+DWORD Message(const Event& e)
+{
+    return DWORD(e.bytes[0] | e.bytes[1] << 8 | e.bytes[2] << 16);
+}
 
 struct Score {
     std::vector<std::pair<DWORD, DWORD>> notes; // time, message
@@ -106,13 +46,12 @@ struct Score {
         auto* s = reinterpret_cast<Score*>(user);
         if (tag < 0) return 1;
         CQXEventList list;
-        while (s->next < s->notes.size() && s->notes[s->next].first < end) {
+        for (; s->next < s->notes.size() && s->notes[s->next].first < end; ++s->next) {
             auto* e = new CQXEventData;
             e->SetMidiData(s->notes[s->next].second);
             e->SetTimeStamp(std::max(s->notes[s->next].first, start));
             e->SetDevice(s->output);
             list.AddTail(e);
-            ++s->next;
         }
         CQuavix::GetQuavix()->PlayBuffer(list);
         return s->next < s->notes.size() ? 1 : 0;
@@ -121,6 +60,7 @@ struct Score {
 
 class JackTest : public ::testing::Test {
 protected:
+    void SetUp() override { ASSERT_NE(watch.Client(), nullptr); }
     void TearDown() override { CQuavix::ExitQuavix(); }
     CQuavix* Manager()
     {
@@ -128,14 +68,13 @@ protected:
         q->Initialize(QX_INIT_MIDI);
         return q;
     }
+    dev::Probe watch{"qxwatch", true};
 };
 
 } // namespace
 
 TEST_F(JackTest, PerformanceReachesItsDestinationInOrderAtItsFrames)
 {
-    Watch watch;
-    ASSERT_NE(watch.Client(), nullptr);
     CQuavix* q = Manager();
     Score score;
     score.output = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent");
@@ -150,46 +89,43 @@ TEST_F(JackTest, PerformanceReachesItsDestinationInOrderAtItsFrames)
     EXPECT_EQ(q->OpenDevices(), 1);
     const int xrunsBefore = watch.Xruns();
     q->StartDevices();
-    harness::Await([&] { return watch.Take(0).size() >= score.notes.size(); });
-    std::vector<Watch::Event> got = watch.Take(0);
+    harness::Await([&] { return watch.Events(0).size() >= score.notes.size(); });
+    std::vector<Event> got = watch.Events(0);
     q->CloseDevices();
-    std::erase_if(got, [](const Watch::Event& e) { return e.size != 3; }); // what closing sends
-    auto bytes = [](const Watch::Event& e) { return DWORD(e.bytes[0] | e.bytes[1] << 8 | e.bytes[2] << 16); };
+    std::erase_if(got, [](const Event& e) { return e.size != 3; }); // what closing sends
     // A late client may miss a cycle's events, and the frame clock loses what the server
     // fell behind: then order and bytes are what can be asked.
     if (watch.Xruns() != xrunsBefore) {
         size_t k = 0;
         for (const auto& e : got) {
-            while (k < score.notes.size() && bytes(e) != score.notes[k].second) ++k;
-            ASSERT_LT(k++, score.notes.size()) << std::hex << bytes(e) << " out of order or not sent";
+            while (k < score.notes.size() && Message(e) != score.notes[k].second) ++k;
+            ASSERT_LT(k++, score.notes.size()) << std::hex << Message(e) << " out of order or not sent";
         }
         return;
     }
     ASSERT_EQ(got.size(), score.notes.size()) << "every event arrives";
     for (size_t i = 0; i < got.size(); ++i) {
-        EXPECT_EQ(bytes(got[i]), score.notes[i].second) << i;
+        EXPECT_EQ(Message(got[i]), score.notes[i].second) << i;
         const long intended = static_cast<long>(score.notes[i].first - score.notes[0].first) * 48; // frames
         EXPECT_NEAR(static_cast<double>(got[i].frame - got[0].frame), static_cast<double>(intended), 1.0) << i;
     }
 }
 
-// jack_midiseq loops note 60 at 0 and note 63 at 250 ms every 500 ms into our input, and
-// into the watch: what is recorded keeps the spacing, and our thru passes every message
-// once, in order and soon.
+// jack_midiseq loops note 60 at frame 0 and note 63 at 12160 every 24064 frames (253.3 and
+// 248 ms apart), into our input and into the watch. Half a period (256 frames) off the
+// cycle's start each, the time stamps keep the spacing only if they count the frame
+// within the cycle. Our thru passes every message once, in order and soon.
 TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacingAndPassedOnceByThru)
 {
-    Watch watch;
-    ASSERT_NE(watch.Client(), nullptr);
-    Child seq({"jack_midiseq", "qxseq", "24000", "0", "60", "8000", "12000", "63", "8000"});
-    ASSERT_TRUE(dev::Probe().WaitExists("qxseq:out"));
-    ASSERT_TRUE(watch.Connect("qxseq:out", 0));
+    harness::Child seq({"jack_midiseq", "qxseq", "24064", "0", "60", "8000", "12160", "63", "8000"});
+    ASSERT_TRUE(watch.WaitExists("qxseq:out"));
+    ASSERT_TRUE(watch.ConnectOnly("qxseq:out", 0));
     CQuavix* q = Manager();
     const int in = FindDevice(q, QX_DEVDIR_IN, "qxseq:out"), out = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:thru");
     ASSERT_GE(in, 0);
     ASSERT_GE(out, 0);
     static std::mutex mutex;
     static std::vector<std::pair<DWORD, DWORD>> seen; // message, time stamp
-    seen.clear();
     q->StartRecording(
         [](DWORD_PTR, int, CQXEventData* e) {
             std::lock_guard<std::mutex> lock(mutex);
@@ -203,39 +139,43 @@ TEST_F(JackTest, WhatJackMidiseqSendsIsRecordedWithItsSpacingAndPassedOnceByThru
     ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in), 1);
     const int xrunsBefore = watch.Xruns();
     q->StartDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, in);
-    harness::Await([&] { return watch.Take(1).size() >= 12; });
+    harness::Await([&] { return watch.Events(1).size() >= 12; });
     q->CloseDevices();
     seq.Stop();
     // After an xrun JACK's frame times jump, and a late client may lose a cycle.
     if (watch.Xruns() != xrunsBefore) GTEST_SKIP() << "xruns while it recorded: nothing to judge by";
 
     std::lock_guard<std::mutex> lock(mutex);
-    std::vector<std::pair<DWORD, DWORD>> ons;
-    for (auto& s : seen)
-        if ((s.first & 0xF0) == 0x90) ons.push_back(s);
-    ASSERT_GE(ons.size(), 4u);
-    for (size_t i = 1; i < ons.size(); ++i) {
-        EXPECT_NE(ons[i].first & 0xFF00, ons[i - 1].first & 0xFF00) << "60 and 63 alternate";
-        EXPECT_NEAR(static_cast<double>(ons[i].second - ons[i - 1].second), 250.0, 1.5) << i;
+    std::erase_if(seen, [](const auto& s) { return (s.first & 0xF0) != 0x90; });
+    ASSERT_GE(seen.size(), 4u);
+    for (size_t i = 1; i < seen.size(); ++i) {
+        const bool up = (seen[i].first >> 8 & 0xFF) == 63;
+        EXPECT_EQ((seen[i - 1].first >> 8 & 0xFF) == 63, !up) << "60 and 63 alternate";
+        EXPECT_NEAR(static_cast<double>(seen[i].second - seen[i - 1].second), up ? 253.33 : 248.0, 1.5) << i;
     }
-    const std::vector<Watch::Event> sent = watch.Take(0), thru = watch.Take(1);
+    const std::vector<Event> sent = watch.Events(0), thru = watch.Events(1);
     ASSERT_GE(thru.size(), 12u);
     size_t j = 0; // the sent message the first one passed on answers to: the pattern repeats every 500 ms
     while (j < sent.size() && (sent[j].frame > thru[0].frame || thru[0].frame - sent[j].frame > 2400 ||
-                               std::memcmp(sent[j].bytes, thru[0].bytes, 3) != 0))
+                               Message(sent[j]) != Message(thru[0])))
         ++j;
     for (size_t i = 0; i < thru.size(); ++i, ++j) {
         ASSERT_LT(j, sent.size()) << "thru passed on more than was sent";
-        EXPECT_EQ(std::memcmp(sent[j].bytes, thru[i].bytes, 3), 0) << "message " << i << " lost or passed twice";
+        EXPECT_EQ(Message(sent[j]), Message(thru[i])) << "message " << i << " lost or passed twice";
         EXPECT_LT(thru[i].frame - sent[j].frame, 2400u) << "message " << i << " took over 50 ms";
     }
 }
 
-TEST_F(JackTest, LongSysExAndImmediateMessagesArriveWhole)
+// The devices are the other clients' MIDI ports, not our own; a long SysEx between
+// immediate messages arrives whole.
+TEST_F(JackTest, DevicesAreOtherClientsPortsAndLongSysExArrivesWhole)
 {
-    Watch recv;
-    ASSERT_NE(recv.Client(), nullptr);
     CQuavix* q = Manager();
+    for (int n = 0; n < q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT); ++n) {
+        QX_DevCaps caps;
+        ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n, &caps), 1);
+        EXPECT_EQ(std::string(caps.midiOut.szPname).rfind("quavix", 0), std::string::npos);
+    }
     const int out = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent");
     ASSERT_GE(out, 0);
     q->OpenDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, out);
@@ -246,57 +186,356 @@ TEST_F(JackTest, LongSysExAndImmediateMessagesArriveWhole)
     q->SendMidiMsg(static_cast<UINT>(out), 0x00403C90, 0);
     q->SendSysExMsg(static_cast<UINT>(out), sysex.data(), static_cast<int>(sysex.size()), 0);
     q->SendMidiMsg(static_cast<UINT>(out), 0x00003C80, 0);
-    harness::Await([&] { return recv.Take(0).size() >= 3; });
-    const auto ev = recv.Take(0);
+    harness::Await([&] { return watch.Events(0).size() >= 3; });
+    const auto ev = watch.Events(0);
     ASSERT_EQ(ev.size(), 3u);
-    EXPECT_EQ(ev[0].bytes[0], 0x90);
+    EXPECT_EQ(Message(ev[0]), 0x00403C90u);
     EXPECT_EQ(ev[1].size, 4096u);
     EXPECT_EQ(ev[1].bytes[0], 0xF0);
     EXPECT_EQ(ev[1].last, 0xF7);
-    EXPECT_EQ(ev[2].bytes[0], 0x80);
+    EXPECT_EQ(Message(ev[2]), 0x00003C80u);
 }
 
-TEST_F(JackTest, DevicesAreTheOtherClientsMidiPortsNotOurOwn)
+TEST(JackAudio, TheServerIsOneOutputAndOneInputWiredToTheSystemPorts)
 {
-    Watch recv;
-    CQuavix* q = Manager();
-    EXPECT_GE(FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent"), 0);
-    for (int n = 0; n < q->GetDeviceCount(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT); ++n) {
-        QX_DevCaps caps;
-        ASSERT_EQ(q->GetDeviceCaps(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, n, &caps), 1);
-        EXPECT_EQ(std::string(caps.midiOut.szPname).rfind("quavix", 0), std::string::npos);
+    dev::Probe probe;
+    ASSERT_NE(probe.Client(), nullptr) << "the fixture's server does not answer";
+    qxplat::Backend& b = qxplat::CurrentBackend();
+    ASSERT_STREQ(b.Name(), "jack");
+    const std::string name = "JACK (" + std::string(std::getenv("JACK_DEFAULT_SERVER")) + ")";
+    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 1);
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 0), name);
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 1), "");
+    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, -1), "");
+    ASSERT_EQ(waveInGetNumDevs(), 1u);
+    EXPECT_EQ(dev::InputName(0), name);
+    EXPECT_EQ(dev::InputName(1), "");
+    const std::vector<dev::Driver> ds = dev::Drivers();
+    ASSERT_EQ(ds.size(), 2u);
+    EXPECT_FALSE(ds[0].hasGuid);
+    EXPECT_TRUE(ds[1].hasGuid);
+    EXPECT_EQ(ds[1].description, name);
+    EXPECT_EQ(ds[1].module, "jack");
+
+    std::unique_ptr<qxplat::AudioOutPort> port, second;
+    EXPECT_EQ(b.OpenAudioOut(1, port), MMSYSERR_BADDEVICEID);
+    EXPECT_EQ(b.OpenAudioOut(-1, port), MMSYSERR_BADDEVICEID);
+    EXPECT_EQ(port, nullptr);
+    ASSERT_EQ(b.OpenAudioOut(0, port), MMSYSERR_NOERROR);
+    EXPECT_EQ(port->Rate(), jack_get_sample_rate(probe.Client()));
+    EXPECT_GE(port->TargetFrames(), jack_get_buffer_size(probe.Client())) << "less than a period runs dry every cycle";
+    EXPECT_LT(port->TargetFrames(), port->Ring().Capacity());
+    const std::string client = qxplat::JackClientName();
+    ASSERT_FALSE(client.empty());
+    EXPECT_EQ(probe.Connections(client + ":out_1"), std::vector<std::string>{"system:playback_1"});
+    EXPECT_EQ(probe.Connections(client + ":out_2"), std::vector<std::string>{"system:playback_2"});
+    ASSERT_EQ(b.OpenAudioOut(0, second), MMSYSERR_NOERROR);
+    dev::ExpectPortsOfTheirOwn(probe, client + ":out", port, second);
+
+    dev::Take bad;
+    EXPECT_EQ(bad.Open(1, 48000, 2), MMSYSERR_BADDEVICEID);
+    const WAVEFORMATEX fmt = dev::Pcm16(48000, 2);
+    EXPECT_EQ(waveInOpen(nullptr, 0, &fmt, 0, 0, WAVE_FORMAT_QUERY), MMSYSERR_NOERROR);
+    EXPECT_FALSE(probe.Exists(client + ":in_1")) << "a query opens nothing that stays";
+    auto first = std::make_unique<dev::Take>(), other = std::make_unique<dev::Take>();
+    ASSERT_EQ(first->Open(0, 48000, 2), MMSYSERR_NOERROR);
+    EXPECT_EQ(probe.Connections(client + ":in_1"), std::vector<std::string>{"system:capture_1"});
+    EXPECT_EQ(probe.Connections(client + ":in_2"), std::vector<std::string>{"system:capture_2"});
+    ASSERT_EQ(other->Open(0, 44100, 1), MMSYSERR_NOERROR);
+    dev::ExpectPortsOfTheirOwn(probe, client + ":in", first, other);
+}
+
+// A 1 kHz tone from a 22050 Hz 16-bit buffer at -6 dB, recorded from our ports by jack_rec.
+TEST(JackAudio, ToneIsRecordedWholeAtItsFrequencyAndLevel)
+{
+    dev::Probe probe;
+    ASSERT_NE(probe.Client(), nullptr);
+    LPDIRECTSOUND ds = nullptr;
+    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
+    DSBUFFERDESC pd{sizeof pd, DSBCAPS_PRIMARYBUFFER, 0, 0, nullptr, {}};
+    LPDIRECTSOUNDBUFFER primary = nullptr; // playing, as an application has it before its sounds
+    ASSERT_EQ(ds->CreateSoundBuffer(&pd, &primary, nullptr), DS_OK);
+    ASSERT_EQ(primary->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    LPDIRECTSOUNDBUFFER b = dev::ToneBuffer(ds, 22050, 1000.0, 0.5);
+    ASSERT_NE(b, nullptr);
+    ASSERT_EQ(b->SetVolume(-600), DS_OK);
+    const double expected = 0.5 * 32767.0 / 32768.0 * std::pow(10.0, -600.0 / 2000.0);
+    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    ASSERT_TRUE(dev::AwaitPlaying(b));
+
+    const std::string client = qxplat::JackClientName();
+    const harness::TempFile wav("tone.wav");
+    const int xrunsBefore = probe.Xruns();
+    const uint64_t underrunsBefore = qxplat::JackAudioUnderrunFramesAll();
+    harness::Child rec({"jack_rec", "-f", wav, "-d", "3", "-b", "32", client + ":out_1", client + ":out_2"});
+    EXPECT_EQ(rec.Wait(30s), 0) << "jack_rec failed or hangs";
+    const int xruns = probe.Xruns() - xrunsBefore;
+    const uint64_t underruns = qxplat::JackAudioUnderrunFramesAll() - underrunsBefore;
+    b->Stop();
+    b->Release();
+    primary->Release();
+    ds->Release();
+    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
+
+    const analysis::Wav w = analysis::ReadWav(wav);
+    ASSERT_EQ(w.channels, 2u) << "jack_rec wrote no readable file";
+    ASSERT_EQ(w.rate, jack_get_sample_rate(probe.Client()));
+    const analysis::Report r = analysis::Analyse(w.x, 2, w.rate, 1000.0, 2.0);
+    std::printf("tone: %.3f Hz, amplitude %.5f (%.5f expected), %d jumps (%d beside padding); %d xruns, %llu "
+                "underrun frames\n",
+                r.frequency, r.amplitude, expected, r.jumps, r.jumpsBesidePadding, xruns,
+                static_cast<unsigned long long>(underruns));
+    ASSERT_TRUE(r.found) << "no tone reached jack_rec";
+    EXPECT_GE(r.steadySeconds, 0.1) << "not a tenth of a second of the tone came unbroken";
+    EXPECT_NEAR(r.frequency, 1000.0, 0.5);
+    EXPECT_NEAR(20 * std::log10(r.amplitude / expected), 0.0, 0.1) << "level off by more than 0.1 dB";
+    EXPECT_NEAR(r.rightToLeft, 1.0, 0.01);
+    // A server that fell behind may lose a cycle of what jack_rec hears. An output that
+    // ran dry pads with silence and loses nothing: the sine may break only beside padding.
+    if (xruns == 0 && underruns != 0) {
+        EXPECT_EQ(r.jumps, r.jumpsBesidePadding) << "the phase jumps away from any padding: a lost or repeated frame";
+    } else if (xruns == 0) {
+        EXPECT_LT(r.longestQuiet, 3u) << "a run of silence in the steady tone";
+        EXPECT_EQ(r.jumps, 0) << "the phase jumps, with no xrun and no underrun: a gap or a repeat";
     }
 }
 
-// On a server of its own, so that the others keep theirs.
-TEST(JackGone, AServerThatGoesAwayGivesNotificationsAndCleanFailures)
+TEST(JackAudio, PortsCountUnderrunsAndOverrunsAndMoveOnlyBetweenStartAndStop)
 {
-    harness::JackServer server("quavix-ctest-gone-" + std::to_string(getpid()));
+    dev::Probe probe;
+    ASSERT_NE(probe.Client(), nullptr);
+    qxplat::Backend& b = qxplat::CurrentBackend();
+    std::unique_ptr<qxplat::AudioOutPort> out;
+    ASSERT_EQ(b.OpenAudioOut(0, out), MMSYSERR_NOERROR);
+    const int xruns = probe.Xruns();
+    dev::ExpectUnderrunsOnlyWhileRunningDry(*out, [&] { return probe.Xruns() != xruns; });
+
+    std::unique_ptr<qxplat::AudioInPort> port;
+    EXPECT_EQ(b.OpenAudioIn(-1, port), MMSYSERR_BADDEVICEID);
+    ASSERT_EQ(b.OpenAudioIn(0, port), MMSYSERR_NOERROR);
+    EXPECT_EQ(port->Rate(), jack_get_sample_rate(probe.Client()));
+    dev::ExpectStopEndsDeliveryAndStartResumesIt(*port);
+    // Nobody reading: the ring fills, and what finds it full is counted.
+    port->Start();
+    EXPECT_TRUE(harness::Await([&] { return port->OverrunFrames() > 0; }));
+    port->Stop();
+    EXPECT_EQ(port->Ring().Readable(), port->Ring().Capacity());
+}
+
+// jack_metro clicks every 60/bpm s, exactly in frames, into our in_1: recorded, the
+// clicks keep that spacing (a lost or repeated cycle moves one by a period), their level,
+// and their channel.
+TEST(JackCapture, MetronomeClicksAreRecordedAtTheirSpacing)
+{
+    dev::Probe probe;
+    ASSERT_NE(probe.Client(), nullptr);
+    const unsigned rate = jack_get_sample_rate(probe.Client());
+    const std::string metro = "qxmetro" + std::to_string(getpid()), source = metro + ":120_bpm";
+    harness::Child clicks({"jack_metro", "-n", metro, "-b", "120", "-f", "1000", "-A", "0.5", "-D", "20"});
+    ASSERT_TRUE(probe.WaitExists(source)) << "jack_metro's port does not appear";
+    dev::Take take;
+    ASSERT_EQ(take.Open(0, rate, 2), MMSYSERR_NOERROR);
+    ASSERT_EQ(jack_connect(probe.Client(), source.c_str(), (qxplat::JackClientName() + ":in_1").c_str()), 0);
+    const int xrunsBefore = probe.Xruns();
+    ASSERT_EQ(take.Start(), MMSYSERR_NOERROR);
+    EXPECT_TRUE(take.Collect(4 * rate, 30s)) << "the recording does not fill";
+    take.Close();
+    const int xruns = probe.Xruns() - xrunsBefore;
+    EXPECT_EQ(take.StopResult(), MMSYSERR_NOERROR);
+    EXPECT_EQ(take.CloseResult(), MMSYSERR_NOERROR);
+
+    const std::vector<float> left = take.Channel(0), right = take.Channel(1);
+    const std::vector<long> onsets = analysis::Onsets(left, 0.1f, rate / 40); // after 25 ms of quiet
+    long worst = 0;
+    for (size_t k = 1; k < onsets.size(); ++k) worst = std::max(worst, std::labs(onsets[k] - onsets[k - 1] - rate / 2));
+    ASSERT_GE(onsets.size(), 6u) << "the clicks did not come through in_1";
+    EXPECT_NEAR(analysis::Peak(left), 0.5, 0.02) << "the click's level changed on the way";
+    EXPECT_LT(analysis::Peak(right), 0.001) << "the click leaked into the right channel";
+    if (xruns == 0) {
+        EXPECT_LE(worst, long(jack_get_buffer_size(probe.Client()))) << "a click is off its spacing";
+    }
+}
+
+// `quavix perform` with a wave event at 0: what reaches our ports is the file, sample for
+// sample (same rate, no resampling), at one offset once any padding is left out.
+TEST(JackAudio, PerformWithAWaveEventPlaysTheFileIntoOurPorts)
+{
+    dev::Probe probe;
+    ASSERT_NE(probe.Client(), nullptr);
+    // The performance's MIDI needs an output: an input port of a client of ours.
+    jack_client_t* sink = jack_client_open("qxperformsink", JackNoStartServer, nullptr);
+    ASSERT_NE(sink, nullptr);
+    ASSERT_NE(jack_port_register(sink, "in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0), nullptr);
+    ASSERT_EQ(jack_activate(sink), 0);
+
+    // Half a second of silence (jack_rec needs a moment once our ports exist), then notes
+    // with two harmonics each.
+    const unsigned rate = jack_get_sample_rate(probe.Client());
+    const size_t noteFrames = rate / 4;
+    std::vector<float> src(rate / 2, 0.0f);
+    for (double hz : {261.63, 329.63, 392.00, 523.25, 493.88, 440.00, 349.23, 293.66, 311.13, 415.30, 466.16, 587.33})
+        for (size_t i = 0; i < noteFrames; ++i) {
+            const double env = std::min({1.0, i / (rate / 200.0), double(noteFrames - i) / (rate / 50.0)});
+            const double w = 2 * analysis::kPi * hz * double(i) / rate;
+            src.push_back(float(std::lround(env * (0.3 * std::sin(w) + 0.12 * std::sin(2 * w) + 0.05 * std::sin(3 * w)) *
+                                            32767) / 32767.0));
+        }
+    const harness::TempFile music("music.wav"), wav("perform.wav"), log("perform.txt");
+    ASSERT_TRUE(analysis::WriteWav(music, rate, 1, src));
+    harness::Child cli({QUAVIX_CLI_PATH, "perform", QUAVIX_SOURCE_DIR "/examples/quavix-demo.mid", "--tempo-scale", "8",
+               "--audio", music.path + "@0"},
+              log);
+    ASSERT_TRUE(probe.WaitExists("quavix:out_1")) << "the program's audio ports do not appear";
+    const int xrunsBefore = probe.Xruns();
+    harness::Child rec({"jack_rec", "-f", wav, "-d", "5", "-b", "32", "quavix:out_1", "quavix:out_2"});
+    EXPECT_EQ(rec.Wait(30s), 0) << "jack_rec failed or hangs";
+    const int xruns = probe.Xruns() - xrunsBefore;
+    EXPECT_EQ(cli.Wait(60s), 0) << harness::Slurp(log);
+    jack_client_close(sink);
+
+    const analysis::Wav w = analysis::ReadWav(wav);
+    ASSERT_EQ(w.channels, 2u) << "jack_rec wrote no readable file";
+    ASSERT_EQ(w.rate, rate);
+    size_t padding = 0;
+    long lag = 0;
+    const double c = analysis::BestCorrelation(analysis::WithoutPadding(w.x, 2, &padding), src, rate, lag);
+    std::printf("correlation %.5f at a lag of %ld frames; %zu frames of padding; %d xruns\n", c, lag, padding, xruns);
+    // A server that fell behind drops a cycle of what jack_rec hears.
+    EXPECT_GT(c, xruns != 0 ? 0.5 : 0.99) << "what came out is not the file";
+}
+
+// On a server of its own, so that the fixture's stays up for the others: its end is
+// reported once, by name; a MIDI output, a wave output and a wave input of it fail
+// cleanly afterwards and nothing hangs on the way down.
+TEST(JackAudioGone, AServerThatGoesAwayUnderOutputsAndAnInputIsReportedAndNothingHangs)
+{
+    harness::JackServer server("quavix-ctest-audiogone-" + std::to_string(getpid()));
     ASSERT_TRUE(server.Ready()) << "private server did not start";
     setenv("JACK_DEFAULT_SERVER", server.Name().c_str(), 1);
-    Watch recv;
+    dev::Probe watch("qxwatch", true);
     CQuavix* q = CQuavix::InitQuavix();
     q->Initialize(QX_INIT_MIDI);
-    static std::mutex mutex; // notifications come from the library's threads too
-    static std::vector<DWORD> codes;
-    q->SetNotificationCallback(
-        [](DWORD c, DWORD, DWORD_PTR) {
-            std::lock_guard<std::mutex> lock(mutex);
-            codes.push_back(c);
-        },
-        0);
+    static std::atomic<int> failedSends{0};
+    q->SetNotificationCallback([](DWORD c, DWORD, DWORD_PTR) { failedSends += c == QXN_MIDIOUT_SHORTMSG; }, 0);
     const int out = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent");
     ASSERT_GE(out, 0);
     q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, QX_ALL_DEVICES, 0);
     q->OpenDevices();
     q->StartDevices();
+    dev::CountLostServers();
+    qxplat::Backend& backend = qxplat::CurrentBackend();
+    ASSERT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 1);
+    LPDIRECTSOUND ds = nullptr;
+    LPDIRECTSOUNDBUFFER b = dev::PlayTone(&ds);
+    ASSERT_NE(b, nullptr);
+    auto take = std::make_unique<dev::Take>();
+    ASSERT_EQ(take->Open(0, 48000, 2), MMSYSERR_NOERROR);
+    ASSERT_EQ(take->Start(), MMSYSERR_NOERROR);
+    EXPECT_TRUE(take->Collect(48000 / 4, 10s)) << "nothing recorded while the server ran";
+
     server.Stop();
-    EXPECT_TRUE(harness::Await([] { return qxplat::CurrentBackend().Count(qxplat::DeviceKind::MidiOut) == 0; }));
+    harness::Await([] { return dev::g_serversLost.load() > 0; });
+    EXPECT_EQ(dev::g_serversLost.load(), 1);
+    EXPECT_EQ(dev::g_lastServerLost, "JACK");
+    EXPECT_TRUE(harness::Await([&] { return backend.Count(qxplat::DeviceKind::MidiOut) == 0; }));
     q->SendMidiMsg(static_cast<UINT>(out), 0x00403C90, 0);
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        EXPECT_NE(std::find(codes.begin(), codes.end(), DWORD{QXN_MIDIOUT_SHORTMSG}), codes.end());
+    EXPECT_GE(failedSends.load(), 1);
+    auto done = std::async(std::launch::async, [&] {
+        DWORD play1 = 0, play2 = 0, write = 0;
+        std::this_thread::sleep_for(200ms); // once the ring is full the play cursor stands still
+        EXPECT_EQ(b->GetCurrentPosition(&play1, &write), DS_OK);
+        std::this_thread::sleep_for(300ms);
+        EXPECT_EQ(b->GetCurrentPosition(&play2, &write), DS_OK);
+        EXPECT_EQ(play1, play2) << "the mix goes on with nothing to take it";
+        EXPECT_EQ(b->Stop(), DS_OK);
+        EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+        b->Stop();
+        b->Release();
+        ds->Release();
+        take->Close();
+        q->CloseDevices();
+        CQuavix::ExitQuavix();
+    });
+    ASSERT_EQ(done.wait_for(10s), std::future_status::ready) << "an output or input of a lost server hangs";
+    EXPECT_EQ(take->StopResult(), MMSYSERR_NOERROR);
+    EXPECT_EQ(take->ResetResult(), MMSYSERR_NOERROR);
+    EXPECT_EQ(take->CloseResult(), MMSYSERR_NOERROR);
+
+    EXPECT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 0);
+    EXPECT_EQ(backend.DeviceName(qxplat::DeviceKind::WaveOut, 0), "");
+    std::unique_ptr<qxplat::AudioOutPort> port;
+    EXPECT_EQ(backend.OpenAudioOut(0, port), MMSYSERR_NODRIVER);
+    LPDIRECTSOUND again = nullptr;
+    EXPECT_EQ(DirectSoundCreate(nullptr, &again, nullptr), DSERR_NODRIVER);
+    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
+    EXPECT_EQ(waveInGetNumDevs(), 0u);
+    dev::Take closed;
+    EXPECT_EQ(closed.Open(0, 48000, 2), MMSYSERR_NODRIVER);
+}
+
+// A sweep played with PlayWaveFile on our output, connected alone to our input, comes
+// back sample for sample once the padding of an output that ran dry is left out, over a
+// take long enough for every ring and buffer on the way to wrap many times; only an
+// overrun the input reports may lose samples.
+TEST(JackRecord, ASweepFromOurOutputComesBackSampleForSample)
+{
+    constexpr DWORD kRate = 48000; // the fixture server's
+    std::vector<float> sweep(8 * kRate);
+    double phase = 0;
+    for (size_t i = 0; i < sweep.size(); ++i) {
+        phase += 2 * analysis::kPi * 100.0 * std::pow(120.0, double(i) / double(sweep.size())) / kRate; // to 12 kHz
+        sweep[i] = static_cast<float>(std::round(12000 * std::sin(phase)) / 32767);
     }
-    q->CloseDevices(); // nothing hangs on the way down
+    const harness::TempFile file("sweep.wav");
+    ASSERT_TRUE(analysis::WriteWav(file, kRate, 1, sweep));
+    static std::atomic<int> overruns{0};
+    static std::mutex mutex;
+    static std::vector<float> take;
+    CQuavix* q = CQuavix::InitQuavix();
+    q->Initialize(QX_INIT_WAVE);
+    q->SetNotificationCallback([](DWORD code, DWORD, DWORD_PTR) { overruns += code == QXN_WAVEIN_OVERRUN; }, 0);
+    QX_DevFormat f{WAVE_FORMAT_PCM, 1, kRate, kRate * 2, 2, 16, 0};
+    q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &f);
+    const int tag = q->StartRecording(
+        [](DWORD_PTR, int, CQXEventData* e) {
+            const auto* h = reinterpret_cast<const WAVEHDR*>(e->m_dwData);
+            std::lock_guard<std::mutex> lock(mutex);
+            for (DWORD i = 0; e->m_nType == QX_EVENT_WAVEHEADER && i < h->dwBytesRecorded / 2; ++i)
+                take.push_back(reinterpret_cast<const int16_t*>(h->lpData)[i] / 32767.0f);
+            return 1;
+        },
+        0, 1);
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    const dev::Probe probe;
+    for (const std::string side : {"1", "2"})
+        EXPECT_TRUE(probe.ConnectOnly(probe.Find("^quavix[^:]*:out_" + side + "$", JackPortIsOutput),
+                                      probe.Find("^quavix[^:]*:in_" + side + "$", JackPortIsInput)));
+    EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+    EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+    EXPECT_NE(q->PlayWaveFile(file.path.c_str(), 0, nullptr, 0), 0);
+    EXPECT_TRUE(harness::Await([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return take.size() >= sweep.size() + 3 * kRate / 2;
+    }, 30s));
+    q->CloseDevices();
+    q->StopRecording(tag);
     CQuavix::ExitQuavix();
+
+    std::lock_guard<std::mutex> lock(mutex);
+    size_t padding = 0, wrong = 0, first = 0;
+    long lag = 0;
+    const std::vector<float> got = analysis::WithoutPadding(take, 1, &padding);
+    const std::vector<float> start(sweep.begin(), sweep.begin() + kRate / 10); // enough to find where it is
+    EXPECT_GT(analysis::BestCorrelation(got, start, kRate, lag), 0.99) << "the sweep did not come";
+    for (size_t i = 0; i < sweep.size(); ++i) {
+        const long j = lag + static_cast<long>(i);
+        if (j >= 0 && size_t(j) < got.size() && std::fabs(got[size_t(j)] - sweep[i]) * 32767 <= 8) continue;
+        first = wrong++ == 0 ? i : first;
+    }
+    std::printf("%zu of %zu samples wrong; %zu frames of padding, %d overruns reported\n", wrong, sweep.size(),
+                padding, overruns.load());
+    if (overruns == 0) {
+        EXPECT_EQ(wrong, 0u) << "lost or repeated samples from " << double(first) / kRate << " s on";
+    }
 }
