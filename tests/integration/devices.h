@@ -4,6 +4,7 @@
 #ifndef QUAVIX_TESTS_INTEGRATION_DEVICES_H
 #define QUAVIX_TESTS_INTEGRATION_DEVICES_H
 
+#include "analysis.h"
 #include "harness.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/QXBackend.h"
@@ -18,7 +19,6 @@
 #include <atomic>
 #include <cmath>
 #include <functional>
-#include <mutex>
 
 namespace dev {
 
@@ -209,6 +209,50 @@ inline LPDIRECTSOUNDBUFFER PlayTone(LPDIRECTSOUND* pds)
     return b;
 }
 
+// Plays a looping 1 kHz tone (`amplitude`, from a buffer at `rate`, at `volume` in
+// hundredths of a dB) through a driver (null: the default) beside a playing primary
+// buffer, as an application has it, while `record` takes what comes out: the tone comes
+// at its pitch and level (within `dB`) on both channels and, unless the output counted
+// an underrun (`underruns`: the process-wide count of the kind played) or `fellBehind`
+// says the server did, whole: the sine steps off by less than `maxStep` (resampled on
+// the way, it is less exact than with 16-bit rounding only).
+inline void ExpectToneHeard(const GUID* guid, unsigned rate, double amplitude, LONG volume,
+                            const std::function<analysis::Wav()>& record, uint64_t (*underruns)(),
+                            const std::function<bool()>& fellBehind, double dB, double maxStep)
+{
+    LPDIRECTSOUND ds = nullptr;
+    ASSERT_EQ(DirectSoundCreate(guid, &ds, nullptr), DS_OK);
+    DSBUFFERDESC pd{sizeof pd, DSBCAPS_PRIMARYBUFFER, 0, 0, nullptr, {}};
+    LPDIRECTSOUNDBUFFER primary = nullptr, b = ToneBuffer(ds, rate, 1000.0, amplitude);
+    ASSERT_EQ(ds->CreateSoundBuffer(&pd, &primary, nullptr), DS_OK);
+    ASSERT_EQ(primary->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    ASSERT_NE(b, nullptr);
+    ASSERT_EQ(b->SetVolume(volume), DS_OK);
+    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+    ASSERT_TRUE(AwaitPlaying(b));
+    const uint64_t before = underruns();
+    const analysis::Wav w = record();
+    const bool whole = underruns() == before && !fellBehind();
+    b->Stop();
+    b->Release();
+    primary->Release();
+    ds->Release();
+    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
+    ASSERT_EQ(w.channels, 2u) << "nothing was recorded";
+    const double expected = amplitude * 32767 / 32768 * std::pow(10.0, volume / 2000.0);
+    const analysis::Report r = analysis::Analyse(w.x, 2, w.rate, 1000.0, 2.0, static_cast<float>(expected / 5));
+    std::printf("tone: %.3f Hz, amplitude %.5f (%.5f expected), worst step %.4f%s\n", r.frequency, r.amplitude,
+                expected, r.worstStep, whole ? "" : "; it ran dry or the server fell behind");
+    ASSERT_TRUE(r.found) << "no tone came out";
+    EXPECT_GE(r.steadySeconds, 0.1) << "not a tenth of a second of the tone came unbroken";
+    EXPECT_NEAR(r.frequency, 1000.0, 1.0);
+    EXPECT_NEAR(20 * std::log10(r.amplitude / expected), 0.0, dB);
+    EXPECT_NEAR(r.rightToLeft, 1.0, 0.02);
+    if (whole) {
+        EXPECT_LT(r.worstStep, maxStep) << "the phase jumps, and no underrun was counted: a gap or a repeat";
+    }
+}
+
 // Servers lost so far, and the name the last one was reported by.
 inline std::atomic<int> g_serversLost{0};
 inline std::string g_lastServerLost; // written before the count, read after it
@@ -268,11 +312,10 @@ inline void ExpectStopEndsDeliveryAndStartResumesIt(qxplat::AudioInPort& port)
     }
 }
 
-// A 16-bit wave input. Full buffers come back through WIM_DATA on the capture thread,
-// which may not call waveIn functions: the test's thread copies them and adds them again.
+// A 16-bit wave input recording into buffers of the given lengths, one after the other.
 class Take {
 public:
-    Take() = default;
+    explicit Take(std::vector<double> seconds = {1.0}) : m_seconds(std::move(seconds)), m_buffers(m_seconds.size()) {}
     Take(const Take&) = delete;
     Take& operator=(const Take&) = delete;
     ~Take() { Close(); }
@@ -282,35 +325,30 @@ public:
         m_fmt = Pcm16(rate, channels);
         MMRESULT r = waveInOpen(&m_h, device, &m_fmt, reinterpret_cast<DWORD_PTR>(&Take::Proc),
                                 reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION);
-        if (r != MMSYSERR_NOERROR) {
-            m_h = nullptr;
-            return r;
-        }
-        for (auto& b : m_buffers) {
-            b.data.resize(rate / 20 * m_fmt.nBlockAlign); // 50 ms
+        if (r != MMSYSERR_NOERROR) m_h = nullptr;
+        for (size_t i = 0; r == MMSYSERR_NOERROR && i < m_buffers.size(); ++i) {
+            Buffer& b = m_buffers[i];
+            b.data.resize(static_cast<size_t>(m_seconds[i] * rate) * m_fmt.nBlockAlign);
             b.hdr.lpData = b.data.data();
             b.hdr.dwBufferLength = static_cast<DWORD>(b.data.size());
-            if ((r = waveInPrepareHeader(m_h, &b.hdr, sizeof(WAVEHDR))) != MMSYSERR_NOERROR ||
-                (r = waveInAddBuffer(m_h, &b.hdr, sizeof(WAVEHDR))) != MMSYSERR_NOERROR)
-                return r;
+            if ((r = waveInPrepareHeader(m_h, &b.hdr, sizeof(WAVEHDR))) == MMSYSERR_NOERROR)
+                r = waveInAddBuffer(m_h, &b.hdr, sizeof(WAVEHDR));
         }
-        return MMSYSERR_NOERROR;
+        return r;
     }
     HWAVEIN Handle() const { return m_h; }
     MMRESULT Start() { return waveInStart(m_h); }
-
-    // Collects until the take holds `frames` frames, or the limit passes.
-    bool Collect(size_t frames, std::chrono::milliseconds limit)
+    // True once the first buffer is full, before the limit passes.
+    bool Collect(std::chrono::milliseconds limit)
     {
-        return harness::Await([&] { return Drain(true) >= frames * m_fmt.nChannels; }, limit);
+        return harness::Await([&] { return m_full.load(); }, limit);
     }
-    // Ends the recording: what the buffers hold joins the take; each result is kept.
+    // Ends the recording; each result is kept.
     void Close()
     {
         if (m_h == nullptr) return;
         m_stopResult = waveInStop(m_h);
         m_resetResult = waveInReset(m_h);
-        Drain(false);
         for (auto& b : m_buffers) waveInUnprepareHeader(m_h, &b.hdr, sizeof(WAVEHDR));
         m_closeResult = waveInClose(m_h);
         m_h = nullptr;
@@ -319,18 +357,15 @@ public:
     MMRESULT ResetResult() const { return m_resetResult; }
     MMRESULT CloseResult() const { return m_closeResult; }
 
-    size_t Frames() const { return m_samples.size() / m_fmt.nChannels; }
-    // Every channel, interleaved, as float.
-    std::vector<float> Samples() const
+    // Every channel interleaved (or only `channel`), as float: what the buffers took.
+    std::vector<float> Samples(int channel = -1) const
     {
-        std::vector<float> out(m_samples.size());
-        for (size_t i = 0; i < out.size(); ++i) out[i] = m_samples[i] / 32768.0f;
-        return out;
-    }
-    std::vector<float> Channel(int ch) const
-    {
-        std::vector<float> out(Frames());
-        for (size_t i = 0; i < out.size(); ++i) out[i] = m_samples[i * m_fmt.nChannels + ch] / 32768.0f;
+        std::vector<float> out;
+        for (const Buffer& b : m_buffers) {
+            const auto* s = reinterpret_cast<const int16_t*>(b.data.data());
+            for (size_t i = 0; i < b.hdr.dwBytesRecorded / 2; ++i)
+                if (channel < 0 || i % m_fmt.nChannels == size_t(channel)) out.push_back(s[i] / 32768.0f);
+        }
         return out;
     }
 
@@ -339,34 +374,16 @@ private:
         std::vector<char> data;
         WAVEHDR hdr{};
     };
-    static void CALLBACK Proc(HWAVEIN, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
+    static void CALLBACK Proc(HWAVEIN, UINT msg, DWORD_PTR inst, DWORD_PTR, DWORD_PTR)
     {
-        auto* self = reinterpret_cast<Take*>(inst);
-        std::lock_guard<std::mutex> lock(self->m_lock);
-        if (msg == WIM_DATA) self->m_done.push_back(reinterpret_cast<WAVEHDR*>(p1));
-    }
-    // What came back joins the take (and goes back to the input): how much the take holds.
-    size_t Drain(bool bRequeue)
-    {
-        std::vector<WAVEHDR*> done;
-        {
-            std::lock_guard<std::mutex> lock(m_lock);
-            done.swap(m_done);
-        }
-        for (WAVEHDR* h : done) {
-            const auto* s = reinterpret_cast<const int16_t*>(h->lpData);
-            m_samples.insert(m_samples.end(), s, s + h->dwBytesRecorded / 2);
-            if (bRequeue) waveInAddBuffer(m_h, h, sizeof(WAVEHDR));
-        }
-        return m_samples.size();
+        if (msg == WIM_DATA) reinterpret_cast<Take*>(inst)->m_full.store(true);
     }
 
     WAVEFORMATEX m_fmt{};
     HWAVEIN m_h = nullptr;
-    Buffer m_buffers[8];
-    std::vector<int16_t> m_samples;
-    std::mutex m_lock;
-    std::vector<WAVEHDR*> m_done; // under m_lock
+    std::vector<double> m_seconds;
+    std::vector<Buffer> m_buffers;
+    std::atomic<bool> m_full{false};
     MMRESULT m_stopResult = MMSYSERR_NOERROR, m_resetResult = MMSYSERR_NOERROR, m_closeResult = MMSYSERR_NOERROR;
 };
 

@@ -9,8 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <future>
 
 namespace {
@@ -18,67 +16,41 @@ namespace {
 using namespace std::chrono_literals;
 using harness::SinkRate;
 
-// parec recording a sink's monitor as float32 stereo into a file.
+// parec recording a sink's monitor as float32 stereo at the sink's rate.
 class Recorder {
 public:
-    Recorder(const std::string& sink, unsigned rate)
-        : m_parec({"parec", "-d", sink + ".monitor", "--raw", "--format=float32le", "--channels=2",
-                   "--rate=" + std::to_string(rate), "--latency-msec=10"},
-                  m_file, "/dev/null")
+    explicit Recorder(const std::string& sink)
+        : m_rate(SinkRate(sink)), m_parec({"parec", "-d", sink + ".monitor", "--raw", "--format=float32le", "--channels=2",
+                                           "--rate=" + std::to_string(m_rate), "--latency-msec=10"}, m_file, "/dev/null")
     {
+        EXPECT_GT(m_rate, 0u) << "pactl does not list " << sink;
     }
-    std::vector<float> Take()
+    // What it recorded, once it holds `seconds`.
+    analysis::Wav Take(double seconds = 0)
     {
+        EXPECT_TRUE(harness::Await([&] {
+            return std::ifstream(m_file.path, std::ios::ate).tellg() >= std::streamoff(seconds * m_rate * 8);
+        }, 30s)) << "parec records nothing";
         m_parec.Stop();
         const std::string raw = harness::Slurp(m_file);
-        std::vector<float> x(raw.size() / sizeof(float));
-        std::memcpy(x.data(), raw.data(), x.size() * sizeof(float));
-        return x;
-    }
-    bool WaitFrames(size_t frames, std::chrono::seconds limit) const
-    {
-        return harness::Await([&] {
-            struct stat st {};
-            return stat(m_file.path.c_str(), &st) == 0 && size_t(st.st_size) >= frames * 2 * sizeof(float);
-        }, limit);
+        analysis::Wav w{m_rate, 2, 32, 0, 0, 0, std::vector<float>(raw.size() / sizeof(float))};
+        std::memcpy(w.x.data(), raw.data(), w.x.size() * sizeof(float));
+        return w;
     }
 
 private:
+    const unsigned m_rate;
     const harness::TempFile m_file{"parec.raw"};
     harness::Child m_parec;
 };
 
-// Plays a 1 kHz tone through a driver (null: the default) and records it from a sink: it
-// comes at its pitch and level on both channels, and a gap must have been counted as an
-// underrun (`underruns`: the process-wide count of the kind of output played).
-// Resampled, the sine is less exact than with 16-bit rounding only: `maxStep` says how much.
-void ExpectToneHeard(const GUID* guid, const std::string& sink, double amplitude, uint64_t (*underruns)(),
-                     double maxStep)
+// A 1 kHz tone at `amplitude` through a driver (null: the default), heard on a sink.
+// Resampled on the way, the sine is less exact than with 16-bit rounding only.
+void ExpectToneHeard(const GUID* guid, const std::string& sink, double amplitude, uint64_t (*underruns)())
 {
-    const unsigned sinkRate = SinkRate(sink);
-    ASSERT_GT(sinkRate, 0u) << "pactl does not list " << sink;
-    LPDIRECTSOUND ds = nullptr;
-    ASSERT_EQ(DirectSoundCreate(guid, &ds, nullptr), DS_OK);
-    LPDIRECTSOUNDBUFFER b = dev::ToneBuffer(ds, 48000, 1000.0, amplitude);
-    ASSERT_NE(b, nullptr);
-    Recorder rec(sink, sinkRate);
-    EXPECT_TRUE(rec.WaitFrames(1, 10s)) << "parec records nothing";
-    const uint64_t before = underruns();
-    EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-    EXPECT_TRUE(rec.WaitFrames(sinkRate * 3, 30s));
-    const analysis::Report r = analysis::Analyse(rec.Take(), 2, sinkRate, 1000.0, 2.0, 0.05f);
-    const uint64_t underrunFrames = underruns() - before;
-    b->Stop();
-    b->Release();
-    ds->Release();
-    ASSERT_TRUE(r.found) << "no tone reached " << sink;
-    EXPECT_NEAR(r.amplitude, amplitude, 0.04 * amplitude);
-    EXPECT_NEAR(r.rightToLeft, 1.0, 0.02);
-    EXPECT_GE(r.steadySeconds, 0.1) << "not a tenth of a second of the tone came unbroken";
-    EXPECT_NEAR(r.frequency, 1000.0, 1.0);
-    if (underrunFrames == 0) {
-        EXPECT_LT(r.worstStep, maxStep) << "the phase jumps, and no underrun was counted";
-    }
+    const double maxStep = underruns == qxplat::PulseUnderrunFramesAll && SinkRate(sink) == 48000 ? 0.01 : 0.05;
+    dev::ExpectToneHeard(guid, 48000, amplitude, 0, [&] { return Recorder(sink).Take(3); }, underruns,
+                         [] { return false; }, 0.35, maxStep);
 }
 
 // paplay plays a 1 kHz tone at 0.5 into a sink; recorded through wave input `device` as
@@ -87,12 +59,12 @@ void ExpectToneRecorded(int device, const std::string& sink, unsigned rate, doub
 {
     const harness::TempFile wav("tone.wav");
     ASSERT_TRUE(analysis::WriteWav(wav, 48000, 2, analysis::Sine(48000, 2, 1000.0, 0.5, 8.0)));
-    dev::Take take;
+    dev::Take take({4.0});
     EXPECT_EQ(take.Open(static_cast<UINT>(device), rate, 2), MMSYSERR_NOERROR);
     EXPECT_EQ(take.Start(), MMSYSERR_NOERROR);
     {
         harness::Child player({"paplay", "-d", sink, wav});
-        EXPECT_TRUE(take.Collect(4 * rate, 30s)) << "the recording does not fill";
+        EXPECT_TRUE(take.Collect(30s)) << "the recording does not fill";
     }
     take.Close();
     EXPECT_EQ(take.CloseResult(), MMSYSERR_NOERROR);
@@ -170,16 +142,16 @@ TEST(Pulse, AutoChoosesTheSoundServerWhenNoJackServerAnswers)
 
 TEST(Pulse, ToneThroughTheDefaultDriverIsHeardWholeOnTheDefaultSink)
 {
-    ExpectToneHeard(nullptr, "quavix_a", 0.5, qxplat::PulseUnderrunFramesAll, SinkRate("quavix_a") == 48000 ? 0.01 : 0.05);
+    ExpectToneHeard(nullptr, "quavix_a", 0.5, qxplat::PulseUnderrunFramesAll);
 }
 
 TEST(Pulse, ToneOnANamedSinkComesOutThereOnly)
 {
     const std::vector<dev::Driver> ds = dev::Drivers();
     ASSERT_EQ(ds.size(), 4u);
-    Recorder other("quavix_a", SinkRate("quavix_a"));
-    ExpectToneHeard(&ds[3].guid, "quavix_b", 0.25, qxplat::PulseUnderrunFramesAll, SinkRate("quavix_b") == 48000 ? 0.01 : 0.05);
-    EXPECT_LT(analysis::Peak(other.Take()), 0.01f) << "the tone leaked to the default sink";
+    Recorder other("quavix_a");
+    ExpectToneHeard(&ds[3].guid, "quavix_b", 0.25, qxplat::PulseUnderrunFramesAll);
+    EXPECT_LT(analysis::Peak(other.Take().x), 0.01f) << "the tone leaked to the default sink";
 }
 
 // At the monitor's own rate nothing is converted but the sample format; a 44.1 kHz
@@ -268,7 +240,7 @@ TEST(AlsaPcm, ToneThroughRawPcmIsHeardWhole)
     EXPECT_EQ(backend.DeviceName(qxplat::DeviceKind::WaveOut, 0), "Default ALSA output");
     for (int n = 1; n < count; ++n) EXPECT_NE(backend.DeviceName(qxplat::DeviceKind::WaveOut, n), "");
     setenv("PULSE_SERVER", server.c_str(), 1); // for parec and pactl
-    ExpectToneHeard(nullptr, "quavix_b", 0.5, qxplat::AlsaPcmUnderrunFramesAll, 0.05);
+    ExpectToneHeard(nullptr, "quavix_b", 0.5, qxplat::AlsaPcmUnderrunFramesAll);
 }
 
 // Raw ALSA capture: "default" captures the monitor of quavix_a through the pulse plugin;
