@@ -26,9 +26,6 @@ struct Report {
     double rightToLeft = 0; // second channel's RMS over the first's, stereo only
     double steadySeconds = 0; // the longest stretch of whole, even cycles in the window
     double worstStep = 0;  // largest deviation from the sine recurrence, relative to the amplitude
-    size_t longestQuiet = 0; // longest run of frames below 1 % of the amplitude
-    int jumps = 0;           // deviations of more than 2 % of the amplitude
-    int jumpsBesidePadding = 0; // of them, those next to frames of exact silence
 };
 
 // `x` holds `channels` interleaved channels. From the first frame of the first channel
@@ -77,19 +74,8 @@ inline Report Analyse(const std::vector<float>& x, int channels, unsigned rate, 
     if (channels >= 2 && sum > 0) r.rightToLeft = std::sqrt(sumR / sum);
 
     const double c = 2 * std::cos(2 * kPi * nominalHz / rate);
-    size_t quiet = 0;
-    for (size_t i = begin + 1; i + 1 < end; ++i) {
-        const double step = std::fabs(at(i + 1) - (c * at(i) - at(i - 1))) / std::max(r.amplitude, 1e-6);
-        r.worstStep = std::max(r.worstStep, step);
-        if (step > 0.02) {
-            ++r.jumps;
-            bool padded = false;
-            for (size_t k = i - 1; k <= i + 2 && k < frames; ++k) padded = padded || at(k) == 0.0;
-            r.jumpsBesidePadding += padded ? 1 : 0;
-        }
-        quiet = std::fabs(at(i)) < 0.01 * r.amplitude ? quiet + 1 : 0;
-        r.longestQuiet = std::max(r.longestQuiet, quiet);
-    }
+    for (size_t i = begin + 1; i + 1 < end; ++i)
+        r.worstStep = std::max(r.worstStep, std::fabs(at(i + 1) - (c * at(i) - at(i - 1))) / std::max(r.amplitude, 1e-6));
     return r;
 }
 
@@ -185,23 +171,6 @@ inline float Peak(const std::vector<float>& x)
     float p = 0;
     for (float v : x) p = std::max(p, std::fabs(v));
     return p;
-}
-
-// Where a sound begins after at least `quiet` frames below `level` (the recording may
-// begin inside one).
-inline std::vector<long> Onsets(const std::vector<float>& x, float level, size_t quiet)
-{
-    std::vector<long> onsets;
-    size_t run = 0;
-    for (size_t i = 0; i < x.size(); ++i) {
-        if (std::fabs(x[i]) < level) {
-            ++run;
-            continue;
-        }
-        if (run >= quiet) onsets.push_back(static_cast<long>(i));
-        run = 0;
-    }
-    return onsets;
 }
 
 // The normalised cross-correlation of rec[lag + i] with src[i] over i in [from, to);

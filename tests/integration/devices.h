@@ -85,16 +85,16 @@ public:
         }
         return name;
     }
-    // Connects `out` to `in` (a MIDI input of ours when it is a number), after taking
-    // whatever else fed `in` away from it.
+    // Connects `out` ("": nothing) to `in` (a MIDI input of ours when it is a number),
+    // after taking whatever else fed `in` away from it.
     bool ConnectOnly(const std::string& out, const std::string& in) const
     {
-        if (out.empty() || in.empty()) return false;
+        if (in.empty()) return false;
         if (const char** from = jack_port_get_all_connections(m_client, jack_port_by_name(m_client, in.c_str()))) {
             for (const char** p = from; *p != nullptr; ++p) jack_disconnect(m_client, *p, in.c_str());
             jack_free(from);
         }
-        return jack_connect(m_client, out.c_str(), in.c_str()) == 0;
+        return out.empty() || jack_connect(m_client, out.c_str(), in.c_str()) == 0;
     }
     bool ConnectOnly(const std::string& out, int midiIn) const { return ConnectOnly(out, jack_port_name(m_midi[midiIn])); }
     std::vector<Event> Events(int port) const
