@@ -370,6 +370,16 @@ TEST(Cli, OutputFilesAreReplacedWhole)
     EXPECT_EQ(MessagesOf(good).size(), 1u);
     ASSERT_EQ(stat("/dev/null", &st), 0);
     EXPECT_TRUE(S_ISCHR(st.st_mode));
+
+    // The same for a render, which the program writes itself.
+    const std::string wave = folder + "/out.wav", waveLink = folder + "/link.wav";
+    ASSERT_TRUE(WriteBytes(wave, {'o', 'l', 'd'}));
+    ASSERT_EQ(symlink("out.wav", waveLink.c_str()), 0);
+    ASSERT_EQ(RunCli({"play", WriteTone("whole.wav", 1000, 0.3, 0.5), "-q", "--render", waveLink}).status, 0);
+    EXPECT_NEAR(Level(ReadWav(wave), 0, 1000, 50, 250) / 0.5, 1.0, 0.05) << "the link's file was replaced";
+    ASSERT_EQ(lstat(waveLink.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_EQ(DirEntries(folder).size(), 4u) << "the files and their links only";
 }
 
 // SIGINT, SIGTERM and SIGHUP stop a performance and silence the output; the status
