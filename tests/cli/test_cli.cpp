@@ -88,31 +88,47 @@ std::vector<Bytes> PanicBytes()
 
 } // namespace
 
-TEST(Cli, PerformPlaysEveryEventAtItsScaledTimeOnTheChosenOutput)
+// What perform emits (at its due times, on the chosen output, at the tempo scale) and
+// what record-midi keeps (from its first message on) are the file's messages at their
+// times. The input takes short messages only: record-midi says what it passed over.
+TEST(Cli, PerformAndRecordMidiKeepEveryMessageAtItsTime)
 {
     const qxsmf::File song = TestSong();
-    const std::string in = WriteSong(song, "song.mid");
+    const std::string in = WriteSong(song, "song.mid"), out = TempPath("out.mid");
+    Timed messages, feed;
+    for (uint8_t i = 0; i < 12; ++i) {
+        messages.push_back({i * 73u, {0x91, static_cast<uint8_t>(50 + i), 90}});
+        messages.push_back({i * 73u + 40, {0x81, static_cast<uint8_t>(50 + i), 0}});
+    }
+    messages.push_back({900, {0xE2, 0x10, 0x40}});
+    feed = messages;
+    feed.insert(feed.end(), {{300, {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7}}, {310, {0xF0, 0x43, 0x10, 0x4C, 0xF7}}});
+    std::stable_sort(feed.begin(), feed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    const std::vector<std::string> due{"--capture", out, "--capture-times", "due"};
     const struct {
-        std::string file;
-        qxsmf::File content;
-        const char* scale;
-        const char* output;
-        const char* says;
+        std::vector<std::string> args;
+        std::vector<std::string> says;
+        std::vector<qxsmf::Message> want;
     } cases[] = {
-        {in, song, "1", "0", "events    47 of 47 sent"},
-        {in, song, "2.5", "0", "lateness  worst"},
-        {kDemo, qxsmf::BuildDemo(), "4", "1", "\"Quavix demo\", format 1, 5 tracks"},
+        {{"perform", in, "--output", "0", "--tempo-scale", "1"}, {"events    47 of 47 sent"}, MessagesOf(song, 1)},
+        {{"perform", in, "--output", "0", "--tempo-scale", "2.5"}, {"lateness  worst"}, MessagesOf(song, 2.5)},
+        {{"perform", kDemo, "--output", "1", "--tempo-scale", "4"}, {"\"Quavix demo\", format 1, 5 tracks"},
+         MessagesOf(qxsmf::BuildDemo(), 4)},
+        {{"record-midi", "--in", "0", out, "--inject", WriteSong(qxsmf::FromMilliseconds(feed), "feed.mid")},
+         {"25 messages recorded", "2 SysEx messages not recorded"}, MessagesOf(qxsmf::FromMilliseconds(messages))},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.file + " at " + c.scale);
-        const std::string out = TempPath("capture.mid");
-        const CliResult r = RunCli({"perform", c.file, "--output", c.output, "--capture", out, "--capture-times", "due",
-                                    "--tempo-scale", c.scale},
-                                   kInOut);
+        std::vector<std::string> args = c.args;
+        if (args[0] == "perform") args.insert(args.end(), due.begin(), due.end());
+        SCOPED_TRACE(Joined(args));
+        const CliResult r = RunCli(args, kInOut);
         ASSERT_EQ(r.status, 0) << r.err;
-        EXPECT_TRUE(r.err.empty()) << r.err;
-        EXPECT_NE(r.out.find(c.says), std::string::npos) << r.out;
-        ExpectSameMessages(MessagesOf(c.content, std::stod(c.scale)), MessagesOf(out), 2.0);
+        EXPECT_EQ(r.err, "");
+        for (const std::string& s : c.says) EXPECT_NE(r.out.find(s), std::string::npos) << r.out;
+        auto got = MessagesOf(out);
+        ASSERT_FALSE(got.empty());
+        for (double t0 = got.front().ms; auto& m : got) m.ms -= args[0] == "perform" ? 0 : t0;
+        ExpectSameMessages(c.want, got, 2.0);
     }
 }
 
@@ -182,10 +198,6 @@ TEST(Cli, EveryCommandSaysWhatItDidOrInOneLineWhyNot)
         {{"perform", format2}, 1, {format2 + ": it is a format 2 file"}},
         {{"perform", longer}, 1, {longer + ": it plays for longer than 24 hours"}},
         {{"perform", oneTrack}, 1, {"announces 1 track,"}},
-        {{"perform", text, "--tempo-scale", "0"}, 2, {"--tempo-scale takes a number"}},
-        {{"perform", text, "--tempo-scale", "fast"}, 2, {"--tempo-scale takes a number"}},
-        {{"perform", text, "--tempo-scale", "0x10"}, 2, {"--tempo-scale takes a number"}},
-        {{"perform", text, "--tempo-scale", "1e1"}, 2, {"--tempo-scale takes a number"}},
         {{"perform", text, "--output", "0x1"}, 2, {"--output takes a whole number"}},
         {{"perform", text, "--output", " 1"}, 2, {"--output takes a whole number"}},
         {{"perform", text, "--loud"}, 2, {"unknown option '--loud'"}},
@@ -226,12 +238,11 @@ TEST(Cli, EveryCommandSaysWhatItDidOrInOneLineWhyNot)
         {{"record", never, never}, 2, {""}},
         {{"record", never, "--in", "3"}, 1, {"wave input"}},
         {{"record", "/nonexistent-dir/x.wav", "--seconds", "1"}, 1, {"cannot write /nonexistent-dir/x.wav"}},
-        {{"record", never, "--format", "44100:16"}, 2, {"--format"}},
-        {{"record", never, "--format", "44100:12:2"}, 2, {"--format"}},
-        {{"record", never, "--format", "500:16:1"}, 2, {"--format"}},
-        {{"record", never, "--format", "44100:16:3"}, 2, {"--format"}},
-        {{"record", never, "--format", "x"}, 2, {"--format"}},
     };
+    for (const std::string value : {"0", "fast", "0x10", "1e1"})
+        cases.push_back({{"perform", text, "--tempo-scale", value}, 2, {"--tempo-scale takes a number"}});
+    for (const std::string value : {"44100:16", "44100:12:2", "500:16:1", "44100:16:3", "x"})
+        cases.push_back({{"record", never, "--format", value}, 2, {"--format takes"}});
     for (const std::string cmd : {"devices", "perform", "play", "sync-slave", "thru", "record-midi", "send", "panic"})
         cases.push_back({{cmd, "--help"}, 0, {"Usage: quavix " + cmd, "--backend NAME"}});
     // What a command writes is checked before anything plays or is sent.
@@ -265,31 +276,6 @@ TEST(Cli, EveryCommandSaysWhatItDidOrInOneLineWhyNot)
             EXPECT_EQ(BytesOf(capture), c.emits);
         }
     }
-}
-
-// The input takes short messages only: the summary says what it passed over.
-TEST(Cli, RecordMidiKeepsWhatArrivedAndWhenAndCountsTheSysExLeftOut)
-{
-    Timed messages;
-    for (uint8_t i = 0; i < 12; ++i) {
-        messages.push_back({i * 73u, {0x91, static_cast<uint8_t>(50 + i), 90}});
-        messages.push_back({i * 73u + 40, {0x81, static_cast<uint8_t>(50 + i), 0}});
-    }
-    messages.push_back({900, {0xE2, 0x10, 0x40}});
-    Timed feed = messages;
-    feed.push_back({300, {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7}});
-    feed.push_back({310, {0xF0, 0x43, 0x10, 0x4C, 0xF7}});
-    std::stable_sort(feed.begin(), feed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-    const std::string in = WriteSong(qxsmf::FromMilliseconds(feed), "rec-feed.mid"), out = TempPath("rec.mid");
-    const CliResult r = RunCli({"record-midi", "--in", "0", out, "--inject", in});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("25 messages recorded"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("2 SysEx messages not recorded"), std::string::npos) << r.out;
-    auto got = MessagesOf(out);
-    ASSERT_FALSE(got.empty());
-    const double t0 = got.front().ms;
-    for (auto& m : got) m.ms -= t0;
-    ExpectSameMessages(MessagesOf(qxsmf::FromMilliseconds(messages)), got, 2.0);
 }
 
 TEST(Cli, SyncSlaveStartsStopsAndContinuesWithTheExternalClock)
