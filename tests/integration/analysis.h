@@ -1,5 +1,5 @@
 // The analysis of what the audio tests record: a tone's frequency, level and continuity,
-// clicks' onsets, a recording's match with its source, and the WAV files that carry them.
+// a recording's match with its source, and the WAV files that carry them.
 // Frequency and level come from the longest unbroken stretch, so that a gap a loaded
 // machine leaves never reads as a wrong pitch; whether gaps may be there is the test's call.
 #ifndef QUAVIX_TESTS_INTEGRATION_ANALYSIS_H
@@ -186,29 +186,6 @@ inline double Correlation(const std::vector<float>& rec, const std::vector<float
         ss += s * s;
     }
     return rr > 0 && ss > 0 ? rs / std::sqrt(rr * ss) : 0;
-}
-
-// The best correlation of a recording with the source's audible part, over lags within
-// 10 ms of where their first audible frames line up; the whole audible part must lie
-// within the recording.
-inline double BestCorrelation(const std::vector<float>& rec, const std::vector<float>& src, unsigned rate, long& lagOut)
-{
-    auto firstLoud = [](const std::vector<float>& x) {
-        size_t i = 0;
-        while (i < x.size() && std::fabs(x[i]) < 0.05) ++i;
-        return i;
-    };
-    const size_t s0 = firstLoud(src), r0 = firstLoud(rec);
-    if (s0 == src.size() || r0 == rec.size()) return 0;
-    size_t from = s0;
-    while (from > 0 && src[from - 1] != 0.0f) --from; // the attack below the threshold too
-    double best = 0;
-    const long span = static_cast<long>(rate / 100), mid = static_cast<long>(r0) - static_cast<long>(s0);
-    for (long lag = mid - span; lag <= mid + span; ++lag) {
-        if (lag + static_cast<long>(from) < 0 || lag + static_cast<long>(src.size()) > static_cast<long>(rec.size())) continue;
-        if (const double c = Correlation(rec, src, lag, from, src.size()); c > best) best = c, lagOut = lag;
-    }
-    return best;
 }
 
 // The first channel of a recording, less the padding that an output that ran dry inserts
