@@ -169,6 +169,37 @@ inline WAVEFORMATEX Pcm16(DWORD rate, WORD channels)
     return {WAVE_FORMAT_PCM, channels, rate, rate * channels * 2u, static_cast<WORD>(channels * 2), 16, 0};
 }
 
+// The backend's wave outputs are `outputs`, by name, and DirectSound lists the platform's
+// own default and then each of them, of `module`; there are `inputs` wave inputs; no
+// device past them or before them opens.
+inline void ExpectDevices(const std::vector<std::string>& outputs, const char* module, UINT inputs)
+{
+    qxplat::Backend& b = qxplat::CurrentBackend();
+    const int count = static_cast<int>(outputs.size());
+    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), count);
+    for (int n = -1; n <= count; ++n)
+        EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, n), n >= 0 && n < count ? outputs[size_t(n)] : "") << n;
+    const std::vector<Driver> ds = Drivers();
+    ASSERT_EQ(ds.size(), outputs.size() + 1);
+    EXPECT_FALSE(ds[0].hasGuid);
+    for (size_t n = 0; n < outputs.size(); ++n) {
+        EXPECT_TRUE(ds[n + 1].hasGuid);
+        EXPECT_EQ(ds[n + 1].description, outputs[n]);
+        EXPECT_EQ(ds[n + 1].module, module);
+    }
+    std::unique_ptr<qxplat::AudioOutPort> out;
+    std::unique_ptr<qxplat::AudioInPort> in;
+    WAVEINCAPSA caps{};
+    const WAVEFORMATEX fmt = Pcm16(48000, 2);
+    HWAVEIN h = nullptr;
+    for (const int n : {-1, count}) EXPECT_EQ(b.OpenAudioOut(n, out), MMSYSERR_BADDEVICEID) << n;
+    ASSERT_EQ(waveInGetNumDevs(), inputs);
+    for (const int n : {-1, static_cast<int>(inputs)}) EXPECT_EQ(b.OpenAudioIn(n, in), MMSYSERR_BADDEVICEID) << n;
+    EXPECT_EQ(waveInGetDevCapsA(inputs, &caps, sizeof caps), MMSYSERR_BADDEVICEID);
+    EXPECT_EQ(waveInOpen(&h, inputs, &fmt, 0, 0, CALLBACK_NULL), MMSYSERR_BADDEVICEID);
+    EXPECT_TRUE(out == nullptr && in == nullptr && h == nullptr);
+}
+
 // A looping secondary buffer of one second of a 16-bit stereo sine.
 inline LPDIRECTSOUNDBUFFER ToneBuffer(LPDIRECTSOUND ds, unsigned rate, double hz, double amplitude)
 {

@@ -202,24 +202,9 @@ TEST(JackAudio, TheServerIsOneOutputAndOneInputWiredToTheSystemPorts)
     qxplat::Backend& b = qxplat::CurrentBackend();
     ASSERT_STREQ(b.Name(), "jack");
     const std::string name = "JACK (" + std::string(std::getenv("JACK_DEFAULT_SERVER")) + ")";
-    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 1);
-    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 0), name);
-    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 1), "");
-    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, -1), "");
-    ASSERT_EQ(waveInGetNumDevs(), 1u);
+    dev::ExpectDevices({name}, "jack", 1);
     EXPECT_EQ(dev::InputName(0), name);
-    EXPECT_EQ(dev::InputName(1), "");
-    const std::vector<dev::Driver> ds = dev::Drivers();
-    ASSERT_EQ(ds.size(), 2u);
-    EXPECT_FALSE(ds[0].hasGuid);
-    EXPECT_TRUE(ds[1].hasGuid);
-    EXPECT_EQ(ds[1].description, name);
-    EXPECT_EQ(ds[1].module, "jack");
-
     std::unique_ptr<qxplat::AudioOutPort> port, second;
-    EXPECT_EQ(b.OpenAudioOut(1, port), MMSYSERR_BADDEVICEID);
-    EXPECT_EQ(b.OpenAudioOut(-1, port), MMSYSERR_BADDEVICEID);
-    EXPECT_EQ(port, nullptr);
     ASSERT_EQ(b.OpenAudioOut(0, port), MMSYSERR_NOERROR);
     EXPECT_EQ(port->Rate(), jack_get_sample_rate(probe.Client()));
     EXPECT_GE(port->TargetFrames(), jack_get_buffer_size(probe.Client())) << "less than a period runs dry every cycle";
@@ -231,8 +216,6 @@ TEST(JackAudio, TheServerIsOneOutputAndOneInputWiredToTheSystemPorts)
     ASSERT_EQ(b.OpenAudioOut(0, second), MMSYSERR_NOERROR);
     dev::ExpectPortsOfTheirOwn(probe, client + ":out", port, second);
 
-    dev::Take bad;
-    EXPECT_EQ(bad.Open(1, 48000, 2), MMSYSERR_BADDEVICEID);
     const WAVEFORMATEX fmt = dev::Pcm16(48000, 2);
     EXPECT_EQ(waveInOpen(nullptr, 0, &fmt, 0, 0, WAVE_FORMAT_QUERY), MMSYSERR_NOERROR);
     EXPECT_FALSE(probe.Exists(client + ":in_1")) << "a query opens nothing that stays";

