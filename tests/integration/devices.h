@@ -200,74 +200,62 @@ inline void ExpectDevices(const std::vector<std::string>& outputs, const char* m
     EXPECT_TRUE(out == nullptr && in == nullptr && h == nullptr);
 }
 
-// A looping secondary buffer of one second of a 16-bit stereo sine.
-inline LPDIRECTSOUNDBUFFER ToneBuffer(LPDIRECTSOUND ds, unsigned rate, double hz, double amplitude)
-{
-    WAVEFORMATEX wfx = Pcm16(rate, 2);
-    DSBUFFERDESC desc{sizeof desc, DSBCAPS_CTRLVOLUME | DSBCAPS_GETCURRENTPOSITION2, rate * 4, 0, &wfx, {}};
-    LPDIRECTSOUNDBUFFER b = nullptr;
-    if (ds->CreateSoundBuffer(&desc, &b, nullptr) != DS_OK) return nullptr;
-    void* p1 = nullptr;
-    void* p2 = nullptr;
-    DWORD n1 = 0, n2 = 0;
-    if (b->Lock(0, desc.dwBufferBytes, &p1, &n1, &p2, &n2, 0) != DS_OK) {
-        b->Release();
-        return nullptr;
+// A looping 1 kHz tone (`amplitude`, from a 16-bit stereo buffer at `rate`, at `volume`
+// in hundredths of a dB) through a driver (null: the default) beside a playing primary
+// buffer, as an application has it; `playing` once the output takes it.
+struct Tone {
+    LPDIRECTSOUND ds = nullptr;
+    LPDIRECTSOUNDBUFFER primary = nullptr, buffer = nullptr;
+    bool playing = false;
+
+    explicit Tone(const GUID* guid = nullptr, unsigned rate = 48000, double amplitude = 0.5, LONG volume = 0)
+    {
+        WAVEFORMATEX wfx = Pcm16(rate, 2);
+        DSBUFFERDESC pd{sizeof pd, DSBCAPS_PRIMARYBUFFER, 0, 0, nullptr, {}};
+        DSBUFFERDESC desc{sizeof desc, DSBCAPS_CTRLVOLUME | DSBCAPS_GETCURRENTPOSITION2, rate * 4, 0, &wfx, {}};
+        void* p = nullptr;
+        DWORD n = 0, first = 0, play = 0, write = 0;
+        if (DirectSoundCreate(guid, &ds, nullptr) != DS_OK || ds->CreateSoundBuffer(&pd, &primary, nullptr) != DS_OK ||
+            primary->Play(0, 0, DSBPLAY_LOOPING) != DS_OK || ds->CreateSoundBuffer(&desc, &buffer, nullptr) != DS_OK ||
+            buffer->Lock(0, desc.dwBufferBytes, &p, &n, nullptr, nullptr, 0) != DS_OK)
+            return;
+        for (unsigned i = 0; i < 2 * rate; ++i)
+            static_cast<int16_t*>(p)[i] =
+                static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * M_PI * 1000 * (i / 2) / rate)));
+        buffer->GetCurrentPosition(&first, &write);
+        playing = buffer->Unlock(p, n, nullptr, 0) == DS_OK && buffer->SetVolume(volume) == DS_OK &&
+                  buffer->Play(0, 0, DSBPLAY_LOOPING) == DS_OK && harness::Await([&] {
+                      return buffer->GetCurrentPosition(&play, &write) == DS_OK && play != first;
+                  });
     }
-    auto* s = static_cast<int16_t*>(p1);
-    for (unsigned i = 0; i < 2 * rate; ++i)
-        s[i] = static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * M_PI * hz * (i / 2) / rate)));
-    b->Unlock(p1, n1, p2, n2);
-    return b;
-}
+    ~Tone() { Release(); }
+    Tone(const Tone&) = delete;
+    Tone& operator=(const Tone&) = delete;
+    void Release()
+    {
+        if (buffer != nullptr) buffer->Release();
+        if (primary != nullptr) primary->Release();
+        if (ds != nullptr) ds->Release();
+        buffer = primary = nullptr;
+        ds = nullptr;
+    }
+};
 
-// True once the buffer's play cursor moves: the output takes what the mixer makes.
-inline bool AwaitPlaying(LPDIRECTSOUNDBUFFER b)
-{
-    DWORD first = 0, play = 0, write = 0;
-    b->GetCurrentPosition(&first, &write);
-    return harness::Await([&] { return b->GetCurrentPosition(&play, &write) == DS_OK && play != first; });
-}
-
-// A looping 1 kHz tone through the default driver that the output takes; null when not.
-inline LPDIRECTSOUNDBUFFER PlayTone(LPDIRECTSOUND* pds)
-{
-    EXPECT_EQ(DirectSoundCreate(nullptr, pds, nullptr), DS_OK);
-    LPDIRECTSOUNDBUFFER b = *pds != nullptr ? ToneBuffer(*pds, 48000, 1000.0, 0.5) : nullptr;
-    if (b == nullptr) return nullptr;
-    EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-    EXPECT_TRUE(AwaitPlaying(b)) << "the output takes nothing";
-    return b;
-}
-
-// Plays a looping 1 kHz tone (`amplitude`, from a buffer at `rate`, at `volume` in
-// hundredths of a dB) through a driver (null: the default) beside a playing primary
-// buffer, as an application has it, while `record` takes what comes out: the tone comes
-// at its pitch and level (within `dB`) on both channels and, unless the output counted
-// an underrun (`underruns`: the process-wide count of the kind played) or `fellBehind`
-// says the server did, whole: the sine steps off by less than `maxStep` (resampled on
-// the way, it is less exact than with 16-bit rounding only).
+// Plays a Tone while `record` takes what comes out: the tone comes at its pitch and
+// level (within `dB`) on both channels and, unless the output counted an underrun
+// (`underruns`: the process-wide count of the kind played) or `fellBehind` says the
+// server did, whole: the sine steps off by less than `maxStep` (resampled on the way,
+// it is less exact than with 16-bit rounding only).
 inline void ExpectToneHeard(const GUID* guid, unsigned rate, double amplitude, LONG volume,
                             const std::function<analysis::Wav()>& record, uint64_t (*underruns)(),
                             const std::function<bool()>& fellBehind, double dB, double maxStep)
 {
-    LPDIRECTSOUND ds = nullptr;
-    ASSERT_EQ(DirectSoundCreate(guid, &ds, nullptr), DS_OK);
-    DSBUFFERDESC pd{sizeof pd, DSBCAPS_PRIMARYBUFFER, 0, 0, nullptr, {}};
-    LPDIRECTSOUNDBUFFER primary = nullptr, b = ToneBuffer(ds, rate, 1000.0, amplitude);
-    ASSERT_EQ(ds->CreateSoundBuffer(&pd, &primary, nullptr), DS_OK);
-    ASSERT_EQ(primary->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-    ASSERT_NE(b, nullptr);
-    ASSERT_EQ(b->SetVolume(volume), DS_OK);
-    ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-    ASSERT_TRUE(AwaitPlaying(b));
+    auto tone = std::make_unique<Tone>(guid, rate, amplitude, volume);
+    ASSERT_TRUE(tone->playing) << "the output takes nothing";
     const uint64_t before = underruns();
     const analysis::Wav w = record();
     const bool whole = underruns() == before && !fellBehind();
-    b->Stop();
-    b->Release();
-    primary->Release();
-    ds->Release();
+    tone.reset();
     EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
     ASSERT_EQ(w.channels, 2u) << "nothing was recorded";
     const double expected = amplitude * 32767 / 32768 * std::pow(10.0, volume / 2000.0);

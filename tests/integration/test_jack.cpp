@@ -285,9 +285,8 @@ TEST(JackAudioGone, AServerThatGoesAwayUnderOutputsAndAnInputIsReportedAndNothin
     dev::CountLostServers();
     qxplat::Backend& backend = qxplat::CurrentBackend();
     ASSERT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 1);
-    LPDIRECTSOUND ds = nullptr;
-    LPDIRECTSOUNDBUFFER b = dev::PlayTone(&ds);
-    ASSERT_NE(b, nullptr);
+    dev::Tone tone;
+    ASSERT_TRUE(tone.playing);
     dev::Take take({0.25, 10}); // the second buffer is being filled when the server goes
     ASSERT_EQ(take.Open(0, 48000, 2), MMSYSERR_NOERROR);
     ASSERT_EQ(take.Start(), MMSYSERR_NOERROR);
@@ -303,15 +302,13 @@ TEST(JackAudioGone, AServerThatGoesAwayUnderOutputsAndAnInputIsReportedAndNothin
     auto done = std::async(std::launch::async, [&] {
         DWORD play1 = 0, play2 = 0, write = 0;
         std::this_thread::sleep_for(200ms); // once the ring is full the play cursor stands still
-        EXPECT_EQ(b->GetCurrentPosition(&play1, &write), DS_OK);
+        EXPECT_EQ(tone.buffer->GetCurrentPosition(&play1, &write), DS_OK);
         std::this_thread::sleep_for(300ms);
-        EXPECT_EQ(b->GetCurrentPosition(&play2, &write), DS_OK);
+        EXPECT_EQ(tone.buffer->GetCurrentPosition(&play2, &write), DS_OK);
         EXPECT_EQ(play1, play2) << "the mix goes on with nothing to take it";
-        EXPECT_EQ(b->Stop(), DS_OK);
-        EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-        b->Stop();
-        b->Release();
-        ds->Release();
+        EXPECT_EQ(tone.buffer->Stop(), DS_OK);
+        EXPECT_EQ(tone.buffer->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
+        tone.Release();
         take.Close();
         q->CloseDevices();
         CQuavix::ExitQuavix();

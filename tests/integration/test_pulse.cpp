@@ -181,18 +181,15 @@ TEST(Pulse, AServerThatGoesAwayIsReportedAndNothingHangs)
     dev::CountLostServers();
     qxplat::Backend& backend = qxplat::CurrentBackend();
     ASSERT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 3);
-    LPDIRECTSOUND ds = nullptr;
-    LPDIRECTSOUNDBUFFER b = dev::PlayTone(&ds);
-    ASSERT_NE(b, nullptr);
+    dev::Tone tone;
+    ASSERT_TRUE(tone.playing);
 
     pulse.Kill();
     harness::Await([] { return dev::g_serversLost.load() > 0; });
     EXPECT_EQ(dev::g_serversLost.load(), 1);
     EXPECT_EQ(dev::g_lastServerLost, "PulseAudio");
     auto done = std::async(std::launch::async, [&] {
-        b->Stop();
-        b->Release();
-        ds->Release();
+        tone.Release();
     });
     ASSERT_EQ(done.wait_for(10s), std::future_status::ready) << "releasing an output of a lost server hangs";
     EXPECT_EQ(backend.Count(qxplat::DeviceKind::WaveOut), 0);
