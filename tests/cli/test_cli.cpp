@@ -66,13 +66,6 @@ std::vector<Bytes> BytesOf(const std::string& path)
     return got;
 }
 
-std::string Joined(const std::vector<std::string>& args)
-{
-    std::string line;
-    for (const auto& a : args) line += a + " ";
-    return line;
-}
-
 // What panic sends each output: note-offs of every key and two controllers on every
 // channel, then a reset.
 std::vector<Bytes> PanicBytes()
@@ -120,7 +113,7 @@ TEST(Cli, PerformAndRecordMidiKeepEveryMessageAtItsTime)
     for (const auto& c : cases) {
         std::vector<std::string> args = c.args;
         if (args[0] == "perform") args.insert(args.end(), due.begin(), due.end());
-        SCOPED_TRACE(Joined(args));
+        SCOPED_TRACE(testing::PrintToString(args));
         const CliResult r = RunCli(args, kInOut);
         ASSERT_EQ(r.status, 0) << r.err;
         EXPECT_EQ(r.err, "");
@@ -257,7 +250,7 @@ TEST(Cli, EveryCommandSaysWhatItDidOrInOneLineWhyNot)
              })
             cases.push_back({args, 1, {"cannot write " + bad}});
     for (const auto& c : cases) {
-        SCOPED_TRACE(Joined(c.args));
+        SCOPED_TRACE(testing::PrintToString(c.args));
         std::vector<std::string> args = c.args;
         const std::string capture = TempPath("capture.mid");
         if (!c.emits.empty()) args.insert(args.end(), {"--capture", capture});

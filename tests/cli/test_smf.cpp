@@ -31,6 +31,12 @@ Bytes Chunk(const char* id, const Bytes& body)
     return Cat({Bytes(id, id + 4), {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)}, body});
 }
 
+// A format 0 file at 96 ticks a quarter note of one track.
+Bytes Track0(const Bytes& body)
+{
+    return Cat({Header(0, 1, 96), Chunk("MTrk", body)});
+}
+
 // Format 1 at 96 ticks a quarter note: the tempo doubles its length at tick 96.
 Bytes SampleFile()
 {
@@ -129,20 +135,16 @@ TEST(Smf, BrokenFilesFailWithTheirReason)
         {"bad SMPTE", Cat({Header(0, 1, 0xF828), Chunk("MTrk", endOnly)}), "SMPTE"},
         {"missing track", Cat({Header(1, 2, 96), Chunk("MTrk", endOnly)}), "announces 2 tracks"},
         {"chunk past the end", Cat({Header(0, 1, 96), {'M', 'T', 'r', 'k', 0, 0, 0, 50, 0x00}}), "runs past the end"},
-        {"five-byte number", Cat({Header(0, 1, 96), Chunk("MTrk", {0x81, 0x81, 0x81, 0x81, 0x01, 0x90, 1, 1})}),
-         "longer than four bytes"},
-        {"number cut off", Cat({Header(0, 1, 96), Chunk("MTrk", {0x81})}), "truncated variable-length"},
-        {"data without status", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0x3C, 0x40})}), "without a running status"},
-        {"real-time status in a track", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0xF8})}), "cannot stand"},
-        {"message cut off", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0x90, 0x3C})}), "truncated channel"},
-        {"status inside a message", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0x90, 0x3C, 0x90})}),
-         "where a data byte"},
-        {"meta past its track", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0xFF, 0x01, 0x7F, 'a'})}),
-         "runs past its track"},
-        {"SysEx past its track", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0xF0, 0x05, 0x01})}),
-         "runs past its track"},
-        {"meta type cut off", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00, 0xFF})}), "truncated meta"},
-        {"delta without event", Cat({Header(0, 1, 96), Chunk("MTrk", {0x00})}), "truncated event"},
+        {"five-byte number", Track0({0x81, 0x81, 0x81, 0x81, 0x01, 0x90, 1, 1}), "longer than four bytes"},
+        {"number cut off", Track0({0x81}), "truncated variable-length"},
+        {"data without status", Track0({0x00, 0x3C, 0x40}), "without a running status"},
+        {"real-time status in a track", Track0({0x00, 0xF8}), "cannot stand"},
+        {"message cut off", Track0({0x00, 0x90, 0x3C}), "truncated channel"},
+        {"status inside a message", Track0({0x00, 0x90, 0x3C, 0x90}), "where a data byte"},
+        {"meta past its track", Track0({0x00, 0xFF, 0x01, 0x7F, 'a'}), "runs past its track"},
+        {"SysEx past its track", Track0({0x00, 0xF0, 0x05, 0x01}), "runs past its track"},
+        {"meta type cut off", Track0({0x00, 0xFF}), "truncated meta"},
+        {"delta without event", Track0({0x00}), "truncated event"},
     };
     for (const auto& c : cases) {
         qxsmf::File f;

@@ -75,16 +75,6 @@ public:
         }, 2s);
         return out;
     }
-    // The first audio port whose name matches the pattern, or "".
-    std::string Find(const std::string& pattern, unsigned long flags) const
-    {
-        std::string name;
-        if (const char** ports = jack_get_ports(m_client, pattern.c_str(), JACK_DEFAULT_AUDIO_TYPE, flags)) {
-            if (ports[0] != nullptr) name = ports[0];
-            jack_free(ports);
-        }
-        return name;
-    }
     // Connects `out` ("": nothing) to `in` (a MIDI input of ours when it is a number),
     // after taking whatever else fed `in` away from it.
     bool ConnectOnly(const std::string& out, const std::string& in) const
