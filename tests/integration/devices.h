@@ -190,15 +190,15 @@ inline void ExpectDevices(const std::vector<std::string>& outputs, const char* m
     EXPECT_TRUE(out == nullptr && in == nullptr && h == nullptr);
 }
 
-// A looping 1 kHz tone (`amplitude`, from a 16-bit stereo buffer at `rate`, at `volume`
-// in hundredths of a dB) through a driver (null: the default) beside a playing primary
-// buffer, as an application has it; `playing` once the output takes it.
+// A looping 1 kHz tone at `amplitude` from a 16-bit stereo buffer at `rate` through a
+// driver (null: the default) beside a playing primary buffer, as an application has it;
+// `playing` once the output takes it.
 struct Tone {
     LPDIRECTSOUND ds = nullptr;
     LPDIRECTSOUNDBUFFER primary = nullptr, buffer = nullptr;
     bool playing = false;
 
-    explicit Tone(const GUID* guid = nullptr, unsigned rate = 48000, double amplitude = 0.5, LONG volume = 0)
+    explicit Tone(const GUID* guid = nullptr, double amplitude = 0.5, unsigned rate = 48000)
     {
         WAVEFORMATEX wfx = Pcm16(rate, 2);
         DSBUFFERDESC pd{sizeof pd, DSBCAPS_PRIMARYBUFFER, 0, 0, nullptr, {}};
@@ -213,10 +213,8 @@ struct Tone {
             static_cast<int16_t*>(p)[i] =
                 static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * M_PI * 1000 * (i / 2) / rate)));
         buffer->GetCurrentPosition(&first, &write);
-        playing = buffer->Unlock(p, n, nullptr, 0) == DS_OK && buffer->SetVolume(volume) == DS_OK &&
-                  buffer->Play(0, 0, DSBPLAY_LOOPING) == DS_OK && harness::Await([&] {
-                      return buffer->GetCurrentPosition(&play, &write) == DS_OK && play != first;
-                  });
+        playing = buffer->Unlock(p, n, nullptr, 0) == DS_OK && buffer->Play(0, 0, DSBPLAY_LOOPING) == DS_OK &&
+                  harness::Await([&] { return buffer->GetCurrentPosition(&play, &write) == DS_OK && play != first; });
     }
     ~Tone() { Release(); }
     Tone(const Tone&) = delete;
@@ -230,37 +228,6 @@ struct Tone {
         ds = nullptr;
     }
 };
-
-// Plays a Tone while `record` takes what comes out: the tone comes at its pitch and
-// level (within `dB`) on both channels and, unless the output counted an underrun
-// (`underruns`: the process-wide count of the kind played) or `fellBehind` says the
-// server did, whole: the sine steps off by less than `maxStep` (resampled on the way,
-// it is less exact than with 16-bit rounding only).
-inline void ExpectToneHeard(const GUID* guid, unsigned rate, double amplitude, LONG volume,
-                            const std::function<analysis::Wav()>& record, uint64_t (*underruns)(),
-                            const std::function<bool()>& fellBehind, double dB, double maxStep)
-{
-    auto tone = std::make_unique<Tone>(guid, rate, amplitude, volume);
-    ASSERT_TRUE(tone->playing) << "the output takes nothing";
-    const uint64_t before = underruns();
-    const analysis::Wav w = record();
-    const bool whole = underruns() == before && !fellBehind();
-    tone.reset();
-    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
-    ASSERT_EQ(w.channels, 2u) << "nothing was recorded";
-    const double expected = amplitude * 32767 / 32768 * std::pow(10.0, volume / 2000.0);
-    const analysis::Report r = analysis::Analyse(w.x, 2, w.rate, 1000.0, 2.0, static_cast<float>(expected / 5));
-    std::printf("tone: %.3f Hz, amplitude %.5f (%.5f expected), worst step %.4f%s\n", r.frequency, r.amplitude,
-                expected, r.worstStep, whole ? "" : "; it ran dry or the server fell behind");
-    ASSERT_TRUE(r.found) << "no tone came out";
-    EXPECT_GE(r.steadySeconds, 0.1) << "not a tenth of a second of the tone came unbroken";
-    EXPECT_NEAR(r.frequency, 1000.0, 1.0);
-    EXPECT_NEAR(20 * std::log10(r.amplitude / expected), 0.0, dB);
-    EXPECT_NEAR(r.rightToLeft, 1.0, 0.02);
-    if (whole) {
-        EXPECT_LT(r.worstStep, maxStep) << "the phase jumps, and no underrun was counted: a gap or a repeat";
-    }
-}
 
 // Servers lost so far, and the name the last one was reported by.
 inline std::atomic<int> g_serversLost{0};
