@@ -271,37 +271,28 @@ TEST(Cli, EveryCommandSaysWhatItDidOrInOneLineWhyNot)
     }
 }
 
+// A note every 100 ms, its key counting up so that a key tells its place, follows a
+// master's Start, clocks at 120 BPM and Stop, then its Continue, clocks and Stop.
 TEST(Cli, SyncSlaveStartsStopsAndContinuesWithTheExternalClock)
 {
-    // A note every 100 ms, its key counting up, so a key tells its place.
-    Timed notes;
-    for (uint8_t i = 0; i < 40; ++i) {
-        notes.push_back({i * 100u, {0x90, static_cast<uint8_t>(40 + i), 100}});
-        notes.push_back({i * 100u + 50, {0x80, static_cast<uint8_t>(40 + i), 0}});
-    }
-    // The master: Start, clocks at 120 BPM, Stop; later Continue, clocks, Stop.
-    Timed master{{100, {0xFA}}};
-    for (int i = 0; i < 48; ++i) master.push_back({static_cast<uint64_t>(101 + i * 125 / 6), {0xF8}});
-    master.push_back({1150, {0xFC}});
-    master.push_back({1600, {0xFB}});
-    for (int i = 0; i < 36; ++i) master.push_back({static_cast<uint64_t>(1601 + i * 125 / 6), {0xF8}});
-    master.push_back({2400, {0xFC}});
-    const std::string song = WriteSong(qxsmf::FromMilliseconds(notes), "slave-song.mid");
-    const std::string feed = WriteSong(qxsmf::FromMilliseconds(master), "master.mid"), out = TempPath("slave.mid");
-    const CliResult r = RunCli({"sync-slave", "--in", "0", "--output", "1", song, "--inject", feed, "--capture", out,
-                                "--capture-times", "due"},
-                               kInOut);
+    Timed notes, master{{100, {0xFA}}, {1150, {0xFC}}, {1600, {0xFB}}, {2400, {0xFC}}};
+    for (uint8_t i = 0; i < 40; ++i)
+        notes.insert(notes.end(), {{i * 100u, {0x90, uint8_t(40 + i), 100}}, {i * 100u + 50, {0x80, uint8_t(40 + i), 0}}});
+    for (int i = 0; i < 84; ++i)
+        master.push_back({static_cast<uint64_t>(i < 48 ? 101 + i * 125 / 6 : 1601 + (i - 48) * 125 / 6), {0xF8}});
+    std::stable_sort(master.begin(), master.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    const std::string song = WriteSong(qxsmf::FromMilliseconds(notes), "slave-song.mid"), out = TempPath("slave.mid");
+    const std::string feed = WriteSong(qxsmf::FromMilliseconds(master), "master.mid");
+    const CliResult r = RunCli(
+        {"sync-slave", "--in", "0", "--output", "1", song, "--inject", feed, "--capture", out, "--capture-times", "due"}, kInOut);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("transport 1 starts, 1 continues, 2 stops, 84 clocks"), std::string::npos) << r.out;
-
-    std::vector<qxsmf::Message> ons;
-    for (const auto& m : MessagesOf(out))
-        if (m.bytes.size() == 3 && m.bytes[0] == 0x90 && m.bytes[2] > 0) ons.push_back(m);
+    std::vector<qxsmf::Message> ons = MessagesOf(out);
+    std::erase_if(ons, [](const auto& m) { return m.bytes.size() != 3 || m.bytes[0] != 0x90 || m.bytes[2] == 0; });
     ASSERT_GE(ons.size(), 12u);
     EXPECT_EQ(ons.front().bytes[1], 40) << "Start plays from the top";
     size_t split = 0; // the pause between the two runs
-    for (size_t i = 1; i < ons.size(); ++i)
-        if (ons[i].ms - ons[i - 1].ms > 150) split = i;
+    for (size_t i = 1; i < ons.size(); ++i) split = ons[i].ms - ons[i - 1].ms > 150 ? i : split;
     ASSERT_GT(split, 5u);
     ASSERT_GT(ons.size() - split, 3u);
     for (size_t i = 1; i < ons.size(); ++i) {
@@ -309,9 +300,8 @@ TEST(Cli, SyncSlaveStartsStopsAndContinuesWithTheExternalClock)
         EXPECT_EQ(ons[i].bytes[1], ons[i - 1].bytes[1] + 1) << i;
         EXPECT_NEAR(ons[i].ms - ons[i - 1].ms, 100.0, 1.0) << "performance time within a run, " << i;
     }
-    const int last = ons[split - 1].bytes[1], next = ons[split].bytes[1];
-    EXPECT_GT(next, last) << "Continue goes on from where Stop left, nothing twice";
-    EXPECT_LE(next, last + 2) << "and skips nothing that was not heard";
+    EXPECT_GT(ons[split].bytes[1], ons[split - 1].bytes[1]) << "Continue goes on from where Stop left, nothing twice";
+    EXPECT_LE(ons[split].bytes[1], ons[split - 1].bytes[1] + 2) << "and skips nothing that was not heard";
 }
 
 // A write cut short by a file size limit leaves the file that was there whole and nothing
@@ -377,16 +367,21 @@ TEST(Cli, SignalsStopEveryCommandCleanlyWithTheirStatus)
         EXPECT_LT(got.size(), panic.size() + 676u) << "the performance did not run to its end";
         EXPECT_EQ(std::vector<Bytes>(got.end() - std::ssize(panic), got.end()), panic) << "the panic came last";
     }
-    const std::string take = TempPath("interrupted-take.mid");
+    // A quarter of the rate makes the tone last 6 s.
+    const std::string take = TempPath("interrupted-take.mid"), render = TempPath("stopped.wav");
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
              {"thru", "--in", "0", "--out", "1", "--seconds", "60"},
              {"record-midi", "--in", "0", take, "--inject", kDemo},
-             {"sync-slave", "--in", "0", "--output", "1", kDemo}}) {
+             {"sync-slave", "--in", "0", "--output", "1", kDemo},
+             {"play", WriteTone("long.wav", 500, 1.5, 0.5), "--rate", "0.25", "--render", render}}) {
         const CliResult r = RunCli(args, kInOut, {1200});
         EXPECT_EQ(r.status, 130) << r.err;
         EXPECT_NE(r.out.find("Stopped"), std::string::npos) << r.out;
     }
     EXPECT_FALSE(MessagesOf(take).empty()) << "what came before Ctrl-C is kept";
+    const Wav mix = ReadWav(render);
+    EXPECT_LT(mix.Seconds(), 4.0) << "the sound stopped long before its end";
+    EXPECT_NEAR(Level(mix, 0, 125, 200, 600) / 0.5, 1.0, 0.05) << "and what played is kept";
 }
 
 // The library's report is shown with -v only, then once, in release builds too.

@@ -126,19 +126,6 @@ TEST(CliPlay, ABadFileIsNamedWithItsReasonAndTheOthersStillPlay)
     EXPECT_TRUE(none.out.empty()) << "nothing playable, nothing played\n" << none.out;
 }
 
-TEST(CliPlay, CtrlCStopsTheSoundAndKeepsTheRender)
-{
-    const std::string tone = WriteTone("long.wav", 500, 1.5, 0.5), out = TempPath("stopped.wav");
-    // A quarter of the rate makes it last 6 s.
-    const CliResult r = RunCli({"play", tone, "--rate", "0.25", "--render", out}, {}, {1000});
-    ASSERT_EQ(r.status, 130) << r.err;
-    EXPECT_NE(r.out.find("Stopped (interrupted)"), std::string::npos) << r.out;
-    const Wav mix = ReadWav(out);
-    EXPECT_GT(mix.Seconds(), 0.5);
-    EXPECT_LT(mix.Seconds(), 4.0) << "the sound stopped long before its end";
-    EXPECT_NEAR(Level(mix, 0, 125, 200, 600) / 0.5, 1.0, 0.05);
-}
-
 TEST(CliPlay, PerformAudioPlaysTheWaveAtItsTimeBesideTheMidi)
 {
     std::vector<std::pair<uint64_t, Bytes>> notes;
