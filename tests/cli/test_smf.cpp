@@ -153,7 +153,6 @@ TEST(Smf, BrokenFilesFailWithTheirReason)
         EXPECT_NE(error.find(c.reason), std::string::npos) << c.what << ": " << error;
         EXPECT_EQ(error.find('\n'), std::string::npos) << c.what;
     }
-
 }
 
 TEST(Smf, WriterAndReaderAgreeOnEveryKind)
@@ -162,15 +161,11 @@ TEST(Smf, WriterAndReaderAgreeOnEveryKind)
     f.format = 1;
     f.division = 240;
     qxsmf::Track a, b;
-    a.events = {{0, Kind::Meta, 0x51, {0x07, 0xA1, 0x20}},
-                {0, Kind::Channel, 0, {0x90, 60, 100}},
-                {10, Kind::Channel, 0, {0x90, 62, 100}},
-                {10, Kind::Channel, 0, {0x80, 60, 0}},
-                {20, Kind::SysEx, 0, {0xF0, 0x41, 0x10, 0xF7}},
-                {30, Kind::Channel, 0, {0x90, 64, 90}}, // after a SysEx the status is written again
-                {40, Kind::Escape, 0, {0xFA}},
-                // A gap wider than one delta can hold.
-                {uint64_t{qxsmf::kMaxVlq} + 5, Kind::Channel, 0, {0xC3, 7}}};
+    // After a SysEx the status is written again; the last gap is wider than one delta holds.
+    a.events = {{0, Kind::Meta, 0x51, {0x07, 0xA1, 0x20}}, {0, Kind::Channel, 0, {0x90, 60, 100}},
+                {10, Kind::Channel, 0, {0x90, 62, 100}}, {10, Kind::Channel, 0, {0x80, 60, 0}},
+                {20, Kind::SysEx, 0, {0xF0, 0x41, 0x10, 0xF7}}, {30, Kind::Channel, 0, {0x90, 64, 90}},
+                {40, Kind::Escape, 0, {0xFA}}, {uint64_t{qxsmf::kMaxVlq} + 5, Kind::Channel, 0, {0xC3, 7}}};
     b.events = {{0, Kind::Meta, 0x03, {'x'}}, {5, Kind::Channel, 0, {0xE1, 0x00, 0x40}}, {900, Kind::Meta, 0x2F, {}}};
     f.tracks = {a, b};
     const Bytes running = qxsmf::Serialize(f, true), plain = qxsmf::Serialize(f, false);
