@@ -28,9 +28,9 @@ TEST(CliJack, ServerOrPeerThatGoesStopsOrIsNamed)
         {{"thru", "--in", "0", "--out", "0"}, "server", "", "the JACK server went away; thru stopped after"},
         {{"perform", demo, "--output", "0", "--tempo-scale", "8", "-v"}, "sink", "output    qxsink:input went away at 0:0",
          "MIDI output 0 (qxsink:input) went away during the performance"},
-        {{"thru", "--in", "0", "--out", "0", "--seconds", "4"}, "sink", "  MIDI output 0 (qxsink:input) went away at 0:0",
+        {{"thru", "--in", "0", "--out", "0", "--seconds", "3"}, "sink", "  MIDI output 0 (qxsink:input) went away at 0:0",
          "MIDI output 0 (qxsink:input) went away at 0:0"},
-        {{"record-midi", "--in", "0", take, "--seconds", "4"}, "source", "  MIDI input 0 (qxsource:out) went away at 0:0",
+        {{"record-midi", "--in", "0", take, "--seconds", "3"}, "source", "  MIDI input 0 (qxsource:out) went away at 0:0",
          "MIDI input 0 (qxsource:out) went away at 0:0"},
     };
     for (const auto& c : cases) {

@@ -53,7 +53,7 @@ void ExpectToneHeard(const GUID* guid, const std::string& sink, double amplitude
     auto tone = std::make_unique<dev::Tone>(guid, amplitude);
     ASSERT_TRUE(tone->playing) << "the output takes nothing";
     const uint64_t before = underruns();
-    const analysis::Wav w = Recorder(sink).Take(3);
+    const analysis::Wav w = Recorder(sink).Take(2.5); // the tone plays from its first frame
     const bool whole = underruns() == before;
     tone.reset();
     EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
