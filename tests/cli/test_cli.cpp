@@ -22,13 +22,8 @@ const std::vector<std::string> kInOut{"QUAVIX_VIRTUAL_DEVICES=midi-in=1,midi-out
 // a program change, controllers, pitch bend and a SysEx, about 2.6 s long.
 qxsmf::File TestSong()
 {
-    qxsmf::File f;
-    f.format = 1;
-    f.division = 120;
-    qxsmf::Track conductor, music;
-    conductor.events = {{0, Kind::Meta, 0x51, {0x07, 0xA1, 0x20}}, {240, Kind::Meta, 0x51, {0x09, 0x27, 0xC0}}};
-    music.events.push_back({0, Kind::Channel, 0, {0xC0, 11}});
-    music.events.push_back({0, Kind::SysEx, 0, {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7}});
+    qxsmf::Track conductor{{{0, Kind::Meta, 0x51, {0x07, 0xA1, 0x20}}, {240, Kind::Meta, 0x51, {0x09, 0x27, 0xC0}}}};
+    qxsmf::Track music{{{0, Kind::Channel, 0, {0xC0, 11}}, {0, Kind::SysEx, 0, {0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7}}}};
     for (uint8_t i = 0; i < 20; ++i) {
         const uint64_t at = i * 27u;
         music.events.push_back({at, Kind::Channel, 0, {0x90, static_cast<uint8_t>(60 + i), static_cast<uint8_t>(40 + i)}});
@@ -38,8 +33,7 @@ qxsmf::File TestSong()
     music.events.push_back({300, Kind::Channel, 0, {0xE1, 0x00, 0x50}});
     std::stable_sort(music.events.begin(), music.events.end(),
                      [](const qxsmf::Event& a, const qxsmf::Event& b) { return a.tick < b.tick; });
-    f.tracks = {conductor, music};
-    return f;
+    return {1, 120, {conductor, music}};
 }
 
 // Same messages at the same times, whatever the order among equal times: the engine
@@ -143,11 +137,8 @@ TEST(Cli, EveryCommandSaysWhatItDidOrInOneLineWhyNot)
     qxsmf::File f2 = TestSong();
     f2.format = 2;
     const std::string format2 = WriteSong(f2, "format2.mid");
-    qxsmf::File day;
-    day.format = 0;
-    day.division = 1;
-    day.tracks.resize(1);
-    day.tracks[0].events = {{0, Kind::Meta, 0x51, {0xFF, 0xFF, 0xFF}}, {qxsmf::kMaxVlq, Kind::Channel, 0, {0x90, 1, 1}}};
+    const qxsmf::File day{
+        0, 1, {{{{0, Kind::Meta, 0x51, {0xFF, 0xFF, 0xFF}}, {qxsmf::kMaxVlq, Kind::Channel, 0, {0x90, 1, 1}}}}}};
     const std::string longer = WriteSong(day, "day.mid"), song = WriteSong(TestSong(), "song.mid");
     const std::string feed = WriteSong(
         qxsmf::FromMilliseconds({{0, {0x90, 60, 100}}, {50, {0xB3, 7, 80}}, {100, {0x80, 60, 0}}, {120, {0xC5, 4}},
