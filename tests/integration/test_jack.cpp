@@ -311,9 +311,9 @@ TEST(JackAudioGone, AServerThatGoesAwayUnderOutputsAndAnInputIsReportedAndNothin
 // A sweep played with PlayWaveFile on our output, connected alone to our left input, comes
 // back there sample for sample once the padding of an output that ran dry is left out,
 // over a take long enough for every ring and buffer on the way to wrap many times, and
-// the right input stays silent. Only what the library or the server reports (an overrun
-// of the input, an xrun, an underrun the padding does not account for) may excuse a
-// sample lost or repeated.
+// the right input stays silent. A take the machine held up (the library or the server
+// reports an overrun of the input, an xrun, an underrun the padding does not account
+// for) is taken again; only a take nothing excuses fails.
 TEST(JackRecord, ASweepFromOurOutputComesBackSampleForSample)
 {
     constexpr DWORD kRate = 48000; // the fixture server's
@@ -328,63 +328,69 @@ TEST(JackRecord, ASweepFromOurOutputComesBackSampleForSample)
     static std::atomic<int> overruns{0};
     static std::mutex mutex;
     static std::vector<float> take;
-    CQuavix* q = CQuavix::InitQuavix();
-    q->Initialize(QX_INIT_WAVE);
-    q->SetNotificationCallback([](DWORD code, DWORD, DWORD_PTR) { overruns += code == QXN_WAVEIN_OVERRUN; }, 0);
-    QX_DevFormat f{WAVE_FORMAT_PCM, 2, kRate, kRate * 4, 4, 16, 0};
-    q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &f);
-    const int tag = q->StartRecording(
-        [](DWORD_PTR, int, CQXEventData* e) {
-            const auto* h = reinterpret_cast<const WAVEHDR*>(e->m_dwData);
+    for (int attempt = 0;; ++attempt) {
+        overruns = 0;
+        take.clear();
+        CQuavix* q = CQuavix::InitQuavix();
+        q->Initialize(QX_INIT_WAVE);
+        q->SetNotificationCallback([](DWORD code, DWORD, DWORD_PTR) { overruns += code == QXN_WAVEIN_OVERRUN; }, 0);
+        QX_DevFormat f{WAVE_FORMAT_PCM, 2, kRate, kRate * 4, 4, 16, 0};
+        q->SetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0, &f);
+        const int tag = q->StartRecording(
+            [](DWORD_PTR, int, CQXEventData* e) {
+                const auto* h = reinterpret_cast<const WAVEHDR*>(e->m_dwData);
+                std::lock_guard<std::mutex> lock(mutex);
+                for (DWORD i = 0; e->m_nType == QX_EVENT_WAVEHEADER && i < h->dwBytesRecorded / 2; ++i)
+                    take.push_back(reinterpret_cast<const int16_t*>(h->lpData)[i] / 32767.0f);
+                return 1;
+            },
+            0, 1);
+        EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+        EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+        const dev::Probe probe;
+        const int xruns = probe.Xruns();
+        const uint64_t underruns = qxplat::JackAudioUnderrunFramesAll();
+        const std::string client = qxplat::JackClientName();
+        EXPECT_TRUE(probe.ConnectOnly(client + ":out_1", client + ":in_1"));
+        EXPECT_TRUE(probe.ConnectOnly("", client + ":in_2"));
+        EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
+        EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
+        EXPECT_NE(q->PlayWaveFile(file.path.c_str(), 0, nullptr, 0), 0);
+        EXPECT_TRUE(harness::Await([&] {
             std::lock_guard<std::mutex> lock(mutex);
-            for (DWORD i = 0; e->m_nType == QX_EVENT_WAVEHEADER && i < h->dwBytesRecorded / 2; ++i)
-                take.push_back(reinterpret_cast<const int16_t*>(h->lpData)[i] / 32767.0f);
-            return 1;
-        },
-        0, 1);
-    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    EXPECT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    const dev::Probe probe;
-    const int xruns = probe.Xruns();
-    const uint64_t underruns = qxplat::JackAudioUnderrunFramesAll();
-    const std::string client = qxplat::JackClientName();
-    EXPECT_TRUE(probe.ConnectOnly(client + ":out_1", client + ":in_1"));
-    EXPECT_TRUE(probe.ConnectOnly("", client + ":in_2"));
-    EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    EXPECT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, 0), 1);
-    EXPECT_NE(q->PlayWaveFile(file.path.c_str(), 0, nullptr, 0), 0);
-    EXPECT_TRUE(harness::Await([&] {
-        std::lock_guard<std::mutex> lock(mutex);
-        return take.size() >= 2 * (sweep.size() + 3 * kRate / 2);
-    }, 30s));
-    q->CloseDevices();
-    q->StopRecording(tag);
-    CQuavix::ExitQuavix();
+            return take.size() >= 2 * (sweep.size() + 3 * kRate / 2);
+        }, 30s));
+        q->CloseDevices();
+        q->StopRecording(tag);
+        CQuavix::ExitQuavix();
 
-    std::lock_guard<std::mutex> lock(mutex);
-    size_t padding = 0, wrong = 0, first = 0;
-    const std::vector<float> got = analysis::WithoutPadding(take, 2, &padding);
-    std::vector<float> right;
-    for (size_t i = 1; i < take.size(); i += 2) right.push_back(take[i]);
-    EXPECT_EQ(analysis::Peak(right), 0.0f) << "the right input heard the left";
-    // Where it is: within 10 ms of where the first loud samples line up.
-    auto loud = [](const std::vector<float>& x) {
-        return std::find_if(x.begin(), x.end(), [](float v) { return v > 0.05f; }) - x.begin();
-    };
-    long lag = 0;
-    double best = 0;
-    for (long l = loud(got) - loud(sweep) - 480, end = l + 961; l < end; ++l)
-        if (const double c = analysis::Correlation(got, sweep, l, 0, kRate / 10); c > best) best = c, lag = l;
-    EXPECT_GT(best, 0.99) << "the sweep did not come";
-    for (size_t i = 0; i < sweep.size(); ++i) {
-        const long j = lag + static_cast<long>(i);
-        if (j >= 0 && size_t(j) < got.size() && std::fabs(got[size_t(j)] - sweep[i]) * 32767 <= 8) continue;
-        first = wrong++ == 0 ? i : first;
-    }
-    const uint64_t dry = qxplat::JackAudioUnderrunFramesAll() - underruns;
-    std::printf("%zu of %zu samples wrong; %zu frames of padding, %llu of underruns, %d overruns, %d xruns\n", wrong,
-                sweep.size(), padding, static_cast<unsigned long long>(dry), overruns.load(), probe.Xruns() - xruns);
-    if (overruns == 0 && probe.Xruns() == xruns && dry <= padding) {
-        EXPECT_EQ(wrong, 0u) << "lost or repeated samples from " << double(first) / kRate << " s on";
+        std::lock_guard<std::mutex> lock(mutex);
+        size_t padding = 0, wrong = 0, first = 0;
+        const std::vector<float> got = analysis::WithoutPadding(take, 2, &padding);
+        std::vector<float> right;
+        for (size_t i = 1; i < take.size(); i += 2) right.push_back(take[i]);
+        EXPECT_EQ(analysis::Peak(right), 0.0f) << "the right input heard the left";
+        // Where it is: within 10 ms of where the first loud samples line up.
+        auto loud = [](const std::vector<float>& x) {
+            return std::find_if(x.begin(), x.end(), [](float v) { return v > 0.05f; }) - x.begin();
+        };
+        long lag = 0;
+        double best = 0;
+        for (long l = loud(got) - loud(sweep) - 480, end = l + 961; l < end; ++l)
+            if (const double c = analysis::Correlation(got, sweep, l, 0, kRate / 10); c > best) best = c, lag = l;
+        EXPECT_GT(best, 0.99) << "the sweep did not come";
+        for (size_t i = 0; i < sweep.size(); ++i) {
+            const long j = lag + static_cast<long>(i);
+            if (j >= 0 && size_t(j) < got.size() && std::fabs(got[size_t(j)] - sweep[i]) * 32767 <= 8) continue;
+            first = wrong++ == 0 ? i : first;
+        }
+        const uint64_t dry = qxplat::JackAudioUnderrunFramesAll() - underruns;
+        std::printf("%zu of %zu samples wrong; %zu frames of padding, %llu of underruns, %d overruns, %d xruns\n", wrong,
+                    sweep.size(), padding, static_cast<unsigned long long>(dry), overruns.load(), probe.Xruns() - xruns);
+        if (wrong == 0) return;
+        if (overruns == 0 && probe.Xruns() == xruns && dry <= padding) {
+            FAIL() << "lost or repeated samples from " << double(first) / kRate << " s on";
+        }
+        if (attempt == 2) GTEST_SKIP() << "every take was held up";
     }
 }
