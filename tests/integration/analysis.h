@@ -1,5 +1,5 @@
 // The analysis of what the audio tests record: a tone's frequency, level and continuity,
-// clicks' onsets, a recording's match with its source, and the WAV files that carry them.
+// a recording's match with its source, and the WAV files that carry them.
 // Frequency and level come from the longest unbroken stretch, so that a gap a loaded
 // machine leaves never reads as a wrong pitch; whether gaps may be there is the test's call.
 #ifndef QUAVIX_TESTS_INTEGRATION_ANALYSIS_H
@@ -26,9 +26,6 @@ struct Report {
     double rightToLeft = 0; // second channel's RMS over the first's, stereo only
     double steadySeconds = 0; // the longest stretch of whole, even cycles in the window
     double worstStep = 0;  // largest deviation from the sine recurrence, relative to the amplitude
-    size_t longestQuiet = 0; // longest run of frames below 1 % of the amplitude
-    int jumps = 0;           // deviations of more than 2 % of the amplitude
-    int jumpsBesidePadding = 0; // of them, those next to frames of exact silence
 };
 
 // `x` holds `channels` interleaved channels. From the first frame of the first channel
@@ -77,19 +74,8 @@ inline Report Analyse(const std::vector<float>& x, int channels, unsigned rate, 
     if (channels >= 2 && sum > 0) r.rightToLeft = std::sqrt(sumR / sum);
 
     const double c = 2 * std::cos(2 * kPi * nominalHz / rate);
-    size_t quiet = 0;
-    for (size_t i = begin + 1; i + 1 < end; ++i) {
-        const double step = std::fabs(at(i + 1) - (c * at(i) - at(i - 1))) / std::max(r.amplitude, 1e-6);
-        r.worstStep = std::max(r.worstStep, step);
-        if (step > 0.02) {
-            ++r.jumps;
-            bool padded = false;
-            for (size_t k = i - 1; k <= i + 2 && k < frames; ++k) padded = padded || at(k) == 0.0;
-            r.jumpsBesidePadding += padded ? 1 : 0;
-        }
-        quiet = std::fabs(at(i)) < 0.01 * r.amplitude ? quiet + 1 : 0;
-        r.longestQuiet = std::max(r.longestQuiet, quiet);
-    }
+    for (size_t i = begin + 1; i + 1 < end; ++i)
+        r.worstStep = std::max(r.worstStep, std::fabs(at(i + 1) - (c * at(i) - at(i - 1))) / std::max(r.amplitude, 1e-6));
     return r;
 }
 
@@ -167,28 +153,24 @@ inline Wav ReadWav(const std::string& path)
     return w;
 }
 
+// A tone's amplitude on one channel over [fromMs, toMs).
+inline double Level(const Wav& w, unsigned channel, double hz, double fromMs, double toMs)
+{
+    const auto a = static_cast<size_t>(fromMs * w.rate / 1000), b = static_cast<size_t>(toMs * w.rate / 1000);
+    const double step = 2 * kPi * hz / w.rate;
+    double re = 0, im = 0;
+    for (size_t i = a; i < b && (i + 1) * w.channels <= w.x.size(); ++i) {
+        re += w.x[i * w.channels + channel] * std::cos(step * double(i));
+        im += w.x[i * w.channels + channel] * std::sin(step * double(i));
+    }
+    return 2 * std::hypot(re, im) / double(b - a);
+}
+
 inline float Peak(const std::vector<float>& x)
 {
     float p = 0;
     for (float v : x) p = std::max(p, std::fabs(v));
     return p;
-}
-
-// Where a sound begins after at least `quiet` frames below `level` (the recording may
-// begin inside one).
-inline std::vector<long> Onsets(const std::vector<float>& x, float level, size_t quiet)
-{
-    std::vector<long> onsets;
-    size_t run = 0;
-    for (size_t i = 0; i < x.size(); ++i) {
-        if (std::fabs(x[i]) < level) {
-            ++run;
-            continue;
-        }
-        if (run >= quiet) onsets.push_back(static_cast<long>(i));
-        run = 0;
-    }
-    return onsets;
 }
 
 // The normalised cross-correlation of rec[lag + i] with src[i] over i in [from, to);
@@ -206,49 +188,29 @@ inline double Correlation(const std::vector<float>& rec, const std::vector<float
     return rr > 0 && ss > 0 ? rs / std::sqrt(rr * ss) : 0;
 }
 
-// The best correlation of a recording with the source's audible part, over lags within
-// 10 ms of where their first audible frames line up; the whole audible part must lie
-// within the recording.
-inline double BestCorrelation(const std::vector<float>& rec, const std::vector<float>& src, unsigned rate, long& lagOut)
-{
-    auto firstLoud = [](const std::vector<float>& x) {
-        size_t i = 0;
-        while (i < x.size() && std::fabs(x[i]) < 0.05) ++i;
-        return i;
-    };
-    const size_t s0 = firstLoud(src), r0 = firstLoud(rec);
-    if (s0 == src.size() || r0 == rec.size()) return 0;
-    size_t from = s0;
-    while (from > 0 && src[from - 1] != 0.0f) --from; // the attack below the threshold too
-    double best = 0;
-    const long span = static_cast<long>(rate / 100), mid = static_cast<long>(r0) - static_cast<long>(s0);
-    for (long lag = mid - span; lag <= mid + span; ++lag) {
-        if (lag + static_cast<long>(from) < 0 || lag + static_cast<long>(src.size()) > static_cast<long>(rec.size())) continue;
-        if (const double c = Correlation(rec, src, lag, from, src.size()); c > best) best = c, lagOut = lag;
-    }
-    return best;
-}
-
-// The left channel of a recording, less the padding that an output that ran dry inserts
+// The first channel of a recording, less the padding that an output that ran dry inserts
 // (runs of two or more frames of exact silence between the first and last audible
 // frames): it delays what follows and loses nothing. *pPadding counts what went.
-inline std::vector<float> LeftWithoutPadding(const std::vector<float>& stereo, size_t* pPadding)
+inline std::vector<float> WithoutPadding(const std::vector<float>& x, unsigned channels, size_t* pPadding)
 {
-    const size_t frames = stereo.size() / 2;
+    const size_t frames = x.size() / channels;
+    auto silent = [&](size_t i) {
+        return std::all_of(&x[i * channels], &x[i * channels] + channels, [](float v) { return v == 0.0f; });
+    };
     size_t first = 0, last = frames;
-    while (first < frames && std::fabs(stereo[2 * first]) < 0.02) ++first;
-    while (last > first && std::fabs(stereo[2 * (last - 1)]) < 0.02) --last;
+    while (first < frames && std::fabs(x[channels * first]) < 0.02) ++first;
+    while (last > first && std::fabs(x[channels * (last - 1)]) < 0.02) --last;
     std::vector<float> out;
     *pPadding = 0;
     for (size_t i = 0; i < frames;) {
         size_t run = 0;
-        while (i + run < frames && stereo[2 * (i + run)] == 0.0f && stereo[2 * (i + run) + 1] == 0.0f) ++run;
+        while (i + run < frames && silent(i + run)) ++run;
         if (run >= 2 && i > first && i + run < last) {
             *pPadding += run;
             i += run;
-            continue;
+        } else {
+            for (const size_t end = i + std::max<size_t>(run, 1); i < end; ++i) out.push_back(x[channels * i]);
         }
-        for (size_t k = 0; k < std::max<size_t>(run, 1) && i < frames; ++k, ++i) out.push_back(stereo[2 * i]);
     }
     return out;
 }

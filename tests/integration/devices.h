@@ -4,6 +4,7 @@
 #ifndef QUAVIX_TESTS_INTEGRATION_DEVICES_H
 #define QUAVIX_TESTS_INTEGRATION_DEVICES_H
 
+#include "analysis.h"
 #include "harness.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/QXBackend.h"
@@ -12,28 +13,37 @@
 
 #include <gtest/gtest.h>
 #include <jack/jack.h>
+#include <jack/midiport.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <condition_variable>
-#include <deque>
 #include <functional>
-#include <mutex>
 
 namespace dev {
 
 using namespace std::chrono_literals;
 
-// A JACK client of the test's own: counts the server's xruns, answers about ports.
+// A JACK client of the test's own: counts the server's xruns, answers about ports, and
+// with `midi` keeps every event on its MIDI inputs "sent" (0) and "thru" (1).
 class Probe {
 public:
-    explicit Probe(const char* name = "qxprobe")
+    struct Event {
+        int port;
+        jack_nframes_t frame; // absolute
+        size_t size;
+        unsigned char bytes[3], last;
+    };
+    explicit Probe(const char* name = "qxprobe", bool midi = false) : m_events(midi ? 1 << 16 : 0)
     {
         // A server just started may not answer yet.
         if (!harness::Await([&] { return (m_client = jack_client_open(name, JackNoStartServer, nullptr)) != nullptr; }))
             return;
+        for (int p = 0; midi && p < 2; ++p)
+            m_midi[p] = jack_port_register(m_client, p == 0 ? "sent" : "thru", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
+        if (midi) jack_set_process_callback(m_client, Process, this);
         jack_set_xrun_callback(m_client, [](void* a) { return static_cast<Probe*>(a)->m_xruns.fetch_add(1), 0; }, this);
-        if (jack_activate(m_client) != 0) {
+        if (jack_activate(m_client) != 0 || (midi && (m_midi[0] == nullptr || m_midi[1] == nullptr))) {
             jack_client_close(m_client);
             m_client = nullptr;
         }
@@ -65,29 +75,49 @@ public:
         }, 2s);
         return out;
     }
-    // The first audio port whose name matches the pattern, or "".
-    std::string Find(const std::string& pattern, unsigned long flags) const
-    {
-        std::string name;
-        if (const char** ports = jack_get_ports(m_client, pattern.c_str(), JACK_DEFAULT_AUDIO_TYPE, flags)) {
-            if (ports[0] != nullptr) name = ports[0];
-            jack_free(ports);
-        }
-        return name;
-    }
-    // Connects `out` to `in`, after taking whatever else fed `in` away from it.
+    // Connects `out` ("": nothing) to `in` (a MIDI input of ours when it is a number),
+    // after taking whatever else fed `in` away from it.
     bool ConnectOnly(const std::string& out, const std::string& in) const
     {
-        if (out.empty() || in.empty()) return false;
+        if (in.empty()) return false;
         if (const char** from = jack_port_get_all_connections(m_client, jack_port_by_name(m_client, in.c_str()))) {
             for (const char** p = from; *p != nullptr; ++p) jack_disconnect(m_client, *p, in.c_str());
             jack_free(from);
         }
-        return jack_connect(m_client, out.c_str(), in.c_str()) == 0;
+        return out.empty() || jack_connect(m_client, out.c_str(), in.c_str()) == 0;
+    }
+    bool ConnectOnly(const std::string& out, int midiIn) const { return ConnectOnly(out, jack_port_name(m_midi[midiIn])); }
+    std::vector<Event> Events(int port) const
+    {
+        std::vector<Event> out;
+        for (size_t i = 0; i < m_count.load(); ++i)
+            if (m_events[i].port == port) out.push_back(m_events[i]);
+        return out;
     }
 
 private:
+    static int Process(jack_nframes_t nframes, void* arg)
+    {
+        auto* self = static_cast<Probe*>(arg);
+        const jack_nframes_t start = jack_last_frame_time(self->m_client);
+        for (int p = 0; p < 2; ++p) {
+            void* buf = jack_port_get_buffer(self->m_midi[p], nframes);
+            jack_midi_event_t ev;
+            for (jack_nframes_t i = 0; i < jack_midi_get_event_count(buf); ++i) {
+                const size_t n = self->m_count.load();
+                if (jack_midi_event_get(&ev, buf, i) != 0 || n >= self->m_events.size()) continue;
+                Event& e = self->m_events[n];
+                e = {p, start + ev.time, ev.size, {0, 0, 0}, ev.buffer[ev.size - 1]};
+                std::copy_n(ev.buffer, std::min<size_t>(3, ev.size), e.bytes);
+                self->m_count.store(n + 1);
+            }
+        }
+        return 0;
+    }
     jack_client_t* m_client = nullptr;
+    jack_port_t* m_midi[2] = {nullptr, nullptr};
+    std::vector<Event> m_events;
+    std::atomic<size_t> m_count{0};
     std::atomic<int> m_xruns{0};
 };
 
@@ -129,45 +159,75 @@ inline WAVEFORMATEX Pcm16(DWORD rate, WORD channels)
     return {WAVE_FORMAT_PCM, channels, rate, rate * channels * 2u, static_cast<WORD>(channels * 2), 16, 0};
 }
 
-// A looping secondary buffer of one second of a 16-bit stereo sine.
-inline LPDIRECTSOUNDBUFFER ToneBuffer(LPDIRECTSOUND ds, unsigned rate, double hz, double amplitude)
+// The backend's wave outputs are `outputs`, by name, and DirectSound lists the platform's
+// own default and then each of them, of `module`; there are `inputs` wave inputs; no
+// device past them or before them opens.
+inline void ExpectDevices(const std::vector<std::string>& outputs, const char* module, UINT inputs)
 {
-    WAVEFORMATEX wfx = Pcm16(rate, 2);
-    DSBUFFERDESC desc{sizeof desc, DSBCAPS_CTRLVOLUME | DSBCAPS_GETCURRENTPOSITION2, rate * 4, 0, &wfx, {}};
-    LPDIRECTSOUNDBUFFER b = nullptr;
-    if (ds->CreateSoundBuffer(&desc, &b, nullptr) != DS_OK) return nullptr;
-    void* p1 = nullptr;
-    void* p2 = nullptr;
-    DWORD n1 = 0, n2 = 0;
-    if (b->Lock(0, desc.dwBufferBytes, &p1, &n1, &p2, &n2, 0) != DS_OK) {
-        b->Release();
-        return nullptr;
+    qxplat::Backend& b = qxplat::CurrentBackend();
+    const int count = static_cast<int>(outputs.size());
+    ASSERT_EQ(b.Count(qxplat::DeviceKind::WaveOut), count);
+    for (int n = -1; n <= count; ++n)
+        EXPECT_EQ(b.DeviceName(qxplat::DeviceKind::WaveOut, n), n >= 0 && n < count ? outputs[size_t(n)] : "") << n;
+    const std::vector<Driver> ds = Drivers();
+    ASSERT_EQ(ds.size(), outputs.size() + 1);
+    EXPECT_FALSE(ds[0].hasGuid);
+    for (size_t n = 0; n < outputs.size(); ++n) {
+        EXPECT_TRUE(ds[n + 1].hasGuid);
+        EXPECT_EQ(ds[n + 1].description, outputs[n]);
+        EXPECT_EQ(ds[n + 1].module, module);
     }
-    auto* s = static_cast<int16_t*>(p1);
-    for (unsigned i = 0; i < 2 * rate; ++i)
-        s[i] = static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * M_PI * hz * (i / 2) / rate)));
-    b->Unlock(p1, n1, p2, n2);
-    return b;
+    std::unique_ptr<qxplat::AudioOutPort> out;
+    std::unique_ptr<qxplat::AudioInPort> in;
+    WAVEINCAPSA caps{};
+    const WAVEFORMATEX fmt = Pcm16(48000, 2);
+    HWAVEIN h = nullptr;
+    for (const int n : {-1, count}) EXPECT_EQ(b.OpenAudioOut(n, out), MMSYSERR_BADDEVICEID) << n;
+    ASSERT_EQ(waveInGetNumDevs(), inputs);
+    for (const int n : {-1, static_cast<int>(inputs)}) EXPECT_EQ(b.OpenAudioIn(n, in), MMSYSERR_BADDEVICEID) << n;
+    EXPECT_EQ(waveInGetDevCapsA(inputs, &caps, sizeof caps), MMSYSERR_BADDEVICEID);
+    EXPECT_EQ(waveInOpen(&h, inputs, &fmt, 0, 0, CALLBACK_NULL), MMSYSERR_BADDEVICEID);
+    EXPECT_TRUE(out == nullptr && in == nullptr && h == nullptr);
 }
 
-// True once the buffer's play cursor moves: the output takes what the mixer makes.
-inline bool AwaitPlaying(LPDIRECTSOUNDBUFFER b)
-{
-    DWORD first = 0, play = 0, write = 0;
-    b->GetCurrentPosition(&first, &write);
-    return harness::Await([&] { return b->GetCurrentPosition(&play, &write) == DS_OK && play != first; });
-}
+// A looping 1 kHz tone at `amplitude` from a 16-bit stereo buffer at `rate` through a
+// driver (null: the default) beside a playing primary buffer, as an application has it;
+// `playing` once the output takes it.
+struct Tone {
+    LPDIRECTSOUND ds = nullptr;
+    LPDIRECTSOUNDBUFFER primary = nullptr, buffer = nullptr;
+    bool playing = false;
 
-// A looping 1 kHz tone through the default driver that the output takes; null when not.
-inline LPDIRECTSOUNDBUFFER PlayTone(LPDIRECTSOUND* pds)
-{
-    EXPECT_EQ(DirectSoundCreate(nullptr, pds, nullptr), DS_OK);
-    LPDIRECTSOUNDBUFFER b = *pds != nullptr ? ToneBuffer(*pds, 48000, 1000.0, 0.5) : nullptr;
-    if (b == nullptr) return nullptr;
-    EXPECT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
-    EXPECT_TRUE(AwaitPlaying(b)) << "the output takes nothing";
-    return b;
-}
+    explicit Tone(const GUID* guid = nullptr, double amplitude = 0.5, unsigned rate = 48000)
+    {
+        WAVEFORMATEX wfx = Pcm16(rate, 2);
+        DSBUFFERDESC pd{sizeof pd, DSBCAPS_PRIMARYBUFFER, 0, 0, nullptr, {}};
+        DSBUFFERDESC desc{sizeof desc, DSBCAPS_CTRLVOLUME | DSBCAPS_GETCURRENTPOSITION2, rate * 4, 0, &wfx, {}};
+        void* p = nullptr;
+        DWORD n = 0, first = 0, play = 0, write = 0;
+        if (DirectSoundCreate(guid, &ds, nullptr) != DS_OK || ds->CreateSoundBuffer(&pd, &primary, nullptr) != DS_OK ||
+            primary->Play(0, 0, DSBPLAY_LOOPING) != DS_OK || ds->CreateSoundBuffer(&desc, &buffer, nullptr) != DS_OK ||
+            buffer->Lock(0, desc.dwBufferBytes, &p, &n, nullptr, nullptr, 0) != DS_OK)
+            return;
+        for (unsigned i = 0; i < 2 * rate; ++i)
+            static_cast<int16_t*>(p)[i] =
+                static_cast<int16_t>(std::lround(amplitude * 32767 * std::sin(2 * M_PI * 1000 * (i / 2) / rate)));
+        buffer->GetCurrentPosition(&first, &write);
+        playing = buffer->Unlock(p, n, nullptr, 0) == DS_OK && buffer->Play(0, 0, DSBPLAY_LOOPING) == DS_OK &&
+                  harness::Await([&] { return buffer->GetCurrentPosition(&play, &write) == DS_OK && play != first; });
+    }
+    ~Tone() { Release(); }
+    Tone(const Tone&) = delete;
+    Tone& operator=(const Tone&) = delete;
+    void Release()
+    {
+        if (buffer != nullptr) buffer->Release();
+        if (primary != nullptr) primary->Release();
+        if (ds != nullptr) ds->Release();
+        buffer = primary = nullptr;
+        ds = nullptr;
+    }
+};
 
 // Servers lost so far, and the name the last one was reported by.
 inline std::atomic<int> g_serversLost{0};
@@ -228,11 +288,10 @@ inline void ExpectStopEndsDeliveryAndStartResumesIt(qxplat::AudioInPort& port)
     }
 }
 
-// A 16-bit wave input. Full buffers come back through WIM_DATA on the capture thread,
-// which may not call waveIn functions: the test's thread copies them and adds them again.
+// A 16-bit wave input recording into buffers of the given lengths, one after the other.
 class Take {
 public:
-    Take() = default;
+    explicit Take(std::vector<double> seconds = {1.0}) : m_seconds(std::move(seconds)), m_buffers(m_seconds.size()) {}
     Take(const Take&) = delete;
     Take& operator=(const Take&) = delete;
     ~Take() { Close(); }
@@ -242,38 +301,30 @@ public:
         m_fmt = Pcm16(rate, channels);
         MMRESULT r = waveInOpen(&m_h, device, &m_fmt, reinterpret_cast<DWORD_PTR>(&Take::Proc),
                                 reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION);
-        if (r != MMSYSERR_NOERROR) {
-            m_h = nullptr;
-            return r;
-        }
-        for (auto& b : m_buffers) {
-            b.data.resize(rate / 20 * m_fmt.nBlockAlign); // 50 ms
+        if (r != MMSYSERR_NOERROR) m_h = nullptr;
+        for (size_t i = 0; r == MMSYSERR_NOERROR && i < m_buffers.size(); ++i) {
+            Buffer& b = m_buffers[i];
+            b.data.resize(static_cast<size_t>(m_seconds[i] * rate) * m_fmt.nBlockAlign);
             b.hdr.lpData = b.data.data();
             b.hdr.dwBufferLength = static_cast<DWORD>(b.data.size());
-            if ((r = waveInPrepareHeader(m_h, &b.hdr, sizeof(WAVEHDR))) != MMSYSERR_NOERROR ||
-                (r = waveInAddBuffer(m_h, &b.hdr, sizeof(WAVEHDR))) != MMSYSERR_NOERROR)
-                return r;
+            if ((r = waveInPrepareHeader(m_h, &b.hdr, sizeof(WAVEHDR))) == MMSYSERR_NOERROR)
+                r = waveInAddBuffer(m_h, &b.hdr, sizeof(WAVEHDR));
         }
-        return MMSYSERR_NOERROR;
+        return r;
     }
     HWAVEIN Handle() const { return m_h; }
     MMRESULT Start() { return waveInStart(m_h); }
-
-    // Collects until the take holds `frames` frames, or the limit passes.
-    bool Collect(size_t frames, std::chrono::milliseconds limit)
+    // True once the first buffer is full, before the limit passes.
+    bool Collect(std::chrono::milliseconds limit)
     {
-        return harness::Await([&] {
-            Drain(true, 50ms);
-            return m_samples.size() >= frames * m_fmt.nChannels;
-        }, limit);
+        return harness::Await([&] { return m_full.load(); }, limit);
     }
-    // Ends the recording: what the buffers hold joins the take; each result is kept.
+    // Ends the recording; each result is kept.
     void Close()
     {
         if (m_h == nullptr) return;
         m_stopResult = waveInStop(m_h);
         m_resetResult = waveInReset(m_h);
-        Drain(false, 0ms);
         for (auto& b : m_buffers) waveInUnprepareHeader(m_h, &b.hdr, sizeof(WAVEHDR));
         m_closeResult = waveInClose(m_h);
         m_h = nullptr;
@@ -282,18 +333,15 @@ public:
     MMRESULT ResetResult() const { return m_resetResult; }
     MMRESULT CloseResult() const { return m_closeResult; }
 
-    size_t Frames() const { return m_samples.size() / m_fmt.nChannels; }
-    // Every channel, interleaved, as float.
-    std::vector<float> Samples() const
+    // Every channel interleaved (or only `channel`), as float: what the buffers took.
+    std::vector<float> Samples(int channel = -1) const
     {
-        std::vector<float> out(m_samples.size());
-        for (size_t i = 0; i < out.size(); ++i) out[i] = m_samples[i] / 32768.0f;
-        return out;
-    }
-    std::vector<float> Channel(int ch) const
-    {
-        std::vector<float> out(Frames());
-        for (size_t i = 0; i < out.size(); ++i) out[i] = m_samples[i * m_fmt.nChannels + ch] / 32768.0f;
+        std::vector<float> out;
+        for (const Buffer& b : m_buffers) {
+            const auto* s = reinterpret_cast<const int16_t*>(b.data.data());
+            for (size_t i = 0; i < b.hdr.dwBytesRecorded / 2; ++i)
+                if (channel < 0 || i % m_fmt.nChannels == size_t(channel)) out.push_back(s[i] / 32768.0f);
+        }
         return out;
     }
 
@@ -302,36 +350,16 @@ private:
         std::vector<char> data;
         WAVEHDR hdr{};
     };
-    static void CALLBACK Proc(HWAVEIN, UINT msg, DWORD_PTR inst, DWORD_PTR p1, DWORD_PTR)
+    static void CALLBACK Proc(HWAVEIN, UINT msg, DWORD_PTR inst, DWORD_PTR, DWORD_PTR)
     {
-        if (msg != WIM_DATA) return;
-        auto* self = reinterpret_cast<Take*>(inst);
-        std::lock_guard<std::mutex> lock(self->m_lock);
-        self->m_done.push_back(reinterpret_cast<WAVEHDR*>(p1));
-        self->m_wake.notify_all();
-    }
-    void Drain(bool bRequeue, std::chrono::milliseconds wait)
-    {
-        std::deque<WAVEHDR*> done;
-        {
-            std::unique_lock<std::mutex> lock(m_lock);
-            m_wake.wait_for(lock, wait, [this] { return !m_done.empty(); });
-            done.swap(m_done);
-        }
-        for (WAVEHDR* h : done) {
-            const auto* s = reinterpret_cast<const int16_t*>(h->lpData);
-            m_samples.insert(m_samples.end(), s, s + h->dwBytesRecorded / 2);
-            if (bRequeue) waveInAddBuffer(m_h, h, sizeof(WAVEHDR));
-        }
+        if (msg == WIM_DATA) reinterpret_cast<Take*>(inst)->m_full.store(true);
     }
 
     WAVEFORMATEX m_fmt{};
     HWAVEIN m_h = nullptr;
-    Buffer m_buffers[8];
-    std::vector<int16_t> m_samples;
-    std::mutex m_lock;
-    std::condition_variable m_wake;
-    std::deque<WAVEHDR*> m_done; // under m_lock
+    std::vector<double> m_seconds;
+    std::vector<Buffer> m_buffers;
+    std::atomic<bool> m_full{false};
     MMRESULT m_stopResult = MMSYSERR_NOERROR, m_resetResult = MMSYSERR_NOERROR, m_closeResult = MMSYSERR_NOERROR;
 };
 

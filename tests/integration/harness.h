@@ -16,7 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <memory>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -33,11 +33,8 @@ using namespace std::chrono_literals;
 template <class F>
 bool Await(F&& done, std::chrono::milliseconds limit = 10s)
 {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
+    for (const auto end = std::chrono::steady_clock::now() + limit; !done(); std::this_thread::sleep_for(10ms))
         if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(10ms);
-    }
     return true;
 }
 
@@ -61,9 +58,7 @@ struct TempFile {
 inline std::string Slurp(const std::string& path)
 {
     std::ifstream f(path, std::ios::binary);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
+    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
 }
 
 inline std::vector<std::string> Lines(const std::string& text)
@@ -75,18 +70,18 @@ inline std::vector<std::string> Lines(const std::string& text)
 }
 
 // A program run for the length of a test: stdin empty, stdout to `out`, stderr to `err`
-// (or with stdout), `env` added to ours.
+// (or with stdout), `env` before ours (the first of a name counts).
 class Child {
 public:
     Child(std::vector<std::string> argv, const std::string& out = "/dev/null", const std::string& err = "",
           const std::vector<std::string>& env = {})
     {
-        std::vector<std::string> envs = env; // first: getenv takes the first of a name
+        std::vector<std::string> envs = env;
         for (char** e = environ; *e != nullptr; ++e) envs.emplace_back(*e);
         std::vector<char*> args, envp;
         for (auto& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
         for (auto& e : envs) envp.push_back(e.data());
+        args.push_back(nullptr);
         envp.push_back(nullptr);
         posix_spawn_file_actions_t fa;
         posix_spawn_file_actions_init(&fa);
@@ -97,31 +92,38 @@ public:
         if (posix_spawnp(&m_pid, args[0], &fa, nullptr, args.data(), envp.data()) != 0) m_pid = -1;
         posix_spawn_file_actions_destroy(&fa);
     }
-    ~Child() { Stop(); }
+    ~Child() { Kill(SIGTERM); }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
     bool Started() const { return m_pid > 0; }
     pid_t Pid() const { return m_pid; }
+    // True once it has ended; then Wait gives its status at once.
+    bool Ended()
+    {
+        int ws = 0;
+        const pid_t w = m_pid > 0 ? waitpid(m_pid, &ws, WNOHANG) : 0;
+        if (w != 0) m_status = w == m_pid ? (WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws)) : -1;
+        if (w != 0) m_pid = -1;
+        return m_pid <= 0;
+    }
     // Its exit status (128 + n when signal n ended it), or -1 when it ran past the limit
     // (then it is killed).
     int Wait(std::chrono::milliseconds limit)
     {
-        if (m_pid <= 0) return m_status;
-        int ws = 0;
-        if (!Await([&] { return waitpid(m_pid, &ws, WNOHANG) != 0; }, limit)) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-            m_pid = -1;
-            return m_status = -1;
-        }
+        if (Await([&] { return Ended(); }, limit)) return m_status;
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
         m_pid = -1;
-        return m_status = WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
+        return m_status = -1;
+    }
+    void Signal(int sig)
+    {
+        if (m_pid > 0) kill(m_pid, sig);
     }
     void Kill(int sig)
     {
-        if (m_pid <= 0) return;
-        kill(m_pid, sig);
+        Signal(sig);
         Wait(30s);
     }
     void Stop() { Kill(SIGTERM); }
@@ -133,8 +135,7 @@ private:
 
 inline int Command(std::vector<std::string> argv, const std::vector<std::string>& env = {})
 {
-    Child c(std::move(argv), "/dev/null", "", env);
-    return c.Wait(60s);
+    return Child(std::move(argv), "/dev/null", "", env).Wait(60s);
 }
 
 // A private server that one of this folder's scripts starts and waits for (`SCRIPT start
@@ -145,8 +146,9 @@ inline int Command(std::vector<std::string> argv, const std::vector<std::string>
 class Server {
 public:
     Server(std::string script, std::vector<std::string> args, std::string pidFile)
-        : m_script(std::move(script)), m_args(std::move(args)), m_pidFile(std::move(pidFile))
+        : m_args(std::move(args)), m_pidFile(std::move(pidFile))
     {
+        m_args.insert(m_args.begin(), {std::move(script), ""});
         // The server outlives the script: adopted by us, it is reaped at once when it
         // ends, and a JACK server of the same name can start again (a zombie still
         // counts as running for JACK).
@@ -175,11 +177,11 @@ public:
     }
     void Kill()
     {
-        const pid_t pid = Pid();
-        if (pid <= 0) return;
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        m_bKilled = true;
+        if (const pid_t pid = Pid(); pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+            m_bKilled = true;
+        }
     }
 
 private:
@@ -191,12 +193,10 @@ private:
     }
     int Run(const std::string& action)
     {
-        std::vector<std::string> argv{m_script, action};
-        argv.insert(argv.end(), m_args.begin(), m_args.end());
-        return Command(argv);
+        m_args[1] = action;
+        return Command(m_args);
     }
-    std::string m_script;
-    std::vector<std::string> m_args;
+    std::vector<std::string> m_args; // the script, the action, its arguments
     std::string m_pidFile;
     bool m_ready = false, m_bKilled = false;
 };
@@ -215,13 +215,9 @@ public:
     // True once a port whose name contains `port` is there.
     bool WaitForPort(const std::string& port) const
     {
-        const std::string out = Temp("jack_lsp.txt");
-        const bool found = Await([&] {
-            Child lsp({"jack_lsp"}, out, "/dev/null", Env());
-            return lsp.Wait(10s) == 0 && Slurp(out).find(port) != std::string::npos;
-        }, 20s);
-        std::remove(out.c_str());
-        return found;
+        const TempFile out("jack_lsp.txt");
+        return Await([&] { return Child({"jack_lsp"}, out, "/dev/null", Env()).Wait(10s) == 0 &&
+                                  Slurp(out).find(port) != std::string::npos; }, 20s);
     }
 
 private:
@@ -239,17 +235,15 @@ inline std::string PulseDir()
 // between its default and alternate rates while nothing plays on it); 0 when not listed.
 inline unsigned SinkRate(const std::string& sink)
 {
-    const std::string out = Temp("sinks.txt");
+    const TempFile out("sinks.txt");
     unsigned rate = 0;
-    if (Child pactl({"pactl", "list", "short", "sinks"}, out, "/dev/null"); pactl.Wait(30s) == 0)
+    if (Child({"pactl", "list", "short", "sinks"}, out, "/dev/null").Wait(30s) == 0)
         for (const std::string& l : Lines(Slurp(out))) {
-            const size_t hz = l.find("Hz");
-            if (l.find("\t" + sink + "\t") == std::string::npos || hz == std::string::npos) continue;
-            size_t at = hz;
-            while (at > 0 && std::isdigit(static_cast<unsigned char>(l[at - 1]))) --at;
-            rate = static_cast<unsigned>(std::stoul(l.substr(at, hz - at)));
+            size_t hz = l.find("Hz"), at = hz;
+            while (at != std::string::npos && at > 0 && std::isdigit(static_cast<unsigned char>(l[at - 1]))) --at;
+            if (l.find("\t" + sink + "\t") != std::string::npos && hz != std::string::npos)
+                rate = static_cast<unsigned>(std::stoul(l.substr(at, hz - at)));
         }
-    std::remove(out.c_str());
     return rate;
 }
 
