@@ -69,6 +69,32 @@ qxsmf::Timeline TimelineOf(const Bytes& bytes, double scale = 1.0)
     return t;
 }
 
+// A Song of the bytes says what the parsed file's timeline says, message for message:
+// the same refusal, counts and merged order.
+void ExpectSongLikeTimeline(const Bytes& bytes)
+{
+    qxsmf::File f;
+    qxsmf::Timeline t;
+    std::string error, songError;
+    const bool read = qxsmf::Parse(bytes.data(), bytes.size(), f, error) && qxsmf::BuildTimeline(f, 1.0, t, error);
+    qxsmf::Song song;
+    ASSERT_EQ(song.Open(bytes, 1.0, songError), read) << songError;
+    ASSERT_EQ(songError, read ? "" : error);
+    if (!read) return;
+    EXPECT_EQ(std::make_tuple(song.Messages(), song.Info().lengthMs, song.Info().dropped, song.Info().metaSkipped,
+                              song.Info().tempoChanges, song.Info().title),
+              std::make_tuple(t.messages.size(), t.lengthMs, t.dropped, t.metaSkipped, t.tempoChanges, t.title));
+    qxsmf::Message m;
+    for (size_t i = 0; song.Next(m); ++i) {
+        ASSERT_LT(i, t.messages.size());
+        ASSERT_EQ(std::tie(m.ms, m.track, m.bytes), std::tie(t.messages[i].ms, t.messages[i].track, t.messages[i].bytes))
+            << "message " << i;
+    }
+    if (!t.messages.empty()) {
+        EXPECT_EQ(std::make_pair(song.FirstMs(), song.LastMs()), std::make_pair(t.messages.front().ms, t.messages.back().ms));
+    }
+}
+
 } // namespace
 
 TEST(Smf, ReadsEveryKindOfEventThroughTheTempoMap)
@@ -152,6 +178,7 @@ TEST(Smf, BrokenFilesFailWithTheirReason)
         EXPECT_FALSE(qxsmf::Parse(c.bytes.data(), c.bytes.size(), f, error)) << c.what;
         EXPECT_NE(error.find(c.reason), std::string::npos) << c.what << ": " << error;
         EXPECT_EQ(error.find('\n'), std::string::npos) << c.what;
+        ExpectSongLikeTimeline(c.bytes);
     }
 }
 
@@ -198,15 +225,17 @@ TEST(Smf, DamagedFilesNeverCrashTheReader)
     std::string error;
     const Bytes demo = qxsmf::Serialize(qxsmf::BuildDemo());
     qxsmf::File f;
-    qxsmf::Timeline t;
     for (size_t n = 0; n < demo.size(); ++n) EXPECT_FALSE(qxsmf::Parse(demo.data(), n, f, error)) << n;
     std::mt19937 rng(1234);
-    for (const Bytes& base : {demo, SampleFile()})
+    // A SysEx divided around a note: it plays at its first part's time, before the note.
+    const Bytes divided = Track0({0x00, 0xF0, 0x02, 0x01, 0x02, 0x10, 0x90, 0x3C, 0x40, 0x40, 0xF7, 0x02, 0x03, 0xF7});
+    for (const Bytes& base : {demo, SampleFile(), divided})
         for (int i = 0; i < 3000; ++i) {
+            if (i == 0) ExpectSongLikeTimeline(base);
             Bytes b = base;
             for (int k = 0, flips = 1 + int(rng() % 4); k < flips; ++k) b[rng() % b.size()] = static_cast<uint8_t>(rng());
             if (rng() % 4 == 0) b.resize(rng() % b.size());
-            if (qxsmf::Parse(b.data(), b.size(), f, error)) qxsmf::BuildTimeline(f, 1.0, t, error);
+            ExpectSongLikeTimeline(b); // which reads it as perform does, a message at a time
         }
 }
 
@@ -238,6 +267,7 @@ TEST(Smf, RealFilesReadAndRewriteUnchanged)
             return out;
         };
         EXPECT_EQ(flat(t), flat(o)) << "rewritten, the file plays the same";
+        ExpectSongLikeTimeline(ReadBytes(path));
     }
     if (files.size() == 1) GTEST_SKIP() << "no MIDI files in " << dir << ": install the Debian package openttd-openmsx";
 }
