@@ -110,6 +110,37 @@ TEST_F(JackTest, PerformanceReachesItsDestinationInOrderAtItsFrames)
     }
 }
 
+// A pause also takes back what was handed to JACK ahead of its time: nothing arrives from
+// a cycle after the pause until the restart, and then every note arrives once, in order.
+TEST_F(JackTest, APauseHoldsBackWhatWasHandedAheadAndTheRestartLosesNothing)
+{
+    CQuavix* q = Manager();
+    Score score;
+    score.output = FindDevice(q, QX_DEVDIR_OUT, "qxwatch:sent");
+    ASSERT_GE(score.output, 0);
+    for (DWORD i = 0; i < 60; ++i) score.notes.push_back({300 + i * 2, 0x00400090u | ((30 + i) << 8)});
+    q->StartPerformance(Score::Proc, reinterpret_cast<DWORD_PTR>(&score), 1, 0);
+    q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, QX_ALL_DEVICES, 0);
+    q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_IN, QX_ALL_DEVICES, 0);
+    q->EnableDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, score.output, 1);
+    EXPECT_EQ(q->OpenDevices(), 1);
+    q->StartDevices();
+    ASSERT_TRUE(harness::Await([&] { return watch.Events(0).size() >= 10; }));
+    q->PauseDevices();
+    const jack_nframes_t pausedAt = jack_frame_time(watch.Client()), period = jack_get_buffer_size(watch.Client());
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    size_t held = 0;
+    for (const Event& e : watch.Events(0)) held += static_cast<int32_t>(e.frame - pausedAt) > static_cast<int32_t>(period);
+    EXPECT_EQ(held, 0u) << "notes of later cycles arrived while paused";
+    q->StartDevices();
+    harness::Await([&] { return watch.Events(0).size() >= score.notes.size(); });
+    std::vector<Event> got = watch.Events(0);
+    q->CloseDevices();
+    std::erase_if(got, [](const Event& e) { return e.size != 3 || (e.bytes[0] & 0xF0) != 0x90; });
+    ASSERT_EQ(got.size(), score.notes.size()) << "every note arrives once";
+    for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(Message(got[i]), score.notes[i].second) << i;
+}
+
 // jack_midiseq loops note 60 at frame 0 and note 63 at 12160 every 24064 frames (253.3 and
 // 248 ms apart), into our input and into the watch. Half a period (256 frames) off the
 // cycle's start each, the time stamps keep the spacing only if they count the frame

@@ -32,7 +32,13 @@ public:
     virtual void Cancel() {}
     // For a pause: drops what was handed over and not yet emitted, as Cancel does, and
     // says whether it could; a stream then hands that over again when it restarts.
-    virtual bool Withdraw() { return false; }
+    // *pOutBeforeNs comes in as now; a port that has let out messages due later (a cycle
+    // or a mix block ahead) moves it on: what is due before it went out and stays out.
+    virtual bool Withdraw(int64_t* pOutBeforeNs)
+    {
+        (void)pOutBeforeNs;
+        return false;
+    }
     // The device volume of an output that has one (left in the low word).
     virtual MMRESULT SetVolume(DWORD) { return MMSYSERR_NOTSUPPORTED; }
     virtual MMRESULT GetVolume(DWORD*) const { return MMSYSERR_NOTSUPPORTED; }

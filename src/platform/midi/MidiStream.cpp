@@ -268,9 +268,15 @@ private:
     {
         while (!m_handed.empty() && m_handed.front().dueNs <= m_pausedAtNs) m_handed.pop_front();
         if (m_handed.empty()) return;
+        int64_t outBeforeNs = m_pausedAtNs;
+        const bool bWithdrawn = m_port->Withdraw(&outBeforeNs);
+        while (!m_handed.empty() && m_handed.front().dueNs < outBeforeNs) m_handed.pop_front();
+        if (!bWithdrawn || m_handed.empty()) {
+            m_handed.clear();
+            return;
+        }
         const Handed h = m_handed.front();
         m_handed.clear();
-        if (!m_port->Withdraw()) return;
         while (!m_callbacks.empty() && m_callbacks.back().tick >= h.dueTick) m_callbacks.pop_back();
         // Buffers played through since then are not done yet: their end is still to come.
         while ((m_queue.empty() || m_queue.front() != h.pHdr) && !m_finished.empty()) {

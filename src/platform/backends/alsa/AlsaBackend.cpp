@@ -43,7 +43,8 @@ public:
     int64_t LeadNs() const override { return 20'000'000; } // the queue keeps the time
     void Cancel() override;
     // Note-offs stay queued and come again after the restart: a second one is harmless.
-    bool Withdraw() override
+    // The queue has let out only what was due by now.
+    bool Withdraw(int64_t*) override
     {
         Cancel();
         return true;

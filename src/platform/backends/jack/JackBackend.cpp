@@ -261,6 +261,8 @@ public:
                static_cast<int64_t>(jack_get_sample_rate(m_client));
     }
     bool Dead() const { return m_dead.load(); }
+    // Timed messages due before it may have gone into a cycle's buffer (0: no cycle yet).
+    int64_t CycleEndUs() const { return m_cycleEndUs.load(); }
 
     // A slot no longer in use by the process callback once a full cycle has passed
     // after it was taken out (or the server is gone).
@@ -344,6 +346,7 @@ private:
     std::atomic<bool> m_dead{false};
     std::atomic<uint64_t> m_cycles{0};
     FrameClock m_clock; // the process callback's
+    std::atomic<int64_t> m_cycleEndUs{0}; // JACK time just past the last cycle begun
     std::vector<std::string> m_outPeers, m_inPeers;
 };
 
@@ -475,6 +478,8 @@ int JackBackend::Process(jack_nframes_t nframes, void* arg)
         curUs = jack_frames_to_time(self->m_client, curFrames);
     }
     self->m_clock.Follow(curFrames, static_cast<int64_t>(curUs), nframes, self->m_rate);
+    self->m_cycleEndUs.store(self->m_clock.anchorUs + (self->m_clock.frames + nframes - self->m_clock.anchorFrame) *
+                                                          1'000'000 / static_cast<int64_t>(self->m_rate));
     for (auto& s : self->m_outs) {
         OutSlot* out = s.load(std::memory_order_acquire);
         if (out == nullptr) continue;
@@ -554,14 +559,22 @@ public:
 
     // The ring is read by the process callback alone: a mark in it says that what came
     // before is dropped (note-offs aside, which go at once).
-    void Cancel() override { Withdraw(); }
-    bool Withdraw() override
+    void Cancel() override
+    {
+        int64_t outBeforeNs = 0;
+        Withdraw(&outBeforeNs);
+    }
+    bool Withdraw(int64_t* pOutBeforeNs) override
     {
         const Header mark{0, kWithdrawnMark};
         std::lock_guard<std::mutex> lock(m_slot->producers);
         if (jack_ringbuffer_write_space(m_slot->timed) < sizeof mark) return false;
-        m_slot->withdrawals.fetch_add(1, std::memory_order_release);
+        m_slot->withdrawals.fetch_add(1);
         jack_ringbuffer_write(m_slot->timed, reinterpret_cast<const char*>(&mark), sizeof mark);
+        // A cycle that began before the count went up may still let out what its frames
+        // hold: up to its end, which it noted first.
+        const int64_t cycleEndUs = m_b->CycleEndUs();
+        if (cycleEndUs != 0) *pOutBeforeNs = std::max(*pOutBeforeNs, JackBackend::ToSteadyNs(cycleEndUs));
         return true;
     }
 

@@ -17,6 +17,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -38,6 +40,8 @@ constexpr size_t kSysExBytes = 1024; // FluidSynth acts on nothing longer (tunin
 // machine: a message handed over that far ahead waits in the queue for its frame instead
 // of coming late.
 constexpr int64_t kMarginNs = 20'000'000;
+// How long a pause waits for the mixer to take a cancel: a block, unless the output stands.
+constexpr int64_t kWithdrawWaitNs = 50'000'000;
 // A due time this far past (or 0: at once) has no frame to keep.
 constexpr int64_t kStaleNs = 1'000'000'000;
 
@@ -145,6 +149,8 @@ public:
         m_read.store(0);
         m_cancelTo.store(0);
         m_cancels.store(0);
+        m_cancelsDone.store(0);
+        m_appliedDueNs.store(INT64_MIN);
         for (Slot& slot : m_slots) slot.busy.store(false);
         m_pendingCount = 0;
         m_cancelsSeen = 0;
@@ -158,11 +164,22 @@ public:
     void SetVolume(DWORD dwVolume) { m_volume.store(dwVolume, std::memory_order_relaxed); }
     DWORD Volume() const { return m_volume.load(std::memory_order_relaxed); }
 
-    void Cancel()
+    // Returns the cancel's number, for AwaitCancel.
+    uint32_t Cancel()
     {
         std::lock_guard<std::mutex> lock(m_sendLock);
         m_cancelTo.store(m_write.load(std::memory_order_relaxed), std::memory_order_relaxed);
-        m_cancels.fetch_add(1, std::memory_order_release);
+        return m_cancels.fetch_add(1, std::memory_order_release) + 1;
+    }
+
+    // Waits (a mix block, at most timeoutNs) for the mixer thread to take a cancel, and
+    // returns the latest due time of a message it had applied by then.
+    int64_t AwaitCancel(uint32_t n, int64_t timeoutNs)
+    {
+        const int64_t until = NowNs() + timeoutNs;
+        while (Before(m_cancelsDone.load(std::memory_order_acquire), n) && NowNs() < until)
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        return m_appliedDueNs.load(std::memory_order_acquire);
     }
 
     void MixInto(float* pOut, uint32_t nFrames, const ds::BlockClock* pClock) override
@@ -221,6 +238,7 @@ private:
             for (size_t i = 0; i < m_pendingCount; ++i) FreeSlot(m_pending[i]);
             m_pendingCount = 0;
             fluid_synth_all_sounds_off(m_synth, -1);
+            m_cancelsDone.store(cancels, std::memory_order_release);
         }
         uint32_t r = m_read.load(std::memory_order_relaxed);
         const uint32_t w = m_write.load(std::memory_order_acquire);
@@ -249,6 +267,7 @@ private:
 
     void Apply(const Event& e)
     {
+        if (e.dueNs > m_appliedDueNs.load(std::memory_order_relaxed)) m_appliedDueNs.store(e.dueNs, std::memory_order_release);
         if (e.slot >= 0) {
             // FluidSynth takes the message without its F0 and F7.
             const BYTE* body = m_slots[e.slot].data + 1;
@@ -307,7 +326,9 @@ private:
     Slot m_slots[kSysExSlots];
     std::atomic<uint32_t> m_cancelTo{0}; // the ring count at the last Cancel
     std::atomic<uint32_t> m_cancels{0};
-    std::atomic<DWORD> m_volume{0xFFFFFFFFu}; // left in the low word
+    std::atomic<uint32_t> m_cancelsDone{0};         // written by the mixer thread
+    std::atomic<int64_t> m_appliedDueNs{INT64_MIN}; // likewise
+    std::atomic<DWORD> m_volume{0xFFFFFFFFu};       // left in the low word
 
     // The mixer thread's own.
     std::unique_ptr<Event[]> m_pending; // sorted by due time
@@ -377,9 +398,11 @@ public:
         return int64_t{p->LatencyFrames()} * 1'000'000'000 / p->Rate() + kMarginNs;
     }
     void Cancel() override { m_engine->Cancel(); }
-    bool Withdraw() override
+    // What the mixer applied before it took the cancel went out: it was mixed ahead.
+    bool Withdraw(int64_t* pOutBeforeNs) override
     {
-        m_engine->Cancel();
+        const int64_t applied = m_engine->AwaitCancel(m_engine->Cancel(), kWithdrawWaitNs);
+        if (applied != INT64_MIN) *pOutBeforeNs = std::max(*pOutBeforeNs, applied + 1);
         return true;
     }
     MMRESULT SetVolume(DWORD dwVolume) override
