@@ -128,20 +128,26 @@ private:
     {
         value = 0;
         for (int i = 0; i < 4; ++i) {
-            if (m_pos >= m_end) return Fail(error, "truncated variable-length number") == Step::Event;
+            if (m_pos >= m_end) {
+                Fail(error, "truncated variable-length number");
+                return false;
+            }
             const uint8_t b = m_base[m_pos++];
             value = (value << 7) | (b & 0x7Fu);
             if (!(b & 0x80)) return true;
         }
-        return Fail(error, "variable-length number longer than four bytes") == Step::Event;
+        Fail(error, "variable-length number longer than four bytes");
+        return false;
     }
 
     bool Payload(std::vector<uint8_t>& out, std::string& error)
     {
         uint32_t len = 0;
         if (!Vlq(len, error)) return false;
-        if (m_end - m_pos < len)
-            return Fail(error, "event of " + Counted(len, "byte") + " runs past its track") == Step::Event;
+        if (m_end - m_pos < len) {
+            Fail(error, "event of " + Counted(len, "byte") + " runs past its track");
+            return false;
+        }
         out.insert(out.end(), m_base + m_pos, m_base + m_pos + len);
         m_pos += len;
         return true;
