@@ -18,5 +18,6 @@
 #include <quavix/QXWaveOut.h>
 #include <quavix/QXWavePlay.h>
 #include <quavix/QXFaults.h>
+#include <quavix/QXClock.h>
 
 #endif // QUAVIX_QUAVIX_H

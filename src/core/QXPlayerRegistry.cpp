@@ -1,6 +1,7 @@
 #include <quavix/QXPlayerRegistry.h>
 
-#include <condition_variable>
+#include "platform/kernel/QXClock.h"
+
 #include <mutex>
 #include <unordered_map>
 
@@ -14,7 +15,7 @@ struct Entry {
 struct Registry {
     // Recursive: a signal function may unregister its own player.
     std::recursive_mutex mutex;
-    std::condition_variable_any released;
+    qxplat::ClockCondition released;
     std::unordered_map<DWORD, Entry> byHandle;
     std::unordered_map<const void*, DWORD> byPlayer;
     // Pins by handle, all threads together; outlives the entry while pins remain.
@@ -66,7 +67,7 @@ void QXUnregisterPlayer(void* pPlayer)
     // Withdrawn first, so no new pin can be taken; then the others' pins run out.
     // (A signal function that unregisters runs with the lock held twice, so it must
     // not meet another thread's pin: the start signal never unregisters.)
-    r.released.wait(lock, [&] {
+    r.released.Wait(lock, [&] {
         auto p = r.pins.find(dwHandle);
         return p == r.pins.end() || p->second <= OwnPins(dwHandle);
     });
@@ -112,7 +113,7 @@ void QXReleasePlayer(DWORD dwHandle)
         auto p = r.pins.find(dwHandle);
         if (p != r.pins.end() && --p->second == 0) r.pins.erase(p);
     }
-    r.released.notify_all();
+    r.released.NotifyAll();
 }
 
 size_t QXLivePlayerCount()

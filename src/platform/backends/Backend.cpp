@@ -10,6 +10,7 @@
 // - "virtual": in-process devices and paced audio outputs.
 // Each gets the built-in synth as its last MIDI output when it has a wave output.
 #include "platform/backends/QXBackend.h"
+#include "platform/kernel/QXClock.h"
 #include "platform/backends/synth/QXSynth.h"
 #include "platform/backends/virtual/QXVirtual.h"
 #ifdef QUAVIX_HAVE_JACK
@@ -31,13 +32,6 @@
 #include <memory>
 
 namespace qxplat {
-
-int64_t NowNs()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 namespace {
 
@@ -101,6 +95,12 @@ bool Is(const char* want, const char* name)
 Backend& Choose()
 {
     const char* want = std::getenv("QUAVIX_BACKEND");
+    // A device keeps the world's time, not the render's.
+    if (RenderClockOn()) {
+        if (want != nullptr && *want != '\0' && !Is(want, "virtual") && !Is(want, "auto"))
+            std::fprintf(stderr, "quavix: rendering uses the virtual backend, not \"%s\"\n", want);
+        return VirtualBackend();
+    }
     if (Is(want, "virtual")) return VirtualBackend();
     if (Is(want, "jack")) {
 #ifdef QUAVIX_HAVE_JACK

@@ -714,7 +714,7 @@ void Mixer::WaitForBlock(std::unique_lock<std::mutex>& lock)
 {
     if (m_inBlock) {
         const uint64_t serial = m_blocksDone;
-        m_blockDone.wait(lock, [this, serial] { return m_blocksDone != serial; });
+        m_blockDone.Wait(lock, [this, serial] { return m_blocksDone != serial; });
     }
 }
 
@@ -789,7 +789,7 @@ void Mixer::MixBlock(float* pOut, uint32_t nFrames, const BlockClock* pClock)
         m_inBlock = false;
         ++m_blocksDone;
     }
-    m_blockDone.notify_all();
+    m_blockDone.NotifyAll();
     m_framesMixed.fetch_add(nFrames, std::memory_order_relaxed);
 }
 
@@ -927,7 +927,7 @@ void Mixer::StartThread(AudioOutPort* pPort)
         std::lock_guard<std::mutex> lock(m_threadLock);
         m_quit = false;
     }
-    m_thread = std::thread([this, pPort] { ThreadMain(pPort); });
+    m_thread = StartClockThread([this, pPort] { ThreadMain(pPort); });
 }
 
 void Mixer::StopThread()
@@ -937,7 +937,7 @@ void Mixer::StopThread()
         std::lock_guard<std::mutex> lock(m_threadLock);
         m_quit = true;
     }
-    m_threadWake.notify_all();
+    m_threadWake.NotifyAll();
     m_thread.join();
 }
 
@@ -953,7 +953,7 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
     // time than it said), so it is asked again before every top-up.
     auto target = [&] { return std::min(std::max(pPort->TargetFrames(), m_blockFrames), ring.Capacity() - m_blockFrames); };
     std::vector<float> block(size_t{m_blockFrames} * 2);
-    const auto nap = std::chrono::microseconds(std::max<int64_t>(500, int64_t{m_blockFrames} * 500000 / m_rate));
+    const int64_t napNs = std::max<int64_t>(500'000, int64_t{m_blockFrames} * 500'000'000 / m_rate);
     // Every block goes into the ring whole (the target leaves a block free), so the
     // frames written are the ring's write position.
     BlockClock clock{pPort, 0};
@@ -970,7 +970,7 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
             lock.lock();
             continue;
         }
-        m_threadWake.wait_for(lock, nap, [this] { return m_quit; });
+        m_threadWake.WaitUntil(lock, NowNs() + napNs, [this] { return m_quit; });
     }
 }
 

@@ -11,6 +11,7 @@
 #define QUAVIX_PLATFORM_DSOUND_QXMIXER_H
 
 #include "platform/dsound/QXDSound.h"
+#include "platform/kernel/QXClock.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -208,14 +209,14 @@ private:
     std::atomic<bool> m_peakWanted{false};
 
     mutable std::mutex m_listLock;
-    std::condition_variable m_blockDone;
+    ClockCondition m_blockDone;
     std::vector<Voice*> m_voices; // under m_listLock
     std::vector<MixSource*> m_sources; // under m_listLock
     bool m_inBlock = false;       // under m_listLock
     uint64_t m_blocksDone = 0;    // under m_listLock
 
     std::mutex m_threadLock;
-    std::condition_variable m_threadWake;
+    ClockCondition m_threadWake;
     bool m_quit = false; // under m_threadLock
     std::thread m_thread;
 };

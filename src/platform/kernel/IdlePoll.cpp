@@ -2,6 +2,8 @@
 // virtual CPU runnable so that timers due on it fire on time.
 #include "platform/kernel/QXRealtime.h"
 
+#include "platform/kernel/QXClock.h"
+
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -141,8 +143,15 @@ bool IdlePollWanted(const char* pszMode, bool bHypervisor, const char* pszIdleDr
     return bHypervisor && (pszIdleDriver == nullptr || *pszIdleDriver == '\0' || std::strcmp(pszIdleDriver, "none") == 0);
 }
 
-void HoldCpusAwake() { Pollers::Get().Hold(); }
-void ReleaseCpusAwake() { Pollers::Get().Release(); }
+// A render wakes nothing on time: its pollers would only take CPU from it.
+void HoldCpusAwake()
+{
+    if (!RenderClockOn()) Pollers::Get().Hold();
+}
+void ReleaseCpusAwake()
+{
+    if (!RenderClockOn()) Pollers::Get().Release();
+}
 bool CpuPollingEnabled() { return Pollers::Get().Enabled(); }
 int CpuPollerCount() { return Pollers::Get().Count(); }
 

@@ -5,6 +5,7 @@
 
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
+#include "platform/kernel/QXClock.h"
 
 #include <pthread.h>
 #include <sched.h>
@@ -39,7 +40,7 @@ std::mutex& WaitMutex()
 }
 
 struct Waiter {
-    std::condition_variable cv;
+    ClockCondition cv;
 };
 
 } // namespace
@@ -52,7 +53,7 @@ struct Waitable : KernelObject {
     virtual void Consume() {}
     void WakeWaiters()
     {
-        for (Waiter* w : waiters) w->cv.notify_one();
+        for (Waiter* w : waiters) w->cv.NotifyOne();
     }
 };
 
@@ -303,7 +304,7 @@ DWORD WaitForMultipleObjects(DWORD nCount, const HANDLE* lpHandles, BOOL bWaitAl
         }
     }
 
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(dwMilliseconds);
+    const int64_t deadline = NowNs() + int64_t{dwMilliseconds} * 1'000'000;
     Waiter self;
     bool registered = false;
     std::unique_lock<std::mutex> lock(WaitMutex());
@@ -326,8 +327,8 @@ DWORD WaitForMultipleObjects(DWORD nCount, const HANDLE* lpHandles, BOOL bWaitAl
             registered = true;
         }
         if (dwMilliseconds == INFINITE) {
-            self.cv.wait(lock);
-        } else if (self.cv.wait_until(lock, deadline) == std::cv_status::timeout) {
+            self.cv.Wait(lock);
+        } else if (!self.cv.WaitUntil(lock, deadline)) {
             // One last look: a signal may have raced the time-out.
             for (DWORD i = 0; i < nCount; ++i) {
                 if (objs[i]->IsSignalled()) {
@@ -349,7 +350,7 @@ DWORD WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds)
 
 void Sleep(DWORD dwMilliseconds)
 {
-    std::this_thread::sleep_for(std::chrono::milliseconds(dwMilliseconds));
+    ClockSleepFor(int64_t{dwMilliseconds} * 1'000'000);
 }
 
 HANDLE CreateThread(LPSECURITY_ATTRIBUTES, size_t, LPTHREAD_START_ROUTINE lpStartAddress, LPVOID lpParameter,
@@ -370,7 +371,7 @@ HANDLE CreateThread(LPSECURITY_ATTRIBUTES, size_t, LPTHREAD_START_ROUTINE lpStar
     // for or closed as soon as CreateThread returns.
     HANDLE h = Insert(obj);
     try {
-        obj->th = std::thread([obj, lpStartAddress, lpParameter] {
+        obj->th = StartClockThread([obj, lpStartAddress, lpParameter] {
             t_threadId = obj->id;
             DWORD rc = lpStartAddress(lpParameter);
             std::lock_guard<std::mutex> lock(WaitMutex());

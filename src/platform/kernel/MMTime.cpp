@@ -2,6 +2,7 @@
 // one high-priority thread from a deadline heap.
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
+#include "platform/kernel/QXClock.h"
 #include "platform/kernel/QXRealtime.h"
 
 #include <time.h>
@@ -19,7 +20,8 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using qxplat::ClockCondition;
+using qxplat::NowNs;
 
 constexpr UINT kPeriodMin = 1;
 constexpr UINT kPeriodMax = 1000000;
@@ -27,7 +29,7 @@ constexpr UINT kPeriodMax = 1000000;
 // A sleep to the deadline itself wakes ~100 us late, with a tail past 300 us; spinning
 // the last stretch (lock released) brought p99 to ~50 us in bench/timer_jitter, for at
 // most this much CPU per firing.
-constexpr auto kSpin = std::chrono::microseconds(200);
+constexpr int64_t kSpinNs = 200'000;
 
 std::atomic<DWORD> g_timeOffset{0};
 // Set once the service is destroyed at exit, so that late callers get an error instead
@@ -36,17 +38,17 @@ std::atomic<bool> g_serviceGone{false};
 
 struct Timer {
     uint64_t serial; // unique for the process's life: tells a timer from a reused id
-    Clock::duration period; // zero for a one-shot
+    int64_t periodNs; // zero for a one-shot
     LPTIMECALLBACK proc;
     HANDLE event; // non-null: TIME_CALLBACK_EVENT_SET
     DWORD_PTR user;
 };
 
 struct Due {
-    Clock::time_point when;
+    int64_t whenNs;
     uint64_t serial; // equal deadlines fire in creation order
     UINT id;
-    bool operator>(const Due& o) const { return when != o.when ? when > o.when : serial > o.serial; }
+    bool operator>(const Due& o) const { return whenNs != o.whenNs ? whenNs > o.whenNs : serial > o.serial; }
 };
 
 // Lock order: m_mutex is a leaf; no callback and no other platform call runs under it.
@@ -65,7 +67,7 @@ public:
             std::lock_guard<std::mutex> lock(m_mutex);
             m_stop = true;
         }
-        m_wake.notify_all();
+        m_wake.NotifyAll();
         if (!m_thread.joinable()) return;
         // exit() called from a callback runs this on the timer thread, which then never
         // returns to its loop.
@@ -75,13 +77,13 @@ public:
             m_thread.join();
     }
 
-    UINT Add(Clock::time_point due, Clock::duration period, LPTIMECALLBACK proc, HANDLE event, DWORD_PTR user)
+    UINT Add(int64_t dueNs, int64_t periodNs, LPTIMECALLBACK proc, HANDLE event, DWORD_PTR user)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_stop) return 0;
         if (!m_thread.joinable()) {
             try {
-                m_thread = std::thread([this] { Run(); });
+                m_thread = qxplat::StartClockThread([this] { Run(); });
             } catch (const std::system_error&) {
                 return 0; // no thread to serve it: the timer cannot be made
             }
@@ -93,9 +95,9 @@ public:
         } while (id == 0 || m_timers.count(id) != 0);
         m_lastId = id;
         uint64_t serial = ++m_lastSerial;
-        m_timers.emplace(id, Timer{serial, period, proc, event, user});
-        Push({due, serial, id});
-        if (m_heap.front().serial == serial) m_wake.notify_one();
+        m_timers.emplace(id, Timer{serial, periodNs, proc, event, user});
+        Push({dueNs, serial, id});
+        if (m_heap.front().serial == serial) m_wake.NotifyOne();
         return id;
     }
 
@@ -115,7 +117,7 @@ public:
         // From its own callback: marking it dead is all that can be done, and enough.
         if (std::this_thread::get_id() == m_threadId) return TIMERR_NOERROR;
         ++m_killWaiters;
-        m_finished.wait(lock, [&] { return m_running != serial; });
+        m_finished.Wait(lock, [&] { return m_running != serial; });
         --m_killWaiters;
         return TIMERR_NOERROR;
     }
@@ -158,7 +160,7 @@ private:
         std::unique_lock<std::mutex> lock(m_mutex);
         while (!m_stop) {
             if (m_heap.empty()) {
-                m_wake.wait(lock);
+                m_wake.Wait(lock);
                 continue;
             }
             if (!Live(m_heap.front())) {
@@ -166,16 +168,18 @@ private:
                 if (m_stale > 0) --m_stale;
                 continue;
             }
-            Clock::time_point when = m_heap.front().when;
-            if (Clock::now() < when - kSpin) {
-                m_wake.wait_until(lock, when - kSpin);
+            const int64_t when = m_heap.front().whenNs;
+            // A render's time moves only while this thread waits: no spin there.
+            const int64_t spin = qxplat::RenderClockOn() ? 0 : kSpinNs;
+            if (NowNs() < when - spin) {
+                m_wake.WaitUntil(lock, when - spin);
                 continue;
             }
-            if (Clock::now() < when) {
+            if (NowNs() < when) {
                 // Spin without the lock so that callers are not held up; re-check after,
                 // as the front may have changed meanwhile.
                 lock.unlock();
-                while (Clock::now() < when) std::this_thread::yield();
+                while (NowNs() < when) std::this_thread::yield();
                 lock.lock();
                 continue;
             }
@@ -194,24 +198,24 @@ private:
             if (Live(due)) {
                 // A one-shot stays live until its callback has returned, so that a kill
                 // meanwhile succeeds and waits for it, as for a periodic timer.
-                if (t.period == Clock::duration::zero()) {
+                if (t.periodNs == 0) {
                     m_timers.erase(due.id);
                 } else {
                     // Absolute deadlines keep the grid; ticks missed by a full period or
                     // more are dropped rather than fired in a burst.
-                    Clock::time_point next = due.when + t.period;
-                    Clock::duration behind = Clock::now() - next;
-                    if (behind >= t.period) next += (behind / t.period) * t.period;
+                    int64_t next = due.whenNs + t.periodNs;
+                    const int64_t behind = NowNs() - next;
+                    if (behind >= t.periodNs) next += (behind / t.periodNs) * t.periodNs;
                     Push({next, due.serial, due.id});
                 }
             }
-            if (m_killWaiters > 0) m_finished.notify_all();
+            if (m_killWaiters > 0) m_finished.NotifyAll();
         }
     }
 
     std::mutex m_mutex;
-    std::condition_variable m_wake; // the timer thread: earlier deadline, or stop
-    std::condition_variable m_finished; // killers: the running callback has returned
+    ClockCondition m_wake; // the timer thread: earlier deadline, or stop
+    ClockCondition m_finished; // killers: the running callback has returned
     std::unordered_map<UINT, Timer> m_timers; // the live timers
     std::vector<Due> m_heap; // min-heap; entries of killed timers are skipped
     size_t m_stale = 0;
@@ -228,15 +232,11 @@ private:
 
 DWORD timeGetTime()
 {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    uint64_t ms = static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
-    return static_cast<DWORD>(ms + g_timeOffset.load(std::memory_order_relaxed));
+    return qxplat::MsTimeOf(NowNs());
 }
 
 DWORD qxplat::MsTimeOf(int64_t ns)
 {
-    // NowNs reads the same monotonic clock.
     return static_cast<DWORD>(static_cast<uint64_t>(ns) / 1000000u + g_timeOffset.load(std::memory_order_relaxed));
 }
 
@@ -271,15 +271,15 @@ MMRESULT timeEndPeriod(UINT uPeriod)
 UINT timeSetEvent(UINT uDelay, UINT uResolution, LPTIMECALLBACK lpTimeProc, DWORD_PTR dwUser, UINT fuEvent)
 {
     (void)uResolution;
-    Clock::time_point now = Clock::now();
+    const int64_t now = NowNs();
     constexpr UINT known = TIME_PERIODIC | TIME_CALLBACK_EVENT_SET | TIME_KILL_SYNCHRONOUS;
     if (uDelay < kPeriodMin || uDelay > kPeriodMax || lpTimeProc == nullptr || (fuEvent & ~known) != 0) return 0;
     DWORD fault = 0;
     if (QXFaultCheck("timeSetEvent", &fault)) return 0;
     if (g_serviceGone.load()) return 0;
-    std::chrono::milliseconds delay(uDelay);
+    const int64_t delay = int64_t{uDelay} * 1'000'000;
     HANDLE event = (fuEvent & TIME_CALLBACK_EVENT_SET) != 0 ? reinterpret_cast<HANDLE>(lpTimeProc) : nullptr;
-    Clock::duration period = (fuEvent & TIME_PERIODIC) != 0 ? Clock::duration(delay) : Clock::duration::zero();
+    const int64_t period = (fuEvent & TIME_PERIODIC) != 0 ? delay : 0;
     return TimerService::Instance().Add(now + delay, period, lpTimeProc, event, dwUser);
 }
 

@@ -5,6 +5,7 @@
 #include "platform/kernel/QXWindow.h"
 
 #include "platform/QXFaults.h"
+#include "platform/kernel/QXClock.h"
 #include "platform/kernel/QXKernel.h"
 #include "platform/QXPlatform.h"
 
@@ -25,7 +26,7 @@ namespace {
 
 struct MessageQueue {
     std::mutex mutex;
-    std::condition_variable cv;
+    qxplat::ClockCondition cv;
     std::deque<MSG> messages;
     DWORD threadId = 0;
 };
@@ -105,7 +106,7 @@ bool Post(const std::shared_ptr<MessageQueue>& q, HWND hWnd, UINT msg, WPARAM wP
         std::lock_guard<std::mutex> lock(q->mutex);
         q->messages.push_back(m);
     }
-    q->cv.notify_one();
+    q->cv.NotifyOne();
     return true;
 }
 
@@ -343,7 +344,7 @@ bool TakeMessage(LPMSG lpMsg, HWND hWnd, UINT lo, UINT hi, bool bWait, bool bRem
             return true;
         }
         if (!bWait) return false;
-        q->cv.wait(lock);
+        q->cv.Wait(lock);
     }
 }
 

@@ -4,6 +4,7 @@
 // accumulate drift however long the run; a pause shifts the origin by its length.
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
+#include "platform/kernel/QXClock.h"
 #include "platform/kernel/QXRealtime.h"
 #include "platform/backends/QXBackend.h"
 
@@ -51,7 +52,7 @@ public:
     void Start(HMIDISTRM h)
     {
         m_handle = h;
-        m_thread = std::thread([this] { Run(); });
+        m_thread = qxplat::StartClockThread([this] { Run(); });
         m_threadId = m_thread.get_id();
     }
 
@@ -64,7 +65,7 @@ public:
             std::lock_guard<std::mutex> lock(m_mutex);
             m_bClosing = true;
         }
-        m_cv.notify_one();
+        m_cv.NotifyOne();
         if (m_thread.joinable()) m_thread.join();
     }
 
@@ -126,7 +127,7 @@ public:
             pHdr->dwOffset = 0;
             m_queue.push_back(pHdr);
         }
-        m_cv.notify_one();
+        m_cv.NotifyOne();
         return MMSYSERR_NOERROR;
     }
 
@@ -144,7 +145,7 @@ public:
             m_bPaused = false;
             m_bRunning = true;
         }
-        m_cv.notify_one();
+        m_cv.NotifyOne();
         HoldCpus(true);
     }
 
@@ -184,7 +185,7 @@ public:
             m_port->Cancel();
             for (MIDIHDR* p : returned) p->dwFlags = (p->dwFlags & ~MHDR_INQUEUE) | MHDR_DONE;
         }
-        m_cv.notify_one();
+        m_cv.NotifyOne();
         HoldCpus(false);
         control.unlock(); // a MOM_DONE handler may control the stream again
         // A position callback in progress reads its header, and the owner frees a header
@@ -194,7 +195,7 @@ public:
         if (!returned.empty() && std::this_thread::get_id() != m_threadId) {
             std::unique_lock<std::mutex> lock(m_mutex);
             const uint64_t seq = m_positionSeq;
-            m_positionCv.wait(lock, [&] { return !m_bInPosition || m_positionSeq != seq; });
+            m_positionCv.Wait(lock, [&] { return !m_bInPosition || m_positionSeq != seq; });
         }
         for (MIDIHDR* p : returned) Callback(MOM_DONE, reinterpret_cast<DWORD_PTR>(p), 0);
     }
@@ -329,7 +330,7 @@ private:
         std::unique_lock<std::mutex> lock(m_mutex);
         while (!m_bClosing) {
             if (!m_bRunning) {
-                m_cv.wait(lock);
+                m_cv.Wait(lock);
                 continue;
             }
             const int64_t now = NowNs();
@@ -398,7 +399,7 @@ private:
                     Callback(MOM_POSITIONCB, reinterpret_cast<DWORD_PTR>(c.pHdr), 0);
                     lock.lock();
                     m_bInPosition = false;
-                    m_positionCv.notify_all();
+                    m_positionCv.NotifyAll();
                     continue;
                 }
                 wakeNs = std::min(wakeNs, atNs);
@@ -419,13 +420,14 @@ private:
                 wakeNs = std::min(wakeNs, doneNs);
             }
             if (wakeNs == INT64_MAX) {
-                m_cv.wait(lock);
-            } else if (m_port->LeadNs() > 0) {
+                m_cv.Wait(lock);
+            } else if (m_port->LeadNs() > 0 || qxplat::RenderClockOn()) {
                 // A port that takes messages ahead places them itself: no need to spin,
-                // and spinning at real-time priority would starve its server.
-                m_cv.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(wakeNs)));
+                // and spinning at real-time priority would starve its server. A render's
+                // time moves only while this thread waits.
+                m_cv.WaitUntil(lock, wakeNs);
             } else if (wakeNs - now > kSpinNs) {
-                m_cv.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(wakeNs - kSpinNs)));
+                m_cv.WaitUntil(lock, wakeNs - kSpinNs);
             } else {
                 // Spin to the due time without the lock, so that control calls are not held up.
                 lock.unlock();
@@ -446,7 +448,7 @@ private:
     bool m_bHoldingCpus = false;
 
     std::mutex m_mutex; // everything below but the short-message state
-    std::condition_variable m_cv;
+    qxplat::ClockCondition m_cv;
     std::deque<MIDIHDR*> m_queue; // front: the buffer being played
     std::deque<Finished> m_finished;
     std::deque<Pending> m_callbacks; // position callbacks, in time order
@@ -464,7 +466,7 @@ private:
     bool m_bClosing = false;
     bool m_bInPosition = false; // a position callback is running, without the lock
     uint64_t m_positionSeq = 0; // position callbacks begun
-    std::condition_variable m_positionCv;
+    qxplat::ClockCondition m_positionCv;
     std::thread m_thread;
     std::thread::id m_threadId;
 

@@ -9,6 +9,7 @@
 #include "platform/QXFaults.h"
 #include "platform/QXPlatform.h"
 #include "platform/backends/QXBackend.h"
+#include "platform/kernel/QXClock.h"
 
 #ifdef QUAVIX_HAVE_SAMPLERATE
 #include <samplerate.h>
@@ -30,7 +31,7 @@
 namespace {
 
 constexpr uint32_t kChunkFrames = 1024;
-constexpr auto kPollEvery = std::chrono::milliseconds(5);
+constexpr int64_t kPollEveryNs = 5'000'000;
 // Once an overrun has been told, more of it waits this long before it is told again.
 constexpr auto kOverrunEvery = std::chrono::seconds(1);
 
@@ -104,7 +105,7 @@ public:
 #endif
             m_notes.push_back({WIM_OPEN, 0});
             const uint64_t target = ++m_notesQueued;
-            m_thread = std::thread([this] { Run(); });
+            m_thread = qxplat::StartClockThread([this] { Run(); });
             WaitDelivered(target);
         } catch (const std::exception&) {
             return MMSYSERR_NOMEM;
@@ -158,7 +159,7 @@ public:
 #endif
         }
         m_port->Start();
-        m_wake.notify_all();
+        m_wake.NotifyAll();
     }
 
     // Stop: the buffer being filled comes back if it holds anything. Reset: all of them.
@@ -179,7 +180,7 @@ public:
             target = m_notesQueued;
         }
         m_port->Stop();
-        m_wake.notify_all();
+        m_wake.NotifyAll();
         WaitDelivered(target);
     }
 
@@ -201,7 +202,7 @@ public:
             m_notes.push_back({WIM_CLOSE, 0});
             ++m_notesQueued;
         }
-        m_wake.notify_all();
+        m_wake.NotifyAll();
         m_thread.join();
     }
 
@@ -240,7 +241,7 @@ private:
     {
         if (OnCaptureThread()) return; // it delivers them once the callback returns
         std::unique_lock<std::mutex> lock(m_lock);
-        m_delivered.wait(lock, [&] { return m_notesDone >= target; });
+        m_delivered.Wait(lock, [&] { return m_notesDone >= target; });
     }
 
     // Under m_lock: the front buffer goes back with what it holds.
@@ -266,13 +267,13 @@ private:
                 lock.lock();
                 m_notesDone += batch.size();
                 batch.clear();
-                m_delivered.notify_all();
+                m_delivered.NotifyAll();
                 continue;
             }
             if (m_quit) break;
             if (m_started) Pump();
             if (m_notes.empty())
-                m_wake.wait_for(lock, kPollEvery, [this] { return m_quit || !m_notes.empty(); });
+                m_wake.WaitUntil(lock, qxplat::NowNs() + kPollEveryNs, [this] { return m_quit || !m_notes.empty(); });
         }
     }
 
@@ -428,8 +429,8 @@ private:
 
     std::mutex m_ctl; // orders Start, Halt and Shutdown with the port's Start and Stop
     std::mutex m_lock;
-    std::condition_variable m_wake;
-    std::condition_variable m_delivered;
+    qxplat::ClockCondition m_wake;
+    qxplat::ClockCondition m_delivered;
     // Under m_lock:
     std::deque<LPWAVEHDR> m_queue;
     std::vector<Note> m_notes;

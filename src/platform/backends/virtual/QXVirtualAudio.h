@@ -1,7 +1,8 @@
-// The virtual backend's audio outputs: sinks paced by the steady clock in real time at
-// QUAVIX_VIRTUAL_AUDIO_RATE (default 48000). QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE=PATTERN
+// The virtual backend's audio outputs: sinks paced by the platform clock (real time, or a
+// render's) at QUAVIX_VIRTUAL_AUDIO_RATE (default 48000). QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE=PATTERN
 // ("%d" becomes the output number) writes what output n consumed from the moment its
-// primary buffer started, silence included, as a 16-bit stereo WAV file at that rate;
+// primary buffer started, silence included, as a PCM WAV file at that rate (16-bit stereo
+// unless QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE_FORMAT=BITS:CHANNELS says otherwise);
 // its header is brought up to date at least once a second and when the output closes.
 // An output's clock is exact, so a sound starts a constant latency after its Play: the
 // 20 ms the mixer keeps queued plus one 5 ms mix block.
@@ -9,6 +10,7 @@
 #define QUAVIX_PLATFORM_BACKENDS_VIRTUAL_QXVIRTUALAUDIO_H
 
 #include "platform/backends/QXBackend.h"
+#include "platform/kernel/QXClock.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -44,7 +46,7 @@ private:
     const int64_t m_tickNs;
     std::mutex m_ownerLock; // Start and Stop
     std::mutex m_lock;
-    std::condition_variable m_wake;
+    ClockCondition m_wake;
     bool m_quit = false; // under m_lock
     std::thread m_thread;
 };

@@ -5,6 +5,7 @@
 #include "platform/kernel/QXRealtime.h"
 
 #include <algorithm>
+#include <cmath>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -26,9 +27,36 @@ constexpr uint32_t kTargetMs = 20;      // what the mixer keeps queued
 constexpr int64_t kHeaderEveryNs = 1'000'000'000;
 constexpr uint32_t kChunkFrames = 1024;
 
-// A 16-bit stereo WAV file written through the mmio service.
+// The capture's PCM layout: QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE_FORMAT=BITS:CHANNELS (8, 16,
+// 24 or 32; 1 or 2), 16:2 unless given.
+struct CaptureLayout {
+    WORD bits = 16;
+    WORD channels = 2;
+};
+
+CaptureLayout CaptureLayoutFromEnv()
+{
+    CaptureLayout l;
+    const char* text = std::getenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE_FORMAT");
+    if (text == nullptr || *text == '\0') return l;
+    unsigned bits = 0, channels = 0;
+    char end = 0;
+    if (std::sscanf(text, "%u:%u%c", &bits, &channels, &end) != 2 ||
+        (bits != 8 && bits != 16 && bits != 24 && bits != 32) || channels < 1 || channels > 2) {
+        std::fprintf(stderr, "quavix: ignoring QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE_FORMAT \"%s\" (BITS:CHANNELS); using 16:2\n",
+                     text);
+        return l;
+    }
+    l.bits = static_cast<WORD>(bits);
+    l.channels = static_cast<WORD>(channels);
+    return l;
+}
+
+// A PCM WAV file written through the mmio service from the clipped stereo mix.
 class CaptureFile {
 public:
+    explicit CaptureFile(CaptureLayout layout) : m_layout(layout) {}
+
     bool Open(const std::string& path, DWORD rate)
     {
         std::vector<char> name(path.begin(), path.end());
@@ -41,11 +69,11 @@ public:
         fmt.ckid = mmioFOURCC('f', 'm', 't', ' ');
         WAVEFORMATEX wfx{};
         wfx.wFormatTag = WAVE_FORMAT_PCM;
-        wfx.nChannels = 2;
+        wfx.nChannels = m_layout.channels;
         wfx.nSamplesPerSec = rate;
-        wfx.wBitsPerSample = 16;
-        wfx.nBlockAlign = 4;
-        wfx.nAvgBytesPerSec = rate * 4;
+        wfx.wBitsPerSample = m_layout.bits;
+        wfx.nBlockAlign = static_cast<WORD>(m_layout.channels * m_layout.bits / 8);
+        wfx.nAvgBytesPerSec = rate * wfx.nBlockAlign;
         m_data = {};
         m_data.ckid = mmioFOURCC('d', 'a', 't', 'a');
         if (mmioCreateChunk(m_h, &m_riff, MMIO_CREATERIFF) != MMSYSERR_NOERROR ||
@@ -64,14 +92,25 @@ public:
     void Write(const float* frames, uint32_t n)
     {
         if (m_h == nullptr) return;
-        int16_t pcm[2 * 256];
+        const unsigned bytes = m_layout.bits / 8u, channels = m_layout.channels;
+        unsigned char pcm[256 * 2 * 4];
         while (n > 0) {
             const uint32_t k = std::min<uint32_t>(n, 256);
-            for (uint32_t i = 0; i < 2 * k; ++i) {
-                const float s = std::clamp(frames[i], -1.0f, 1.0f);
-                pcm[i] = static_cast<int16_t>(s < 0 ? s * 32768.0f - 0.5f : s * 32767.0f + 0.5f);
+            unsigned char* p = pcm;
+            for (uint32_t i = 0; i < k; ++i) {
+                const float l = frames[2 * i], r = frames[2 * i + 1];
+                for (unsigned c = 0; c < channels; ++c) {
+                    const float s = std::clamp(channels == 1 ? (l + r) * 0.5f : c == 0 ? l : r, -1.0f, 1.0f);
+                    // Full scale rounded to nearest, the negative side one step longer
+                    // (in float up to 16 bits, where a float holds every step).
+                    const int64_t top = int64_t{1} << (8 * bytes - 1);
+                    int64_t v = bytes <= 2 ? static_cast<int64_t>(s < 0 ? s * top - 0.5f : s * (top - 1) + 0.5f)
+                                           : std::llround(s < 0 ? double{s} * top : double{s} * (top - 1));
+                    if (bytes == 1) v += 128; // 8-bit PCM is unsigned
+                    for (unsigned b = 0; b < bytes; ++b) *p++ = static_cast<unsigned char>(v >> (8 * b));
+                }
             }
-            const LONG cb = static_cast<LONG>(k * 4);
+            const LONG cb = static_cast<LONG>(p - pcm);
             if (mmioWrite(m_h, reinterpret_cast<const char*>(pcm), cb) != cb) {
                 std::fprintf(stderr, "quavix: the virtual wave output's capture file cannot be written\n");
                 Fail();
@@ -112,6 +151,7 @@ private:
         m_h = nullptr;
     }
 
+    const CaptureLayout m_layout;
     HMMIO m_h = nullptr;
     MMCKINFO m_riff{};
     MMCKINFO m_data{};
@@ -244,7 +284,7 @@ private:
     std::atomic<bool> m_captureWanted{false};
     std::atomic<uint64_t> m_underruns{0};
     // The capture belongs to the consumer thread while it runs, to the owner after.
-    CaptureFile m_capture;
+    CaptureFile m_capture{CaptureLayoutFromEnv()};
     bool m_captureTried = false;
     int64_t m_readTotal = 0; // frames read from the ring: the consumer thread's while it runs
 
@@ -299,7 +339,7 @@ void VirtualPacer::Start(const char* pszRealtimeName, Step step, int64_t originN
         std::lock_guard<std::mutex> l(m_lock);
         m_quit = false;
     }
-    m_thread = std::thread(
+    m_thread = StartClockThread(
         [this, pszRealtimeName, originNs, step = std::move(step)] { Run(pszRealtimeName, originNs, step); });
 }
 
@@ -319,7 +359,7 @@ void VirtualPacer::Stop()
         std::lock_guard<std::mutex> l(m_lock);
         m_quit = true;
     }
-    m_wake.notify_all();
+    m_wake.NotifyAll();
     m_thread.join();
 }
 
@@ -333,7 +373,7 @@ void VirtualPacer::Run(const char* pszRealtimeName, int64_t origin, const Step& 
         step(now, static_cast<uint64_t>(std::max<int64_t>(0, FramesIn(now - origin, m_rate))));
         lock.lock();
         const int64_t next = origin + ((now - origin) / m_tickNs + 1) * m_tickNs;
-        m_wake.wait_for(lock, std::chrono::nanoseconds(next - NowNs()), [this] { return m_quit; });
+        m_wake.WaitUntil(lock, next, [this] { return m_quit; });
     }
 }
 

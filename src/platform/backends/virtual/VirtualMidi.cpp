@@ -2,6 +2,7 @@
 // inputs deliver on a thread of their own, as a device driver's callback would.
 #include "platform/backends/virtual/QXVirtualPorts.h"
 
+#include "platform/kernel/QXClock.h"
 #include "platform/kernel/QXRealtime.h"
 
 #include <condition_variable>
@@ -34,7 +35,7 @@ class VirtualMidiIn final : public MidiInPort {
 public:
     VirtualMidiIn(int n, MidiInSink* pSink) : m_n(n), m_pSink(pSink)
     {
-        m_thread = std::thread([this] { Run(); });
+        m_thread = StartClockThread([this] { Run(); });
     }
 
     ~VirtualMidiIn() override
@@ -47,7 +48,7 @@ public:
             std::lock_guard<std::mutex> lock(m_mutex);
             m_bQuit = true;
         }
-        m_cv.notify_one();
+        m_cv.NotifyOne();
         m_thread.join(); // the sink is called no more once the port is gone
     }
 
@@ -57,7 +58,7 @@ public:
             std::lock_guard<std::mutex> lock(m_mutex);
             m_queue.push_back({timeNs, timeNs, std::vector<BYTE>(pData, pData + cb)});
         }
-        m_cv.notify_one();
+        m_cv.NotifyOne();
     }
 
 private:
@@ -66,7 +67,7 @@ private:
         MakeRealtimeThread("qx-virtual-in"); // as a driver's input callback thread runs
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
-            m_cv.wait(lock, [this] { return m_bQuit || !m_queue.empty(); });
+            m_cv.Wait(lock, [this] { return m_bQuit || !m_queue.empty(); });
             if (m_bQuit) return;
             VirtualMidiMessage m = std::move(m_queue.front());
             m_queue.pop_front();
@@ -79,7 +80,7 @@ private:
     int m_n;
     MidiInSink* m_pSink;
     std::mutex m_mutex;
-    std::condition_variable m_cv;
+    ClockCondition m_cv;
     std::deque<VirtualMidiMessage> m_queue;
     bool m_bQuit = false;
     std::thread m_thread;
