@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -44,6 +45,10 @@ constexpr int64_t kMarginNs = 20'000'000;
 constexpr int64_t kWithdrawWaitNs = 50'000'000;
 // A due time this far past (or 0: at once) has no frame to keep.
 constexpr int64_t kStaleNs = 1'000'000'000;
+// FluidSynth renders 64 frames at a time and acts on a message at the next such block.
+constexpr uint64_t kSynthGrid = 64;
+// Below this the synth is silent: its grid may move without a sound being cut.
+constexpr float kSilence = 1e-5f;
 
 std::string SoundFontPath()
 {
@@ -178,7 +183,7 @@ public:
     {
         const int64_t until = NowNs() + timeoutNs;
         while (Before(m_cancelsDone.load(std::memory_order_acquire), n) && NowNs() < until)
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
+            ClockSleepFor(200'000);
         return m_appliedDueNs.load(std::memory_order_acquire);
     }
 
@@ -199,6 +204,7 @@ public:
                     next = static_cast<uint32_t>(std::min<int64_t>(offset, nFrames));
                     break;
                 }
+                if (e.slot < 0 && (e.msg[0] & 0xF0) == 0x90 && e.msg[2] != 0) Rephase();
                 Apply(e);
                 ++head;
             }
@@ -303,13 +309,30 @@ private:
         if (nFrames == 0) return;
         float* s = m_scratch.get();
         fluid_synth_write_float(m_synth, static_cast<int>(nFrames), s, 0, 2, s, 1, 2);
+        m_synthFrames += nFrames;
         const DWORD v = m_volume.load(std::memory_order_relaxed);
         const float left = m_master * static_cast<float>(v & 0xFFFF) / 65535.0f;
         const float right = m_master * static_cast<float>(v >> 16) / 65535.0f;
+        float peak = 0;
         for (size_t i = 0; i < size_t{nFrames} * 2; i += 2) {
             pOut[i] += left * s[i];
             pOut[i + 1] += right * s[i + 1];
+            peak = std::max({peak, std::fabs(s[i]), std::fabs(s[i + 1])});
         }
+        m_lastPeak = peak;
+    }
+
+    // A note that starts out of silence starts on its own frame: the synth's grid is
+    // moved there by rendering silence that is thrown away. So later notes keep their
+    // distance from it to the frame, whenever the performance started against the
+    // output's frame count (which real time decides).
+    void Rephase()
+    {
+        const uint64_t k = (kSynthGrid - m_synthFrames % kSynthGrid) % kSynthGrid;
+        if (k == 0 || m_lastPeak >= kSilence || fluid_synth_get_active_voice_count(m_synth) != 0) return;
+        float* s = m_scratch.get();
+        fluid_synth_write_float(m_synth, static_cast<int>(k), s, 0, 2, s, 1, 2);
+        m_synthFrames += k;
     }
 
     fluid_settings_t* m_settings = nullptr;
@@ -338,6 +361,8 @@ private:
     uint32_t m_dropBefore = 0;
     bool m_dropping = false;
     float m_master = 1.0f; // the GM master volume
+    uint64_t m_synthFrames = 0; // what FluidSynth rendered, thrown away or not
+    float m_lastPeak = 0; // of the last frames rendered
 };
 
 // A closed synth's engine, kept with its SoundFont for the next open of the same font at
