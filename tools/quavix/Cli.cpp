@@ -4,6 +4,7 @@
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/synth/QXSynth.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "platform/kernel/QXClock.h"
 
 #include <algorithm>
 #include <cctype>
@@ -429,11 +430,11 @@ int InterruptedStatus()
 
 bool SleepUnlessInterrupted(int ms)
 {
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    const int64_t until = qxplat::NowNs() + int64_t{ms} * 1'000'000;
     while (!Interrupted() && !g_serverLost.load()) {
-        const auto now = std::chrono::steady_clock::now();
+        const int64_t now = qxplat::NowNs();
         if (now >= until) return true;
-        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(until - now, std::chrono::milliseconds(20)));
+        qxplat::ClockSleepFor(std::min<int64_t>(until - now, 20'000'000));
     }
     return false;
 }

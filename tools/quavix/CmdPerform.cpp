@@ -5,6 +5,7 @@
 
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/synth/QXSynth.h"
+#include "platform/kernel/QXClock.h"
 
 #include <algorithm>
 #include <chrono>
@@ -14,9 +15,6 @@
 #include <mutex>
 #include <new>
 #include <sys/stat.h>
-#include <thread>
-
-#include <chrono>
 #include <thread>
 
 namespace qxcli {
@@ -219,14 +217,45 @@ bool ParseAudio(const std::string& cmd, const std::string& arg, WaveItem& item)
 
 } // namespace
 
-int RunPerform(int argc, char** argv)
+// quavix render: the same performance on the render clock, through the synth, into a
+// file: what real-time playback on the virtual backend would have mixed.
+bool PrepareRender(const std::string& cmd, const Args& args)
 {
-    const std::string cmd = "perform";
-    Args args(cmd, {"output", "tempo-scale", "capture", "capture-times", "audio", "wave-out", "render"});
+    if (args.Positional().size() != 2)
+        return Fail(cmd, "needs a FILE.mid to play and an OUT.wav to write", kExitUsage), false;
+    unsigned rate = 48000, bits = 16, channels = 2;
+    char end = 0;
+    const std::string format = args.Get("format", "48000:16:2");
+    if (std::sscanf(format.c_str(), "%u:%u:%u%c", &rate, &bits, &channels, &end) != 3 || rate < 8000 ||
+        rate > 192000 || (bits != 8 && bits != 16 && bits != 24 && bits != 32) || channels < 1 || channels > 2) {
+        Fail(cmd,
+             "--format takes RATE:BITS:CHANNELS (8000 to 192000 Hz, 8, 16, 24 or 32 bits, 1 or 2 channels), not '" +
+                 format + "'",
+             kExitUsage);
+        return false;
+    }
+    // Read by the virtual backend when it starts, which comes after this.
+    setenv("QUAVIX_BACKEND", "virtual", 1);
+    setenv("QUAVIX_VIRTUAL_AUDIO_RATE", std::to_string(rate).c_str(), 1);
+    setenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE_FORMAT", (std::to_string(bits) + ":" + std::to_string(channels)).c_str(), 1);
+    if (!QXUseRenderClock()) return Fail(cmd, "cannot render: the library's clock already runs"), false;
+    return true;
+}
+
+int Perform(const std::string& cmd, int argc, char** argv)
+{
+    const bool bRenderClock = cmd == "render";
+    Args args = bRenderClock ? Args(cmd, {"tempo-scale", "audio", "format"})
+                             : Args(cmd, {"output", "tempo-scale", "capture", "capture-times", "audio", "wave-out", "render"});
     if (!args.Parse(argc, argv)) return kExitUsage;
     if (args.Help()) return PrintHelp(cmd);
-    if (args.Positional().size() != 1)
+    if (bRenderClock) {
+        if (!PrepareRender(cmd, args)) return kExitUsage;
+    } else if (args.Positional().size() != 1) {
         return Fail(cmd, args.Positional().empty() ? "needs a FILE.mid to play" : "plays one file at a time", kExitUsage);
+    }
+    const std::string renderPath = bRenderClock ? args.Positional()[1] : args.Get("render");
+    const bool bRender = !renderPath.empty();
     int nOutput = 0, nWaveOut = 0;
     double scale = 1.0;
     bool bDue = false;
@@ -238,12 +267,12 @@ int RunPerform(int argc, char** argv)
         waveItems.push_back(std::make_unique<WaveItem>());
         if (!ParseAudio(cmd, arg, *waveItems.back())) return kExitUsage;
     }
-    const bool bWave = !waveItems.empty() || args.Has("render");
+    const bool bWave = !waveItems.empty() || bRender;
     {
         std::vector<std::string> inputs{args.Positional()[0]};
         for (const auto& item : waveItems) inputs.push_back(item->path);
-        for (const char* output : {"render", "capture"})
-            if (args.Has(output) && !CheckNotAnInput(cmd, args.Get(output), inputs)) return kExitUsage;
+        if (bRender && !CheckNotAnInput(cmd, renderPath, inputs)) return kExitUsage;
+        if (args.Has("capture") && !CheckNotAnInput(cmd, args.Get("capture"), inputs)) return kExitUsage;
     }
 
     const std::string path = args.Positional()[0];
@@ -254,16 +283,18 @@ int RunPerform(int argc, char** argv)
     WaveRender render;
     Session session;
     const bool bBegun = session.Begin(args, QX_INIT_MIDI | (bWave ? QX_INIT_WAVE : 0u), [&](const Session& s) {
-        if (!args.Has("render")) return kExitOk;
+        if (!bRender) return kExitOk;
         if (!s.IsVirtual())
             return Fail(cmd, "--render writes what a virtual wave output mixed: it needs the virtual backend", kExitUsage);
-        return render.Prepare(cmd, args.Get("render")) ? kExitOk : kExitFailure;
+        return render.Prepare(cmd, renderPath) ? kExitOk : kExitFailure;
     });
     if (!bBegun) return session.FailStatus();
     const bool bCapture = args.Has("capture");
     // Heard without a choice: the synth when nothing outside would sound (a capture
     // wants the virtual output that logs).
     if (!args.Has("output") && !bCapture) nOutput = qxplat::DefaultMidiOut();
+    if (bRenderClock && !qxplat::IsSynthMidiOut(nOutput))
+        return Fail(cmd, "cannot render without the GM synth: " + qxplat::SynthUnavailableReason());
     if (!session.CheckDevice(QX_DEVTYPE_MIDI, QX_DEVDIR_OUT, nOutput)) return kExitFailure;
     if (bWave && !session.CheckDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, nWaveOut)) return kExitFailure;
     if (bCapture && !session.IsVirtual())
@@ -334,6 +365,7 @@ int RunPerform(int argc, char** argv)
         return Fail(cmd, "cannot start MIDI output " + std::to_string(nOutput) + (why.empty() ? "" : ": " + why));
     }
     const int64_t startNs = qxplat::NowNs();
+    const auto wallStart = std::chrono::steady_clock::now();
     const bool bSynth = qxplat::IsSynthMidiOut(nOutput);
     const uint64_t lateBefore = qxplat::SynthLateMessages();
     PeakMeter peak(nWaveOut);
@@ -403,7 +435,7 @@ int RunPerform(int argc, char** argv)
     }
     if (bInterrupted) {
         q->OnPanicButton();
-        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        qxplat::ClockSleepFor(150'000'000);
         q->StopDevices();
     }
     q->CloseDevices();
@@ -418,7 +450,13 @@ int RunPerform(int argc, char** argv)
 
     std::printf("%s\n", bInterrupted ? "Stopped (interrupted); the output was silenced." : "Summary:");
     std::printf("  events    %zu of %zu sent\n", sent, total);
-    std::printf("  duration  %.1f s of music, played in %.1f s\n", endMs / 1000.0, elapsed / 1000.0);
+    if (bRenderClock) {
+        const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
+        std::printf("  duration  %.1f s of music, rendered in %.2f s (%.0fx real time)\n", endMs / 1000.0, wall,
+                    wall > 0 ? elapsed / 1000.0 / wall : 0.0);
+    } else {
+        std::printf("  duration  %.1f s of music, played in %.1f s\n", endMs / 1000.0, elapsed / 1000.0);
+    }
     if (!waveItems.empty())
         std::printf("  audio     %zu of %s played, peak L %s dBFS, R %s dBFS\n", waveItems.size() - wavesFailed,
                     qxsmf::Counted(waveItems.size(), "wave file").c_str(), PeakMeter::FormatDb(peak.MaxDb(0)).c_str(),
@@ -462,13 +500,23 @@ int RunPerform(int argc, char** argv)
     if (render.Active()) {
         double seconds = 0;
         if (!render.Finish(error, seconds)) return Fail(cmd, error);
-        std::printf("  render    %s (%.1f s, 16-bit stereo)\n", args.Get("render").c_str(), seconds);
+        std::printf("  render    %s (%.1f s, %s)\n", renderPath.c_str(), seconds, render.Format().c_str());
     }
     std::fflush(stdout);
     if (lostNs != 0)
         return Fail(cmd, "MIDI output " + std::to_string(nOutput) + " (" + outName + ") went away during the performance");
     if (bInterrupted) return InterruptedStatus();
     return wavesFailed > 0 ? kExitFailure : kExitOk;
+}
+
+int RunPerform(int argc, char** argv)
+{
+    return Perform("perform", argc, argv);
+}
+
+int RunRender(int argc, char** argv)
+{
+    return Perform("render", argc, argv);
 }
 
 } // namespace qxcli

@@ -6,6 +6,7 @@ namespace qxcli {
 
 int RunDevices(int argc, char** argv);
 int RunPerform(int argc, char** argv);
+int RunRender(int argc, char** argv);
 int RunPlay(int argc, char** argv);
 int RunRecord(int argc, char** argv);
 int RunSyncSlave(int argc, char** argv);

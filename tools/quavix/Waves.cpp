@@ -313,8 +313,9 @@ bool WaveRender::Finish(std::string& error, double& seconds)
         error = "cannot write " + m_file.Path() + ": the render was cut short";
         return false;
     }
-    const uint32_t rate = Le32(h + 24);
-    seconds = rate != 0 ? static_cast<double>(Le32(h + 40)) / (4.0 * rate) : 0.0;
+    const uint32_t rate = Le32(h + 24), align = h[32] | h[33] << 8, bits = h[34] | h[35] << 8;
+    seconds = rate != 0 && align != 0 ? static_cast<double>(Le32(h + 40)) / (1.0 * align * rate) : 0.0;
+    m_format = std::to_string(bits) + "-bit " + (h[22] == 1 ? "mono" : "stereo");
     return m_file.Finish(error);
 }
 

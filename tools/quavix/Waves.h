@@ -95,10 +95,13 @@ public:
     // After the devices closed: checks what the output wrote and puts it in place.
     bool Finish(std::string& error, double& seconds);
     const std::string& Path() const { return m_file.Path(); }
+    // What Finish found, e.g. "16-bit stereo".
+    const std::string& Format() const { return m_format; }
 
 private:
     OutputFile m_file;
     std::string m_written;
+    std::string m_format;
 };
 
 } // namespace qxcli

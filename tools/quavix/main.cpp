@@ -42,6 +42,28 @@ Synth", heard on wave output 0), else on output 0; with --capture, on output 0.
   --render OUT.wav      virtual backend: write what the wave output mixed
 )",
          RunPerform},
+        {"render", "render a Standard MIDI File to a WAV file, faster than real time",
+         R"(Usage: quavix render FILE.mid OUT.wav [--audio FILE.wav[@MS]]... [--format R:B:C]
+                            [--tempo-scale X]
+
+Plays a Standard MIDI File through the performance engine and the built-in GM synth
+("Quavix GM Synth") as quavix perform would on the virtual backend, but on a clock that
+runs as fast as the CPU allows, and writes what the wave output mixed to OUT.wav: the
+same sound at the same frames as real-time playback, in a fraction of the time. The
+file is written beside OUT.wav and renamed over it once whole, so a render that fails
+leaves no partial file. The SoundFont is QUAVIX_SOUNDFONT, else the system's
+default-GM.sf2.
+
+  --audio FILE.wav[@MS] also play a wave file, from MS milliseconds of the performance
+                        (default 0, a whole number), in time with the MIDI; may be
+                        given again
+  --format R:B:C        PCM format of OUT.wav: rate 8000 to 192000 Hz, 8, 16, 24 or 32
+                        bits, 1 or 2 channels (default 48000:16:2)
+  --tempo-scale X       play X times as fast (0.05 to 20; 2 is twice as fast)
+
+Example: quavix render song.mid song.wav --audio intro.wav@0
+)",
+         RunRender},
         {"play", "play wave files together, at once or at their times",
          R"(Usage: quavix play FILE.wav [FILE OPTIONS] [FILE.wav [FILE OPTIONS]]... [--out N]
 
