@@ -953,7 +953,10 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
     // time than it said), so it is asked again before every top-up.
     auto target = [&] { return std::min(std::max(pPort->TargetFrames(), m_blockFrames), ring.Capacity() - m_blockFrames); };
     std::vector<float> block(size_t{m_blockFrames} * 2);
-    const int64_t napNs = std::max<int64_t>(500'000, int64_t{m_blockFrames} * 500'000'000 / m_rate);
+    // Half a block; in a render, where every wake-up costs a hand-over between threads,
+    // two blocks: the target still outlasts it, and no frame depends on when it mixes.
+    const int64_t napNs = RenderClockOn() ? int64_t{m_blockFrames} * 2'000'000'000 / m_rate
+                                          : std::max<int64_t>(500'000, int64_t{m_blockFrames} * 500'000'000 / m_rate);
     // Every block goes into the ring whole (the target leaves a block free), so the
     // frames written are the ring's write position.
     BlockClock clock{pPort, 0};
@@ -964,6 +967,10 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
             // Only what the target lacks (in steps of at least a few dozen frames): a
             // whole block on top of a nearly full ring would add up to 5 ms of latency.
             const uint32_t n = std::min(m_blockFrames, std::max(want - readable, std::min(kMinMixFrames, m_blockFrames)));
+            // In a render, after whatever else happens at this moment: a message or a
+            // start handed over now is then in this block whatever the threads' order.
+            m_threadWake.Settle(lock);
+            if (m_quit) break;
             lock.unlock();
             MixBlock(block.data(), n, &clock);
             clock.firstFrame += ring.Write(block.data(), n);

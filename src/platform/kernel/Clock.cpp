@@ -37,6 +37,7 @@ struct RenderClock {
     std::atomic<int64_t> nowNs{0};
     int busy = 0; // threads taking part that are not waiting
     std::vector<ClockCondition::Waiter*> timed;
+    std::vector<ClockCondition::Waiter*> settling; // woken before time moves
 
     static RenderClock& Get()
     {
@@ -53,6 +54,7 @@ struct RenderClock {
         auto& list = w->cond->m_waiters;
         list.erase(std::find(list.begin(), list.end(), w));
         if (w->dueNs != INT64_MAX) timed.erase(std::find(timed.begin(), timed.end(), w));
+        settling.erase(std::remove(settling.begin(), settling.end(), w), settling.end());
         w->cv.notify_one();
     }
 
@@ -60,7 +62,12 @@ struct RenderClock {
     // waits for it wakes. With no due time at all, nothing can happen any more.
     void Advance()
     {
-        if (busy != 0 || timed.empty()) return;
+        if (busy != 0) return;
+        if (!settling.empty()) {
+            while (!settling.empty()) Wake(settling.front(), false);
+            return;
+        }
+        if (timed.empty()) return;
         int64_t next = INT64_MAX;
         for (auto* w : timed) next = std::min(next, w->dueNs);
         if (next > nowNs.load()) nowNs.store(next, std::memory_order_release);
@@ -140,7 +147,7 @@ std::thread StartClockThread(std::function<void()> body)
     }
 }
 
-bool ClockCondition::RenderWaitUntil(Relock& user, int64_t dueNs)
+bool ClockCondition::RenderWaitUntil(Relock& user, int64_t dueNs, bool bSettle)
 {
     RenderClock& c = RenderClock::Get();
     Waiter w(this, dueNs, t_takesPart);
@@ -148,6 +155,7 @@ bool ClockCondition::RenderWaitUntil(Relock& user, int64_t dueNs)
     if (dueNs <= c.nowNs.load()) return false;
     m_waiters.push_back(&w);
     if (dueNs != INT64_MAX) c.timed.push_back(&w);
+    if (bSettle) c.settling.push_back(&w);
     user.Release(); // the clock's lock is held: no notification falls in between
     if (w.takesPart) c.Idle();
     w.cv.wait(clock, [&] { return w.woken; });

@@ -57,7 +57,17 @@ public:
     {
         if (!RenderClockOn()) return RealWaitUntil(lock, dueNs);
         Unlocker<Lock> u{lock};
-        return RenderWaitUntil(u, dueNs);
+        return RenderWaitUntil(u, dueNs, false);
+    }
+    // Under the render clock, a wait that also ends once every other thread taking part
+    // waits, before time moves: what they hand over at this moment is then in. Elsewhere
+    // returns at once.
+    template <class Lock>
+    void Settle(Lock& lock)
+    {
+        if (!RenderClockOn()) return;
+        Unlocker<Lock> u{lock};
+        RenderWaitUntil(u, INT64_MAX, true);
     }
     template <class Lock, class Pred>
     bool WaitUntil(Lock& lock, int64_t dueNs, Pred pred)
@@ -92,7 +102,7 @@ private:
         using namespace std::chrono;
         return m_cv.wait_until(lock, steady_clock::time_point(nanoseconds(dueNs))) == std::cv_status::no_timeout;
     }
-    bool RenderWaitUntil(Relock& lock, int64_t dueNs);
+    bool RenderWaitUntil(Relock& lock, int64_t dueNs, bool bSettle);
 
     std::condition_variable_any m_cv; // real time
     std::vector<Waiter*> m_waiters; // render time, under the clock's lock

@@ -24,6 +24,7 @@ namespace {
 // How long before a due time the thread stops sleeping and spins: sleeping to the very
 // moment wakes it tens to hundreds of microseconds late.
 constexpr int64_t kSpinNs = 200'000;
+constexpr int64_t kRenderBatchNs = 10'000'000;
 
 // Short-message length from its status byte (running status resolved by the caller).
 size_t ShortLength(BYTE status)
@@ -363,7 +364,15 @@ private:
                 // Every event is taken one lead ahead, also those that only take time, so
                 // that the next buffer's first message is not held back; what must happen
                 // at the very moment (position callbacks, returned buffers) is queued.
-                const int64_t handNs = dueNs - m_port->LeadNs();
+                const int64_t leadNs = m_port->LeadNs();
+                int64_t handNs = dueNs - leadNs;
+                // A render hands them over a batch at a time, each a batch earlier: every
+                // wake-up there is a hand-over between threads, and the port places
+                // what it takes ahead by its due time anyway.
+                if (leadNs > 0 && qxplat::RenderClockOn()) {
+                    handNs -= kRenderBatchNs;
+                    if (handNs > now) handNs = (handNs / kRenderBatchNs + 1) * kRenderBatchNs;
+                }
                 if (handNs > now) {
                     wakeNs = std::min(wakeNs, handNs);
                 } else {

@@ -23,6 +23,9 @@ namespace {
 std::atomic<uint64_t> g_underrunFramesAll{0};
 
 constexpr int64_t kTickNs = 5'000'000;  // the sink consumes every 5 ms
+// A render's, in fewer and larger steps (each a hand-over between threads); the mixer's
+// target still outlasts one.
+constexpr int64_t kRenderTickNs = 10'000'000;
 constexpr uint32_t kTargetMs = 20;      // what the mixer keeps queued
 constexpr int64_t kHeaderEveryNs = 1'000'000'000;
 constexpr uint32_t kChunkFrames = 1024;
@@ -298,7 +301,7 @@ private:
     std::atomic<int64_t> m_clockBase{0};
 
     std::vector<float> m_chunk = std::vector<float>(2 * kChunkFrames); // the consumer thread's
-    VirtualPacer m_pacer{m_rate, kTickNs};                              // last: stopped first
+    VirtualPacer m_pacer{m_rate, RenderClockOn() ? kRenderTickNs : kTickNs}; // last: stopped first
 };
 
 } // namespace
