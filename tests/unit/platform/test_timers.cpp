@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -64,10 +63,11 @@ struct Probe {
 
 } // namespace
 
-TEST(Timer, PeriodicKeepsAbsoluteDeadlinesSkipsMissedTicksAndStopsWhenKilled)
+// In real time (the render clock's tests judge the timers' logic to the moment): a tick
+// never comes before its deadline, and the callback's own 12 ms do not push the grid,
+// so the typical gap stays 20 ms, not 32. A run the machine held up is tried again.
+TEST(Timer, PeriodicNeverFiresEarlyAndKeepsItsGridInRealTime)
 {
-    // The callback's own 12 ms must not push the grid: the typical gap stays 20 ms, not
-    // 32. A run the machine held up is tried again.
     Clock::duration median{};
     for (int attempt = 0; attempt < 3 && (attempt == 0 || median >= 26ms); ++attempt) {
         Probe p;
@@ -88,65 +88,4 @@ TEST(Timer, PeriodicKeepsAbsoluteDeadlinesSkipsMissedTicksAndStopsWhenKilled)
         EXPECT_EQ(p.Count(), n);
     }
     EXPECT_LT(median, 26ms);
-
-    // A callback held up 200 ms: of the 15 deadlines up to 300 ms, the 9 behind by a full
-    // period are dropped instead of fired in a burst.
-    Probe late;
-    late.hook = [](UINT, size_t n) { if (n == 1) std::this_thread::sleep_for(200ms); };
-    UINT id = late.Arm(20, TIME_PERIODIC);
-    ASSERT_TRUE(late.WaitFor(1));
-    std::this_thread::sleep_for(400ms);
-    ASSERT_EQ(timeKillEvent(id), TIMERR_NOERROR);
-    EXPECT_LE(std::count_if(late.times.begin(), late.times.end(), [&](auto t) { return t <= late.times[0] + 300ms; }),
-              10);
-}
-
-// Callbacks run off the caller's thread with no lock of the service held; a kill from
-// outside waits for the running callback; a one-shot fires once and is gone.
-TEST(Timer, KillWaitsForTheRunningCallbackAndCallbacksMayArmAndKill)
-{
-    for (UINT flags : {TIME_ONESHOT, TIME_PERIODIC}) {
-        Probe p;
-        std::atomic<bool> finished{false};
-        p.hook = [&](UINT, size_t) { std::this_thread::sleep_for(100ms), finished = true; };
-        UINT id = p.Arm(1, flags);
-        ASSERT_TRUE(p.WaitFor(1));
-        EXPECT_EQ(timeKillEvent(id), TIMERR_NOERROR);
-        EXPECT_TRUE(finished.load()) << flags;
-        EXPECT_EQ(p.Count(), 1u);
-    }
-    Probe p, inner, victim;
-    UINT victimId = victim.Arm(100, TIME_ONESHOT);
-    std::atomic<MMRESULT> killedVictim{~0u}, killedSelf{~0u};
-    p.hook = [&](UINT id, size_t n) {
-        if (n < 3) return;
-        inner.Arm(5, TIME_ONESHOT);
-        killedVictim = timeKillEvent(victimId);
-        killedSelf = timeKillEvent(id);
-    };
-    UINT id = p.Arm(5, TIME_PERIODIC);
-    ASSERT_TRUE(inner.WaitFor(1));
-    std::this_thread::sleep_for(150ms);
-    EXPECT_EQ(p.Count(), 3u);
-    EXPECT_EQ(victim.Count(), 0u);
-    EXPECT_EQ(inner.Count(), 1u);
-    EXPECT_NE(inner.thread, std::this_thread::get_id());
-    EXPECT_EQ(killedVictim.load(), TIMERR_NOERROR);
-    EXPECT_EQ(killedSelf.load(), TIMERR_NOERROR);
-    EXPECT_EQ(timeKillEvent(id), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(timeKillEvent(inner.ids[0]), MMSYSERR_INVALPARAM) << "a one-shot that fired is gone";
-}
-
-TEST(Timer, TimeGetTimeWrapsAt32BitsKeepingElapsedTime)
-{
-    QXSetTimeOffset(0);
-    QXSetTimeOffset(0u - 50u - timeGetTime());
-    const DWORD first = timeGetTime();
-    EXPECT_GT(first, 0xFFFFFF00u);
-    for (Clock::time_point giveUp = Clock::now() + 10s; timeGetTime() >= first && Clock::now() < giveUp;)
-        std::this_thread::sleep_for(1ms);
-    const DWORD after = timeGetTime();
-    QXSetTimeOffset(0);
-    EXPECT_LT(after, first);
-    EXPECT_LT(static_cast<DWORD>(after - first), 5000u);
 }

@@ -5,6 +5,7 @@
 #include "platform/QXPlatform.h"
 #include "platform/backends/synth/QXSynth.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "platform/kernel/QXClock.h"
 #include "platform/dsound/QXDSound.h"
 #include "platform/midi/QXMidiCalls.h"
 #include "unit/wavefile/WaveTestUtil.h"
@@ -68,7 +69,7 @@ public:
     // at which the output was mixing at whenNs in *pAt.
     std::vector<float> Heard(int tailMs, int64_t whenNs, long* pAt, std::vector<float>* pRight = nullptr)
     {
-        std::this_thread::sleep_for(std::chrono::milliseconds(tailMs));
+        qxplat::ClockSleepFor(int64_t{tailMs} * 1'000'000);
         const int64_t closedNs = qxplat::NowNs();
         Close();
         const std::string path = m_base + "-0.wav", f = wavetest::Slurp(path);
@@ -128,7 +129,7 @@ TEST(Synth, StopPanicAndResetSilenceAHeldNoteWithinAPeriod)
         SynthRun run;
         ASSERT_TRUE(run.Opened());
         run.Play({{0, 0x10C0}, {40, 0x005BB0}, {40, 0x005DB0}, {50, 0x6E3C90}, {3050, 0x003C80}});
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        qxplat::ClockSleepFor(500'000'000);
         const int64_t sentNs = qxplat::NowNs();
         for (DWORD m : c.msgs) EXPECT_EQ(midiOutShortMsg(run.Out(), m), 0u);
         EXPECT_EQ(c.msgs.empty() ? midiStreamStop(reinterpret_cast<HMIDISTRM>(run.Out())) : 0u, 0u);
@@ -154,12 +155,12 @@ TEST(Synth, APauseSilencesItAndTheRestartPlaysWhatItTookBack)
     ASSERT_TRUE(run.Opened());
     const int64_t startNs = qxplat::NowNs();
     run.Play({{0, 0x10C0}, {40, 0x005BB0}, {40, 0x005DB0}, {50, 0x6E3C90}, {535, 0x6E4390}, {3050, 0x003C80}});
-    std::this_thread::sleep_for(std::chrono::milliseconds(500)); // the note at 535 ms is handed over by now
+    qxplat::ClockSleepFor(500'000'000); // the note at 535 ms is handed over by now
     const auto stream = reinterpret_cast<HMIDISTRM>(run.Out());
     EXPECT_EQ(midiStreamPause(stream), 0u);
     const int64_t pausedNs = qxplat::NowNs();
     const bool bBeforeTheNote = pausedNs - startNs < 530'000'000; // else a busy machine was late
-    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    qxplat::ClockSleepFor(800'000'000);
     EXPECT_EQ(midiStreamRestart(stream), 0u);
     long at = 0;
     const std::vector<float> x = run.Heard(400, pausedNs, &at);
@@ -191,7 +192,7 @@ TEST(Synth, DeviceAndMasterVolumeScaleItsSound)
         EXPECT_EQ(caps.dwSupport & (MIDICAPS_VOLUME | MIDICAPS_LRVOLUME), MIDICAPS_VOLUME | MIDICAPS_LRVOLUME);
         const int64_t startNs = qxplat::NowNs();
         run.Play({{40, 0x005BB0}, {40, 0x005DB0}, {100, 0x644590}, {400, 0x4580}, {900, 0x644590}, {1200, 0x4580}});
-        std::this_thread::sleep_for(std::chrono::milliseconds(650));
+        qxplat::ClockSleepFor(650'000'000);
         if (device) {
             EXPECT_EQ(midiOutSetVolume(run.Out(), 0xFFFF8000u), 0u);
             DWORD v = 0;
