@@ -1,6 +1,7 @@
 // The GM synth through `quavix perform --output <synth>` on the virtual backend, heard in
 // the --render file and judged by tools not written here: aubio's onset detector says
-// where notes and wave clicks start; the spectrum tells programs apart.
+// where notes and wave clicks start; the spectrum tells programs apart. And `quavix
+// render`, which must be that performance frame for frame, and fail cleanly.
 #include "CliRunner.h"
 
 #include <gtest/gtest.h>
@@ -170,6 +171,103 @@ TEST(CliSynth, WithoutASoundFontTheSynthIsMissingAndDevicesSaysWhy)
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.ErrLines().size(), 1u) << r.err;
     EXPECT_NE(r.err.find("no MIDI output " + std::to_string(n)), std::string::npos) << r.err;
+}
+
+// The frames from the first sound on.
+std::vector<float> FromFirstSound(const Wav& w)
+{
+    size_t first = 0;
+    while (first < w.x.size() && w.x[first] == 0) ++first;
+    return {w.x.begin() + std::ptrdiff_t(first / w.channels * w.channels), w.x.end()};
+}
+
+// Notes on two channels from 240 ms on (none within the synth's lead of the start, which
+// could not be placed ahead), a click as a wave event at 300 and 2000 ms, and a 44.1 kHz
+// mono tone that the mixer resamples, at 1000 ms. Real time starts the performance a
+// few frames after the output, wherever the machine's start took it, and a render at
+// the output's first frame: so the files are compared from their first sound on. The
+// reverb (which the drum kit sends to by itself) is modulated from FluidSynth's own first
+// frame, so where it sounds the two differ by a step or two of the 16-bit sample; an
+// event a frame off would differ by hundreds.
+TEST(CliRender, IsThePerformanceOfRealTimeFrameForFrame)
+{
+    Song song;
+    for (uint64_t t = 240, k = 0; t < 2600; t += 37 + 61 * (k % 4), ++k) {
+        const uint8_t ch = k % 3 == 0 ? 9 : 0, key = uint8_t(k % 3 == 0 ? 42 + k % 5 : 55 + (k * 7) % 24);
+        song.insert(song.end(), {{t, {uint8_t(0x90 | ch), key, 100}}, {t + 90 + 40 * (k % 5), {uint8_t(0x80 | ch), key, 0}}});
+    }
+    std::stable_sort(song.begin(), song.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<float> burst(4000);
+    for (size_t i = 0; i < burst.size(); ++i) burst[i] = float(0.4 * std::sin(double(i) / 3) * std::exp(-double(i) / 900));
+    const std::string click = TempPath("click.wav");
+    ASSERT_TRUE(analysis::WriteWav(click, 48000, 2, burst));
+    const std::vector<std::string> audio = {click + "@300", WriteTone("tone.wav", 330, 0.5, 0.3, 44100) + "@1000",
+                                            click + "@2000"};
+    std::string late;
+    const std::vector<float> played = FromFirstSound(Render(song, audio, true, &late));
+
+    song.insert(song.begin(), kDry.begin(), kDry.end());
+    const std::string out = TempPath("rendered.wav");
+    std::vector<std::string> args{"render", WriteSong(qxsmf::FromMilliseconds(song), "render.mid"), out};
+    for (const std::string& a : audio) args.insert(args.end(), {"--audio", a});
+    const CliResult r = RunCli(args, kFont);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("x real time)"), std::string::npos) << r.out;
+    const std::vector<float> rendered = FromFirstSound(ReadWav(out));
+    ASSERT_GT(rendered.size(), 2u * 48000 * 2);
+    const size_t n = std::min(played.size(), rendered.size());
+    EXPECT_LT(std::max(played.size(), rendered.size()) - n, 2u * 48000 / 10) << "the files' lengths differ by more than the start";
+    size_t differ = 0, firstDiff = n;
+    for (size_t i = 0; i < n; ++i)
+        if (std::fabs(played[i] - rendered[i]) > 2.5f / 32768) differ++, firstDiff = std::min(firstDiff, i);
+    EXPECT_EQ(differ, 0u) << "of " << n / 2 << " frames; the first at frame " << firstDiff / 2 << " from the first sound ("
+                          << late << ")";
+}
+
+// A render that cannot be made says why in one line, exits 1 and leaves nothing behind.
+TEST(CliRender, FailsInOneLineAndLeavesNoFile)
+{
+    const std::string song = WriteSong(qxsmf::FromMilliseconds({{0, {0x90, 60, 100}}, {500, {0x80, 60, 0}}}), "ok.mid");
+    const std::string broken = TempPath("broken.mid"), notADir = TempPath("plain");
+    ASSERT_TRUE(WriteBytes(broken, {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 1, 0, 9}));
+    ASSERT_TRUE(WriteBytes(notADir, {1}));
+    struct Case {
+        const char* what;
+        std::string mid, says;
+        std::vector<std::string> env;
+        bool bOutUnder = true; // the output goes in a folder of its own, which must stay empty
+    } cases[] = {
+        {"a broken file", broken, "broken.mid", kFont},
+        {"no SoundFont", song, "GM synth", {"QUAVIX_SOUNDFONT=/nonexistent/gm.sf2"}},
+        {"an unwritable output", song, "cannot write", kFont, false},
+    };
+    for (const Case& c : cases) {
+        const std::string dir = TempPath("out");
+        std::filesystem::create_directory(dir);
+        const std::string out = c.bOutUnder ? dir + "/x.wav" : notADir + "/x.wav";
+        const CliResult r = RunCli({"render", c.mid, out}, c.env);
+        EXPECT_EQ(r.status, 1) << c.what << ": " << r.err;
+        ASSERT_EQ(r.ErrLines().size(), 1u) << c.what << ": " << r.err;
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << c.what << ": " << r.err;
+        EXPECT_TRUE(DirEntries(dir).empty()) << c.what << ": " << DirEntries(dir)[0];
+    }
+}
+
+// --format sets the file's rate, sample size and channels; mono is both sides' mean.
+TEST(CliRender, WritesTheFormatAskedFor)
+{
+    const std::string song = WriteSong(qxsmf::FromMilliseconds({{100, {0x90, 69, 100}}, {600, {0x80, 69, 0}}}), "a.mid");
+    for (const char* format : {"44100:24:1", "96000:32:2"}) {
+        const std::string out = TempPath("format.wav");
+        const CliResult r = RunCli({"render", song, out, "--format", format}, kFont);
+        ASSERT_EQ(r.status, 0) << format << ": " << r.err;
+        const Wav w = ReadWav(out);
+        unsigned rate = 0, bits = 0, channels = 0;
+        std::sscanf(format, "%u:%u:%u", &rate, &bits, &channels);
+        EXPECT_EQ(std::vector<unsigned>({w.rate, w.bits, w.channels}), std::vector<unsigned>({rate, bits, channels})) << format;
+        EXPECT_GT(w.Seconds(), 0.6) << format;
+        EXPECT_GT(Level(w, 0, 440, 200, 500), 10 * Level(w, 0, 466, 200, 500)) << format << ": no A4 in it";
+    }
 }
 
 } // namespace
