@@ -14,8 +14,9 @@ namespace {
 
 using Song = std::vector<std::pair<uint64_t, std::vector<uint8_t>>>;
 const std::vector<std::string> kFont = {"QUAVIX_SOUNDFONT=/usr/share/sounds/sf2/TimGM6mb.sf2"};
-// No reverb or chorus on the channels played, so that notes end in silence.
-const Song kDry = {{0, {0xB9, 91, 0}}, {0, {0xB9, 93, 0}}, {0, {0xB0, 91, 0}}, {0, {0xB0, 93, 0}}};
+// No reverb or chorus on the channels played, so that notes end in silence. At 100 ms: a
+// message due at the very start comes after its frame was mixed, and is counted late.
+const Song kDry = {{100, {0xB9, 91, 0}}, {100, {0xB9, 93, 0}}, {100, {0xB0, 91, 0}}, {100, {0xB0, 93, 0}}};
 
 // The synth's number as `quavix devices` lists it, -1 when it is not listed.
 int SynthOutput(const std::vector<std::string>& env)
@@ -41,6 +42,7 @@ Wav Render(Song song, const std::vector<std::string>& audio = {}, bool bChoose =
     EXPECT_EQ(r.status, 0) << r.err;
     const size_t late = r.out.find("lateness  ");
     if (pLate != nullptr) *pLate = late == std::string::npos ? "" : r.out.substr(late, r.out.find('\n', late) - late);
+    if (pLate != nullptr && r.out.find("underrun  ") != std::string::npos) *pLate += "; the output ran dry";
     return ReadWav(out);
 }
 
@@ -203,8 +205,13 @@ TEST(CliRender, IsThePerformanceOfRealTimeFrameForFrame)
     ASSERT_TRUE(analysis::WriteWav(click, 48000, 2, burst));
     const std::vector<std::string> audio = {click + "@300", WriteTone("tone.wav", 330, 0.5, 0.3, 44100) + "@1000",
                                             click + "@2000"};
+    // Real time is the reference only where the library says it kept time.
     std::string late;
-    const std::vector<float> played = FromFirstSound(Render(song, audio, true, &late));
+    std::vector<float> played;
+    for (int attempt = 0; attempt < 4 && (attempt == 0 || late.find("lateness  none") != 0 || late.find("dry") != std::string::npos); ++attempt)
+        played = FromFirstSound(Render(song, audio, true, &late));
+    if (late.find("lateness  none") != 0 || late.find("dry") != std::string::npos)
+        GTEST_SKIP() << "real time never kept time on this machine: " << late;
 
     song.insert(song.begin(), kDry.begin(), kDry.end());
     const std::string out = TempPath("rendered.wav");
@@ -213,6 +220,9 @@ TEST(CliRender, IsThePerformanceOfRealTimeFrameForFrame)
     const CliResult r = RunCli(args, kFont);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("x real time)"), std::string::npos) << r.out;
+    const Bytes first = ReadBytes(out);
+    ASSERT_EQ(RunCli(args, kFont).status, 0);
+    EXPECT_TRUE(ReadBytes(out) == first) << "two renders of one performance differ";
     const std::vector<float> rendered = FromFirstSound(ReadWav(out));
     ASSERT_GT(rendered.size(), 2u * 48000 * 2);
     const size_t n = std::min(played.size(), rendered.size());

@@ -434,7 +434,9 @@ bool SleepUnlessInterrupted(int ms)
     while (!Interrupted() && !g_serverLost.load()) {
         const int64_t now = qxplat::NowNs();
         if (now >= until) return true;
-        qxplat::ClockSleepFor(std::min<int64_t>(until - now, 20'000'000));
+        // A render has no Ctrl-C to wait for between its moments, and each wake-up there
+        // costs a hand-over between threads.
+        qxplat::ClockSleepFor(qxplat::RenderClockOn() ? until - now : std::min<int64_t>(until - now, 20'000'000));
     }
     return false;
 }

@@ -5,6 +5,7 @@
 
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/synth/QXSynth.h"
+#include "platform/backends/virtual/QXVirtual.h"
 #include "platform/kernel/QXClock.h"
 
 #include <algorithm>
@@ -476,6 +477,10 @@ int Perform(const std::string& cmd, int argc, char** argv)
     } else {
         std::printf("  lateness  not measured on the %s backend\n", session.Backend().c_str());
     }
+    // A virtual output that ran dry put silence in, and everything after it came later.
+    if (const uint64_t dry = bWave && session.IsVirtual() ? qxplat::VirtualAudioUnderrunFramesAll() : 0; dry > 0)
+        std::printf("  underrun  the wave output ran dry: %llu frames of silence went in\n",
+                    static_cast<unsigned long long>(dry));
     if (song.Info().metaSkipped + song.Info().dropped > 0)
         std::printf("  skipped   %s, %s\n", qxsmf::Counted(song.Info().metaSkipped, "meta event").c_str(),
                     qxsmf::Counted(song.Info().dropped, "malformed or incomplete message").c_str());

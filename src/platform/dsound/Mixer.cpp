@@ -953,10 +953,9 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
     // time than it said), so it is asked again before every top-up.
     auto target = [&] { return std::min(std::max(pPort->TargetFrames(), m_blockFrames), ring.Capacity() - m_blockFrames); };
     std::vector<float> block(size_t{m_blockFrames} * 2);
-    // Half a block; in a render, where every wake-up costs a hand-over between threads,
-    // two blocks: the target still outlasts it, and no frame depends on when it mixes.
-    const int64_t napNs = RenderClockOn() ? int64_t{m_blockFrames} * 2'000'000'000 / m_rate
-                                          : std::max<int64_t>(500'000, int64_t{m_blockFrames} * 500'000'000 / m_rate);
+    // Half a block, or a render's step.
+    const bool bRender = RenderClockOn();
+    const int64_t napNs = std::max<int64_t>(500'000, int64_t{m_blockFrames} * 500'000'000 / m_rate);
     // Every block goes into the ring whole (the target leaves a block free), so the
     // frames written are the ring's write position.
     BlockClock clock{pPort, 0};
@@ -977,7 +976,7 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
             lock.lock();
             continue;
         }
-        m_threadWake.WaitUntil(lock, NowNs() + napNs, [this] { return m_quit; });
+        m_threadWake.WaitUntil(lock, bRender ? NextRenderStep(NowNs()) : NowNs() + napNs, [this] { return m_quit; });
     }
 }
 

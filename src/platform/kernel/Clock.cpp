@@ -106,7 +106,9 @@ bool UseRenderClock()
     std::lock_guard<std::mutex> lock(c.lock);
     if (g_renderOn.load()) return t_takesPart;
     if (g_threadStarted.load()) return false;
-    c.nowNs.store(SteadyNs());
+    // From a whole second on: where the render's steps fall against what it does then
+    // depends on nothing that differs from run to run.
+    c.nowNs.store((SteadyNs() / 1'000'000'000 + 1) * 1'000'000'000);
     c.busy = 1;
     t_takesPart = true;
     g_renderOn.store(true, std::memory_order_release);

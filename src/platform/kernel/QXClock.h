@@ -25,7 +25,7 @@ namespace qxplat {
 int64_t NowNs();
 
 // From now on the process runs on the render clock, starting at the real time of this
-// call, and the caller takes part. Only before any platform thread has started: false
+// call rounded up to a whole second, and the caller takes part. Only before any platform thread has started: false
 // (and no change) after.
 bool UseRenderClock();
 bool RenderClockOn();
@@ -108,6 +108,16 @@ private:
     std::vector<Waiter*> m_waiters; // render time, under the clock's lock
     friend struct RenderClock;
 };
+
+// A render's heartbeat: the virtual output consumes, and the mixer looks, at every
+// multiple of it, the mixer after the output (see Settle). Each wake-up in a render is a
+// hand-over between threads, so it is coarser than real time's; the mixer's target still
+// outlasts it.
+constexpr int64_t kRenderStepNs = 10'000'000;
+inline int64_t NextRenderStep(int64_t nowNs)
+{
+    return (nowNs / kRenderStepNs + 1) * kRenderStepNs;
+}
 
 // Sleeps to a platform time, or for a span of it.
 void ClockSleepUntil(int64_t dueNs);

@@ -24,7 +24,7 @@ namespace {
 // How long before a due time the thread stops sleeping and spins: sleeping to the very
 // moment wakes it tens to hundreds of microseconds late.
 constexpr int64_t kSpinNs = 200'000;
-constexpr int64_t kRenderBatchNs = 10'000'000;
+constexpr int64_t kRenderBatchNs = 20'000'000;
 
 // Short-message length from its status byte (running status resolved by the caller).
 size_t ShortLength(BYTE status)

@@ -22,10 +22,7 @@ namespace {
 
 std::atomic<uint64_t> g_underrunFramesAll{0};
 
-constexpr int64_t kTickNs = 5'000'000;  // the sink consumes every 5 ms
-// A render's, in fewer and larger steps (each a hand-over between threads); the mixer's
-// target still outlasts one.
-constexpr int64_t kRenderTickNs = 10'000'000;
+constexpr int64_t kTickNs = 5'000'000;  // the sink consumes every 5 ms (a render: see kRenderStepNs)
 constexpr uint32_t kTargetMs = 20;      // what the mixer keeps queued
 constexpr int64_t kHeaderEveryNs = 1'000'000'000;
 constexpr uint32_t kChunkFrames = 1024;
@@ -184,6 +181,7 @@ public:
         if (m_running) return;
         m_running = true;
         m_feeding = m_tap != nullptr && m_tap->AttachOutput(this, m_rate);
+        m_fed = false;
         // What the consumer counts begins anew at every start; the ring's position goes on.
         const int64_t origin = NowNs();
         PublishClock(origin, m_readTotal);
@@ -260,10 +258,14 @@ private:
             m_readTotal += got;
             if (got < want) {
                 std::fill(m_chunk.begin() + 2 * got, m_chunk.begin() + 2 * want, 0.0f);
-                m_underruns.fetch_add(want - got);
-                g_underrunFramesAll.fetch_add(want - got, std::memory_order_relaxed);
+                // The silence before the first mix is the start, not the mixer coming late.
+                if (m_fed) {
+                    m_underruns.fetch_add(want - got);
+                    g_underrunFramesAll.fetch_add(want - got, std::memory_order_relaxed);
+                }
                 underrun = true;
             }
+            if (got > 0) m_fed = true;
             // The one clip of the mix, for the capture and a loopback alike.
             for (uint32_t i = 0; i < 2 * want; ++i) m_chunk[i] = std::clamp(m_chunk[i], -1.0f, 1.0f);
             if (m_feeding) m_tap->Feed(m_chunk.data(), want);
@@ -290,6 +292,7 @@ private:
     CaptureFile m_capture{CaptureLayoutFromEnv()};
     bool m_captureTried = false;
     int64_t m_readTotal = 0; // frames read from the ring: the consumer thread's while it runs
+    bool m_fed = false;      // since the start, the ring gave frames: likewise
 
     std::mutex m_ownerLock; // Start and Stop
     bool m_running = false; // under m_ownerLock
@@ -301,7 +304,7 @@ private:
     std::atomic<int64_t> m_clockBase{0};
 
     std::vector<float> m_chunk = std::vector<float>(2 * kChunkFrames); // the consumer thread's
-    VirtualPacer m_pacer{m_rate, RenderClockOn() ? kRenderTickNs : kTickNs}; // last: stopped first
+    VirtualPacer m_pacer{m_rate, kTickNs}; // last: stopped first
 };
 
 } // namespace
@@ -375,7 +378,7 @@ void VirtualPacer::Run(const char* pszRealtimeName, int64_t origin, const Step& 
         const int64_t now = NowNs();
         step(now, static_cast<uint64_t>(std::max<int64_t>(0, FramesIn(now - origin, m_rate))));
         lock.lock();
-        const int64_t next = origin + ((now - origin) / m_tickNs + 1) * m_tickNs;
+        const int64_t next = RenderClockOn() ? NextRenderStep(now) : origin + ((now - origin) / m_tickNs + 1) * m_tickNs;
         m_wake.WaitUntil(lock, next, [this] { return m_quit; });
     }
 }
