@@ -49,6 +49,8 @@ constexpr int64_t kStaleNs = 1'000'000'000;
 constexpr uint64_t kSynthGrid = 64;
 // Below this the synth is silent: its grid may move without a sound being cut.
 constexpr float kSilence = 1e-5f;
+// The longest an engine put aside renders what still sounds into nothing.
+constexpr uint32_t kSpareDrainSeconds = 5;
 
 std::string SoundFontPath()
 {
@@ -96,7 +98,7 @@ public:
     static std::unique_ptr<SynthEngine> Create(DWORD rate, uint32_t maxFrames, const std::string& soundFont)
     {
         if (!LooksLikeSoundFont(soundFont)) return nullptr;
-        std::unique_ptr<SynthEngine> e(new SynthEngine(maxFrames));
+        std::unique_ptr<SynthEngine> e(new SynthEngine(maxFrames, rate));
         e->m_settings = new_fluid_settings();
         if (e->m_settings == nullptr) return nullptr;
         fluid_settings_setnum(e->m_settings, "synth.sample-rate", static_cast<double>(rate));
@@ -164,6 +166,13 @@ public:
         m_volume.store(0xFFFFFFFFu);
         m_master = 1.0f;
         fluid_synth_system_reset(m_synth);
+        // What the reset leaves sounding (the rest of a block rendered before, voices
+        // and effects dying away) is rendered into nothing, so that the next user of
+        // the engine starts in silence.
+        Discard((kSynthGrid - m_synthFrames % kSynthGrid) % kSynthGrid);
+        for (uint64_t n = 0; n < uint64_t{kSpareDrainSeconds} * m_rate && Discard(m_maxFrames) >= kSilence;)
+            n += m_maxFrames;
+        m_lastPeak = 0;
     }
 
     void SetVolume(DWORD dwVolume) { m_volume.store(dwVolume, std::memory_order_relaxed); }
@@ -216,8 +225,8 @@ public:
     }
 
 private:
-    explicit SynthEngine(uint32_t maxFrames)
-        : m_ring(new Event[kQueueSize]), m_pending(new Event[kQueueSize]), m_scratch(new float[size_t{maxFrames} * 2])
+    SynthEngine(uint32_t maxFrames, DWORD rate)
+        : m_ring(new Event[kQueueSize]), m_pending(new Event[kQueueSize]), m_scratch(new float[size_t{maxFrames} * 2]), m_maxFrames(maxFrames), m_rate(rate)
     {
     }
 
@@ -329,10 +338,22 @@ private:
     void Rephase()
     {
         const uint64_t k = (kSynthGrid - m_synthFrames % kSynthGrid) % kSynthGrid;
-        if (k == 0 || m_lastPeak >= kSilence || fluid_synth_get_active_voice_count(m_synth) != 0) return;
+        if (k != 0 && m_lastPeak < kSilence && fluid_synth_get_active_voice_count(m_synth) == 0) Discard(k);
+    }
+
+    // Renders frames into nothing; returns their peak.
+    float Discard(uint64_t nFrames)
+    {
         float* s = m_scratch.get();
-        fluid_synth_write_float(m_synth, static_cast<int>(k), s, 0, 2, s, 1, 2);
-        m_synthFrames += k;
+        float peak = 0;
+        for (uint64_t n = 0; n < nFrames;) {
+            const auto k = static_cast<int>(std::min<uint64_t>(nFrames - n, m_maxFrames));
+            fluid_synth_write_float(m_synth, k, s, 0, 2, s, 1, 2);
+            for (int i = 0; i < 2 * k; ++i) peak = std::max(peak, std::fabs(s[i]));
+            n += static_cast<uint64_t>(k);
+        }
+        m_synthFrames += nFrames;
+        return peak;
     }
 
     fluid_settings_t* m_settings = nullptr;
@@ -357,6 +378,8 @@ private:
     std::unique_ptr<Event[]> m_pending; // sorted by due time
     size_t m_pendingCount = 0;
     std::unique_ptr<float[]> m_scratch;
+    const uint32_t m_maxFrames;
+    const DWORD m_rate;
     uint32_t m_cancelsSeen = 0;
     uint32_t m_dropBefore = 0;
     bool m_dropping = false;
