@@ -389,11 +389,15 @@ int Perform(const std::string& cmd, int argc, char** argv)
     bool bInterrupted = false, bStalled = false, bServerLost = false;
     double elapsed = 0;
     size_t sent = 0;
+    // Counted from the first look on: before the mixer's first block the output plays
+    // the silence of its start.
+    uint64_t dryBefore = UINT64_MAX;
     for (;;) {
         if (!SleepUnlessInterrupted(50)) {
             (Interrupted() ? bInterrupted : bServerLost) = true;
             break;
         }
+        if (dryBefore == UINT64_MAX) dryBefore = qxplat::VirtualAudioUnderrunFramesAll();
         elapsed = static_cast<double>(qxplat::NowNs() - startNs) / 1e6;
         if (bLogged) {
             drainLog(true);
@@ -478,7 +482,10 @@ int Perform(const std::string& cmd, int argc, char** argv)
         std::printf("  lateness  not measured on the %s backend\n", session.Backend().c_str());
     }
     // A virtual output that ran dry put silence in, and everything after it came later.
-    if (const uint64_t dry = bWave && session.IsVirtual() ? qxplat::VirtualAudioUnderrunFramesAll() : 0; dry > 0)
+    if (const uint64_t dry = bWave && session.IsVirtual() && dryBefore != UINT64_MAX
+                                 ? qxplat::VirtualAudioUnderrunFramesAll() - dryBefore
+                                 : 0;
+        dry > 0)
         std::printf("  underrun  the wave output ran dry: %llu frames of silence went in\n",
                     static_cast<unsigned long long>(dry));
     if (song.Info().metaSkipped + song.Info().dropped > 0)

@@ -181,7 +181,6 @@ public:
         if (m_running) return;
         m_running = true;
         m_feeding = m_tap != nullptr && m_tap->AttachOutput(this, m_rate);
-        m_fed = false;
         // What the consumer counts begins anew at every start; the ring's position goes on.
         const int64_t origin = NowNs();
         PublishClock(origin, m_readTotal);
@@ -258,14 +257,10 @@ private:
             m_readTotal += got;
             if (got < want) {
                 std::fill(m_chunk.begin() + 2 * got, m_chunk.begin() + 2 * want, 0.0f);
-                // The silence before the first mix is the start, not the mixer coming late.
-                if (m_fed) {
-                    m_underruns.fetch_add(want - got);
-                    g_underrunFramesAll.fetch_add(want - got, std::memory_order_relaxed);
-                }
+                m_underruns.fetch_add(want - got);
+                g_underrunFramesAll.fetch_add(want - got, std::memory_order_relaxed);
                 underrun = true;
             }
-            if (got > 0) m_fed = true;
             // The one clip of the mix, for the capture and a loopback alike.
             for (uint32_t i = 0; i < 2 * want; ++i) m_chunk[i] = std::clamp(m_chunk[i], -1.0f, 1.0f);
             if (m_feeding) m_tap->Feed(m_chunk.data(), want);
@@ -292,7 +287,6 @@ private:
     CaptureFile m_capture{CaptureLayoutFromEnv()};
     bool m_captureTried = false;
     int64_t m_readTotal = 0; // frames read from the ring: the consumer thread's while it runs
-    bool m_fed = false;      // since the start, the ring gave frames: likewise
 
     std::mutex m_ownerLock; // Start and Stop
     bool m_running = false; // under m_ownerLock
