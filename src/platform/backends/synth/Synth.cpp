@@ -407,7 +407,6 @@ Spare& TheSpare()
 
 void KeepSpare(std::unique_ptr<SynthEngine> engine, const std::string& path, DWORD rate, uint32_t frames)
 {
-    engine->Reset();
     Spare& spare = TheSpare();
     std::lock_guard<std::mutex> lock(spare.lock);
     spare.engine = std::move(engine); // one is enough: a second open loads its own
@@ -421,6 +420,8 @@ std::unique_ptr<SynthEngine> TakeSpare(const std::string& path, DWORD rate, uint
     Spare& spare = TheSpare();
     std::lock_guard<std::mutex> lock(spare.lock);
     if (!spare.engine || spare.path != path || spare.rate != rate || spare.frames != frames) return nullptr;
+    // Reset when taken, not when kept: a program that ends does not drain it for no one.
+    spare.engine->Reset();
     return std::move(spare.engine);
 }
 
