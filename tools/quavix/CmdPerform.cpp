@@ -235,6 +235,8 @@ bool PrepareRender(const std::string& cmd, const Args& args)
              kExitUsage);
         return false;
     }
+    if (args.Has("backend") && args.Get("backend") != "virtual" && args.Get("backend") != "auto")
+        return Fail(cmd, "renders on the virtual backend only (a device keeps real time)", kExitUsage), false;
     // Read by the virtual backend when it starts, which comes after this.
     setenv("QUAVIX_BACKEND", "virtual", 1);
     setenv("QUAVIX_VIRTUAL_AUDIO_RATE", std::to_string(rate).c_str(), 1);
