@@ -961,15 +961,16 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
     BlockClock clock{pPort, 0};
     std::unique_lock<std::mutex> lock(m_threadLock);
     while (!m_quit) {
+        // In a render, after whatever else happens at this moment: the output has taken
+        // its frames, and a message or a start handed over now is in the next block,
+        // whatever the threads' order.
+        m_threadWake.Settle(lock);
+        if (m_quit) break;
         const uint32_t readable = ring.Readable(), want = target();
         if (readable < want) {
             // Only what the target lacks (in steps of at least a few dozen frames): a
             // whole block on top of a nearly full ring would add up to 5 ms of latency.
             const uint32_t n = std::min(m_blockFrames, std::max(want - readable, std::min(kMinMixFrames, m_blockFrames)));
-            // In a render, after whatever else happens at this moment: a message or a
-            // start handed over now is then in this block whatever the threads' order.
-            m_threadWake.Settle(lock);
-            if (m_quit) break;
             lock.unlock();
             MixBlock(block.data(), n, &clock);
             clock.firstFrame += ring.Write(block.data(), n);

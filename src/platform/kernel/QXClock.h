@@ -111,9 +111,9 @@ private:
 
 // A render's heartbeat: the virtual output consumes, and the mixer looks, at every
 // multiple of it, the mixer after the output (see Settle). Each wake-up in a render is a
-// hand-over between threads, so it is coarser than real time's; the mixer's target still
-// outlasts it.
-constexpr int64_t kRenderStepNs = 10'000'000;
+// hand-over between threads, so it is coarser than real time's; the virtual output's
+// target in a render (30 ms) outlasts it at any rate.
+constexpr int64_t kRenderStepNs = 20'000'000;
 inline int64_t NextRenderStep(int64_t nowNs)
 {
     return (nowNs / kRenderStepNs + 1) * kRenderStepNs;

@@ -22,8 +22,9 @@ namespace {
 
 std::atomic<uint64_t> g_underrunFramesAll{0};
 
-constexpr int64_t kTickNs = 5'000'000;  // the sink consumes every 5 ms (a render: see kRenderStepNs)
+constexpr int64_t kTickNs = 5'000'000; // the sink consumes every 5 ms (a render: see kRenderStepNs)
 constexpr uint32_t kTargetMs = 20;      // what the mixer keeps queued
+constexpr uint32_t kRenderTargetMs = 30; // in a render: more than its step
 constexpr int64_t kHeaderEveryNs = 1'000'000'000;
 constexpr uint32_t kChunkFrames = 1024;
 
@@ -172,7 +173,7 @@ public:
     }
 
     DWORD Rate() const override { return m_rate; }
-    uint32_t TargetFrames() const override { return m_rate * kTargetMs / 1000; }
+    uint32_t TargetFrames() const override { return m_rate * (RenderClockOn() ? kRenderTargetMs : kTargetMs) / 1000; }
     AudioRing& Ring() override { return m_ring; }
 
     void Start() override
