@@ -59,10 +59,7 @@ inline CliResult RunCli(const std::vector<std::string>& args, const std::vector<
 }
 
 // A fresh path of this test program's own.
-inline std::string TempPath(const std::string& name)
-{
-    return harness::Temp(name);
-}
+inline std::string TempPath(const std::string& name) { return harness::Temp(name); }
 
 const std::string kDemo = std::string(QUAVIX_SOURCE_DIR) + "/examples/quavix-demo.mid";
 

@@ -172,10 +172,7 @@ inline double ToneSnr(const std::vector<float>& x, double freq, double rate)
     return 10 * std::log10(sig / std::max(noise, 1e-30));
 }
 
-inline bool Signalled(HANDLE h)
-{
-    return WaitForSingleObject(h, 0) == WAIT_OBJECT_0;
-}
+inline bool Signalled(HANDLE h) { return WaitForSingleObject(h, 0) == WAIT_OBJECT_0; }
 
 } // namespace dstest
 

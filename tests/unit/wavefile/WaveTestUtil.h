@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -163,13 +162,7 @@ inline std::string Slurp(const std::string& path)
 // Entries of a /proc folder: open files or threads of this process.
 inline size_t CountEntries(const char* folder)
 {
-    size_t n = 0;
-    if (DIR* d = opendir(folder)) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.') ++n;
-        closedir(d);
-    }
-    return n;
+    return size_t(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 inline size_t OpenFdCount() { return CountEntries("/proc/self/fd"); }
 inline size_t ThreadCount() { return CountEntries("/proc/self/task"); }
@@ -219,39 +212,6 @@ protected:
     std::string m_dir;
 };
 
-// What devices report while it lives: (code, value) pairs and the file names.
-class Reports {
-public:
-    Reports()
-    {
-        s_pActive = this;
-        QXGetSharedNotify()->SetNotificationCallback(&Reports::Proc, 0);
-    }
-    ~Reports()
-    {
-        QXGetSharedNotify()->SetNotificationCallback(nullptr, 0);
-        s_pActive = nullptr;
-    }
-    std::vector<std::string> Names() const { return m_names; } // since the last Take
-    std::vector<std::pair<DWORD, DWORD>> Take()
-    {
-        m_names.clear();
-        return std::exchange(m_reports, {});
-    }
-
-private:
-    // Files report from the thread that uses them: the test's own.
-    static void Proc(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
-    {
-        s_pActive->m_reports.emplace_back(dwCode, dwValue);
-        s_pActive->m_names.emplace_back(dwDevice != 0 ? reinterpret_cast<const char*>(dwDevice) : "");
-    }
-
-    static inline Reports* s_pActive = nullptr;
-    std::vector<std::pair<DWORD, DWORD>> m_reports;
-    std::vector<std::string> m_names;
-};
-
 using Got = std::vector<std::pair<DWORD, DWORD>>;
 
 // Reports from any thread, with their device, since the last Take.
@@ -281,6 +241,14 @@ struct ReportLog {
     static inline std::mutex s_mutex;
     static inline Log s_got;
 };
+
+// The codes and values of ReportLog::Take.
+inline Got TakeCodes()
+{
+    Got got;
+    for (const auto& [code, value, device] : ReportLog::Take()) got.emplace_back(code, value);
+    return got;
+}
 
 } // namespace wavetest
 

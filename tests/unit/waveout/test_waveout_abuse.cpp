@@ -101,10 +101,7 @@ void DeleteFromDone(DWORD_PTR dwUser, DWORD)
     ++own->done;
 }
 
-void CountDone(DWORD_PTR dwUser, DWORD)
-{
-    ++reinterpret_cast<OwnPlayer*>(dwUser)->done;
-}
+void CountDone(DWORD_PTR dwUser, DWORD) { ++reinterpret_cast<OwnPlayer*>(dwUser)->done; }
 
 } // namespace
 
