@@ -214,33 +214,32 @@ protected:
 
 using Got = std::vector<std::pair<DWORD, DWORD>>;
 
-// Reports from any thread, with their device, since the last Take.
-using Report = std::tuple<DWORD, DWORD, DWORD_PTR>;
-using Log = std::vector<Report>;
-struct ReportLog {
-    static void Proc(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
+// Calls of a callback from any thread, since the last Take.
+template <class... Args> struct CallLog {
+    using Call = std::tuple<Args...>;
+    static void Proc(Args... args)
     {
         std::lock_guard<std::mutex> lock(s_mutex);
-        s_got.emplace_back(dwCode, dwValue, dwDevice);
+        s_got.emplace_back(args...);
     }
-    static Log Take()
+    static std::vector<Call> Take()
     {
         std::lock_guard<std::mutex> lock(s_mutex);
         return std::exchange(s_got, {});
     }
-    static Log Peek()
+    static std::vector<Call> Peek()
     {
         std::lock_guard<std::mutex> lock(s_mutex);
         return s_got;
     }
-    static bool Has(const Report& r)
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        return std::find(s_got.begin(), s_got.end(), r) != s_got.end();
-    }
     static inline std::mutex s_mutex;
-    static inline Log s_got;
+    static inline std::vector<Call> s_got;
 };
+
+// Reports (code, value, device).
+using ReportLog = CallLog<DWORD, DWORD, DWORD_PTR>;
+using Report = ReportLog::Call;
+using Log = std::vector<Report>;
 
 // The codes and values of ReportLog::Take.
 inline Got TakeCodes()

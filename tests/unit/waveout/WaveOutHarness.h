@@ -17,32 +17,13 @@ namespace wotest {
 
 using namespace wavetest;
 
-// Done callbacks: (user value, player handle), from any thread.
-struct DoneLog {
-    using Call = std::pair<DWORD_PTR, DWORD>;
-    static void Proc(DWORD_PTR dwUser, DWORD dwPlayer)
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        s_calls.emplace_back(dwUser, dwPlayer);
-    }
-    static std::vector<Call> Calls()
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        return s_calls;
-    }
-    static size_t Count() { return Calls().size(); }
-    static void Clear()
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        s_calls.clear();
-    }
-    static inline std::mutex s_mutex;
-    static inline std::vector<Call> s_calls;
-};
+// Done callbacks: (user value, player handle).
+using DoneLog = CallLog<DWORD_PTR, DWORD>;
 
 inline bool Reported(DWORD code, HRESULT hr, DWORD_PTR device)
 {
-    return ReportLog::Has({code, static_cast<DWORD>(hr), device});
+    const Log log = ReportLog::Peek();
+    return std::find(log.begin(), log.end(), Report{code, static_cast<DWORD>(hr), device}) != log.end();
 }
 
 // A manager with nWaveOut virtual outputs, made by Init and torn down after; nothing
@@ -61,7 +42,7 @@ protected:
             ASSERT_EQ(q->StartDevices(), 1);
         }
         ReportLog::Take();
-        DoneLog::Clear();
+        DoneLog::Take();
     }
     void TearDown() override
     {
