@@ -27,13 +27,9 @@ struct CliResult {
 
 // When to send the child a signal: once `when` holds (polled), or after `ms` without one.
 struct Interrupt {
-    Interrupt(int ms_ = 0, int signal_ = 2, std::function<bool()> when_ = {})
-        : ms(ms_), signal(signal_), when(std::move(when_))
-    {
-    }
-    int ms;
-    int signal;
-    std::function<bool()> when;
+    int ms = 0;
+    int signal = 2;
+    std::function<bool()> when = {};
 };
 
 // Runs quavix with env (NAME=VALUE) on top of QUAVIX_BACKEND=virtual and no SoundFont,

@@ -4,8 +4,6 @@
 #include "CliRunner.h"
 #include "Demo.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <csignal>

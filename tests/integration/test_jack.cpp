@@ -4,11 +4,8 @@
 // that goes away under all of them.
 #include <quavix/Quavix.h>
 
-#include "analysis.h"
 #include "devices.h"
 #include "platform/backends/jack/QXJack.h"
-
-#include <gtest/gtest.h>
 
 #include <future>
 #include <mutex>

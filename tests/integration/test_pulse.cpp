@@ -2,12 +2,9 @@
 // played through our outputs are recorded by parec from the null sinks' monitors, tones
 // paplay plays are recorded through our inputs; also raw ALSA PCM through the pulse ALSA
 // plugin into the same server, and a server that dies.
-#include "analysis.h"
 #include "devices.h"
 #include "platform/backends/alsa/QXAlsa.h"
 #include "platform/backends/pulse/QXPulse.h"
-
-#include <gtest/gtest.h>
 
 #include <future>
 

@@ -7,10 +7,7 @@ using qxplat::Resampler;
 
 namespace {
 
-double Db(double ratio)
-{
-    return 20.0 * std::log10(ratio);
-}
+double Db(double ratio) { return 20.0 * std::log10(ratio); }
 
 // The last frame of a constant source, once any gain glide is over.
 std::pair<float, float> Steady(Offline& off)

@@ -4,8 +4,6 @@
 #include "unit/platform/PlatformTestUtil.h"
 #include "unit/wavefile/WaveTestUtil.h"
 
-#include <gtest/gtest.h>
-
 #include <numbers>
 #include <optional>
 #include <random>

@@ -62,16 +62,14 @@ TEST_F(Abuse, DoneCallbacksThatCloseOrExitTheManagerAreSafe)
     ASSERT_TRUE(Eventually([] { return g_done == 1; })) << "the file ended";
     EXPECT_EQ(CQuavix::GetQuavix(), q) << "ExitQuavix inside a done callback does nothing";
 
-    ASSERT_EQ(q->OpenDevices(), 1);
-    ASSERT_EQ(q->StartDevices(), 1);
+    ASSERT_TRUE(q->OpenDevices() == 1 && q->StartDevices() == 1);
     ASSERT_NE(q->PlayWaveFile(m_long.c_str(), 0, CloseFromDone, 0), 0);
     EXPECT_EQ(q->CloseDevices(), 1);
     EXPECT_EQ(g_done, 2) << "the close destroyed the player, and its callback closed again inside";
 
     // A report the player makes while it holds its lock (its sound does not start)
     // reaches a notification callback that closes the group, which destroys the player.
-    ASSERT_EQ(q->OpenDevices(), 1);
-    ASSERT_EQ(q->StartDevices(), 1);
+    ASSERT_TRUE(q->OpenDevices() == 1 && q->StartDevices() == 1);
     g_closeOnReport = QXN_DS_START;
     QXFaultInject("IDirectSoundBuffer::Play", static_cast<DWORD>(DSERR_BUFFERLOST));
     q->PlayWaveFile(m_long.c_str(), 0, CloseFromDone, 0);
@@ -79,8 +77,7 @@ TEST_F(Abuse, DoneCallbacksThatCloseOrExitTheManagerAreSafe)
     EXPECT_TRUE(Eventually([] { return g_done == 3; }));
     g_closeOnReport = 0;
 
-    ASSERT_EQ(q->OpenDevices(), 1);
-    ASSERT_EQ(q->StartDevices(), 1);
+    ASSERT_TRUE(q->OpenDevices() == 1 && q->StartDevices() == 1);
     ASSERT_NE(q->PlayWaveFile(m_long.c_str(), 0, CloseFromDone, 0), 0);
     CQuavix::ExitQuavix();
     EXPECT_EQ(g_done, 4);
@@ -127,12 +124,9 @@ TEST_F(Abuse, OwnPlayersSurviveDeletionInTheirCallbackAndParametersAtTheirEnd)
         ASSERT_EQ(player.Play(&params, 0, 0, CountDone, reinterpret_cast<DWORD_PTR>(&own), 0), 1);
         std::thread setter([&] {
             for (LONG v = 0; own.done == 0; v = (v + 37) % 5000) {
-                QX_DSParams ds{};
-                ds.lVolume = -v;
-                ds.lPan = v - 2500;
-                ds.lFrequency = v;
+                QX_DSParams ds{}, now{};
+                ds.lVolume = -v, ds.lPan = v - 2500, ds.lFrequency = v;
                 player.SetBufferParameters(ds);
-                QX_DSParams now{};
                 Out()->GetTrackParameters(0x40000001, 1, &now);
             }
         });
@@ -253,8 +247,7 @@ TEST_F(Abuse, WaveEventsOfAPausedOrRestartedGroupAreDroppedNotPlayedLater)
     CQuavix::ExitQuavix();
     q = CQuavix::InitQuavix();
     q->Initialize(QX_INIT_WAVE);
-    ASSERT_EQ(q->OpenDevices(), 1);
-    ASSERT_EQ(q->StartDevices(), 1);
+    ASSERT_TRUE(q->OpenDevices() == 1 && q->StartDevices() == 1);
     OneShots shots;
     shots.path = m_short;
     shots.nPerPeriod = 1;

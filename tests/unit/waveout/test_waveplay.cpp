@@ -409,9 +409,7 @@ TEST_F(OnOutput, ASelfDeletingPlayerWhoseStartFailsIsReleasedOnce)
         }
         const auto [dwUser, dwHandle] = DoneLog::Peek()[0];
         EXPECT_EQ(dwUser, 11u);
-        if (bTimed) {
-            EXPECT_EQ(dwHandle, dwPlayer);
-        }
+        EXPECT_TRUE(!bTimed || dwHandle == dwPlayer) << "the handle of the player that failed";
         EXPECT_TRUE(Eventually([&] { return Gone(dwHandle); }));
         EXPECT_EQ(ReportLog::Take(), (Log{{QXN_DS_START, static_cast<DWORD>(DSERR_BUFFERLOST), 1}}));
         EXPECT_EQ(Out(1)->IsActive(), 0);
