@@ -26,14 +26,14 @@ inline bool Reported(DWORD code, HRESULT hr, DWORD_PTR device)
     return std::find(log.begin(), log.end(), Report{code, static_cast<DWORD>(hr), device}) != log.end();
 }
 
-// A manager with nWaveOut virtual outputs, made by Init and torn down after; nothing
+// A manager with nWaveOut virtual outputs (and nWaveIn inputs), made by Init and torn down after; nothing
 // of the sound layer may outlive it.
 class ManagerTest : public ScratchTest {
 protected:
-    void Init(int nWaveOut, DWORD dwFlags = QX_INIT_WAVE, bool bRun = true)
+    void Init(int nWaveOut, DWORD dwFlags = QX_INIT_WAVE, bool bRun = true, int nWaveIn = 1)
     {
         ASSERT_EQ(dstest::kVirtualBackendSet, 0);
-        qxplat::QXVirtualSetDevices(1, 1, 1, nWaveOut);
+        qxplat::QXVirtualSetDevices(1, 1, nWaveIn, nWaveOut);
         q = CQuavix::InitQuavix();
         q->SetNotificationCallback(ReportLog::Proc, 0);
         q->Initialize(dwFlags);
