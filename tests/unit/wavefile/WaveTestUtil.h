@@ -7,6 +7,7 @@
 #include <quavix/QXEventData.h>
 #include <quavix/QXNotify.h>
 
+#include "integration/harness.h"
 #include "platform/QXFaults.h"
 #include "platform/mmio/QXMmio.h"
 
@@ -15,17 +16,11 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <mutex>
-#include <string>
-#include <thread>
 #include <tuple>
-#include <vector>
 
 namespace wavetest {
 
@@ -153,11 +148,7 @@ inline std::string Pattern(size_t n, unsigned seed = 7)
     return s;
 }
 
-inline std::string Slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
+using harness::Slurp;
 
 // Entries of a /proc folder: open files or threads of this process.
 inline size_t CountEntries(const char* folder)
@@ -180,11 +171,7 @@ inline CQXEventData* WaveEvent(int nPerformance, int nTrack, const std::string& 
 // Waits for a condition another thread brings about; false when it never came.
 template <class Pred> bool Eventually(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(20))
 {
-    for (auto until = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < until;) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return pred();
+    return harness::Await(pred, limit);
 }
 
 // A fresh folder per test; at the end no fault may stay armed and no file open.
