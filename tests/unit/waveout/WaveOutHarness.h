@@ -1,5 +1,6 @@
-// A manager on the virtual backend's wave outputs, a recorder of done callbacks and a
-// deadlock watchdog, shared by the wave output and player tests.
+// A manager on the virtual backend's wave outputs and a recorder of done callbacks,
+// shared by the wave output, player and wave input tests. A deadlock in any of them ends
+// by the test's CTest timeout.
 #ifndef QUAVIX_TESTS_UNIT_WAVEOUT_WAVEOUTHARNESS_H
 #define QUAVIX_TESTS_UNIT_WAVEOUT_WAVEOUTHARNESS_H
 
@@ -9,9 +10,6 @@
 #include "platform/backends/virtual/QXVirtual.h"
 #include "unit/dsound/DSTestUtil.h"
 #include "unit/wavefile/WaveTestUtil.h"
-
-#include <cstdio>
-#include <future>
 
 namespace wotest {
 
@@ -64,26 +62,6 @@ protected:
     }
 
     CQuavix* q = nullptr;
-};
-
-// Aborts the process when a test does not end in time: a deadlock must fail the run,
-// not hang it.
-struct Watchdog {
-    explicit Watchdog(std::chrono::seconds limit)
-        : thread([f = done.get_future(), limit] {
-              if (f.wait_for(limit) == std::future_status::ready) return;
-              std::fprintf(stderr, "deadlock: %s\n", ::testing::UnitTest::GetInstance()->current_test_info()->name());
-              std::abort();
-          })
-    {
-    }
-    ~Watchdog()
-    {
-        done.set_value();
-        thread.join();
-    }
-    std::promise<void> done;
-    std::thread thread;
 };
 
 } // namespace wotest
