@@ -39,8 +39,9 @@ TEST(DSoundRealtime, EachStartSoundsTheOutputsLatencyAfterItsPlay)
     ASSERT_EQ(rate, 48000u);
     const int64_t latency = 1200;
 
-    LPDIRECTSOUNDBUFFER primary = Primary(ds);
-    ASSERT_NE(primary, nullptr);
+    DSBUFFERDESC primaryDesc = Desc(DSBCAPS_PRIMARYBUFFER);
+    LPDIRECTSOUNDBUFFER primary = nullptr;
+    ASSERT_EQ(ds->CreateSoundBuffer(&primaryDesc, &primary, nullptr), DS_OK);
     // 1 ms at half scale, then the buffer ends.
     LPDIRECTSOUNDBUFFER click = MakeBuffer(ds, Pcm(48000, 1, 16), 96);
     Fill(click, [](BYTE* p, DWORD n) {

@@ -158,16 +158,6 @@ inline size_t CountEntries(const char* folder)
 inline size_t OpenFdCount() { return CountEntries("/proc/self/fd"); }
 inline size_t ThreadCount() { return CountEntries("/proc/self/task"); }
 
-// A wave data event playing the file on a track of a performance, on wave output 0.
-inline CQXEventData* WaveEvent(int nPerformance, int nTrack, const std::string& path, DWORD dwTime)
-{
-    auto* e = new CQXEventData;
-    e->SetWaveData(new QX_WaveParams(WaveParams(nPerformance, nTrack, path))); // the event owns them now
-    e->SetTimeStamp(dwTime);
-    e->SetDevice(0);
-    return e;
-}
-
 // Waits for a condition another thread brings about; false when it never came.
 template <class Pred> bool Eventually(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(20))
 {

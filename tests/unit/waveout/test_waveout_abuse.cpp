@@ -200,8 +200,11 @@ int OneShotPerformance(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD)
     auto* s = reinterpret_cast<OneShots*>(dwUser);
     if (nTag < 0) return 1;
     CQXEventList events;
-    for (int i = 0; i < s->nPerPeriod; ++i)
-        events.AddTail(WaveEvent(nTag, 0, s->path, dwStart + DWORD(i * 100 / s->nPerPeriod)));
+    for (int i = 0; i < s->nPerPeriod; ++i) {
+        events.AddTail(new CQXEventData);
+        events.GetTail()->SetWaveData(new QX_WaveParams(WaveParams(nTag, 0, s->path))); // the event owns them now
+        events.GetTail()->SetTimeStamp(dwStart + DWORD(i * 100 / s->nPerPeriod));
+    }
     CQuavix::GetQuavix()->PlayBuffer(events);
     ++s->periods;
     return 1;
