@@ -96,8 +96,6 @@ public:
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    bool Started() const { return m_pid > 0; }
-    pid_t Pid() const { return m_pid; }
     // True once it has ended; then Wait gives its status at once.
     bool Ended()
     {
