@@ -1,6 +1,7 @@
 #include <quavix/QXWaveFile.h>
 
 #include "WaveTestUtil.h"
+#include "integration/analysis.h"
 
 #include <unistd.h>
 
@@ -14,14 +15,6 @@ int Seek(CWaveFileRead& r, UINT type, DWORD value, int origin)
     t.wType = type;
     t.u.ms = value;
     return r.Seek(&t, origin);
-}
-
-// The little-endian length at `at` of a file's bytes.
-DWORD FileLe32(const std::string& file, size_t at)
-{
-    DWORD v = 0;
-    for (size_t i = std::min(at + 4, file.size()); i-- > at;) v = v << 8 | BYTE(file[i]);
-    return v;
 }
 
 QX_DevFormat Garbage()
@@ -456,11 +449,11 @@ TEST_F(WaveFile, TheHeaderKeepsUpWithTheDataWhileRecording)
                 WAVEHDR h = Header(bytes);
                 ASSERT_EQ(w.Write(&h), long(bytes.size()));
                 // What another program sees now: lengths at most a second behind, and true.
-                const std::string file = Slurp(path);
-                const size_t n = FileLe32(file, 42);
+                const analysis::Wav file = analysis::ReadWav(path);
+                const size_t n = file.dataLength;
                 EXPECT_GE(n + second, at + bytes.size());
                 ASSERT_LE(n, at + bytes.size());
-                EXPECT_EQ(FileLe32(file, 4), n == 0 ? 0 : n + 38);
+                EXPECT_EQ(file.riffLength, n == 0 ? 0 : n + 38);
                 EXPECT_TRUE(readWhole() == data.substr(0, n)) << "at " << at;
             }
             // Refreshing the header left the writer's place alone.
@@ -470,10 +463,9 @@ TEST_F(WaveFile, TheHeaderKeepsUpWithTheDataWhileRecording)
                 ASSERT_EQ(w.Close(), 1);
             }
         }
-        const std::string file = Slurp(path);
-        EXPECT_EQ(FileLe32(file, 4), 38 + data.size());
-        EXPECT_EQ(FileLe32(file, 42), data.size());
-        EXPECT_TRUE(file.substr(46) == data && readWhole() == data);
+        const analysis::Wav file = analysis::ReadWav(path);
+        EXPECT_EQ(std::tuple(file.riffLength, file.dataLength, file.dataOffset), std::tuple(38 + data.size(), data.size(), 46u));
+        EXPECT_TRUE(Slurp(path).substr(46) == data && readWhole() == data);
         QX_DevFormat back{};
         ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
         EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);
