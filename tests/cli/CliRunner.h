@@ -27,13 +27,9 @@ struct CliResult {
 
 // When to send the child a signal: once `when` holds (polled), or after `ms` without one.
 struct Interrupt {
-    Interrupt(int ms_ = 0, int signal_ = 2, std::function<bool()> when_ = {})
-        : ms(ms_), signal(signal_), when(std::move(when_))
-    {
-    }
-    int ms;
-    int signal;
-    std::function<bool()> when;
+    int ms = 0;
+    int signal = 2;
+    std::function<bool()> when = {};
 };
 
 // Runs quavix with env (NAME=VALUE) on top of QUAVIX_BACKEND=virtual and no SoundFont,
@@ -59,10 +55,7 @@ inline CliResult RunCli(const std::vector<std::string>& args, const std::vector<
 }
 
 // A fresh path of this test program's own.
-inline std::string TempPath(const std::string& name)
-{
-    return harness::Temp(name);
-}
+inline std::string TempPath(const std::string& name) { return harness::Temp(name); }
 
 const std::string kDemo = std::string(QUAVIX_SOURCE_DIR) + "/examples/quavix-demo.mid";
 

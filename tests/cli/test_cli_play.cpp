@@ -2,16 +2,11 @@
 // stereo at 48 kHz): which tones the output mixed, how loud on each side, and from when.
 #include "CliRunner.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 
 namespace {
 
-double Db(double ratio)
-{
-    return 20 * std::log10(ratio);
-}
+double Db(double ratio) { return 20 * std::log10(ratio); }
 
 // Where the tone first reaches half its amplitude in the file (10 ms windows).
 double OnsetMs(const Wav& w, double hz, double amplitude)

@@ -2,8 +2,6 @@
 // gave, how long it is, and that a stopped or killed recorder leaves a file others read.
 #include "CliRunner.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <sys/stat.h>
 

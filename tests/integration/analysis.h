@@ -96,17 +96,12 @@ inline bool WriteWav(const std::string& path, unsigned rate, int channels, const
         for (int k = 0; k < bytes; ++k) f.put(static_cast<char>(v >> (8 * k) & 0xFF));
     };
     const auto bytes = static_cast<uint32_t>(x.size() * 2), align = static_cast<uint32_t>(2 * channels);
-    f.write("RIFF", 4);
+    f << "RIFF";
     put(36 + bytes, 4);
-    f.write("WAVEfmt ", 8);
-    put(16, 4);
-    put(1, 2);
-    put(static_cast<uint32_t>(channels), 2);
-    put(rate, 4);
-    put(rate * align, 4);
-    put(align, 2);
-    put(16, 2);
-    f.write("data", 4);
+    f << "WAVEfmt ";
+    for (const auto& [v, n] : {std::pair<uint32_t, int>{16, 4}, {1, 2}, {align / 2, 2}, {rate, 4}, {rate * align, 4}, {align, 2}, {16, 2}})
+        put(v, n);
+    f << "data";
     put(bytes, 4);
     for (float v : x) put(static_cast<uint16_t>(static_cast<int16_t>(std::lround(v * 32767.0))), 2);
     return f.good();

@@ -16,6 +16,7 @@
 #include <jack/midiport.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <functional>
@@ -58,10 +59,7 @@ public:
     jack_client_t* Client() const { return m_client; }
     int Xruns() const { return m_xruns.load(); }
     bool Exists(const std::string& port) const { return jack_port_by_name(m_client, port.c_str()) != nullptr; }
-    bool WaitExists(const std::string& port) const
-    {
-        return harness::Await([&] { return Exists(port); });
-    }
+    bool WaitExists(const std::string& port) const { return harness::Await([&] { return Exists(port); }); }
     // What a port is connected to (a new connection shows from the next cycle).
     std::vector<std::string> Connections(const std::string& port) const
     {
@@ -315,23 +313,18 @@ public:
     HWAVEIN Handle() const { return m_h; }
     MMRESULT Start() { return waveInStart(m_h); }
     // True once the first buffer is full, before the limit passes.
-    bool Collect(std::chrono::milliseconds limit)
-    {
-        return harness::Await([&] { return m_full.load(); }, limit);
-    }
-    // Ends the recording; each result is kept.
+    bool Collect(std::chrono::milliseconds limit) { return harness::Await([&] { return m_full.load(); }, limit); }
+    // Ends the recording; what waveInStop, waveInReset and waveInClose said is kept.
     void Close()
     {
         if (m_h == nullptr) return;
-        m_stopResult = waveInStop(m_h);
-        m_resetResult = waveInReset(m_h);
+        ended[0] = waveInStop(m_h);
+        ended[1] = waveInReset(m_h);
         for (auto& b : m_buffers) waveInUnprepareHeader(m_h, &b.hdr, sizeof(WAVEHDR));
-        m_closeResult = waveInClose(m_h);
+        ended[2] = waveInClose(m_h);
         m_h = nullptr;
     }
-    MMRESULT StopResult() const { return m_stopResult; }
-    MMRESULT ResetResult() const { return m_resetResult; }
-    MMRESULT CloseResult() const { return m_closeResult; }
+    std::array<MMRESULT, 3> ended{};
 
     // Every channel interleaved (or only `channel`), as float: what the buffers took.
     std::vector<float> Samples(int channel = -1) const
@@ -360,7 +353,6 @@ private:
     std::vector<double> m_seconds;
     std::vector<Buffer> m_buffers;
     std::atomic<bool> m_full{false};
-    MMRESULT m_stopResult = MMSYSERR_NOERROR, m_resetResult = MMSYSERR_NOERROR, m_closeResult = MMSYSERR_NOERROR;
 };
 
 // The name of wave input n as waveInGetDevCapsA gives it; empty when there is none.

@@ -96,8 +96,6 @@ public:
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    bool Started() const { return m_pid > 0; }
-    pid_t Pid() const { return m_pid; }
     // True once it has ended; then Wait gives its status at once.
     bool Ended()
     {
@@ -201,6 +199,7 @@ private:
     bool m_ready = false, m_bKilled = false;
 };
 
+#ifdef QUAVIX_JACK_SCRIPT // the integration programs know the script; the unit tests use the rest
 // A private JACK server (dummy driver) of the given name; the fixture's server is never
 // touched.
 class JackServer : public Server {
@@ -223,6 +222,7 @@ public:
 private:
     std::string m_name;
 };
+#endif
 
 // The fixture's PulseAudio (or PipeWire) server: its directory, set by CTest.
 inline std::string PulseDir()

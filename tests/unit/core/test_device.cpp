@@ -46,12 +46,6 @@ private:
     }
 };
 
-bool WaitFor(const std::atomic<int>& value, int target)
-{
-    for (int i = 0; i < 20000 && value.load() < target; ++i) Sleep(1);
-    return value.load() >= target;
-}
-
 // A standard format, every field overwritten, and its description.
 WAVEFORMATEX Filled(int nIndex)
 {
@@ -205,7 +199,8 @@ TEST(DeviceThread, DestructionAbandonsAHungThreadAfterASecondAndItNeverReachesTh
     HWND h = d->GetHWnd();
     PostMessageA(h, WM_USER, 0, 0);
     PostMessageA(h, WM_USER, 0, 0); // still queued when the thread is abandoned
-    ASSERT_TRUE(WaitFor(d->userMessages, 1));
+    for (int i = 0; i < 20000 && d->userMessages == 0; ++i) Sleep(1);
+    ASSERT_EQ(d->userMessages, 1) << "the first message is being handled";
     const auto t0 = std::chrono::steady_clock::now();
     delete d;
     const auto waited = std::chrono::steady_clock::now() - t0;

@@ -72,14 +72,6 @@ inline LPDIRECTSOUNDBUFFER MakeBuffer(LPDIRECTSOUND ds, const WAVEFORMATEX& wfx,
     return b;
 }
 
-inline LPDIRECTSOUNDBUFFER Primary(LPDIRECTSOUND ds)
-{
-    DSBUFFERDESC d = Desc(DSBCAPS_PRIMARYBUFFER);
-    LPDIRECTSOUNDBUFFER b = nullptr;
-    EXPECT_EQ(ds->CreateSoundBuffer(&d, &b, nullptr), DS_OK);
-    return b;
-}
-
 // Sets the notification positions; the interface goes again (it shares the buffer's count).
 inline HRESULT Notify(LPDIRECTSOUNDBUFFER b, std::vector<DSBPOSITIONNOTIFY> positions)
 {
@@ -114,17 +106,6 @@ inline void Fill(LPDIRECTSOUNDBUFFER b, const std::function<void(BYTE*, DWORD)>&
 inline void Level16(void* p, DWORD n, int16_t v)
 {
     for (DWORD i = 0; i < n; i += 2) std::memcpy(static_cast<BYTE*>(p) + i, &v, 2);
-}
-
-// A 16-bit mono sine of freq Hz at rate, amplitude amp, over the whole buffer.
-inline void FillSine16(LPDIRECTSOUNDBUFFER b, double freq, double rate, double amp)
-{
-    Fill(b, [&](BYTE* p, DWORD n) {
-        for (DWORD i = 0; i < n / 2; ++i) {
-            const auto s = static_cast<int16_t>(std::lround(amp * 32767.0 * std::sin(2 * M_PI * freq * i / rate)));
-            std::memcpy(p + 2 * i, &s, 2);
-        }
-    });
 }
 
 inline std::vector<float> Channel(const std::vector<float>& stereo, int ch, size_t from = 0)
@@ -172,10 +153,7 @@ inline double ToneSnr(const std::vector<float>& x, double freq, double rate)
     return 10 * std::log10(sig / std::max(noise, 1e-30));
 }
 
-inline bool Signalled(HANDLE h)
-{
-    return WaitForSingleObject(h, 0) == WAIT_OBJECT_0;
-}
+inline bool Signalled(HANDLE h) { return WaitForSingleObject(h, 0) == WAIT_OBJECT_0; }
 
 } // namespace dstest
 

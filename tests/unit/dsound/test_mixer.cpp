@@ -7,10 +7,7 @@ using qxplat::Resampler;
 
 namespace {
 
-double Db(double ratio)
-{
-    return 20.0 * std::log10(ratio);
-}
+double Db(double ratio) { return 20.0 * std::log10(ratio); }
 
 // The last frame of a constant source, once any gain glide is over.
 std::pair<float, float> Steady(Offline& off)
@@ -84,7 +81,10 @@ TEST(DSoundMixer, ResamplersKeepThePitchAndBetterOnesMakeCleanerTones)
             Offline off(48000, mode);
             // One second at 22050 Hz holds whole cycles, so the loop is seamless.
             LPDIRECTSOUNDBUFFER b = MakeBuffer(off.ds, Pcm(22050, 1, 16), 22050 * 2);
-            FillSine16(b, tone, 22050.0, 0.5);
+            Fill(b, [&](BYTE* p, DWORD n) {
+                for (DWORD i = 0; i < n / 2; ++i)
+                    Level16(p + 2 * i, 2, static_cast<int16_t>(std::lround(0.5 * 32767.0 * std::sin(2 * M_PI * tone * i / 22050.0))));
+            });
             ASSERT_EQ(b->Play(0, 0, DSBPLAY_LOOPING), DS_OK);
             std::vector<float> out = off.Render(48000);
             snr[m][t] = ToneSnr(Channel(out, 0, 200), tone, 48000);

@@ -2,8 +2,7 @@
 // land.
 #include "DSTestUtil.h"
 
-#include <quavix/QXWaveFile.h>
-
+#include "integration/analysis.h"
 #include "platform/backends/virtual/QXVirtual.h"
 #include "unit/wavefile/WaveTestUtil.h"
 
@@ -15,36 +14,6 @@
 using namespace dstest;
 using wavetest::Eventually;
 
-namespace {
-
-DWORD At(const std::string& file, size_t at)
-{
-    DWORD v = 0;
-    if (file.size() >= at + 4) std::memcpy(&v, file.data() + at, 4);
-    return v;
-}
-
-// The capture file the output writes, read back with the library's reader.
-struct WavData {
-    QX_DevFormat fmt{};
-    std::vector<int16_t> samples;
-    bool riffSizeRight = false;
-    explicit WavData(const std::string& path)
-    {
-        const std::string f = wavetest::Slurp(path);
-        CWaveFileRead r;
-        if (wavetest::OpenFile(r, path) == 1) {
-            fmt = *r.GetFormat();
-            const std::string data = wavetest::ReadToEnd(r);
-            samples.resize(data.size() / 2);
-            std::memcpy(samples.data(), data.data(), samples.size() * 2);
-            riffSizeRight = At(f, 4) + 8 == f.size() && f.size() == 44 + data.size(); // a 16-byte format chunk
-        }
-        std::remove(path.c_str());
-    }
-};
-
-} // namespace
 
 // Clicks played at random moments, each timed by the steady clock around its Play, must
 // sound a constant number of frames after it, whatever the ring's fill and the sink's
@@ -70,8 +39,9 @@ TEST(DSoundRealtime, EachStartSoundsTheOutputsLatencyAfterItsPlay)
     ASSERT_EQ(rate, 48000u);
     const int64_t latency = 1200;
 
-    LPDIRECTSOUNDBUFFER primary = Primary(ds);
-    ASSERT_NE(primary, nullptr);
+    DSBUFFERDESC primaryDesc = Desc(DSBCAPS_PRIMARYBUFFER);
+    LPDIRECTSOUNDBUFFER primary = nullptr;
+    ASSERT_EQ(ds->CreateSoundBuffer(&primaryDesc, &primary, nullptr), DS_OK);
     // 1 ms at half scale, then the buffer ends.
     LPDIRECTSOUNDBUFFER click = MakeBuffer(ds, Pcm(48000, 1, 16), 96);
     Fill(click, [](BYTE* p, DWORD n) {
@@ -103,18 +73,20 @@ TEST(DSoundRealtime, EachStartSoundsTheOutputsLatencyAfterItsPlay)
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     // The header is brought up to date while the output runs.
-    EXPECT_TRUE(Eventually([&] { return At(wavetest::Slurp(path), 40) >= 48000u * 4; }));
+    EXPECT_TRUE(Eventually([&] { return analysis::ReadWav(path).dataLength >= 48000u * 4; }));
     click->Release();
     primary->Release();
     EXPECT_EQ(ds->Release(), 0u);
 
-    WavData wav(path);
-    EXPECT_TRUE(wav.riffSizeRight);
-    EXPECT_EQ(std::tuple(wav.fmt.nChannels, wav.fmt.wBitsPerSample, wav.fmt.nSamplesPerSec), std::tuple(2, 16, 48000u));
+    const analysis::Wav wav = analysis::ReadWav(path);
+    std::remove(path.c_str());
+    EXPECT_EQ(std::tuple(wav.riffLength, wav.dataOffset, wav.x.size() * 2), std::tuple(36 + wav.dataLength, 44u, size_t{wav.dataLength}))
+        << "the header's lengths are the file's, its format chunk 16 bytes";
+    EXPECT_EQ(std::tuple(wav.channels, wav.bits, wav.rate), std::tuple(2u, 16u, 48000u));
     std::vector<size_t> onsets;
     size_t quiet = 1000;
-    for (size_t i = 0; i < wav.samples.size() / 2; ++i) {
-        if (wav.samples[2 * i] != 0) {
+    for (size_t i = 0; i < wav.x.size() / 2; ++i) {
+        if (wav.x[2 * i] != 0) {
             if (quiet >= 100) onsets.push_back(i);
             quiet = 0;
         } else {

@@ -1,7 +1,8 @@
 // The lock-free ring between a mixer and its sink, where the mixer starts a sound in
-// it, and the virtual outputs' settings.
+// it, the virtual outputs' settings, and their DirectSound drivers.
 #include "DSTestUtil.h"
 #include "platform/backends/QXBackend.h"
+#include "platform/backends/virtual/QXVirtual.h"
 #include "platform/backends/virtual/QXVirtualAudio.h"
 #include "platform/dsound/QXMixer.h"
 #include "unit/wavefile/WaveTestUtil.h"
@@ -178,4 +179,45 @@ TEST(DSoundSink, VirtualOutputSettingsAreParsedAndItsClockRunsOnlyWhileStarted)
     EXPECT_TRUE(Eventually([&] { return port->UnderrunFrames() > 0; }));
     port->Stop();
     EXPECT_FALSE(port->RingPositionAt(qxplat::NowNs(), &frame)) << "a stopped port has no clock";
+}
+
+// The DirectSound drivers: the default, then one per output, each opening its own.
+TEST(DSoundApi, DriversAreTheDefaultThenOnePerOutput)
+{
+    ASSERT_EQ(dstest::kVirtualBackendSet, 0);
+    int counts[4] = {1, 1, 1, 1};
+    ASSERT_TRUE(qxplat::QXVirtualParseDevices("wave-out=3", counts));
+    EXPECT_FALSE(qxplat::QXVirtualParseDevices("wave-out=x", counts));
+    qxplat::QXVirtualSetDevices(1, 1, 1, counts[3]);
+
+    std::vector<dstest::Driver> drivers;
+    ASSERT_EQ(DirectSoundEnumerateA(dstest::Collect, &drivers), DS_OK);
+    ASSERT_EQ(drivers.size(), 4u);
+    EXPECT_FALSE(drivers[0].hasGuid);
+    for (int n = 1; n <= 3; ++n) {
+        EXPECT_EQ(drivers[n].description + drivers[n].module, "Quavix Virtual Wave Out " + std::to_string(n) + "virtual");
+        for (int m = 1; m < n; ++m) EXPECT_FALSE(IsEqualGUID(drivers[n].guid, drivers[m].guid));
+    }
+
+    // Each GUID opens its output, no GUID the first; others are no driver.
+    LPDIRECTSOUND ds = nullptr;
+    for (int n = 1; n <= 3; ++n) {
+        ASSERT_EQ(DirectSoundCreate(&drivers[n].guid, &ds, nullptr), DS_OK);
+        EXPECT_EQ(ds->Release(), 0u);
+    }
+    ASSERT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DS_OK);
+    ds->Release();
+    GUID bogus = drivers[3].guid;
+    bogus.Data1 += 1;
+    EXPECT_EQ(DirectSoundCreate(&bogus, &ds, nullptr), DSERR_NODRIVER);
+    EXPECT_EQ(ds, nullptr);
+
+    // Without outputs only the default entry is reported, and it cannot be opened.
+    qxplat::QXVirtualSetDevices(1, 1, 1, 0);
+    drivers.clear();
+    ASSERT_EQ(DirectSoundEnumerateA(dstest::Collect, &drivers), DS_OK);
+    EXPECT_EQ(drivers.size(), 1u);
+    EXPECT_EQ(DirectSoundCreate(nullptr, &ds, nullptr), DSERR_NODRIVER);
+    qxplat::QXVirtualSetDevices(1, 1, 1, 1);
+    EXPECT_EQ(qxplat::LiveDirectSoundObjects(), 0u);
 }

@@ -7,8 +7,6 @@
 #include "platform/backends/virtual/QXVirtual.h"
 #include "unit/wavefile/WaveTestUtil.h"
 
-#include <gtest/gtest.h>
-
 #include <functional>
 
 namespace {

@@ -4,9 +4,8 @@
 #include "unit/platform/PlatformTestUtil.h"
 #include "unit/wavefile/WaveTestUtil.h"
 
-#include <gtest/gtest.h>
-
 #include <numbers>
+#include <numeric>
 #include <optional>
 #include <random>
 
@@ -30,16 +29,6 @@ DWORD PositionBytes(HWAVEIN h)
 }
 
 bool WaitPosition(HWAVEIN h, DWORD bytes) { return wavetest::Eventually([&] { return PositionBytes(h) >= bytes; }); }
-
-// Signal-to-noise ratio (dB) of a 16-bit tone of known frequency, and its amplitude.
-double Snr(const std::vector<int16_t>& x, double hz, double rate, double& amplitude)
-{
-    const std::vector<float> f(x.begin(), x.end());
-    double sum = 0;
-    for (float v : f) sum += double(v) * v;
-    amplitude = std::sqrt(2 * sum / f.size());
-    return dstest::ToneSnr(f, hz, rate);
-}
 
 // The messages but the overruns a loaded machine may cause.
 std::vector<std::pair<UINT, DWORD_PTR>> Delivered(Calls& calls)
@@ -193,10 +182,11 @@ TEST_F(WaveInTest, FramesWaitForALateBufferAndAnOverrunIsToldWithItsCount)
     ASSERT_LT(2 + told, seen.size());
     EXPECT_EQ(seen[2 + told], std::make_pair(UINT{WIM_DATA}, P(&bufs[1]->hdr)));
     EXPECT_EQ(seen.back(), std::make_pair(UINT{WIM_CLOSE}, DWORD_PTR{0}));
-    ASSERT_EQ(Recorded().size(), 9600u);
-    double amplitude = 0;
-    EXPECT_GT(Snr(Recorded(), 440, 48000, amplitude), 70) << "the second buffer does not go on from the first";
-    EXPECT_NEAR(amplitude, 16384, 16);
+    const std::vector<int16_t> got = Recorded();
+    const std::vector<float> tone(got.begin(), got.end());
+    ASSERT_EQ(tone.size(), 9600u);
+    EXPECT_GT(dstest::ToneSnr(tone, 440, 48000), 70) << "the second buffer does not go on from the first";
+    EXPECT_NEAR(std::sqrt(2 * std::inner_product(tone.begin(), tone.end(), tone.begin(), 0.0) / 9600), 16384, 16) << "amplitude";
 }
 
 TEST_F(WaveInTest, FileSourceComesBackSampleExactInItsChannels)

@@ -7,26 +7,20 @@
 #include <quavix/QXEventData.h>
 #include <quavix/QXNotify.h>
 
+#include "integration/harness.h"
 #include "platform/QXFaults.h"
 #include "platform/mmio/QXMmio.h"
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <stdlib.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <mutex>
-#include <string>
-#include <thread>
 #include <tuple>
-#include <vector>
 
 namespace wavetest {
 
@@ -154,44 +148,20 @@ inline std::string Pattern(size_t n, unsigned seed = 7)
     return s;
 }
 
-inline std::string Slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
+using harness::Slurp;
 
 // Entries of a /proc folder: open files or threads of this process.
 inline size_t CountEntries(const char* folder)
 {
-    size_t n = 0;
-    if (DIR* d = opendir(folder)) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.') ++n;
-        closedir(d);
-    }
-    return n;
+    return size_t(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 inline size_t OpenFdCount() { return CountEntries("/proc/self/fd"); }
 inline size_t ThreadCount() { return CountEntries("/proc/self/task"); }
 
-// A wave data event playing the file on a track of a performance, on wave output 0.
-inline CQXEventData* WaveEvent(int nPerformance, int nTrack, const std::string& path, DWORD dwTime)
-{
-    auto* e = new CQXEventData;
-    e->SetWaveData(new QX_WaveParams(WaveParams(nPerformance, nTrack, path))); // the event owns them now
-    e->SetTimeStamp(dwTime);
-    e->SetDevice(0);
-    return e;
-}
-
 // Waits for a condition another thread brings about; false when it never came.
 template <class Pred> bool Eventually(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(20))
 {
-    for (auto until = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < until;) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return pred();
+    return harness::Await(pred, limit);
 }
 
 // A fresh folder per test; at the end no fault may stay armed and no file open.
@@ -219,68 +189,42 @@ protected:
     std::string m_dir;
 };
 
-// What devices report while it lives: (code, value) pairs and the file names.
-class Reports {
-public:
-    Reports()
-    {
-        s_pActive = this;
-        QXGetSharedNotify()->SetNotificationCallback(&Reports::Proc, 0);
-    }
-    ~Reports()
-    {
-        QXGetSharedNotify()->SetNotificationCallback(nullptr, 0);
-        s_pActive = nullptr;
-    }
-    std::vector<std::string> Names() const { return m_names; } // since the last Take
-    std::vector<std::pair<DWORD, DWORD>> Take()
-    {
-        m_names.clear();
-        return std::exchange(m_reports, {});
-    }
-
-private:
-    // Files report from the thread that uses them: the test's own.
-    static void Proc(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
-    {
-        s_pActive->m_reports.emplace_back(dwCode, dwValue);
-        s_pActive->m_names.emplace_back(dwDevice != 0 ? reinterpret_cast<const char*>(dwDevice) : "");
-    }
-
-    static inline Reports* s_pActive = nullptr;
-    std::vector<std::pair<DWORD, DWORD>> m_reports;
-    std::vector<std::string> m_names;
-};
-
 using Got = std::vector<std::pair<DWORD, DWORD>>;
 
-// Reports from any thread, with their device, since the last Take.
-using Report = std::tuple<DWORD, DWORD, DWORD_PTR>;
-using Log = std::vector<Report>;
-struct ReportLog {
-    static void Proc(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
+// Calls of a callback from any thread, since the last Take.
+template <class... Args> struct CallLog {
+    using Call = std::tuple<Args...>;
+    static void Proc(Args... args)
     {
         std::lock_guard<std::mutex> lock(s_mutex);
-        s_got.emplace_back(dwCode, dwValue, dwDevice);
+        s_got.emplace_back(args...);
     }
-    static Log Take()
+    static std::vector<Call> Take()
     {
         std::lock_guard<std::mutex> lock(s_mutex);
         return std::exchange(s_got, {});
     }
-    static Log Peek()
+    static std::vector<Call> Peek()
     {
         std::lock_guard<std::mutex> lock(s_mutex);
         return s_got;
     }
-    static bool Has(const Report& r)
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        return std::find(s_got.begin(), s_got.end(), r) != s_got.end();
-    }
     static inline std::mutex s_mutex;
-    static inline Log s_got;
+    static inline std::vector<Call> s_got;
 };
+
+// Reports (code, value, device).
+using ReportLog = CallLog<DWORD, DWORD, DWORD_PTR>;
+using Report = ReportLog::Call;
+using Log = std::vector<Report>;
+
+// The codes and values of ReportLog::Take.
+inline Got TakeCodes()
+{
+    Got got;
+    for (const auto& [code, value, device] : ReportLog::Take()) got.emplace_back(code, value);
+    return got;
+}
 
 } // namespace wavetest
 

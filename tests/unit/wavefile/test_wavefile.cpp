@@ -1,6 +1,7 @@
 #include <quavix/QXWaveFile.h>
 
 #include "WaveTestUtil.h"
+#include "integration/analysis.h"
 
 #include <unistd.h>
 
@@ -16,14 +17,6 @@ int Seek(CWaveFileRead& r, UINT type, DWORD value, int origin)
     return r.Seek(&t, origin);
 }
 
-// The little-endian length at `at` of a file's bytes.
-DWORD FileLe32(const std::string& file, size_t at)
-{
-    DWORD v = 0;
-    for (size_t i = std::min(at + 4, file.size()); i-- > at;) v = v << 8 | BYTE(file[i]);
-    return v;
-}
-
 QX_DevFormat Garbage()
 {
     QX_DevFormat f;
@@ -31,8 +24,20 @@ QX_DevFormat Garbage()
     return f;
 }
 
+// Files report on the shared notifier, naming themselves as the device.
 class WaveFile : public ScratchTest {
 protected:
+    void SetUp() override
+    {
+        ScratchTest::SetUp();
+        QXGetSharedNotify()->SetNotificationCallback(ReportLog::Proc, 0);
+        ReportLog::Take();
+    }
+    void TearDown() override
+    {
+        QXGetSharedNotify()->SetNotificationCallback(nullptr, 0);
+        ScratchTest::TearDown();
+    }
     void OpenReader(CWaveFileRead& r, const std::string& bytes, const char* name = "in.wav")
     {
         ASSERT_EQ(OpenFile(r, Make(name, bytes)), 1);
@@ -79,7 +84,6 @@ TEST_F(WaveFile, NonsenseFormatsGiveTruncatedOrZeroDurationsAndStayInBounds)
     EXPECT_EQ(r.GetDuration(), 0); // no format yet
     for (const auto& [chunk, duration] : cases) {
         SCOPED_TRACE(duration);
-        Reports reports;
         const std::string path = Make("n.wav", Riff(chunk + Chunk("data", data)));
         EXPECT_EQ(CWaveFile::FileDuration(path.c_str()), duration);
         ASSERT_EQ(OpenFile(r, path), 1);
@@ -94,7 +98,7 @@ TEST_F(WaveFile, NonsenseFormatsGiveTruncatedOrZeroDurationsAndStayInBounds)
                     EXPECT_TRUE(!ok || ReadToEnd(r, 777) == data.substr(size_t(r.GetFilePosition())));
                 }
         r.Close();
-        for (const auto& [code, value] : reports.Take()) EXPECT_EQ(code, QXN_FILE_SEEK) << value;
+        for (const auto& [code, value] : TakeCodes()) EXPECT_EQ(code, QXN_FILE_SEEK) << value;
     }
     // The writer takes a format of zeros too, and the reader its file.
     QX_DevFormat zero{};
@@ -130,31 +134,32 @@ TEST_F(WaveFile, RefusedFilesAndPathsAreReportedWithTheReasonAndLeaveNothingOpen
         {Path("missing.wav"), QXN_FILE_OPENREAD, 0},    {m_dir, QXN_FILE_OPENREAD, 0},
     };
     const size_t fds = OpenFdCount();
-    Reports reports;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path);
         QX_DevFormat f = Garbage();
         EXPECT_EQ(CWaveFile::FileFormat(c.path.c_str(), f), 0);
         EXPECT_EQ(f.nChannels, 0xEEEE);
         EXPECT_EQ(CWaveFile::FileDuration(c.path.c_str()), 0);
-        reports.Take();
+        TakeCodes();
         CWaveFileRead r;
         EXPECT_EQ(OpenFile(r, c.path), 0);
         EXPECT_TRUE(c.code == QXN_FILE_OPENREAD || r.GetFormat() == nullptr);
-        EXPECT_EQ(reports.Names(), std::vector<std::string>{c.path});
-        EXPECT_EQ(reports.Take(), (Got{{c.code, c.value}}));
+        const Log got = ReportLog::Take();
+        ASSERT_EQ(got.size(), 1u);
+        EXPECT_EQ(std::tuple(std::get<0>(got[0]), std::get<1>(got[0]), std::string(reinterpret_cast<const char*>(std::get<2>(got[0])))),
+                  std::tuple(c.code, c.value, c.path));
     }
     for (const std::string& path : {m_dir, Path("no/x.wav"), std::string("/sys/qx-unwritable.wav")}) {
         CWaveFileWrite w;
         EXPECT_EQ(OpenFile(w, path), 0);
         EXPECT_EQ(w.GetState(), QX_STATE_CLOSED);
-        EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_OPENWRITE, 0}})) << path;
+        EXPECT_EQ(TakeCodes(), (Got{{QXN_FILE_OPENWRITE, 0}})) << path;
     }
     EXPECT_EQ(OpenFdCount(), fds);
 
     EXPECT_EQ(CWaveFile::FileExists(m_dir.c_str()), 0);
     EXPECT_EQ(CWaveFile::FileExists((m_dir + "/./nowhere/../ok.wav").c_str()), 1); // qualified by its text
-    EXPECT_TRUE(reports.Take().empty());
+    EXPECT_TRUE(TakeCodes().empty());
 }
 
 TEST_F(WaveFile, ReadPadsWithTheSilenceOfTheFormat)
@@ -197,7 +202,6 @@ TEST_F(WaveFile, ChunksInAnyOrderAndLengthsTheFileDoesNotHoldReadToItsEnd)
         {Riff(fmt + "data" + Le32(0)) + data, 5000},                             // RIFF length reaches only the header
         {Riff(fmt + Chunk("data", data) + tail), 5000},
     };
-    Reports reports;
     int piece = 1;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.bytes.substr(0, 60));
@@ -211,7 +215,7 @@ TEST_F(WaveFile, ChunksInAnyOrderAndLengthsTheFileDoesNotHoldReadToItsEnd)
         EXPECT_TRUE(ReadToEnd(r, piece) == data.substr(0, size_t(c.size)));
         // Every target inside what the file holds, none past it.
         EXPECT_EQ(Seek(r, TIME_BYTES, DWORD(c.size), 0), 0);
-        reports.Take();
+        TakeCodes();
         if (c.size > 0) {
             ASSERT_EQ(Seek(r, TIME_BYTES, DWORD(c.size - 1), 0), 1);
             int n = 0;
@@ -219,7 +223,7 @@ TEST_F(WaveFile, ChunksInAnyOrderAndLengthsTheFileDoesNotHoldReadToItsEnd)
             EXPECT_EQ(n, 1);
         }
     }
-    EXPECT_TRUE(reports.Take().empty());
+    EXPECT_TRUE(TakeCodes().empty());
 }
 
 TEST_F(WaveFile, AFileCutWhileReadIsReadToItsLastByteThenEnds)
@@ -233,7 +237,6 @@ TEST_F(WaveFile, AFileCutWhileReadIsReadToItsLastByteThenEnds)
         OpenReader(r, Riff(Fmt(1, 8000, 8) + Chunk("data", data)));
         ASSERT_EQ(ReadPiece(r, 3000), data.substr(0, 3000));
         ASSERT_EQ(truncate(r.GetFilename().c_str(), 44 + 100000), 0); // another program cuts the file
-        Reports reports;
         std::string got = data.substr(0, 3000);
         int n = 1;
         for (int calls = 0; n > 0 && calls < 1000; ++calls) {
@@ -247,7 +250,7 @@ TEST_F(WaveFile, AFileCutWhileReadIsReadToItsLastByteThenEnds)
         EXPECT_EQ(r.GetFilePosition(), 100000);
         ReadPiece(r, piece, &n); // and it stays at the end
         EXPECT_EQ(n, 0);
-        EXPECT_TRUE(reports.Take().empty());
+        EXPECT_TRUE(TakeCodes().empty());
     }
 }
 
@@ -256,7 +259,6 @@ TEST_F(WaveFile, SeekByTimeSamplesAndBytes)
     const std::string data = Pattern(2 * 176400 + 10); // 44.1 kHz stereo 16-bit: frames of 4
     CWaveFileRead r;
     OpenReader(r, Riff(Fmt(2, 44100, 16) + Chunk("data", data)));
-    Reports reports;
     ASSERT_EQ(Seek(r, TIME_MS, 1500, 0), 1);
     EXPECT_EQ(r.GetFilePosition(), 264600);
     EXPECT_EQ(ReadPiece(r, 4), data.substr(264600, 4));
@@ -267,7 +269,7 @@ TEST_F(WaveFile, SeekByTimeSamplesAndBytes)
     EXPECT_EQ(ReadPiece(r, 4), data.substr(51, 4));
     ASSERT_EQ(Seek(r, TIME_SMPTE, 12345, 0), 1);
     EXPECT_EQ(r.GetFilePosition(), 0);
-    EXPECT_TRUE(reports.Take().empty());
+    EXPECT_TRUE(TakeCodes().empty());
 
     // Refused: the end origin, the end itself, a far time, unknown origins, a relative
     // offset that reaches the end counted from the file's start. The position says 0;
@@ -281,7 +283,7 @@ TEST_F(WaveFile, SeekByTimeSamplesAndBytes)
         EXPECT_EQ(r.GetFilePosition(), 0);
         EXPECT_EQ(ReadPiece(r, 4), data.substr(106, 4)) << origin;
         EXPECT_EQ(r.GetFilePosition(), 4);
-        EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_SEEK, 0}}));
+        EXPECT_EQ(TakeCodes(), (Got{{QXN_FILE_SEEK, 0}}));
     }
     // A refused seek near the end reads on up to the end of the data, not past it.
     ASSERT_EQ(Seek(r, TIME_BYTES, DWORD(data.size() - 10), 0), 1);
@@ -291,14 +293,14 @@ TEST_F(WaveFile, SeekByTimeSamplesAndBytes)
     EXPECT_EQ(n, 10);
     EXPECT_EQ(ReadPiece(r, 16, &n), std::string(16, '\0'));
     EXPECT_EQ(n, 0);
-    reports.Take();
+    TakeCodes();
     // A relative offset inside the data that leads past its end stops at the end.
     ASSERT_EQ(Seek(r, TIME_BYTES, 352000, 0), 1);
     ASSERT_EQ(Seek(r, TIME_BYTES, 352000, 1), 1);
     EXPECT_EQ(r.GetFilePosition(), long(data.size()));
     r.Close();
     EXPECT_EQ(Seek(r, TIME_BYTES, 0, 0), 0);
-    EXPECT_TRUE(reports.Take().empty());
+    EXPECT_TRUE(TakeCodes().empty());
 
     // 50 s at 44.1 kHz: the product of milliseconds and rate does not fit 32 bits.
     const std::string longer = Pattern(60 * 44100);
@@ -349,14 +351,13 @@ TEST_F(WaveFile, WriterLaysOutTheFileByteForByte)
 TEST_F(WaveFile, EachFailingFileCallIsReported)
 {
     const std::string path = Make("in.wav", Riff(Fmt(1, 8000, 8) + Chunk("data", Pattern(200000))));
-    Reports reports;
     for (auto [op, code, value] :
          {std::tuple{"mmioOpenA", QXN_FILE_OPENREAD, 0}, {"mmioSeek", QXN_FILE_SEEK, 0},
           {"mmioDescend", QXN_FILE_DESCEND, 77}, {"mmioRead", QXN_FILE_READ, 0}, {"mmioAscend", QXN_FILE_ASCEND, 77}}) {
         QXFaultInject(op, 77);
         CWaveFileRead r;
         EXPECT_EQ(OpenFile(r, path), 0);
-        EXPECT_EQ(reports.Take(), (Got{{code, DWORD(value)}})) << op;
+        EXPECT_EQ(TakeCodes(), (Got{{code, DWORD(value)}})) << op;
     }
     // While reading: -1, the position kept. A read of less than the reader's 64 KiB
     // buffer refills it; a larger one goes straight into the caller's buffer, and its
@@ -374,12 +375,12 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
         ReadPiece(r, size, &n);
         EXPECT_EQ(n, -1) << op;
         EXPECT_EQ(r.GetFilePosition(), 65000);
-        EXPECT_EQ(reports.Take(), (Got{{code, value}})) << op;
+        EXPECT_EQ(TakeCodes(), (Got{{code, value}})) << op;
         QXFaultClear();
         // A close that fails is reported, and lets go of the file all the same.
         QXFaultInject("mmioClose", MMIOERR_CANNOTCLOSE);
         EXPECT_EQ(r.Close(), 0);
-        EXPECT_EQ(reports.Take(), (Got{{QXN_FILE_CLOSE, MMIOERR_CANNOTCLOSE}}));
+        EXPECT_EQ(TakeCodes(), (Got{{QXN_FILE_CLOSE, MMIOERR_CANNOTCLOSE}}));
         EXPECT_EQ(r.Close(), 1);
     }
 
@@ -394,7 +395,7 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
         EXPECT_EQ(OpenFile(w, out), 0);
         EXPECT_EQ(w.GetHandle(), nullptr);
         EXPECT_EQ(qxplat::LiveMmioCount(), 0u);
-        EXPECT_EQ(reports.Take(), (Got{{code, DWORD(value)}})) << op << call;
+        EXPECT_EQ(TakeCodes(), (Got{{code, DWORD(value)}})) << op << call;
     }
     // Failed ascents are reported; the data is kept, and the file is reopened to give
     // it its true lengths: the data counted, with the pad byte only if it made it to disk.
@@ -413,7 +414,7 @@ TEST_F(WaveFile, EachFailingFileCallIsReported)
         EXPECT_EQ(w.Close(), 1);
         Got want{{QXN_FILE_WRITE, 0}, {QXN_FILE_ASCEND, 77}, {QXN_FILE_ASCEND, 78}};
         if (!bBoth) want.erase(want.begin() + 1);
-        EXPECT_EQ(reports.Take(), want);
+        EXPECT_EQ(TakeCodes(), want);
         const std::string file = Slurp(out);
         EXPECT_EQ(file.substr(46), bBoth ? std::string("12345") : std::string("12345\0", 6));
         EXPECT_EQ(file.substr(4, 4) + file.substr(42, 4), Le32(bBoth ? 43 : 44) + Le32(5));
@@ -448,11 +449,11 @@ TEST_F(WaveFile, TheHeaderKeepsUpWithTheDataWhileRecording)
                 WAVEHDR h = Header(bytes);
                 ASSERT_EQ(w.Write(&h), long(bytes.size()));
                 // What another program sees now: lengths at most a second behind, and true.
-                const std::string file = Slurp(path);
-                const size_t n = FileLe32(file, 42);
+                const analysis::Wav file = analysis::ReadWav(path);
+                const size_t n = file.dataLength;
                 EXPECT_GE(n + second, at + bytes.size());
                 ASSERT_LE(n, at + bytes.size());
-                EXPECT_EQ(FileLe32(file, 4), n == 0 ? 0 : n + 38);
+                EXPECT_EQ(file.riffLength, n == 0 ? 0 : n + 38);
                 EXPECT_TRUE(readWhole() == data.substr(0, n)) << "at " << at;
             }
             // Refreshing the header left the writer's place alone.
@@ -462,10 +463,9 @@ TEST_F(WaveFile, TheHeaderKeepsUpWithTheDataWhileRecording)
                 ASSERT_EQ(w.Close(), 1);
             }
         }
-        const std::string file = Slurp(path);
-        EXPECT_EQ(FileLe32(file, 4), 38 + data.size());
-        EXPECT_EQ(FileLe32(file, 42), data.size());
-        EXPECT_TRUE(file.substr(46) == data && readWhole() == data);
+        const analysis::Wav file = analysis::ReadWav(path);
+        EXPECT_EQ(std::tuple(file.riffLength, file.dataLength, file.dataOffset), std::tuple(38 + data.size(), data.size(), 46u));
+        EXPECT_TRUE(Slurp(path).substr(46) == data && readWhole() == data);
         QX_DevFormat back{};
         ASSERT_EQ(CWaveFile::FileFormat(path.c_str(), back), 1);
         EXPECT_EQ(std::memcmp(&back, &format, sizeof(format)), 0);

@@ -1,5 +1,6 @@
-// A manager on the virtual backend's wave outputs, a recorder of done callbacks and a
-// deadlock watchdog, shared by the wave output and player tests.
+// A manager on the virtual backend's wave outputs and a recorder of done callbacks,
+// shared by the wave output, player and wave input tests. A deadlock in any of them ends
+// by the test's CTest timeout.
 #ifndef QUAVIX_TESTS_UNIT_WAVEOUT_WAVEOUTHARNESS_H
 #define QUAVIX_TESTS_UNIT_WAVEOUT_WAVEOUTHARNESS_H
 
@@ -10,49 +11,27 @@
 #include "unit/dsound/DSTestUtil.h"
 #include "unit/wavefile/WaveTestUtil.h"
 
-#include <cstdio>
-#include <future>
-
 namespace wotest {
 
 using namespace wavetest;
 
-// Done callbacks: (user value, player handle), from any thread.
-struct DoneLog {
-    using Call = std::pair<DWORD_PTR, DWORD>;
-    static void Proc(DWORD_PTR dwUser, DWORD dwPlayer)
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        s_calls.emplace_back(dwUser, dwPlayer);
-    }
-    static std::vector<Call> Calls()
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        return s_calls;
-    }
-    static size_t Count() { return Calls().size(); }
-    static void Clear()
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        s_calls.clear();
-    }
-    static inline std::mutex s_mutex;
-    static inline std::vector<Call> s_calls;
-};
+// Done callbacks: (user value, player handle).
+using DoneLog = CallLog<DWORD_PTR, DWORD>;
 
 inline bool Reported(DWORD code, HRESULT hr, DWORD_PTR device)
 {
-    return ReportLog::Has({code, static_cast<DWORD>(hr), device});
+    const Log log = ReportLog::Peek();
+    return std::find(log.begin(), log.end(), Report{code, static_cast<DWORD>(hr), device}) != log.end();
 }
 
-// A manager with nWaveOut virtual outputs, made by Init and torn down after; nothing
+// A manager with nWaveOut virtual outputs (and nWaveIn inputs), made by Init and torn down after; nothing
 // of the sound layer may outlive it.
 class ManagerTest : public ScratchTest {
 protected:
-    void Init(int nWaveOut, DWORD dwFlags = QX_INIT_WAVE, bool bRun = true)
+    void Init(int nWaveOut, DWORD dwFlags = QX_INIT_WAVE, bool bRun = true, int nWaveIn = 1)
     {
         ASSERT_EQ(dstest::kVirtualBackendSet, 0);
-        qxplat::QXVirtualSetDevices(1, 1, 1, nWaveOut);
+        qxplat::QXVirtualSetDevices(1, 1, nWaveIn, nWaveOut);
         q = CQuavix::InitQuavix();
         q->SetNotificationCallback(ReportLog::Proc, 0);
         q->Initialize(dwFlags);
@@ -61,7 +40,7 @@ protected:
             ASSERT_EQ(q->StartDevices(), 1);
         }
         ReportLog::Take();
-        DoneLog::Clear();
+        DoneLog::Take();
     }
     void TearDown() override
     {
@@ -83,26 +62,6 @@ protected:
     }
 
     CQuavix* q = nullptr;
-};
-
-// Aborts the process when a test does not end in time: a deadlock must fail the run,
-// not hang it.
-struct Watchdog {
-    explicit Watchdog(std::chrono::seconds limit)
-        : thread([f = done.get_future(), limit] {
-              if (f.wait_for(limit) == std::future_status::ready) return;
-              std::fprintf(stderr, "deadlock: %s\n", ::testing::UnitTest::GetInstance()->current_test_info()->name());
-              std::abort();
-          })
-    {
-    }
-    ~Watchdog()
-    {
-        done.set_value();
-        thread.join();
-    }
-    std::promise<void> done;
-    std::thread thread;
 };
 
 } // namespace wotest

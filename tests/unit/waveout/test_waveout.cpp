@@ -11,17 +11,14 @@ namespace {
 class WaveOutTest : public ManagerTest {
 protected:
     void Make(int nWaveOut, DWORD dwFlags = QX_INIT_WAVE) { Init(nWaveOut, dwFlags, false); }
-    DWORD PrimaryRate(int n)
+    // Output 0's primary buffer: rate, bits, channels, and whether it plays.
+    static std::tuple<DWORD, WORD, WORD, bool> Primary()
     {
         WAVEFORMATEX f{};
-        CQuavix::s_DSDevices.at(static_cast<size_t>(n))->pPrimaryBuffer->GetFormat(&f, sizeof f, nullptr);
-        return f.nSamplesPerSec;
-    }
-    bool PrimaryPlaying(int n)
-    {
         DWORD status = 0;
-        CQuavix::s_DSDevices.at(static_cast<size_t>(n))->pPrimaryBuffer->GetStatus(&status);
-        return status & DSBSTATUS_PLAYING;
+        CQuavix::s_DSDevices.at(0)->pPrimaryBuffer->GetFormat(&f, sizeof f, nullptr);
+        CQuavix::s_DSDevices.at(0)->pPrimaryBuffer->GetStatus(&status);
+        return {f.nSamplesPerSec, f.wBitsPerSample, f.nChannels, status & DSBSTATUS_PLAYING};
     }
 };
 
@@ -179,13 +176,11 @@ TEST_F(WaveOutTest, PrimaryBufferFollowsTheFormatAndTheTransport)
     EXPECT_EQ(out->SetFormat(nullptr), 0); // the format goes; open uses the default
     EXPECT_EQ(out->GetFormat(), nullptr);
     ASSERT_EQ(q->OpenDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    WAVEFORMATEX pf{};
-    CQuavix::s_DSDevices[0]->pPrimaryBuffer->GetFormat(&pf, sizeof pf, nullptr);
-    EXPECT_EQ(std::tuple(pf.nSamplesPerSec, pf.wBitsPerSample, pf.nChannels), std::tuple(22050u, 16, 2));
+    EXPECT_EQ(Primary(), std::tuple(22050u, 16, 2, false));
 
     // An open output passes a new format on; a refused one is reported and kept.
     EXPECT_EQ(out->SetFormat(&f), 1);
-    EXPECT_EQ(PrimaryRate(0), 44100u);
+    EXPECT_EQ(std::get<0>(Primary()), 44100u);
     QXFaultInject("IDirectSoundBuffer::SetFormat", static_cast<DWORD>(DSERR_BADFORMAT));
     EXPECT_EQ(out->SetFormat(&f), 0);
     EXPECT_TRUE(Reported(QXN_DS_SETFORMAT, DSERR_BADFORMAT, 0));
@@ -202,9 +197,9 @@ TEST_F(WaveOutTest, PrimaryBufferFollowsTheFormatAndTheTransport)
     delete events.RemoveHead();
 
     ASSERT_EQ(q->StartDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    EXPECT_TRUE(PrimaryPlaying(0));
+    EXPECT_TRUE(std::get<3>(Primary()));
     ASSERT_EQ(q->StopDevice(QX_DEVTYPE_WAVE, QX_DEVDIR_OUT, 0), 1);
-    EXPECT_FALSE(PrimaryPlaying(0));
+    EXPECT_FALSE(std::get<3>(Primary()));
 }
 
 TEST_F(WaveOutTest, TransportFailuresAreReportedWithTheOutputsNumber)
