@@ -128,6 +128,9 @@ public:
     virtual void Stop() = 0;
     // The output's primary buffer began to play (a virtual output's capture starts).
     virtual void PrimaryStarted() {}
+    // In a render, a port whose frames the mixer's thread takes: it takes what is due by
+    // nowNs, as a thread of its own would have, and says true. False: it paces itself.
+    virtual bool RenderStep(int64_t /*nowNs*/) { return false; }
     // Frames the port had to fill with silence because the ring ran dry while running.
     virtual uint64_t UnderrunFrames() const { return 0; }
     // Frames from the mixer's start of a sound to its first frame leaving the port, on

@@ -966,6 +966,7 @@ void Mixer::ThreadMain(AudioOutPort* pPort)
         // whatever the threads' order.
         m_threadWake.Settle(lock);
         if (m_quit) break;
+        if (bRender) pPort->RenderStep(NowNs());
         const uint32_t readable = ring.Readable(), want = target();
         if (readable < want) {
             // Only what the target lacks (in steps of at least a few dozen frames): a

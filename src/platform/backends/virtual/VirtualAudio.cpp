@@ -185,6 +185,14 @@ public:
         // What the consumer counts begins anew at every start; the ring's position goes on.
         const int64_t origin = NowNs();
         PublishClock(origin, m_readTotal);
+        // A render's mixer takes the frames itself (RenderStep), on the steps its own
+        // thread would: one thread fewer to hand over to at every step.
+        m_stepped = RenderClockOn();
+        if (m_stepped) {
+            m_step = {origin, 0, 0};
+            Consume(origin, 0, origin, m_step.consumed, m_step.lastHeader);
+            return;
+        }
         m_pacer.Start(
             "qx-vaudio",
             [this, origin, consumed = uint64_t{0}, lastHeader = int64_t{0}](int64_t now, uint64_t due) mutable {
@@ -205,6 +213,14 @@ public:
     }
 
     void PrimaryStarted() override { m_captureWanted.store(true); }
+
+    bool RenderStep(int64_t nowNs) override
+    {
+        if (!m_stepped) return false;
+        const int64_t due = std::max<int64_t>(0, VirtualPacer::FramesIn(nowNs - m_step.origin, m_rate));
+        Consume(nowNs, static_cast<uint64_t>(due), m_step.origin, m_step.consumed, m_step.lastHeader);
+        return true;
+    }
 
     uint64_t UnderrunFrames() const override { return m_underruns.load(); }
 
@@ -288,6 +304,13 @@ private:
     CaptureFile m_capture{CaptureLayoutFromEnv()};
     bool m_captureTried = false;
     int64_t m_readTotal = 0; // frames read from the ring: the consumer thread's while it runs
+    // In a render, the mixer's thread is the consumer (set at the start, before it runs).
+    bool m_stepped = false;
+    struct {
+        int64_t origin;
+        uint64_t consumed;
+        int64_t lastHeader;
+    } m_step{};
 
     std::mutex m_ownerLock; // Start and Stop
     bool m_running = false; // under m_ownerLock
