@@ -43,6 +43,7 @@ Wav Render(Song song, const std::vector<std::string>& audio = {}, bool bChoose =
     const size_t late = r.out.find("lateness  ");
     if (pLate != nullptr) *pLate = late == std::string::npos ? "" : r.out.substr(late, r.out.find('\n', late) - late);
     if (pLate != nullptr && r.out.find("underrun  ") != std::string::npos) *pLate += "; the output ran dry";
+    if (pLate != nullptr && r.out.find("late      ") != std::string::npos) *pLate += "; a wave sound started late";
     return ReadWav(out);
 }
 
@@ -189,8 +190,8 @@ std::vector<float> FromFirstSound(const Wav& w)
 // few frames after the output, wherever the machine's start took it, and a render at
 // the output's first frame: so the files are compared from their first sound on. The
 // reverb (which the drum kit sends to by itself) is modulated from FluidSynth's own first
-// frame, so where it sounds the two differ by a step or two of the 16-bit sample; an
-// event a frame off would differ by hundreds.
+// frame, so where it sounds the two differ by a few steps of the 16-bit sample (3 seen);
+// an event a frame off would differ by hundreds.
 TEST(CliRender, IsThePerformanceOfRealTimeFrameForFrame)
 {
     Song song;
@@ -208,9 +209,10 @@ TEST(CliRender, IsThePerformanceOfRealTimeFrameForFrame)
     // Real time is the reference only where the library says it kept time.
     std::string late;
     std::vector<float> played;
-    for (int attempt = 0; attempt < 4 && (attempt == 0 || late.find("lateness  none") != 0 || late.find("dry") != std::string::npos); ++attempt)
+    auto kept = [&] { return late == "lateness  none: every message reached the synth before its frame was mixed"; };
+    for (int attempt = 0; attempt < 4 && (attempt == 0 || !kept()); ++attempt)
         played = FromFirstSound(Render(song, audio, true, &late));
-    if (late.find("lateness  none") != 0 || late.find("dry") != std::string::npos)
+    if (!kept())
         GTEST_SKIP() << "real time never kept time on this machine: " << late;
 
     song.insert(song.begin(), kDry.begin(), kDry.end());
@@ -229,7 +231,7 @@ TEST(CliRender, IsThePerformanceOfRealTimeFrameForFrame)
     EXPECT_LT(std::max(played.size(), rendered.size()) - n, 2u * 48000 / 10) << "the files' lengths differ by more than the start";
     size_t differ = 0, firstDiff = n;
     for (size_t i = 0; i < n; ++i)
-        if (std::fabs(played[i] - rendered[i]) > 2.5f / 32768) differ++, firstDiff = std::min(firstDiff, i);
+        if (std::fabs(played[i] - rendered[i]) > 8.0f / 32768) differ++, firstDiff = std::min(firstDiff, i);
     EXPECT_EQ(differ, 0u) << "of " << n / 2 << " frames; the first at frame " << firstDiff / 2 << " from the first sound ("
                           << late << ")";
 }

@@ -6,6 +6,7 @@
 #include "platform/backends/QXBackend.h"
 #include "platform/backends/synth/QXSynth.h"
 #include "platform/backends/virtual/QXVirtual.h"
+#include "platform/dsound/QXMixer.h"
 #include "platform/kernel/QXClock.h"
 
 #include <algorithm>
@@ -370,7 +371,7 @@ int Perform(const std::string& cmd, int argc, char** argv)
     const int64_t startNs = qxplat::NowNs();
     const auto wallStart = std::chrono::steady_clock::now();
     const bool bSynth = qxplat::IsSynthMidiOut(nOutput);
-    const uint64_t lateBefore = qxplat::SynthLateMessages();
+    const uint64_t lateBefore = qxplat::SynthLateMessages(), lateStartsBefore = qxplat::ds::LateStarts();
     PeakMeter peak(nWaveOut);
     if (bWave) peak.Read(); // turns the meter on
 
@@ -483,6 +484,8 @@ int Perform(const std::string& cmd, int argc, char** argv)
     } else {
         std::printf("  lateness  not measured on the %s backend\n", session.Backend().c_str());
     }
+    if (const uint64_t late = bWave ? qxplat::ds::LateStarts() - lateStartsBefore : 0; late > 0)
+        std::printf("  late      %s started after its time, at once\n", qxsmf::Counted(late, "wave sound").c_str());
     // A virtual output that ran dry put silence in, and everything after it came later.
     if (const uint64_t dry = bWave && session.IsVirtual() && dryBefore != UINT64_MAX
                                  ? qxplat::VirtualAudioUnderrunFramesAll() - dryBefore

@@ -31,6 +31,7 @@ namespace ds {
 
 namespace {
 
+std::atomic<uint64_t> g_lateStarts{0};
 constexpr DWORD kMinRate = DSBFREQUENCY_MIN;
 constexpr DWORD kMaxRate = DSBFREQUENCY_MAX;
 
@@ -689,6 +690,11 @@ void Mixer::RemoveSource(MixSource* pSource)
     WaitForBlock(lock);
 }
 
+uint64_t LateStarts()
+{
+    return g_lateStarts.load(std::memory_order_relaxed);
+}
+
 bool BlockClock::OffsetOf(int64_t ns, int64_t* pOffset) const
 {
     int64_t frame = 0;
@@ -827,6 +833,7 @@ void Mixer::MixVoice(Voice& v, float* pOut, uint32_t nFrames, const BlockClock* 
     // start already past (a paused mix, a late mixer) sounds at once.
     int64_t offset = 0;
     if (starting && pClock != nullptr && pClock->OffsetOf(startNs, &offset)) {
+        if (offset < 0) g_lateStarts.fetch_add(1, std::memory_order_relaxed);
         if (offset >= static_cast<int64_t>(nFrames)) return;
         if (offset > 0) {
             pOut += 2 * offset;

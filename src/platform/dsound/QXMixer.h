@@ -46,6 +46,10 @@ bool ParseFormat(const WAVEFORMATEX* pFormat, SourceFormat& out);
 // total attenuations of 100 dB or more are silence.
 void PanGains(LONG lVolume, LONG lPan, float& left, float& right);
 
+// Sounds, of every mixer of the process, whose start time was past when they were first
+// mixed: they sounded late, at once.
+uint64_t LateStarts();
+
 // Notification offset that never fires (an unused slot).
 constexpr DWORD kNoOffset = 0xFFFFFFFEu;
 

@@ -172,7 +172,7 @@ public:
         Discard((kSynthGrid - m_synthFrames % kSynthGrid) % kSynthGrid);
         for (uint64_t n = 0; n < uint64_t{kSpareDrainSeconds} * m_rate && Discard(m_maxFrames) >= kSilence;)
             n += m_maxFrames;
-        m_lastPeak = 0;
+        m_quietFrames = kSynthGrid;
     }
 
     void SetVolume(DWORD dwVolume) { m_volume.store(dwVolume, std::memory_order_relaxed); }
@@ -322,13 +322,12 @@ private:
         const DWORD v = m_volume.load(std::memory_order_relaxed);
         const float left = m_master * static_cast<float>(v & 0xFFFF) / 65535.0f;
         const float right = m_master * static_cast<float>(v >> 16) / 65535.0f;
-        float peak = 0;
         for (size_t i = 0; i < size_t{nFrames} * 2; i += 2) {
             pOut[i] += left * s[i];
             pOut[i + 1] += right * s[i + 1];
-            peak = std::max({peak, std::fabs(s[i]), std::fabs(s[i + 1])});
+            // Counted frame by frame, so that it does not depend on how blocks were cut.
+            m_quietFrames = std::max(std::fabs(s[i]), std::fabs(s[i + 1])) < kSilence ? m_quietFrames + 1 : 0;
         }
-        m_lastPeak = peak;
     }
 
     // A note that starts out of silence starts on its own frame: the synth's grid is
@@ -338,7 +337,7 @@ private:
     void Rephase()
     {
         const uint64_t k = (kSynthGrid - m_synthFrames % kSynthGrid) % kSynthGrid;
-        if (k != 0 && m_lastPeak < kSilence && fluid_synth_get_active_voice_count(m_synth) == 0) Discard(k);
+        if (k != 0 && m_quietFrames >= kSynthGrid && fluid_synth_get_active_voice_count(m_synth) == 0) Discard(k);
     }
 
     // Renders frames into nothing; returns their peak.
@@ -385,7 +384,7 @@ private:
     bool m_dropping = false;
     float m_master = 1.0f; // the GM master volume
     uint64_t m_synthFrames = 0; // what FluidSynth rendered, thrown away or not
-    float m_lastPeak = 0; // of the last frames rendered
+    uint64_t m_quietFrames = kSynthGrid; // silent frames last rendered, in a row
 };
 
 // A closed synth's engine, kept with its SoundFont for the next open of the same font at
