@@ -325,9 +325,12 @@ private:
         for (size_t i = 0; i < size_t{nFrames} * 2; i += 2) {
             pOut[i] += left * s[i];
             pOut[i + 1] += right * s[i + 1];
-            // Counted frame by frame, so that it does not depend on how blocks were cut.
-            m_quietFrames = std::max(std::fabs(s[i]), std::fabs(s[i + 1])) < kSilence ? m_quietFrames + 1 : 0;
         }
+        // Silent frames in a row up to here, whatever the cut of the blocks: back from the
+        // end to the last one that sounds.
+        size_t loud = nFrames;
+        while (loud > 0 && std::max(std::fabs(s[2 * loud - 2]), std::fabs(s[2 * loud - 1])) < kSilence) --loud;
+        m_quietFrames = loud == 0 ? m_quietFrames + nFrames : nFrames - loud;
     }
 
     // A note that starts out of silence starts on its own frame: the synth's grid is
