@@ -477,6 +477,28 @@ bool CheckOutputPath(const std::string& command, const std::string& path)
     return false;
 }
 
+bool ParseFormat(const std::string& cmd, const std::string& text, unsigned minRate, QX_DevFormat& f)
+{
+    unsigned rate = 0, bits = 0, channels = 0;
+    char end = 0;
+    if (std::sscanf(text.c_str(), "%u:%u:%u%c", &rate, &bits, &channels, &end) != 3 || rate < minRate ||
+        rate > 192000 || (bits != 8 && bits != 16 && bits != 24 && bits != 32) || channels < 1 || channels > 2) {
+        Fail(cmd,
+             "--format takes RATE:BITS:CHANNELS (" + std::to_string(minRate) +
+                 " to 192000 Hz, 8, 16, 24 or 32 bits, 1 or 2 channels), not '" + text + "'",
+             kExitUsage);
+        return false;
+    }
+    f = {};
+    f.wFormatTag = WAVE_FORMAT_PCM;
+    f.nChannels = static_cast<WORD>(channels);
+    f.nSamplesPerSec = rate;
+    f.wBitsPerSample = static_cast<WORD>(bits);
+    f.nBlockAlign = static_cast<WORD>(channels * bits / 8);
+    f.nAvgBytesPerSec = rate * f.nBlockAlign;
+    return true;
+}
+
 bool CheckNotAnInput(const std::string& command, const std::string& output, const std::vector<std::string>& inputs)
 {
     struct stat out {};

@@ -144,6 +144,9 @@ bool CheckOutputPath(const std::string& command, const std::string& path);
 
 // The output is none of the inputs (the same file by any name); else one line on stderr.
 bool CheckNotAnInput(const std::string& command, const std::string& output, const std::vector<std::string>& inputs);
+// --format RATE:BITS:CHANNELS (e.g. 48000:16:2) as a PCM format, the rate from minRate to
+// 192000 Hz; false after one line on stderr (bad usage).
+bool ParseFormat(const std::string& cmd, const std::string& text, unsigned minRate, QX_DevFormat& f);
 
 // An output file written elsewhere first (by the library) and put in place at the end:
 // beside the file a link leads to, renamed over it, or copied into what is no regular

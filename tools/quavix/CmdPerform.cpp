@@ -225,23 +225,16 @@ bool PrepareRender(const std::string& cmd, const Args& args)
 {
     if (args.Positional().size() != 2)
         return Fail(cmd, "needs a FILE.mid to play and an OUT.wav to write", kExitUsage), false;
-    unsigned rate = 48000, bits = 16, channels = 2;
-    char end = 0;
-    const std::string format = args.Get("format", "48000:16:2");
-    if (std::sscanf(format.c_str(), "%u:%u:%u%c", &rate, &bits, &channels, &end) != 3 || rate < 8000 ||
-        rate > 192000 || (bits != 8 && bits != 16 && bits != 24 && bits != 32) || channels < 1 || channels > 2) {
-        Fail(cmd,
-             "--format takes RATE:BITS:CHANNELS (8000 to 192000 Hz, 8, 16, 24 or 32 bits, 1 or 2 channels), not '" +
-                 format + "'",
-             kExitUsage);
-        return false;
-    }
+    // The virtual output's rates start at 8000 Hz.
+    QX_DevFormat f{};
+    if (!ParseFormat(cmd, args.Get("format", "48000:16:2"), 8000, f)) return false;
     if (args.Has("backend") && args.Get("backend") != "virtual" && args.Get("backend") != "auto")
         return Fail(cmd, "renders on the virtual backend only (a device keeps real time)", kExitUsage), false;
     // Read by the virtual backend when it starts, which comes after this.
     setenv("QUAVIX_BACKEND", "virtual", 1);
-    setenv("QUAVIX_VIRTUAL_AUDIO_RATE", std::to_string(rate).c_str(), 1);
-    setenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE_FORMAT", (std::to_string(bits) + ":" + std::to_string(channels)).c_str(), 1);
+    setenv("QUAVIX_VIRTUAL_AUDIO_RATE", std::to_string(f.nSamplesPerSec).c_str(), 1);
+    setenv("QUAVIX_VIRTUAL_WAVE_OUT_CAPTURE_FORMAT",
+           (std::to_string(f.wBitsPerSample) + ":" + std::to_string(f.nChannels)).c_str(), 1);
     if (!QXUseRenderClock()) return Fail(cmd, "cannot render: the library's clock already runs"), false;
     return true;
 }

@@ -17,29 +17,6 @@ namespace qxcli {
 
 namespace {
 
-// RATE:BITS:CHANNELS, e.g. 48000:16:2.
-bool ParseFormat(const std::string& cmd, const std::string& text, QX_DevFormat& f)
-{
-    unsigned rate = 0, bits = 0, channels = 0;
-    char end = 0;
-    if (std::sscanf(text.c_str(), "%u:%u:%u%c", &rate, &bits, &channels, &end) != 3 || rate < 1000 ||
-        rate > 192000 || (bits != 8 && bits != 16 && bits != 24 && bits != 32) || channels < 1 || channels > 2) {
-        Fail(cmd,
-             "--format takes RATE:BITS:CHANNELS (1000 to 192000 Hz, 8, 16, 24 or 32 bits, 1 or 2 channels), not '" +
-                 text + "'",
-             kExitUsage);
-        return false;
-    }
-    f = {};
-    f.wFormatTag = WAVE_FORMAT_PCM;
-    f.nChannels = static_cast<WORD>(channels);
-    f.nSamplesPerSec = rate;
-    f.wBitsPerSample = static_cast<WORD>(bits);
-    f.nBlockAlign = static_cast<WORD>(channels * bits / 8);
-    f.nAvgBytesPerSec = rate * f.nBlockAlign;
-    return true;
-}
-
 // The peak of one PCM sample, as a fraction of full scale.
 float SampleLevel(const BYTE* p, int bytes)
 {
@@ -161,7 +138,7 @@ int RunRecord(int argc, char** argv)
     double seconds = 0;
     if (!args.GetInt("in", nIn, 0, 1023) || !args.GetDouble("seconds", seconds, 0.001, 86400)) return kExitUsage;
     QX_DevFormat format{};
-    if (!ParseFormat(cmd, args.Get("format", kRecordFormat), format)) return kExitUsage;
+    if (!ParseFormat(cmd, args.Get("format", kRecordFormat), 1000, format)) return kExitUsage;
     const std::string path = args.Positional()[0];
 
     Session session;
