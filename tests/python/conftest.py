@@ -22,16 +22,18 @@ def cli():
     return path
 
 
-def run(script, timeout=120, stdin=None, **env):
-    """Runs script in a fresh interpreter (the backend is the virtual one unless env says
-    otherwise) and returns its last stdout line as JSON, with the process as .proc."""
+def run(script, cwd=None, **env):
+    """Runs script in a fresh interpreter (on the virtual backend unless env says
+    otherwise) and returns what its last stdout line says in JSON, and the process."""
     full = dict(os.environ, QUAVIX_BACKEND="virtual", **{k: str(v) for k, v in env.items()})
     proc = subprocess.run([sys.executable, "-c", textwrap.dedent(script)], env=full, capture_output=True, text=True,
-                          timeout=timeout, input=stdin)
+                          timeout=120, cwd=cwd)
     assert proc.returncode == 0, f"exit {proc.returncode}\n--- stdout\n{proc.stdout}\n--- stderr\n{proc.stderr}"
     lines = proc.stdout.strip().splitlines()
-    result = json.loads(lines[-1]) if lines else None
-    return result, proc
+    try:
+        return json.loads(lines[-1]) if lines else None, proc
+    except json.JSONDecodeError:
+        return None, proc
 
 
 def onsets(samples, rate, threshold=0.05, gap_ms=50):

@@ -7,7 +7,7 @@ import pytest
 import soundfile
 
 import quavix
-from conftest import cli, onsets, run
+from conftest import ROOT, cli, onsets, run
 
 # A melody through the synth and a click file through the mixer.
 RENDER = """
@@ -211,3 +211,12 @@ def test_recorded_buffers_arrive_as_bytes_and_numpy_views_without_a_gap():
     assert abs(out["hz"] - 1000) < 1, out
     # A gap or a repeated buffer would jump far beyond one step of a 1 kHz sine.
     assert out["steps"] <= 2 * numpy.pi * 1000 / 48000 * out["peak"] * 1.05, out
+
+
+def test_the_readme_example_records_the_melody_it_plays(tmp_path):
+    example = (ROOT / "examples/melody.py").read_text()
+    assert "```python\n" + example + "```" in (ROOT / "README.md").read_text(), "README's example is not examples/melody.py"
+    _, proc = run(f"exec(open({str(ROOT / 'examples/melody.py')!r}).read())", cwd=tmp_path)
+    samples, rate = soundfile.read(str(tmp_path / "melody.wav"))
+    assert "played 9 notes" in proc.stdout
+    assert len(samples) >= 2.5 * rate and numpy.abs(samples).max() > 0.01
