@@ -161,7 +161,11 @@ std::string ReportsSince(uint64_t n)
     return text;
 }
 
+#if PY_VERSION_HEX >= 0x030D0000
+bool CanCallPython() { return g_live.load() && Py_IsInitialized() && !Py_IsFinalizing(); }
+#else
 bool CanCallPython() { return g_live.load() && Py_IsInitialized() && !_Py_IsFinalizing(); }
+#endif
 
 void NotifyProc(DWORD dwCode, DWORD dwValue, DWORD_PTR dwDevice)
 {
@@ -230,62 +234,78 @@ CQuavix* Manager()
 
 // ---------------------------------------------------------------- callbacks
 
-// A Python callable the library calls back. Freed only with the GIL held, and only once
-// the library can no longer call it (ended, or the manager gone).
+// A Python callable the library calls back, known to the library by its number: a
+// call that comes after it has ended (a recording stopped while its call waited for the
+// GIL) finds nothing. All of these are touched with the GIL only.
 struct Callback {
     py::object fn;
     py::object owner; // what errors are reported against
     int tag = 0;
-    std::atomic<DWORD> endedAt{0}; // the clock's ms when it ended: the same in every render
-    std::atomic<bool> ended{false};
 };
-std::vector<std::unique_ptr<Callback>> g_callbacks; // touched with the GIL only
+std::map<DWORD_PTR, std::unique_ptr<Callback>> g_callbacks;
+DWORD_PTR g_nextCallback = 0;
+// When each performance ended, by tag, on the clock: the same moment in every render.
+std::map<int, DWORD> g_endedAt;
+std::map<int, DWORD_PTR> g_recordings; // tag to callback
 
-Callback* Keep(py::object fn, py::object owner)
+Callback* Find(DWORD_PTR id)
 {
-    // Performances that have ended are never called again: their records go.
-    std::erase_if(g_callbacks, [](const std::unique_ptr<Callback>& c) { return c->ended.load(); });
-    g_callbacks.push_back(std::make_unique<Callback>());
-    Callback* c = g_callbacks.back().get();
+    auto it = g_callbacks.find(id);
+    return it != g_callbacks.end() ? it->second.get() : nullptr;
+}
+
+DWORD_PTR Keep(py::object fn, py::object owner)
+{
+    auto c = std::make_unique<Callback>();
     c->fn = std::move(fn);
     c->owner = std::move(owner);
-    return c;
+    g_callbacks[++g_nextCallback] = std::move(c);
+    return g_nextCallback;
+}
+
+void End(DWORD_PTR id)
+{
+    auto it = g_callbacks.find(id);
+    if (it == g_callbacks.end()) return;
+    if (it->second->tag != 0) g_endedAt.emplace(it->second->tag, QXClockMs());
+    g_callbacks.erase(it);
 }
 
 int PerformanceProc(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD dwEnd)
 {
-    auto* c = reinterpret_cast<Callback*>(dwUser);
-    if (!CanCallPython() || c->ended.load()) return 0;
+    if (!CanCallPython()) return 0;
     py::gil_scoped_acquire gil;
+    Callback* c = Find(dwUser);
+    if (c == nullptr) return 0;
+    // The callable may stop its own performance, which frees c: only copies from here.
+    const py::object fn = c->fn, owner = c->owner;
+    const int tag = c->tag;
     CQXEventList list;
     try {
         if (nTag < 0) { // a sync notification, for performances that follow a clock
-            if (py::hasattr(c->fn, "sync")) c->fn.attr("sync")(nTag, dwStart, dwEnd);
+            if (py::hasattr(fn, "sync")) fn.attr("sync")(nTag, dwStart, dwEnd);
             return 1;
         }
-        py::object events = c->fn(dwStart, dwEnd);
+        py::object events = fn(dwStart, dwEnd);
         if (events.is_none()) {
-            c->endedAt = QXClockMs();
-            c->ended = true; // the last touch of c: it may go from now on
+            End(dwUser);
             return 0;
         }
         for (const py::handle h : events) {
-            CQXEventData* e = MakeEvent(h, c->tag);
+            CQXEventData* e = MakeEvent(h, tag);
             if (e != nullptr && list.AddTail(e) == nullptr) delete e;
         }
     } catch (py::error_already_set& e) {
         for (POSITION p = list.GetHeadPosition(); p != nullptr;) delete list.GetNext(p);
-        ReportCallbackError(e, "performance", c->owner);
-        c->endedAt = QXClockMs();
-        c->ended = true;
+        ReportCallbackError(e, "performance", owner);
+        End(dwUser);
         return 0;
     } catch (py::builtin_exception& bad) { // a bad event: reported as the Python error it is
         for (POSITION p = list.GetHeadPosition(); p != nullptr;) delete list.GetNext(p);
         bad.set_error();
         py::error_already_set e;
-        ReportCallbackError(e, "performance", c->owner);
-        c->endedAt = QXClockMs();
-        c->ended = true;
+        ReportCallbackError(e, "performance", owner);
+        End(dwUser);
         return 0;
     }
     {
@@ -297,13 +317,15 @@ int PerformanceProc(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD dwEnd)
 
 int RecordingProc(DWORD_PTR dwUser, int, CQXEventData* pEvent)
 {
-    auto* c = reinterpret_cast<Callback*>(dwUser);
-    if (!CanCallPython() || c->ended.load()) return 1;
+    if (!CanCallPython()) return 1;
     QX_DevFormat format{};
     if (pEvent->m_nType == QX_EVENT_WAVEHEADER)
         if (CQuavix* q = CQuavix::GetQuavix())
             if (QX_DevFormat* f = q->GetDeviceFormat(QX_DEVTYPE_WAVE, QX_DEVDIR_IN, pEvent->m_nDevice)) format = *f;
     py::gil_scoped_acquire gil;
+    Callback* c = Find(dwUser);
+    if (c == nullptr) return 1;
+    const py::object fn = c->fn, owner = c->owner; // the callable may stop its recording
     try {
         py::object arg;
         switch (pEvent->m_nType) {
@@ -324,9 +346,9 @@ int RecordingProc(DWORD_PTR dwUser, int, CQXEventData* pEvent)
         default:
             return 1;
         }
-        c->fn(arg);
+        fn(arg);
     } catch (py::error_already_set& e) {
-        ReportCallbackError(e, "recording", c->owner);
+        ReportCallbackError(e, "recording", owner);
     }
     return 1;
 }
@@ -555,6 +577,8 @@ PYBIND11_MODULE(_quavix, m)
         }
         // The library calls none of them any more.
         g_callbacks.clear();
+        g_recordings.clear();
+        g_endedAt.clear();
         g_done.clear();
     });
     m.def("use_render_clock", [] { return QXUseRenderClock() != FALSE; });
@@ -607,29 +631,49 @@ PYBIND11_MODULE(_quavix, m)
     // Performances and recordings
     m.def("start_performance", [](py::object fn, bool active, py::object owner) {
         CQuavix* q = Manager();
-        Callback* c = Keep(std::move(fn), std::move(owner));
-        c->tag = q->GetUniqueTag();
-        Call("starting the performance", [&] {
-            return q->StartPerformance(PerformanceProc, reinterpret_cast<DWORD_PTR>(c), active ? 1 : 0, c->tag);
-        });
-        return c->tag;
+        const DWORD_PTR id = Keep(std::move(fn), std::move(owner));
+        const int tag = q->GetUniqueTag();
+        g_callbacks[id]->tag = tag;
+        try {
+            Call("starting the performance", [&] { return q->StartPerformance(PerformanceProc, id, active ? 1 : 0, tag); });
+        } catch (...) {
+            g_callbacks.erase(id);
+            throw;
+        }
+        return tag;
     });
     // The clock's ms when the performance ended, None while it goes on.
     m.def("performance_ended", [](int tag) -> py::object {
-        for (const auto& c : g_callbacks)
-            if (c->tag == tag) return c->ended.load() ? py::object(py::int_(c->endedAt.load())) : py::object(py::none());
-        return py::int_(0);
+        auto it = g_endedAt.find(tag);
+        if (it != g_endedAt.end()) return py::int_(it->second);
+        for (const auto& [id, c] : g_callbacks)
+            if (c->tag == tag) return py::none();
+        throw py::value_error("no performance has the tag " + std::to_string(tag));
     });
     m.def("stop_performance", [](int tag) {
         CQuavix* q = Manager();
-        q->StopPerformance(tag);
-    }, py::call_guard<py::gil_scoped_release>());
+        {
+            py::gil_scoped_release release;
+            q->StopPerformance(tag);
+        }
+        for (const auto& [id, c] : g_callbacks)
+            if (c->tag == tag) {
+                End(id);
+                break;
+            }
+    });
     m.def("start_recording", [](py::object fn, bool active, py::object owner) {
         CQuavix* q = Manager();
-        Callback* c = Keep(std::move(fn), std::move(owner));
-        c->tag = Call("starting the recording",
-                      [&] { return q->StartRecording(RecordingProc, reinterpret_cast<DWORD_PTR>(c), active ? 1 : 0); });
-        return c->tag;
+        const DWORD_PTR id = Keep(std::move(fn), std::move(owner));
+        int tag = 0;
+        try {
+            tag = Call("starting the recording", [&] { return q->StartRecording(RecordingProc, id, active ? 1 : 0); });
+        } catch (...) {
+            g_callbacks.erase(id);
+            throw;
+        }
+        g_recordings[tag] = id;
+        return tag;
     });
     m.def("stop_recording", [](int tag) {
         CQuavix* q = Manager();
@@ -637,8 +681,12 @@ PYBIND11_MODULE(_quavix, m)
             py::gil_scoped_release release;
             q->StopRecording(tag);
         }
-        for (const auto& c : g_callbacks)
-            if (c->tag == tag) c->ended = true; // a call under way returns before it is freed: it holds the GIL
+        // A call waiting for the GIL meanwhile finds the recording gone.
+        auto it = g_recordings.find(tag);
+        if (it != g_recordings.end()) {
+            g_callbacks.erase(it->second);
+            g_recordings.erase(it);
+        }
     });
 
     // Immediate output, thru, panic, sync

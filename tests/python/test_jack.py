@@ -22,11 +22,20 @@ with quavix.Quavix(backend="jack") as q:
     for d in q.devices():
         d.enabled = d in (out, inp)
     q.start_recording(lambda e: got.append((e.time, list(e.bytes))))
+    q.thru = True
+    q.connect_thru(out, 5)  # what comes in goes out again, on channel 6
     q.open()
     q.start()
     print("open", flush=True)
     sys.stdin.readline()
     q.perform(quavix.Score([quavix.note(200 + 100 * i, 0, 60 + i, 100, 50, out.number) for i in range(8)]), tail=0.5)
+    q.thru = False
+    q.send(out, [0xB0, 7, 99])
+    q.send_sysex(out, bytes([0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7]))
+    q.send_note(out, 2, 70, 80, 100)
+    q.sleep(0.3)
+    q.panic()
+    q.sleep(0.3)
 print(json.dumps(got))
 """
 
@@ -71,9 +80,18 @@ def test_a_jack_client_gets_our_notes_on_their_frames_and_we_record_its_own(jack
         assert child.returncode == 0, err
     recorded = json.loads(out.strip().splitlines()[-1])
 
-    notes = [(f, d) for f, d in received if d[0] & 0xF0 in (0x80, 0x90)]
-    ons = [f for f, d in notes if d[0] == 0x90 and d[2] > 0]
-    assert [d[1] for f, d in notes if d[0] == 0x90 and d[2] > 0] == list(range(60, 68)), notes
+    thru = [d for f, d in received if d[0] == 0x95 and d[2] > 0]
+    assert thru == [bytes([0x95, 40 + i, 90]) for i in range(8)], received
+    sent = [d for f, d in received if d[0] in (0xB0, 0xF0, 0x92, 0x82)][:4]  # the panic follows
+    assert sent[:3] == [bytes([0xB0, 7, 99]), bytes([0xF0, 0x7E, 0x7F, 0x09, 0x01, 0xF7]), bytes([0x92, 70, 80])], sent
+    assert sent[3] in (bytes([0x82, 70, 0]), bytes([0x92, 70, 0])), sent  # the note's end, either way
+    # The panic, seen on the last channel: every key off, controllers reset, notes off.
+    panic = [d for f, d in received if d[0] & 0x0F == 15]
+    assert sorted(d[1] for d in panic if d[0] == 0x9F and d[2] == 0) == list(range(128)), panic[:4]
+    assert [d for d in panic if d[0] == 0xBF] == [bytes([0xBF, 121, 0]), bytes([0xBF, 123, 0])], panic[-4:]
+    notes = [(f, d) for f, d in received if d[0] == 0x80 or (d[0] == 0x90 and d[2] > 0)]
+    ons = [f for f, d in notes if d[0] == 0x90]
+    assert [d[1] for f, d in notes if d[0] == 0x90] == list(range(60, 68)), notes
     assert len(notes) == 16, notes
     # 100 ms is 4800 frames: each note on its frame, whatever the period (256 frames).
     assert [b - a for a, b in zip(ons, ons[1:])] == [rate // 10] * 7, ons

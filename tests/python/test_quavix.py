@@ -112,6 +112,41 @@ def test_mido_reads_what_record_midi_wrote_as_the_messages_played_to_it(tmp_path
         assert abs((ms - got[0][0]) - ticks * 500 / 480) <= 2, (ms, ticks)
 
 
+DEVICES = """
+import json, quavix
+reports, out, done, states = [], {{}}, [], []
+with quavix.Quavix(on_notify=lambda code, value, text: reports.append(text)) as q:
+    wave = q.wave_outputs[0]
+    step = lambda: states.append(sorted(wave.state))
+    step(); q.open(); step(); q.start(); step()
+    q.play_wave_file({click!r}, wave, done=done.append)
+    q.sleep(0.5)
+    try:
+        q.play_wave_file("/no/such.wav")
+    except quavix.QuavixError as e:
+        out["error"] = str(e)
+    q.stop(); step(); q.close_devices(); step(); wave.disable(); step()
+    try:
+        wave.open()
+    except quavix.QuavixError as e:
+        out["disabled"] = str(e)
+out.update(states=states, done=done, reports=reports)
+print(json.dumps(out))
+"""
+
+
+def test_devices_step_through_their_states_and_failures_raise_with_the_report(tmp_path):
+    click = str(tmp_path / "click.wav")
+    with quavix.WaveFileWriter(click, 48000, 16, 1) as w:
+        w.write(numpy.full(4800, 8000, "<i2"))
+    out, _ = run(DEVICES.format(click=click))
+    assert out["states"] == [["closed"], ["open"], ["open", "started"], ["open", "stopped"], ["closed"],
+                             ["closed", "disabled"]], out["states"]
+    assert len(out["done"]) == 1 and out["done"][0] != 0, "the done callback did not come once with its player"
+    assert "/no/such.wav" in out["error"] and any("/no/such.wav" in r for r in out["reports"]), out
+    assert "open device failed" in out["disabled"], out
+
+
 CALLBACKS = """
 import json, logging, quavix
 logging.basicConfig()
