@@ -345,9 +345,10 @@ class Quavix:
         _q.stop_recording(tag)
 
     def render(self, path, performance, *, tail=0.5):
-        """Plays a performance on the render clock (``Quavix(render=True)``) through the
-        synth and wave output 0 into a wave file at ``path``, as fast as the CPU allows:
-        the same frames real-time playback mixes. The file is put in place once whole."""
+        """Plays a performance on the render clock (``Quavix(render=True)``) on the enabled
+        devices and writes what wave output 0 mixes (the synth sounds there too) into a
+        wave file at ``path``, in the render format, as fast as the CPU allows: the same
+        frames real-time playback would mix. The file is put in place once whole."""
         if not _q.render_clock_on():
             raise QuavixError("render needs Quavix(render=True)")
         part = f"{path}.part"
