@@ -282,14 +282,17 @@ int PerformanceProc(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD dwEnd)
     const int tag = c->tag;
     CQXEventList list;
     try {
+        py::object events;
         if (nTag < 0) { // a sync notification, for performances that follow a clock
-            if (py::hasattr(fn, "sync")) fn.attr("sync")(nTag, dwStart, dwEnd);
-            return 1;
-        }
-        py::object events = fn(dwStart, dwEnd);
-        if (events.is_none()) {
-            End(dwUser);
-            return 0;
+            if (!py::hasattr(fn, "sync")) return 1;
+            events = fn.attr("sync")(nTag, dwStart, dwEnd);
+            if (events.is_none()) return 1;
+        } else {
+            events = fn(dwStart, dwEnd);
+            if (events.is_none()) {
+                End(dwUser);
+                return 0;
+            }
         }
         for (const py::handle h : events) {
             CQXEventData* e = MakeEvent(h, tag);
@@ -740,6 +743,8 @@ PYBIND11_MODULE(_quavix, m)
         CQuavix* q = Manager();
         q->SetSyncMode(mode);
     }, py::call_guard<py::gil_scoped_release>());
+    m.def("queue_slaved_performance", [] { Manager()->QueueSlavedPerformance(); },
+          py::call_guard<py::gil_scoped_release>());
     m.def("sync_mode", [] { return Manager()->GetSyncMode(); }, py::call_guard<py::gil_scoped_release>());
     m.def("sync_position", [] { return Manager()->GetSyncPosition(); }, py::call_guard<py::gil_scoped_release>());
 
@@ -754,6 +759,11 @@ PYBIND11_MODULE(_quavix, m)
         .def("write", &WaveFileWriter::Write)
         .def("close", &WaveFileWriter::Close);
 
+    m.attr("SYNC_START") = QX_SYNC_START;
+    m.attr("SYNC_STOP") = QX_SYNC_STOP;
+    m.attr("SYNC_CONTINUE") = QX_SYNC_CONTINUE;
+    m.attr("SYNC_CLOCK") = QX_SYNC_CLOCK;
+    m.attr("SYNC_POSITION") = QX_SYNC_POSITION;
     m.attr("SYNC_INTERNAL") = QX_SYNCMODE_INTERNAL;
     m.attr("SYNC_SLAVE") = QX_SYNCMODE_SLAVE;
     m.attr("INIT_MIDI") = QX_INIT_MIDI;

@@ -7,7 +7,10 @@ recording and a General MIDI synth, driven as one group by one manager.
 
 A performance is a callable ``performance(start, end)`` that returns the events due in
 the period [start, end) (milliseconds of play time; the engine asks 100 ms at a time,
-ahead of the sound), or None once it has ended. A recording is a callable that
+ahead of the sound), or None once it has ended. In slave sync, a performance object
+with a ``sync(code, start, end)`` method also hears the external clock's transport
+(``SYNC_START``, ``SYNC_STOP``, ``SYNC_CONTINUE``, ``SYNC_CLOCK``, ``SYNC_POSITION``)
+and may return events from it too. A recording is a callable that
 receives each ``Midi``, ``SysEx`` and ``WaveBuffer`` an input delivers. Both are called
 on the library's own threads, with the GIL taken only for the call. An exception raised
 in one is logged on the ``quavix`` logger and kept in ``Quavix.errors``; a performance
@@ -23,10 +26,11 @@ import os
 
 from . import _quavix as _q
 from ._quavix import Midi, QuavixError, SysEx, Wave, WaveBuffer
+from ._quavix import SYNC_CLOCK, SYNC_CONTINUE, SYNC_POSITION, SYNC_START, SYNC_STOP
 
 __all__ = ["Quavix", "Device", "Score", "Midi", "SysEx", "Wave", "WaveBuffer", "QuavixError", "CallbackError",
            "WaveFileReader", "WaveFileWriter", "note", "note_on", "note_off", "program_change", "control_change",
-           "MIDI", "WAVE", "IN", "OUT"]
+           "MIDI", "WAVE", "IN", "OUT", "SYNC_START", "SYNC_STOP", "SYNC_CONTINUE", "SYNC_CLOCK", "SYNC_POSITION"]
 
 MIDI, WAVE = 0, 1
 IN, OUT = 0, 1
@@ -403,7 +407,9 @@ class Quavix:
     @property
     def sync_mode(self):
         """'internal' (the engine keeps its own time) or 'slave' (it follows the MIDI clock
-        of input 0)."""
+        that reaches the open MIDI inputs: Start, Continue, Stop, Song Position, clocks).
+        Setting 'slave' stops the performances; register them again, then call
+        ``queue_slaved_performance``."""
         return "slave" if _q.sync_mode() == _q.SYNC_SLAVE else "internal"
 
     @sync_mode.setter
@@ -412,6 +418,11 @@ class Quavix:
         if mode not in modes:
             raise ValueError("sync_mode is 'internal' or 'slave'")
         _q.set_sync_mode(modes[mode])
+
+    def queue_slaved_performance(self):
+        """In slave sync: asks the performances for their first periods ahead of the
+        master's Start or Continue (again after each Stop)."""
+        _q.queue_slaved_performance()
 
     @property
     def sync_position(self):

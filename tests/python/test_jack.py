@@ -9,11 +9,62 @@ import threading
 
 import pytest
 
+import quavix
+
 jack = pytest.importorskip("jack")
 
-# The child: a performance of notes 100 ms apart to the peer's input, and a recording of
-# what the peer sends. It says "open" once its ports are connected and goes on "go".
-CHILD = """
+
+class Peer:
+    """The other JACK client: its input "pypeer:in" logs (frame, bytes); its output
+    "pypeer:out" sends each (frame offset, bytes) of a script on its frame, counted from
+    when go() is called. Quavix sees them as a MIDI output and a MIDI input."""
+
+    def __init__(self, script):
+        self.client = jack.Client("pypeer", no_start_server=True)
+        self.inport = self.client.midi_inports.register("in")
+        self.outport = self.client.midi_outports.register("out")
+        self.received, self.script, self.at, self.sent = [], script, None, 0
+        self.lock = threading.Lock()
+        self.client.set_process_callback(self._process)
+        self.rate = self.client.samplerate
+
+    def _process(self, frames):
+        start = self.client.last_frame_time
+        with self.lock:
+            for offset, data in self.inport.incoming_midi_events():
+                self.received.append((start + offset, bytes(data)))
+            self.outport.clear_buffer()
+            while self.at is not None and self.sent < len(self.script):
+                due = self.at + self.script[self.sent][0]
+                if due >= start + frames:
+                    break
+                self.outport.write_midi_event(max(0, due - start), self.script[self.sent][1])
+                self.sent += 1
+
+    def go(self):
+        with self.lock:
+            self.at = self.client.frame_time + 4 * self.client.blocksize
+
+    def run(self, child_script, jack_server):
+        """Runs a Quavix script that prints "open" once its ports are connected, goes on
+        a line on stdin (sent once the peer's script starts) and prints JSON last."""
+        with self.client:
+            child = subprocess.Popen([sys.executable, "-c", textwrap.dedent(child_script)], stdin=subprocess.PIPE,
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                     env=dict(os.environ, JACK_DEFAULT_SERVER=jack_server))
+            try:
+                assert child.stdout.readline().strip() == "open", child.stderr.read()
+                self.go()
+                child.stdin.write("go\n")
+                child.stdin.flush()
+                out, err = child.communicate(timeout=60)
+            finally:
+                child.kill()
+            assert child.returncode == 0, err
+        return json.loads(out.strip().splitlines()[-1])
+
+
+HEAD = """
 import json, sys, quavix
 got = []
 with quavix.Quavix(backend="jack") as q:
@@ -21,6 +72,11 @@ with quavix.Quavix(backend="jack") as q:
     inp = next(d for d in q.midi_inputs if d.name == "pypeer:out")
     for d in q.devices():
         d.enabled = d in (out, inp)
+"""
+
+# A performance of notes 100 ms apart, a recording of what the peer sends, thru, then
+# immediate output and the panic.
+PERFORM = HEAD + """
     q.start_recording(lambda e: got.append((e.time, list(e.bytes))))
     q.thru = True
     q.connect_thru(out, 5)  # what comes in goes out again, on channel 6
@@ -41,44 +97,9 @@ print(json.dumps(got))
 
 
 def test_a_jack_client_gets_our_notes_on_their_frames_and_we_record_its_own(jack_server):
-    client = jack.Client("pypeer", no_start_server=True)
-    inport, outport = client.midi_inports.register("in"), client.midi_outports.register("out")
-    received, lock = [], threading.Lock()
-    sending = {"at": None, "next": 0}
-    period = client.blocksize
-    rate = client.samplerate
-
-    @client.set_process_callback
-    def process(frames):
-        start = client.last_frame_time
-        with lock:
-            for offset, data in inport.incoming_midi_events():
-                received.append((start + offset, bytes(data)))
-            outport.clear_buffer()
-            at = sending["at"]
-            # Eight notes from the peer, 50 ms (2400 frames) apart, each on its frame.
-            while at is not None and sending["next"] < 8:
-                due = at + sending["next"] * 2400
-                if due >= start + frames:
-                    break
-                outport.write_midi_event(max(0, due - start), [0x91, 40 + sending["next"], 90])
-                sending["next"] += 1
-
-    with client:
-        child = subprocess.Popen([sys.executable, "-c", textwrap.dedent(CHILD)], stdin=subprocess.PIPE,
-                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                                 env=dict(os.environ, JACK_DEFAULT_SERVER=jack_server))
-        try:
-            assert child.stdout.readline().strip() == "open", child.stderr.read()
-            with lock:
-                sending["at"] = client.frame_time + 4 * period
-            child.stdin.write("go\n")
-            child.stdin.flush()
-            out, err = child.communicate(timeout=60)
-        finally:
-            child.kill()
-        assert child.returncode == 0, err
-    recorded = json.loads(out.strip().splitlines()[-1])
+    peer = Peer([(i * 2400, [0x91, 40 + i, 90]) for i in range(8)])  # 50 ms apart at 48 kHz
+    recorded = peer.run(PERFORM, jack_server)
+    received, rate = peer.received, peer.rate
 
     thru = [d for f, d in received if d[0] == 0x95 and d[2] > 0]
     assert thru == [bytes([0x95, 40 + i, 90]) for i in range(8)], received
@@ -98,3 +119,42 @@ def test_a_jack_client_gets_our_notes_on_their_frames_and_we_record_its_own(jack
     assert [r[1] for r in recorded] == [[0x91, 40 + i, 90] for i in range(8)], recorded
     gaps = [b[0] - a[0] for a, b in zip(recorded, recorded[1:])]
     assert all(abs(g - 50) <= 1 for g in gaps), gaps  # stamped in ms: 50 ms apart, within a ms
+
+
+# Slave sync: a performance object whose sync() hears the peer's transport and plays a
+# note on every beat (24 clocks) from the master's Start.
+SLAVE = HEAD + """
+    class Follower:
+        def __init__(self):
+            self.codes, self.clocks = [], 0
+        def __call__(self, start, end):
+            return []
+        def sync(self, code, start, end):
+            self.codes.append(code)
+            if code == quavix.SYNC_CLOCK:
+                self.clocks += 1
+                if self.clocks % 24 == 1:
+                    return [quavix.Midi(end, [0x93, 50 + self.clocks // 24, 100], out.number)]
+    q.sync_mode = "slave"
+    follower = Follower()
+    q.start_performance(follower)
+    q.open()
+    q.start()
+    q.queue_slaved_performance()
+    print("open", flush=True)
+    sys.stdin.readline()
+    q.sleep(1.5)
+    got = {"codes": sorted(set(follower.codes)), "clocks": follower.clocks, "mode": q.sync_mode}
+print(json.dumps(got))
+"""
+
+
+def test_a_python_performance_follows_a_jack_clients_midi_clock(jack_server):
+    # Start, then 48 clocks 10 ms apart (250 bpm), then Stop.
+    peer = Peer([(0, [0xFA])] + [(480 * (i + 1), [0xF8]) for i in range(48)] + [(480 * 50, [0xFC])])
+    out = peer.run(SLAVE, jack_server)
+    assert out["mode"] == "slave"
+    assert {quavix.SYNC_START, quavix.SYNC_CLOCK, quavix.SYNC_STOP} <= set(out["codes"]), out
+    assert out["clocks"] == 48, out
+    beats = [d[1] for f, d in peer.received if d[0] == 0x93]
+    assert beats == [50, 51], peer.received
