@@ -4,7 +4,6 @@
 // quavix/__init__.py.
 #include <quavix/Quavix.h>
 
-#include <pybind11/functional.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
@@ -15,7 +14,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace py = pybind11;
 
