@@ -219,8 +219,8 @@ class Quavix:
     def _notify(self, code, value, text):
         if self._on_notify is not None:
             self._on_notify(code, value, text)
-        else:
-            log.warning("%s", text)
+        else:  # the manager's own status (a performance or a recording done) is no fault
+            log.log(logging.INFO if code < 100 else logging.WARNING, "%s", text)
 
     def _callback_error(self, where, exc, trace, owner):
         if trace is not None:
