@@ -254,7 +254,7 @@ TEST(JackAudio, PortsAreWiredToTheSystemAndCountUnderrunsAndOverrunsOnlyBetweenS
 
     const WAVEFORMATEX fmt = dev::Pcm16(48000, 2);
     EXPECT_EQ(waveInOpen(nullptr, 0, &fmt, 0, 0, WAVE_FORMAT_QUERY), MMSYSERR_NOERROR);
-    EXPECT_FALSE(probe.Exists(client + ":in_1")) << "a query opens nothing that stays";
+    EXPECT_TRUE(probe.WaitGone(client + ":in_1")) << "a query opens nothing that stays";
     auto first = std::make_unique<dev::Take>(), other = std::make_unique<dev::Take>();
     ASSERT_EQ(first->Open(0, 48000, 2), MMSYSERR_NOERROR);
     EXPECT_EQ(probe.Connections(client + ":in_1"), physical(JackPortIsOutput, 0));
