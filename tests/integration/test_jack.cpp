@@ -283,17 +283,14 @@ TEST(JackAudioGone, AServerThatGoesAwayUnderOutputsAndAnInputIsReportedAndNothin
 {
     // On PipeWire's JACK a PipeWire of its own, in a directory that goes with it.
     const char* pipewire = std::getenv("QUAVIX_PIPEWIRE_SCRIPT");
-    const std::string name = "quavix-ctest-audiogone-" + std::to_string(getpid());
+    const std::string name = "quavix-ctest-audiogone-" + std::to_string(getpid()), pid = harness::Temp("jackd.pid");
     const harness::TempFile dir("pipewire");
-    std::unique_ptr<harness::Server> server;
-    if (pipewire != nullptr) {
-        server = std::make_unique<harness::Server>(pipewire, std::vector<std::string>{dir}, dir.path + "/pipewire.pid");
-        setenv("XDG_RUNTIME_DIR", (dir.path + "/runtime").c_str(), 1);
-    } else {
-        server = std::make_unique<harness::JackServer>(name);
-        setenv("JACK_DEFAULT_SERVER", name.c_str(), 1);
-    }
-    ASSERT_TRUE(server->Ready()) << "private server did not start";
+    harness::Server server(pipewire != nullptr ? pipewire : QUAVIX_JACK_SCRIPT,
+                           pipewire != nullptr ? std::vector<std::string>{dir} : std::vector<std::string>{name, pid},
+                           pipewire != nullptr ? dir.path + "/pipewire.pid" : pid);
+    ASSERT_TRUE(server.Ready()) << "private server did not start";
+    setenv(pipewire != nullptr ? "XDG_RUNTIME_DIR" : "JACK_DEFAULT_SERVER",
+           pipewire != nullptr ? (dir.path + "/runtime").c_str() : name.c_str(), 1);
     dev::Probe watch("qxwatch", true);
     CQuavix* q = CQuavix::InitQuavix();
     q->Initialize(QX_INIT_MIDI);
@@ -314,7 +311,7 @@ TEST(JackAudioGone, AServerThatGoesAwayUnderOutputsAndAnInputIsReportedAndNothin
     ASSERT_EQ(take.Start(), MMSYSERR_NOERROR);
     EXPECT_TRUE(take.Collect(10s)) << "nothing recorded while the server ran";
 
-    server->Stop();
+    server.Stop();
     harness::Await([] { return dev::g_serversLost.load() > 0; });
     EXPECT_EQ(dev::g_serversLost.load(), 1);
     EXPECT_EQ(dev::g_lastServerLost, "JACK");
