@@ -64,7 +64,7 @@ struct Figures {
     size_t sent = 0, got = 0, misplaced = 0; // misplaced: not the file's event at its place
     double median = 0, p99 = 0, max = 0; // |spacing error| of the MIDI events, ms
     double correlation = 0, offsetMs = 0, periodMs = 0; // offset: audio onset less MIDI onset
-    double roundTripMs = 0; // jack_iodelay's, out through the player's system ports and back
+    double roundTripMs = 0; // jack_iodelay's loop on the player's server (across netjack2: via the master)
 };
 
 // Notes of uneven spacing from 1.5 s on (time for the listeners to connect to ports that
