@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -45,11 +46,15 @@ inline std::string Temp(const std::string& what)
     return "/tmp/quavix-it-" + std::to_string(getpid()) + "-" + std::to_string(++n) + "-" + what;
 }
 
-// A Temp name whose file goes with it.
+// A Temp name whose file (or directory) goes with it.
 struct TempFile {
     const std::string path;
     explicit TempFile(const std::string& what) : path(Temp(what)) {}
-    ~TempFile() { std::remove(path.c_str()); }
+    ~TempFile()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
     TempFile(const TempFile&) = delete;
     TempFile& operator=(const TempFile&) = delete;
     operator const std::string&() const { return path; }

@@ -155,7 +155,10 @@ public:
             },
             this);
         jack_on_info_shutdown(m_client, &JackBackend::Shutdown, this);
+        // PipeWire's JACK calls only this one when its server goes (jackd only the other).
+        jack_on_shutdown(m_client, [](void* arg) { Shutdown(JackFailure, nullptr, arg); }, this);
         jack_set_client_registration_callback(m_client, &JackBackend::ClientRegistration, this);
+        jack_set_port_registration_callback(m_client, &JackBackend::PortRegistration, this);
         if (jack_activate(m_client) != 0) {
             jack_client_close(m_client);
             m_client = nullptr;
@@ -273,12 +276,13 @@ public:
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 
-    // The peer client of each open port, so that its going can be reported. JACK's
-    // notification thread reads it; nothing is called on JACK while m_peersMutex is held.
+    // The peer port of each open port, so that its going (or its client's) can be
+    // reported, once. JACK's notification thread reads it; nothing is called on JACK while
+    // m_peersMutex is held.
     void WatchPeer(const void* slot, bool bOut, int nDevice, const std::string& peerPort)
     {
         std::lock_guard<std::mutex> lock(m_peersMutex);
-        m_peers.push_back({slot, bOut, nDevice, peerPort.substr(0, peerPort.find(':'))});
+        m_peers.push_back({slot, bOut, nDevice, peerPort.substr(0, peerPort.find(':')), peerPort});
     }
     void UnwatchPeer(const void* slot)
     {
@@ -319,14 +323,35 @@ private:
     static void ClientRegistration(const char* name, int bRegistered, void* arg)
     {
         if (bRegistered != 0 || name == nullptr) return;
+        static_cast<JackBackend*>(arg)->ReportGonePeers([name](const Peer& p) { return p.client == name; });
+    }
+    // A client's ports can go while it stays: a netjack2 slave whose master is lost takes
+    // its system ports away and waits for another master.
+    static void PortRegistration(jack_port_id_t, int bRegistered, void* arg)
+    {
+        if (bRegistered != 0) return;
         auto* self = static_cast<JackBackend*>(arg);
-        std::vector<Peer> gone;
+        std::vector<Peer> peers;
         {
             std::lock_guard<std::mutex> lock(self->m_peersMutex);
-            for (const Peer& p : self->m_peers)
-                if (p.client == name) gone.push_back(p);
+            peers = self->m_peers;
         }
-        for (const Peer& p : gone)
+        std::erase_if(peers, [self](const Peer& p) { return jack_port_by_name(self->m_client, p.port.c_str()) != nullptr; });
+        self->ReportGonePeers([&peers](const Peer& p) {
+            return std::any_of(peers.begin(), peers.end(), [&p](const Peer& q) { return q.slot == p.slot; });
+        });
+    }
+    template <class Gone>
+    void ReportGonePeers(Gone gone)
+    {
+        std::vector<Peer> lost;
+        {
+            std::lock_guard<std::mutex> lock(m_peersMutex);
+            for (const Peer& p : m_peers)
+                if (gone(p)) lost.push_back(p);
+            std::erase_if(m_peers, gone);
+        }
+        for (const Peer& p : lost)
             RaiseBackendEvent(p.bOut ? BackendEvent::MidiOutLost : BackendEvent::MidiInLost, p.nDevice, "JACK");
     }
 
@@ -334,7 +359,7 @@ private:
         const void* slot;
         bool bOut;
         int nDevice;
-        std::string client;
+        std::string client, port;
     };
     std::mutex m_peersMutex;
     std::vector<Peer> m_peers;
