@@ -421,6 +421,9 @@ int Perform(const std::string& cmd, int argc, char** argv)
             bStalled = true;
             break;
         }
+        // Its destination is gone (its client, or a netjack2 master that took the slave's
+        // ports with it): nothing more of the performance reaches anyone.
+        if (Session::LostAt(QX_DEVDIR_OUT, nOutput) != 0) break;
     }
 
     // The queued periods go, so that nothing plays after the panic. On an interrupt the
