@@ -276,6 +276,14 @@ public:
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 
+    // jackd has made a connection when jack_connect returns; PipeWire's JACK a moment
+    // later, and what an application sends at once after opening would reach no one.
+    void AwaitConnected(jack_port_t* port, const std::string& peer)
+    {
+        for (int i = 0; i < 1000 && !m_dead.load() && !jack_port_connected_to(port, peer.c_str()); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+
     // The peer port of each open port, so that its going (or its client's) can be
     // reported, once. JACK's notification thread reads it; nothing is called on JACK while
     // m_peersMutex is held.
@@ -687,6 +695,7 @@ MMRESULT JackBackend::OpenMidiOut(int n, std::unique_ptr<MidiOutPort>& port)
         delete slot;
         return MMSYSERR_ERROR;
     }
+    AwaitConnected(slot->port, m_outPeers[static_cast<size_t>(n)]);
     jack_ringbuffer_mlock(slot->timed);
     jack_ringbuffer_mlock(slot->now);
     m_outs[static_cast<size_t>(index)].store(slot, std::memory_order_release);
@@ -717,6 +726,7 @@ MMRESULT JackBackend::OpenMidiIn(int n, MidiInSink* pSink, std::unique_ptr<MidiI
         delete slot;
         return MMSYSERR_ERROR;
     }
+    AwaitConnected(slot->port, m_inPeers[static_cast<size_t>(n)]);
     jack_ringbuffer_mlock(slot->ring);
     m_ins[static_cast<size_t>(index)].store(slot, std::memory_order_release);
     WatchPeer(slot, false, n, m_inPeers[static_cast<size_t>(n)]);
