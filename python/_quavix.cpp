@@ -279,6 +279,13 @@ int PerformanceProc(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD dwEnd)
     const py::object fn = c->fn, owner = c->owner;
     const int tag = c->tag;
     CQXEventList list;
+    // What the callback raised, or a bad event it returned: reported, and the performance ends.
+    auto fail = [&](py::error_already_set& e) {
+        for (POSITION p = list.GetHeadPosition(); p != nullptr;) delete list.GetNext(p);
+        ReportCallbackError(e, "performance", owner);
+        End(dwUser);
+        return 0;
+    };
     try {
         py::object events;
         if (nTag < 0) { // a sync notification, for performances that follow a clock
@@ -297,17 +304,11 @@ int PerformanceProc(DWORD_PTR dwUser, int nTag, DWORD dwStart, DWORD dwEnd)
             if (e != nullptr && list.AddTail(e) == nullptr) delete e;
         }
     } catch (py::error_already_set& e) {
-        for (POSITION p = list.GetHeadPosition(); p != nullptr;) delete list.GetNext(p);
-        ReportCallbackError(e, "performance", owner);
-        End(dwUser);
-        return 0;
-    } catch (py::builtin_exception& bad) { // a bad event: reported as the Python error it is
-        for (POSITION p = list.GetHeadPosition(); p != nullptr;) delete list.GetNext(p);
+        return fail(e);
+    } catch (py::builtin_exception& bad) { // as the Python error it is
         bad.set_error();
         py::error_already_set e;
-        ReportCallbackError(e, "performance", owner);
-        End(dwUser);
-        return 0;
+        return fail(e);
     }
     {
         py::gil_scoped_release release;
@@ -714,18 +715,13 @@ PYBIND11_MODULE(_quavix, m)
         const DWORD_PTR id = ++g_nextDone;
         if (!done.is_none()) g_done[id] = std::move(done);
         // The name lives until the player has copied it: PlayWaveFile opens the file first.
-        const uint64_t before = ReportCount();
-        int tag = 0;
-        {
-            py::gil_scoped_release release;
-            tag = q->PlayWaveFile(file.c_str(), device, g_done.count(id) ? DoneProc : nullptr, id);
-        }
-        if (tag == 0) {
+        const QX_WaveDoneProc proc = g_done.count(id) ? DoneProc : nullptr;
+        try {
+            return Call(("playing " + file).c_str(), [&] { return q->PlayWaveFile(file.c_str(), device, proc, id); });
+        } catch (...) {
             g_done.erase(id);
-            const std::string why = ReportsSince(before);
-            throw QuavixError("playing " + file + " failed" + (why.empty() ? "" : ": " + why));
+            throw;
         }
-        return tag;
     });
     m.def("enable_thru", [](bool on) { Manager()->EnableMidiThru(on ? 1 : 0); }, py::call_guard<py::gil_scoped_release>());
     m.def("thru_enabled", [] { return Manager()->MidiThruEnabled() != 0; }, py::call_guard<py::gil_scoped_release>());
