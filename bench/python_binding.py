@@ -8,6 +8,7 @@ five runs are printed.
     PYTHONPATH=build/rel/python /usr/bin/python3 bench/python_binding.py
 """
 import json
+import os
 import statistics
 import subprocess
 import sys
@@ -59,7 +60,7 @@ print(json.dumps({"seconds": seconds, "frames": total[0], "in_callback": spent[0
 
 def run(script, *args):
     out = subprocess.run([sys.executable, "-c", script, *args], capture_output=True, text=True, check=True,
-                         env=dict(__import__("os").environ, QUAVIX_BACKEND="virtual",
+                         env=dict(os.environ, QUAVIX_BACKEND="virtual",
                                   QUAVIX_VIRTUAL_WAVE_IN_SOURCE="sine:1000"))
     return json.loads(out.stdout.strip().splitlines()[-1])
 

@@ -1,6 +1,8 @@
 """The Python package against Python's own audio and MIDI tools: what it renders and
 writes is read by soundfile, what the quavix program records is read by mido."""
 import json
+import os
+import subprocess
 
 import numpy
 import pytest
@@ -96,9 +98,9 @@ def test_mido_reads_what_record_midi_wrote_as_the_messages_played_to_it(tmp_path
     feed.save(str(tmp_path / "feed.mid"))
 
     out = str(tmp_path / "out.mid")
-    result = __import__("subprocess").run(
+    result = subprocess.run(
         [cli(), "record-midi", "--in", "0", out, "--inject", str(tmp_path / "feed.mid"), "-q"],
-        env=dict(__import__("os").environ, QUAVIX_BACKEND="virtual", QUAVIX_VIRTUAL_DEVICES="midi-in=1,midi-out=1"),
+        env=dict(os.environ, QUAVIX_BACKEND="virtual", QUAVIX_VIRTUAL_DEVICES="midi-in=1,midi-out=1"),
         capture_output=True, text=True, timeout=60)
     assert result.returncode == 0, result.stderr
     got, ms = [], 0.0
