@@ -1,6 +1,5 @@
 """The Python package against Python's own audio and MIDI tools: what it renders and
 writes is read by soundfile, what the quavix program records is read by mido."""
-import json
 import os
 import subprocess
 
